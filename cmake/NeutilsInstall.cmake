@@ -1,0 +1,31 @@
+# Lays out a whole install root: bin, conf, log, libraries and headers below one prefix.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS neutils EXPORT NEUtilsTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS sentrel-agent RUNTIME DESTINATION bin)
+install(FILES ${publicHeaders} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/neutils)
+install(DIRECTORY DESTINATION log
+        DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+
+# A configuration that an administrator has edited survives the next install.
+install(CODE "
+  set(target \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/conf\")
+  if(NOT EXISTS \"\${target}/agent.conf\")
+    file(INSTALL \"${PROJECT_SOURCE_DIR}/agent/agent.conf\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/conf\"
+         PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
+  endif()")
+
+set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/NEUtils)
+install(EXPORT NEUtilsTargets NAMESPACE NEUtils:: DESTINATION ${packageDir})
+configure_package_config_file(cmake/NEUtilsConfig.cmake.in ${PROJECT_BINARY_DIR}/NEUtilsConfig.cmake
+                              INSTALL_DESTINATION ${packageDir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/NEUtilsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/NEUtilsConfig.cmake ${PROJECT_BINARY_DIR}/NEUtilsConfigVersion.cmake
+        DESTINATION ${packageDir})
+
+# The file finds its prefix by its own place, so an install root can be moved.
+file(RELATIVE_PATH pcUpwards /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" pcUpwards "${pcUpwards}")
+configure_file(cmake/neutils.pc.in ${PROJECT_BINARY_DIR}/neutils.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/neutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Installs a build, and uses the install as an administrator and as an embedding program would.
+set -euo pipefail
+# shellcheck source-path=SCRIPTDIR
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+build=$(realpath "${1:?Usage: scripts/check-consumer.sh BUILD_DIR}")
+scratch=$(realpath "$(mktemp -d)")
+prefix=$scratch/root
+log=$build/check-consumer.log
+
+cleanup() { rm -rf "$scratch"; }
+
+install_build() { run_logged cmake --install "$build" --prefix "$prefix"; }
+
+# The library that a program is bound to must be the installed one, not that of the build folder.
+bound_to_install() { [[ $(ldd "$1") == *"libneutils.so.1 => $prefix/"* ]] || fail "$1: not bound to the install"; }
+
+check_program() {
+    bound_to_install "$1"
+    "$1" "$scratch/consumer.log"
+}
+
+unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH
+
+step 'a first install' "$log"
+install_build
+for path in bin/sentrel-agent conf/agent.conf log include/neutils/byte_buffer.h; do
+    [[ -e $prefix/$path ]] || fail "$path: not installed"
+done
+
+step 'the installed agent'
+"$prefix/bin/sentrel-agent" --version
+"$prefix/bin/sentrel-agent" --root "$prefix" --check-config
+bound_to_install "$(realpath "$prefix/bin/sentrel-agent")"
+
+step 'a second install keeps an edited configuration' "$log"
+echo 'LOG_COPIES=7' >"$prefix/conf/agent.conf"
+install_build
+[[ $(<"$prefix/conf/agent.conf") == LOG_COPIES=7 ]] || fail 'conf/agent.conf was overwritten'
+
+step 'a program that finds the library with CMake' "$log"
+run_logged cmake -G Ninja -S "$root/tests/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix"
+run_logged cmake --build "$scratch/build"
+check_program "$scratch/build/consumer"
+
+step 'a program that finds the library with pkg-config' "$log"
+export PKG_CONFIG_PATH
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name neutils.pc)")
+read -ra flags < <(pkg-config --cflags --libs neutils)
+libraries=$(pkg-config --variable=libdir neutils)
+run_logged "${CXX:-g++}" -std=c++17 -Wall -Wextra -Werror -o "$scratch/consumer" "$root/tests/consumer/main.cpp" \
+    "${flags[@]}" -Wl,-rpath,"$(realpath "$libraries")"
+check_program "$scratch/consumer"

@@ -1,0 +1,192 @@
+#!/usr/bin/env bash
+# Builds the agent, installs it below build/quickstart, runs it there and shows what it does on real
+# processes and signals. Exits 0 only if everything that it announces was seen.
+set -euo pipefail
+# shellcheck source-path=SCRIPTDIR
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+cd "$root"
+prefix=build/quickstart
+agent=$prefix/bin/sentrel-agent
+agentLog=$prefix/log/agent.log
+report=$prefix/log/coredump.log
+pidFile=$prefix/conf/sentrel-agent.pid
+watchLimit=60
+job=
+hidden=
+probes=
+
+# Gives the processes that run this install's agent, whoever started them.
+agent_pids() {
+    local folder program
+    while read -r folder program; do
+        if [[ $program == "$root/$agent" || $program == "$root/$agent (deleted)" ]]; then
+            echo "${folder#/proc/}"
+        fi
+    done < <("${asRoot[@]}" find /proc/[0-9]*/exe -maxdepth 0 -printf '%h %l\n' 2>/dev/null)
+}
+
+no_agent() { [[ -z $(agent_pids) ]]; }
+
+# Nothing is left behind, however this ends: no agent ran from here before, so all there are were started here.
+cleanup() {
+    local pid limit=$((SECONDS + 3))
+    [[ -n $job ]] || return 0
+    for pid in $(agent_pids); do
+        "${asRoot[@]}" kill -INT "$pid"
+    done
+    until no_agent || ((SECONDS > limit)); do
+        sleep 0.1
+    done
+    for pid in $(agent_pids); do
+        "${asRoot[@]}" kill -KILL "$pid"
+    done
+}
+
+# expect WHAT COMMAND...: repeats a check until it succeeds; the script ends where that takes too long.
+expect() {
+    local what=$1
+    shift
+    until "$@"; do
+        if ((SECONDS >= deadline)); then
+            "${asRoot[@]}" grep -E ' (WARN|ERROR|FATAL) ' "$agentLog" >&2 || true
+            fail "MISSING: $what"
+        fi
+        sleep 0.1
+    done
+    echo "    seen: $what"
+}
+
+# holds FILE PATTERN...: each pattern has a line.
+holds() {
+    local file=$1 pattern
+    shift
+    for pattern; do
+        "${asRoot[@]}" grep -qE "$pattern" "$file" 2>/dev/null || return 1
+    done
+}
+
+has_pid_file() {
+    pid=$("${asRoot[@]}" cat "$pidFile" 2>/dev/null) && [[ -n $pid && $pid == "$(agent_pids)" ]]
+}
+
+# Runs a short-lived process; true once the end of any of them is in the log: the agent listens, and has
+# caught up with what happened while it searched for its white list.
+hears_processes() {
+    /bin/true &
+    probes+=${probes:+|}$!
+    wait $!
+    holds "$agentLog" "Process exited\.\[pid=($probes) "
+}
+
+# Prints the new records about a process and its children; true once its end is among them.
+print_events() {
+    local child=$1 records ended=false
+    holds "$agentLog" "Process exited\.\[pid=$child " && ended=true
+    mapfile -t records < <("${asRoot[@]}" grep -E "\] Process [a-z]+\.\[pid=($child|[0-9]+ ppid=$child) " "$agentLog")
+    for ((; printed < ${#records[@]}; ++printed)); do
+        echo "    ${records[printed]}"
+    done
+    $ended
+}
+
+# demonstrate COMMAND...: runs it and shows what the agent logs meanwhile.
+demonstrate() {
+    local child status=0 printed=0
+    show "$@"
+    "$@" &
+    child=$!
+    expect "its end in the log (process $child)" print_events "$child"
+    wait "$child" || status=$?
+    expect "its start, and its exit code $status" holds "$agentLog" \
+        "Process executed\.\[pid=$child ppid=$$ " "Process exited\.\[pid=$child ppid=$$ .* exitCode=$status "
+}
+
+show_events() {
+    step 'Commands, and what the agent logs about them'
+    expect 'process events come in' hears_processes
+    demonstrate sleep 0.3
+    demonstrate sh -c 'sleep 0.2; exit 3'
+    demonstrate id
+    echo '    (of a program as short as that, the command line may be gone before it can be read)'
+}
+
+watch_on() {
+    local clock watcher
+    step "All that happens on this host; Enter goes on (after $watchLimit s at the latest)"
+    sleep "$watchLimit" &
+    clock=$!
+    "${asRoot[@]}" tail -n 0 -f --pid="$clock" "$agentLog" &
+    watcher=$!
+    read -r -t "$watchLimit" || true
+    { kill "$clock" && wait "$clock" "$watcher"; } 2>/dev/null || true
+    deadline=$((SECONDS + 20))
+}
+
+refuse_second() {
+    local message status=0
+    step 'A second agent is refused'
+    show "${asRoot[@]}" "$agent" --root "$prefix"
+    message=$("${asRoot[@]}" timeout 5 "$agent" --root "$prefix" 2>&1) || status=$?
+    echo "$message"
+    echo "    exit status $status"
+    [[ $status == 1 && $message == *'Another program is running. exit.'* ]] || fail 'MISSING: the refusal'
+}
+
+write_report() {
+    step 'SIGUSR1 writes a report and the agent runs on'
+    run "${asRoot[@]}" kill -USR1 "$pid"
+    expect 'the report in log/coredump.log' holds "$report" '^hips maps\.' 'bin/sentrel-agent$' \
+        '^Exception Signal\.\[number=10\]' "^sig_deal signo\.\[signo=10, pid=$pid, "
+    "${asRoot[@]}" grep -m 3 -nE '^(hips maps|get maps)' "$report"
+    "${asRoot[@]}" grep -nE '^(Exception Signal|Call Stack|sig_deal)' "$report"
+    expect 'the agent is still there' has_pid_file
+}
+
+stop_agent() {
+    local status=0
+    step 'SIGINT stops the agent'
+    run "${asRoot[@]}" kill -INT "$pid"
+    expect 'its process is gone' no_agent
+    wait "$job" 2>/dev/null || status=$?
+    echo "    exit status $status: ended by SIGTERM, as a stopped agent does"
+    [[ $status == 143 ]] || fail 'MISSING: the end by SIGTERM'
+    expect 'its pid file is gone' test ! -e "$pidFile"
+    expect '"Agent stopped." in the log' holds "$agentLog" 'Agent stopped\.'
+    "${asRoot[@]}" tail -n 1 "$agentLog"
+}
+
+need_packages g++ cmake ninja-build gzip procps
+find_root || hidden='neither root nor sudo without a password: process events need CAP_NET_ADMIN'
+no_agent || fail "An agent runs from $prefix: stop it first (process $(agent_pids | xargs))"
+
+mkdir -p build
+step 'Building and installing (some minutes the first time)' build/quickstart.log
+run_logged cmake --preset release
+run_logged cmake --build --preset release
+rm -rf "$prefix"
+run_logged cmake --install build/release --prefix "$root/$prefix"
+
+deadline=$((SECONDS + 20))
+step 'Starting the agent'
+show "${asRoot[@]}" "$agent" --root "$prefix"
+"${asRoot[@]}" "$agent" --root "$prefix" &
+job=$!
+expect '"Agent started." in the log' holds "$agentLog" 'Agent started\.'
+expect "the agent's own process id in conf/sentrel-agent.pid" has_pid_file
+run "${asRoot[@]}" cat "$pidFile" && echo
+if holds "$agentLog" 'Process events are not watched\.'; then
+    hidden=${hidden:-the agent says that it may not watch process events}
+fi
+
+[[ -n $hidden ]] || show_events
+if [[ -t 0 ]]; then
+    watch_on
+fi
+refuse_second
+write_report
+stop_agent
+
+stepName=
+[[ -z $hidden ]] || fail "MISSING: process events could not be shown: $hidden"
+say "Everything was seen. The install root is $root/$prefix"
