@@ -1,0 +1,179 @@
+// What runs when a handled signal arrives. Everything in this file but the program's own stop
+// functions is safe in a signal handler: no allocation, no stdio streams, no std::string, no logger.
+#include <execinfo.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <iterator>
+
+#include "frame/signal_paths.h"
+#include "my_program.h"
+#include "util/bounded.h"
+
+namespace NEUtils {
+
+namespace SignalPaths {
+
+char crashReport[PATH_MAX];
+char pidFile[PATH_MAX];
+
+}  // namespace SignalPaths
+
+namespace {
+
+constexpr int kMaxFrames = 10;
+constexpr std::size_t kRecordSize = 512;
+constexpr std::size_t kMapLineSize = 2048;
+
+ssize_t ReadAgain(int fd, void* data, std::size_t length)
+{
+    ssize_t count;
+    do {
+        count = read(fd, data, length);
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
+
+// Writes each line of a descriptor as a record of its own; a longer line comes in pieces.
+void CopyMapLines(int maps, int fd)
+{
+    char piece[kMapLineSize];
+    std::size_t used = 0;
+    for (;;) {
+        const ssize_t count = ReadAgain(maps, piece + used, kMapLineSize - 1 - used);
+        if (count > 0) {
+            used += static_cast<std::size_t>(count);
+        }
+        const auto* feed = static_cast<const char*>(std::memchr(piece, '\n', used));
+        if (feed == nullptr && used < kMapLineSize - 1 && count > 0) {
+            continue;
+        }
+        if (used == 0) {
+            return;
+        }
+        const std::size_t length = feed == nullptr ? used : static_cast<std::size_t>(feed - piece) + 1;
+        char line[kMapLineSize];
+        std::memcpy(line, piece, length);
+        line[length] = '\0';
+        WriteLog(fd, "get maps file line.[line=%s]\n", line);
+        used -= length;
+        std::memmove(piece, piece + length, used);
+    }
+}
+
+void CallIfSet(int (*function)())
+{
+    if (function != nullptr) {
+        function();
+    }
+}
+
+}  // namespace
+
+int WriteLog(int fd, const char* format, ...)
+{
+    char record[kRecordSize] = {};
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf_s(record, std::size(record), format, args);
+    va_end(args);
+    if (length < 0 && record[0] == '\0') {
+        return length;
+    }
+    return static_cast<int>(write(fd, record, std::strlen(record)));
+}
+
+void MyProgram::SigActionHandler(int signo, siginfo_t*, void*)
+{
+    const int error = errno;
+    // Kept because embedders switch the handling off by giving no log path: the signal is swallowed, a
+    // crash signal too.
+    if (SignalPaths::crashReport[0] == '\0') {
+        return;
+    }
+    // Kept because a full disk must still take a report: it is written over the one before, uncut.
+    const int fd = open(SignalPaths::crashReport, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        errno = error;
+        return;
+    }
+    LogMapsInfo(getpid(), fd);
+    WriteLog(fd, "Exception Signal.[number=%d]\n", signo);
+    WriteLog(fd, "Call Stack :\n");
+    void* frames[kMaxFrames];
+    backtrace_symbols_fd(frames, backtrace(frames, kMaxFrames), fd);
+    SigDeal(fd, signo);
+    close(fd);
+    errno = error;
+}
+
+const char* MyProgram::ProcessTypeName()
+{
+    const MyProgram& program = GetInstance();
+    if (!program.isDaemon_) {
+        return "nodaemon";
+    }
+    return program.isParent_ ? "daemon" : "child";
+}
+
+int MyProgram::SigDeal(int fd, int signo)
+{
+    WriteLog(fd, "sig_deal signo.[signo=%d, pid=%d, processType=%s]\n", signo, getpid(), ProcessTypeName());
+    if (signo == SIGUSR1) {
+        return 0;
+    }
+    DealStopSig();
+    const MyProgram& program = GetInstance();
+    const bool isChild = program.isDaemon_ && !program.isParent_;
+    if (program.checkSingleton_ && !isChild && SignalPaths::pidFile[0] != '\0') {
+        unlink(SignalPaths::pidFile);
+    }
+    SendSignal(getpid(), SIGTERM);
+    return 0;
+}
+
+void MyProgram::DealStopSig()
+{
+    MyProgram& program = GetInstance();
+    if (!program.isDaemon_) {
+        CallIfSet(program.stopFunc_);
+        return;
+    }
+    program.isRunning_ = false;
+    if (!program.isParent_) {
+        CallIfSet(program.stopFunc_);
+        return;
+    }
+    const int child = program.childPid_;
+    if (child > 0) {  // 0 would hit the whole process group
+        SendSignal(child, SIGTERM);
+    }
+    CallIfSet(program.parentStopFunc_);
+}
+
+void MyProgram::LogMapsInfo(int pid, int fd)
+{
+    char path[65];
+    if (snprintf_s(path, std::size(path), "/proc/%d/maps", pid) < 0) {
+        WriteLog(fd, "Failed to get hips maps path.\n");
+        return;
+    }
+    const int maps = open(path, O_RDONLY | O_CLOEXEC);
+    if (maps < 0) {
+        WriteLog(fd, "Failed to open hips maps path.\n");
+        return;
+    }
+    WriteLog(fd, "hips maps.[hipsPid=%d]\n", pid);
+    CopyMapLines(maps, fd);
+    close(maps);
+}
+
+bool MyProgram::SendSignal(int pid, int signo)
+{
+    return kill(pid, signo) == 0;
+}
+
+}  // namespace NEUtils

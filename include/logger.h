@@ -1,0 +1,119 @@
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "neutils_api.h"
+
+// The logger: one entry point for all log records of the process.
+//
+// LoggerWriteLog formats a record once and hands it to the subscribers of its log kind on an
+// in-process message bus. Log files (log_system.h) are such subscribers.
+//
+// Threads  any. Records of one thread reach a subscriber in call order; between threads there is none.
+// Locks    the registry's mutex only while subscribers are looked up, never while they run.
+// Limits   4,096 characters a message; a longer one is cut and ends in "...".
+// Errors   none to the caller; errno is preserved.
+
+// The value is also the index of the level's name; pass no others.
+// The names are plain enumerators: a macro called DEBUG or ERROR must not be defined.
+enum LogLevel {
+    DEBUG = 0,
+    INFO = 1,
+    WARN = 2,
+    ERROR = 3,
+    FATAL = 4,
+    UNKNOWN = 5,
+};
+
+// One record as a subscriber sees it. All pointers are valid during the call only.
+struct NENormalLog {
+    LogLevel level;
+    unsigned int line;      // source line
+    const char* levelName;  // "DEBUG" to "UNKNOWN"
+    const char* fileName;   // bare source file name, such as "my_program.cpp"
+    const char* content;    // the message, on one line
+    const struct tm* time;  // local time with the full year (2026) and the month from 1 to 12
+};
+
+// Writes one record. A null format and the kind "StartupLog" have no effect; a kind without
+// subscribers gives no output. A subscriber may log: its own record is kept meanwhile; four records may
+// be under way on one thread, the outermost included, and a fifth is dropped. An empty callable among
+// the subscribers (std::bad_function_call), or one that throws, ends the process.
+NEUTILS_API void LoggerWriteLog(const char* logKind, LogLevel level, const char* fileName, unsigned int line,
+                                const char* format, ...) noexcept __attribute__((format(printf, 5, 6)));
+
+// Replaces backspace, line feed, vertical tab, form feed, carriage return and delete by '_' in the
+// calling thread's message buffer. LoggerWriteLog does so for each record.
+NEUTILS_API void ReplaceEscapeChar();
+
+// Writes a long text as DEBUG records of at most 4,000 characters each.
+NEUTILS_API void PrintDebugLargeLog(const std::string& text);
+
+namespace NEUtils {
+
+using ::DEBUG;
+using ::ERROR;
+using ::FATAL;
+using ::INFO;
+using ::LoggerWriteLog;
+using ::LogLevel;
+using ::NENormalLog;
+using ::PrintDebugLargeLog;
+using ::ReplaceEscapeChar;
+using ::UNKNOWN;
+using ::WARN;
+
+// Log kinds. Records of the startup kind are always dropped; it is a registration name for files only.
+inline constexpr char kStartupLog[] = "StartupLog";
+inline constexpr char kNormalLog[] = "NormalLog";
+inline constexpr char kDotLog[] = "DotLog";
+
+// The process-wide registry of log subscribers, by kind and then by subscriber name.
+class NEUTILS_API MessageBus {
+public:
+    using Subscriber = std::function<void(const NENormalLog&)>;
+    template <typename Record>
+    using SubList = std::map<std::string, std::unordered_map<std::string, std::function<void(Record)>>>;
+
+    // Adds a subscriber, from the next record on. False, and nothing changed, if kind and name are taken.
+    static bool Subscribe(const std::string& kind, const std::string& name, Subscriber subscriber);
+
+    // Removes a subscriber; a call of it that is under way on another thread may still end later.
+    static bool Unsubscribe(const std::string& kind, const std::string& name);
+
+    // The registry itself and the mutex to hold while using it.
+    static std::mutex& GetSubMutex();
+    template <typename Record>
+    static SubList<Record>& GetSubList();
+};
+
+extern template NEUTILS_API MessageBus::SubList<const NENormalLog&>& MessageBus::GetSubList<const NENormalLog&>();
+
+// The file name of a source path, for compilers that do not tell it themselves.
+constexpr const char* BaseName(const char* path)
+{
+    const char* name = path;
+    for (; *path != '\0'; ++path) {
+        if (*path == '/') {
+            name = path + 1;
+        }
+    }
+    return name;
+}
+
+}  // namespace NEUtils
+
+#ifdef __FILE_NAME__
+#define NEUTILS_FILE_NAME __FILE_NAME__
+#else
+#define NEUTILS_FILE_NAME ::NEUtils::BaseName(__FILE__)
+#endif
+
+// Logs to the normal log kind with the place it stands at: NE_LOG(WARN, "Disk is full.[path=%s]", path);
+#define NE_LOG(level, ...) \
+    ::LoggerWriteLog(::NEUtils::kNormalLog, level, NEUTILS_FILE_NAME, static_cast<unsigned int>(__LINE__), __VA_ARGS__)
