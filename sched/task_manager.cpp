@@ -1,0 +1,315 @@
+#include "task_manager.h"
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+#include <utility>
+
+#include "hips_guard.h"
+#include "logger.h"
+#include "thread_pool.h"
+#include "util/clock.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr int kTickUs = 1000000;
+constexpr char kThreadName[] = "TaskManager";
+constexpr std::size_t kInlineLimit = 100;
+constexpr std::uint32_t kTicksPerClean = 4;
+
+// Shared by all managers, so that an id means one task in the whole process. Kept at 1: the first is 2.
+std::atomic<std::uint32_t> g_lastTaskId{1};
+std::atomic<std::uint32_t> g_ticks{0};
+
+std::uint32_t NextId()
+{
+    const std::uint32_t id = ++g_lastTaskId;
+    return id == 0 ? ++g_lastTaskId : id;
+}
+
+}  // namespace
+
+TaskManager::~TaskManager()
+{
+    Stop();
+}
+
+bool TaskManager::Start(ThreadPool* pool)
+{
+    if (scheduleThread_ != 0) {
+        return true;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(inlineLock_);
+        inlineLimit_ = kInlineLimit;
+        inlineDiscard_ = 0;
+    }
+    pool_ = pool;
+    // Kept set after a failure, so that registrations go on succeeding.
+    running_ = true;
+    scheduleThread_ = CreateHipsThreadEx(&TaskManager::ScheduleThread, this, kTickUs, kThreadName);
+    if (scheduleThread_ == 0) {
+        NE_LOG(ERROR, "Create thread failed.[name=TaskManager]");
+        StopAllThreads();
+        return false;
+    }
+    return true;
+}
+
+void TaskManager::Stop()
+{
+    if (!running_) {
+        return;
+    }
+    std::map<std::uint32_t, TaskPtr> tasks;
+    {
+        const std::lock_guard<std::mutex> lock(taskLock_);
+        running_ = false;  // under the lock, so that no registration is left behind
+        tasks.swap(tasks_);
+    }
+    for (const auto& [id, task] : tasks) {
+        task->CancelTask();  // one that waits in the pool must not run any more
+    }
+    tasks.clear();
+    std::list<TaskPtr> waiting;
+    {
+        const std::lock_guard<std::mutex> lock(inlineLock_);
+        waiting.swap(inlineQueue_);
+    }
+    CleanTask();
+    StopAllThreads();
+}
+
+void TaskManager::StopAllThreads()
+{
+    NE_LOG(INFO, "Stop all task manager thread.");
+    const std::uintptr_t handle = scheduleThread_.exchange(0);
+    if (handle != 0) {
+        StopHipsThreadEx(handle);
+        CloseHipsThreadHandleEx(handle);
+    }
+}
+
+std::uint32_t TaskManager::RegisterTask(TASKTYPE type, TASK_CONDITION condition, void* (*func)(void*), void* arg,
+                                        const std::string& memo)
+{
+    if (!running_) {
+        NE_LOG(ERROR, "Task manager is not running.");
+        return 0;
+    }
+    const std::uint32_t id = GenerateId();
+    if (id == 0) {
+        NE_LOG(ERROR, "No available taskId.");
+        return 0;
+    }
+    const TaskPtr task(new (std::nothrow) Task(id, type, condition, func, arg, memo, pool_));
+    if (task == nullptr) {
+        NE_LOG(ERROR, "New task failed.[memo=%s]", memo.c_str());
+        return 0;
+    }
+    bool running;
+    {
+        const std::lock_guard<std::mutex> lock(taskLock_);
+        running = running_;
+        if (running) {
+            tasks_[id] = task;
+        }
+    }
+    if (!running) {  // stopped meanwhile
+        NE_LOG(ERROR, "Task manager is not running.");
+        return 0;
+    }
+    // Kept as it is spelled: log readers look for it. One-shot tasks are frequent, so one level lower.
+    LoggerWriteLog(kNormalLog, type == TASK_ONE_SHOT ? DEBUG : INFO, NEUTILS_FILE_NAME, __LINE__,
+                   "Register task succecss.[taskId=%u type=%d memo=%s]", id, static_cast<int>(type), memo.c_str());
+    return id;
+}
+
+std::uint32_t TaskManager::GenerateId()
+{
+    const std::lock_guard<std::mutex> lock(taskLock_);
+    const std::uint32_t first = NextId();
+    std::uint32_t id = first;
+    while (tasks_.count(id) != 0) {
+        id = NextId();
+        if (id == first) {
+            return 0;
+        }
+    }
+    return id;
+}
+
+Task* TaskManager::GetTask(std::uint32_t id)
+{
+    const auto found = tasks_.find(id);
+    return found == tasks_.end() ? nullptr : found->second.get();
+}
+
+bool TaskManager::MakeTaskLaunch(std::uint32_t id)
+{
+    const std::lock_guard<std::mutex> lock(taskLock_);
+    Task* task = GetTask(id);
+    if (task == nullptr) {
+        return false;
+    }
+    task->LaunchMeOnce();
+    return true;
+}
+
+void TaskManager::PauseAndWaitForEnd(std::uint32_t id)
+{
+    while (id != 0 && running_) {
+        {
+            const std::lock_guard<std::mutex> lock(taskLock_);
+            Task* task = GetTask(id);
+            if (task == nullptr) {
+                return;
+            }
+            task->Pause();
+            if (task->GetRunningCount() <= 0) {
+                return;
+            }
+        }
+        Clock::SleepNs(Clock::kNsPerSecond);
+        KeepCurrentThreadAlive();
+    }
+}
+
+void TaskManager::UnregisterTask(std::uint32_t id)
+{
+    TaskPtr task;
+    {
+        const std::lock_guard<std::mutex> lock(taskLock_);
+        const auto found = tasks_.find(id);
+        if (found == tasks_.end()) {
+            return;
+        }
+        task = std::move(found->second);
+        tasks_.erase(found);
+        task->CancelTask();
+    }
+    PushTaskToCleanList(std::move(task));
+}
+
+void TaskManager::PushTaskToCleanList(std::shared_ptr<Task> task)
+{
+    const std::lock_guard<std::mutex> lock(cleanLock_);
+    cleanList_.push_back(std::move(task));
+}
+
+std::uint32_t TaskManager::CleanTask()
+{
+    std::list<TaskPtr> done;
+    std::uint32_t stayed = 0;
+    {
+        const std::lock_guard<std::mutex> lock(cleanLock_);
+        for (auto task = cleanList_.begin(); task != cleanList_.end();) {
+            const auto current = task++;
+            if ((*current)->GetRunningCount() != 0) {
+                ++stayed;
+            } else {
+                done.splice(done.end(), cleanList_, current);
+            }
+        }
+    }
+    for (const TaskPtr& task : done) {
+        LoggerWriteLog(kNormalLog, task->GetType() == TASK_ONE_SHOT ? DEBUG : INFO, NEUTILS_FILE_NAME, __LINE__,
+                       "Unregister task succecss.[taskId=%u, type=%d, memo=%s]", task->GetTaskid(),
+                       static_cast<int>(task->GetType()), task->GetMemo().c_str());
+    }
+    return stayed;
+}
+
+int TaskManager::ScheduleThread(void* manager)
+{
+    return manager == nullptr ? -1 : static_cast<TaskManager*>(manager)->ScheduleProc();
+}
+
+int TaskManager::ScheduleProc()
+{
+    if (!running_) {
+        NE_LOG(INFO, "Schedule thread exit.");
+        return -1;
+    }
+    if (++g_ticks > kTicksPerClean) {
+        CleanTask();
+        g_ticks = 0;
+    }
+    DoSchedule();
+    if (ThreadPool* pool = pool_; pool != nullptr) {
+        pool->CleanThread();
+    }
+    LinerProc();
+    return 0;
+}
+
+void TaskManager::DoSchedule()
+{
+    const timeval now = Clock::WallTime();
+    std::vector<TaskPtr> due;
+    std::vector<TaskPtr> invalid;
+    {
+        const std::lock_guard<std::mutex> lock(taskLock_);
+        for (auto entry = tasks_.begin(); entry != tasks_.end();) {
+            const auto current = entry++;
+            Task& task = *current->second;
+            if (task.NeedToClean()) {
+                task.CancelTask();  // a second launch that still waits has nobody to wait for it
+                PushTaskToCleanList(std::move(current->second));
+                tasks_.erase(current);
+                continue;
+            }
+            const Task::Match match = task.MatchCondition(now);
+            if (match == Task::kInvalidType) {
+                invalid.push_back(current->second);
+            } else if (match == Task::kYes) {
+                if (task.NeedToCreateThread()) {
+                    due.push_back(current->second);
+                } else {
+                    QueueInline(current->second);
+                }
+            }
+        }
+    }
+    for (const TaskPtr& task : invalid) {
+        task->LogInvalidType();
+    }
+    for (const TaskPtr& task : due) {
+        task->RunTask();
+    }
+}
+
+// Kept: with nothing to discard, a launch that finds the queue full is dropped in silence.
+void TaskManager::QueueInline(const TaskPtr& task)
+{
+    const std::lock_guard<std::mutex> lock(inlineLock_);
+    if (inlineQueue_.size() >= inlineLimit_) {
+        if (inlineDiscard_ == 0) {
+            return;
+        }
+        const auto count = static_cast<std::ptrdiff_t>(std::min(inlineDiscard_, inlineQueue_.size()));
+        inlineQueue_.erase(inlineQueue_.begin(), std::next(inlineQueue_.begin(), count));
+    }
+    inlineQueue_.push_back(task);
+}
+
+// Kept: one inline run a tick, so that the next tick is not far.
+int TaskManager::LinerProc()
+{
+    TaskPtr task;
+    {
+        const std::lock_guard<std::mutex> lock(inlineLock_);
+        if (!inlineQueue_.empty()) {
+            task = std::move(inlineQueue_.front());
+            inlineQueue_.pop_front();
+        }
+    }
+    if (task != nullptr) {
+        task->RunTask();
+    }
+    return 0;
+}
+
+}  // namespace NEUtils

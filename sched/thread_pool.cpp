@@ -1,0 +1,277 @@
+#include "thread_pool.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+#include "hips_guard.h"
+#include "hips_thread_instance.h"
+#include "logger.h"
+#include "util/clock.h"
+#include "util/thread_name.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr int kSliceUs = 500000;
+constexpr std::size_t kQueueLimit = 5000;
+constexpr int kWaitAttempts = 600;
+constexpr long long kAttemptNs = 100 * Clock::kNsPerMs;
+constexpr char kWorkerName[] = "T-Thread";
+
+}  // namespace
+
+ThreadPool::~ThreadPool()
+{
+    Stop();
+    if (semaphoreReady_) {
+        sem_destroy(&semaphore_);
+    }
+}
+
+bool ThreadPool::Start(unsigned int minThreads, unsigned int maxThreads)
+{
+    if (!semaphoreReady_) {
+        if (sem_init(&semaphore_, 0, 0) != 0) {
+            NE_LOG(ERROR, "Init thread pool sem failed.");
+            return false;
+        }
+        semaphoreReady_ = true;
+    }
+    while (sem_trywait(&semaphore_) == 0) {
+    }
+    std::list<Job> old;  // of before a stop: they never run
+    {
+        const std::lock_guard<std::mutex> lock(queueLock_);
+        old.swap(jobs_);
+        queueLimit_ = kQueueLimit;
+        // Kept at 0: a full queue refuses the new job and keeps the old ones.
+        discardCount_ = 0;
+    }
+    bool made = true;
+    {
+        const std::lock_guard<std::mutex> lock(threadLock_);
+        minThreads_ = std::max(minThreads, 1U);
+        maxThreads_ = std::max(maxThreads, minThreads_);
+        running_ = true;
+        for (unsigned int number = 0; made && number < minThreads_; ++number) {
+            made = AddWorker(number);
+        }
+    }
+    if (!made) {
+        NE_LOG(ERROR, "Create worker thread failed.");
+    }
+    return made;
+}
+
+// Under the thread lock, after a look at the running flag there: a stop cannot miss the new worker.
+bool ThreadPool::AddWorker(unsigned int number)
+{
+    const std::string name = kWorkerName + std::to_string(number);
+    const std::uintptr_t handle = CreateHipsThreadEx(&ThreadPool::WorkerThread, this, kSliceUs, name.c_str());
+    if (handle == 0) {
+        return false;
+    }
+    alive_.insert(handle);
+    return true;
+}
+
+bool ThreadPool::AddThread(void* (*func)(void*), void* arg, const char* name, std::shared_ptr<void> owner)
+{
+    if (!semaphoreReady_ || !Push({func, arg, name == nullptr ? "" : name, std::move(owner)})) {
+        NE_LOG(ERROR, "Push thread task to queue failed.");
+        return false;
+    }
+    sem_post(&semaphore_);
+    bool made = true;
+    {
+        const std::lock_guard<std::mutex> lock(threadLock_);
+        // Kept: at most one worker a call, named by the number of those alive.
+        if (running_ && busyCount_ + QueuedJobs() > alive_.size() && alive_.size() < maxThreads_) {
+            made = AddWorker(static_cast<unsigned int>(alive_.size()));
+        }
+    }
+    if (!made) {
+        NE_LOG(ERROR, "Add pool thread failed.");
+    }
+    return true;
+}
+
+bool ThreadPool::Push(Job job)
+{
+    std::list<Job> dropped;  // destroyed after the lock is gone: it may hold the last reference to its owner
+    const std::lock_guard<std::mutex> lock(queueLock_);
+    if (jobs_.size() >= queueLimit_) {
+        if (discardCount_ == 0) {
+            return false;
+        }
+        const auto count = static_cast<std::ptrdiff_t>(std::min(discardCount_, jobs_.size()));
+        dropped.splice(dropped.end(), jobs_, jobs_.begin(), std::next(jobs_.begin(), count));
+    }
+    jobs_.push_back(std::move(job));
+    return true;
+}
+
+std::size_t ThreadPool::QueuedJobs()
+{
+    const std::lock_guard<std::mutex> lock(queueLock_);
+    return jobs_.size();
+}
+
+bool ThreadPool::TakeJob(Job& job)
+{
+    const std::lock_guard<std::mutex> lock(queueLock_);
+    if (jobs_.empty()) {
+        return false;
+    }
+    job = std::move(jobs_.front());
+    jobs_.pop_front();
+    return true;
+}
+
+void ThreadPool::CleanThread()
+{
+    std::vector<std::uintptr_t> ended;
+    {
+        const std::lock_guard<std::mutex> lock(threadLock_);
+        for (auto handle = exiting_.begin(); handle != exiting_.end();) {
+            if (IsHipsThreadRunningEx(*handle)) {
+                ++handle;
+            } else {
+                ended.push_back(*handle);
+                handle = exiting_.erase(handle);
+            }
+        }
+    }
+    for (const std::uintptr_t handle : ended) {
+        CloseHipsThreadHandleEx(handle);
+    }
+}
+
+void ThreadPool::Stop()
+{
+    std::vector<std::uintptr_t> handles;
+    std::size_t aliveCount = 0;
+    {
+        const std::lock_guard<std::mutex> lock(threadLock_);
+        if (!running_) {
+            return;
+        }
+        running_ = false;  // before the posts below, so that no woken worker takes a job
+        aliveCount = alive_.size();
+        handles.assign(alive_.begin(), alive_.end());
+        handles.insert(handles.end(), exiting_.begin(), exiting_.end());
+        alive_.clear();
+        exiting_.clear();
+    }
+    NE_LOG(INFO, "Stop threads.Pool alive count.[count=%zu]", aliveCount);
+    for (const std::uintptr_t handle : handles) {
+        FastStopHipsThreadEx(handle);
+        sem_post(&semaphore_);
+    }
+    for (const std::uintptr_t handle : handles) {
+        StopHipsThreadEx(handle);
+        CloseHipsThreadHandleEx(handle);
+    }
+}
+
+std::uintptr_t ThreadPool::GetCurrentThreadHandle() const
+{
+    const auto own = static_cast<unsigned long>(pthread_self());
+    const auto found = std::find_if(alive_.begin(), alive_.end(),
+                                    [own](std::uintptr_t handle) { return GetHipsThreadIdEx(handle) == own; });
+    return found == alive_.end() ? 0 : *found;
+}
+
+std::string ThreadPool::GetCurrentThreadName()
+{
+    return ThreadName(pthread_self());
+}
+
+void ThreadPool::SetCurrentThreadName(const std::string& name)
+{
+    SetThreadName(name);
+}
+
+int ThreadPool::WorkerThread(void* pool)
+{
+    return pool == nullptr ? -1 : static_cast<ThreadPool*>(pool)->WorkerProc();
+}
+
+int ThreadPool::WorkerProc()
+{
+    if (IsEnding()) {
+        return -1;
+    }
+    SetCurrentThreadName(kWorkerName);
+    WaitForWork();
+    if (IsEnding()) {
+        return -1;
+    }
+    Job job;
+    if (TakeJob(job)) {
+        RunJob(job);
+        return 0;
+    }
+    return Retire() ? -1 : 0;
+}
+
+// The pool is being stopped, or this worker is.
+bool ThreadPool::IsEnding() const
+{
+    HipsThreadInstance* worker = HipsThreadInstance::Current();
+    return !running_ || (worker != nullptr && !worker->IsRunning());
+}
+
+// Waits about a minute at most; idle on purpose, so each attempt is a heartbeat.
+void ThreadPool::WaitForWork()
+{
+    for (int attempt = 0; attempt < kWaitAttempts && !IsEnding() && sem_trywait(&semaphore_) != 0; ++attempt) {
+        Clock::SleepNs(kAttemptNs);
+        KeepCurrentThreadAlive();
+    }
+}
+
+void ThreadPool::RunJob(const Job& job)
+{
+    // Counted down again also when the job throws; the guard reports what it was.
+    struct Busy {
+        explicit Busy(ThreadPool& owner) : pool(owner)
+        {
+            const std::lock_guard<std::mutex> lock(pool.threadLock_);
+            ++pool.busyCount_;
+        }
+        ~Busy()
+        {
+            const std::lock_guard<std::mutex> lock(pool.threadLock_);
+            if (pool.busyCount_ > 0) {
+                --pool.busyCount_;
+            }
+        }
+        Busy(const Busy&) = delete;
+        Busy& operator=(const Busy&) = delete;
+        ThreadPool& pool;
+    };
+    const Busy busy(*this);
+    SetCurrentThreadName("T-" + job.name);
+    job.func(job.arg);
+}
+
+// The wait was in vain: a worker above the minimum goes. The thread ends by itself, CleanThread follows.
+bool ThreadPool::Retire()
+{
+    const std::lock_guard<std::mutex> lock(threadLock_);
+    if (alive_.size() <= minThreads_) {
+        return false;
+    }
+    const std::uintptr_t own = GetCurrentThreadHandle();
+    if (own != 0) {
+        alive_.erase(own);
+        exiting_.insert(own);
+    }
+    return true;
+}
+
+}  // namespace NEUtils
