@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "neutils_api.h"
+
+// Details of processes, read from /proc at the moment of the call.
+//
+// Threads  any.
+// Errors   false, and the output unchanged, for a process that is gone or may not be looked at.
+// Source   what a process says of itself (name, command line) is its own choice: do not trust it.
+namespace ProcessUtils {
+
+struct ProcessStatus {
+    int pid = 0;
+    int parentPid = 0;
+    unsigned int uid = 0;           // real user id
+    unsigned int effectiveUid = 0;  // differs in a set-user-id program
+    unsigned int threads = 0;
+    std::string name;  // 15 bytes, more for a kernel worker
+};
+
+// From /proc/<pid>/status.
+NEUTILS_API bool GetProcessStatus(int pid, ProcessStatus& status);
+
+// The arguments with a blank between them, cut at maxLength bytes. Empty for a kernel thread and for a
+// process that has ended and is not yet waited for.
+NEUTILS_API bool GetCmdLine(int pid, std::string& cmdLine, std::size_t maxLength = 4096);
+
+// Every process id there is.
+NEUTILS_API bool GetProcessIds(std::vector<int>& pids);
+
+}  // namespace ProcessUtils
