@@ -1,0 +1,200 @@
+#include "agent_config.h"
+
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <memory>
+
+#include "config.h"
+#include "logger.h"
+
+namespace {
+
+constexpr std::size_t kMaxFileSize = 1U << 20;
+constexpr const char* kLevels[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+
+// A check gives what is wrong with a value, or null.
+using Check = std::function<const char*(const std::string&)>;
+
+struct Key {
+    const char* defaultValue;
+    Check check;
+};
+
+const char* CheckKind(const std::string& value)
+{
+    // Not the startup kind: it is never written.
+    const bool written = value == NEUtils::kNormalLog || value == NEUtils::kDotLog;
+    return written ? nullptr : "is not one of NormalLog, DotLog";
+}
+
+const char* CheckLevel(const std::string& value)
+{
+    for (const char* level : kLevels) {
+        if (value == level) {
+            return nullptr;
+        }
+    }
+    return "is not one of DEBUG, INFO, WARN, ERROR, FATAL";
+}
+
+const char* CheckPath(const std::string& value)
+{
+    return value.empty() || value.back() == '/' ? "is not the path of a file" : nullptr;
+}
+
+Check CheckNumber(int most, const char* fault)
+{
+    return [most, fault](const std::string& value) {
+        int number = -1;
+        const auto [stop, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+        const bool whole = error == std::errc() && stop == value.data() + value.size();
+        return whole && number >= 0 && number <= most ? nullptr : fault;
+    };
+}
+
+const std::map<std::string, Key>& Keys()
+{
+    static const std::map<std::string, Key> keys = {
+        {"LOG_KIND", {"NormalLog", CheckKind}},
+        {"LOG_FILE", {"log/agent.log", CheckPath}},
+        {"LOG_LEVEL", {"INFO", CheckLevel}},
+        {"LOG_MAX_SIZE", {"10485760", CheckNumber(1 << 28, "is not a number from 0 to 268435456")}},
+        {"LOG_COPIES", {"5", CheckNumber(100, "is not a number from 0 to 100")}},
+        {"LOG_LINES_PER_DAY", {"0", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
+        {"GUARD_MEMORY_KIB", {"66560", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
+        {"GUARD_CPU_PERCENT", {"5", CheckNumber(10000, "is not a number from 0 to 10000")}},
+        {"GUARD_DESCRIPTORS", {"0", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
+        {"POOL_MAX_THREADS", {"4", CheckNumber(64, "is not a number from 0 to 64")}},
+        {"TrivaneRole", {"", [](const std::string&) -> const char* { return nullptr; }}},
+        {"REPORT_SECONDS", {"3600", CheckNumber(86400, "is not a number from 0 to 86400")}},
+    };
+    return keys;
+}
+
+// What a message may repeat of a file: a short piece, without control characters.
+std::string Shown(const std::string& text)
+{
+    constexpr std::size_t kMost = 40;
+    std::string shown = text.substr(0, kMost);
+    for (char& byte : shown) {
+        if (static_cast<unsigned char>(byte) < ' ' || byte == '\x7f') {
+            byte = '?';
+        }
+    }
+    return text.size() > kMost ? shown + "..." : shown;
+}
+
+std::string CheckLine(const std::string& line)
+{
+    if (line.empty() || line[0] == '#') {
+        return {};
+    }
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos) {
+        return std::string("'") + Shown(line) + "' has no '='";
+    }
+    const std::string name = line.substr(0, equals);
+    const std::string value = line.substr(equals + 1);
+    const auto key = Keys().find(name);
+    if (key == Keys().end()) {
+        return std::string("unknown key '") + Shown(name) + "'";
+    }
+    for (const char byte : value) {
+        if (static_cast<unsigned char>(byte) < ' ') {
+            return name + ": the value holds a control character (a carriage return, say)";
+        }
+    }
+    const char* fault = key->second.check(value);
+    return fault == nullptr ? std::string() : name + ": '" + Shown(value) + "' " + fault;
+}
+
+bool ReadFile(const std::string& path, std::string& text, std::string& error)
+{
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), &std::fclose);
+    if (file == nullptr) {
+        error = path + ": cannot be opened: " + std::strerror(errno);
+        return false;
+    }
+    char piece[4096];
+    while (const std::size_t count = std::fread(piece, 1, sizeof(piece), file.get())) {
+        text.append(piece, count);
+        if (text.size() > kMaxFileSize) {
+            error = path + ": is larger than 1 MiB";
+            return false;
+        }
+    }
+    if (std::ferror(file.get()) != 0) {
+        error = path + ": cannot be read: " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+std::string Text(const char* key)
+{
+    std::string value;
+    return NEUtils::Config::GetConfigValue(key, value) ? value : Keys().at(key).defaultValue;
+}
+
+unsigned int Number(const char* key)
+{
+    int value = 0;
+    if (!NEUtils::Config::GetConfigValue(key, value)) {
+        const std::string text = Keys().at(key).defaultValue;
+        std::from_chars(text.data(), text.data() + text.size(), value);
+    }
+    return static_cast<unsigned int>(value);
+}
+
+unsigned int LevelNumber(const std::string& name)
+{
+    unsigned int number = 0;
+    while (number + 1 < std::size(kLevels) && name != kLevels[number]) {
+        ++number;
+    }
+    return number;
+}
+
+}  // namespace
+
+bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConfig& config, std::string& error)
+{
+    std::string text;
+    if (!ReadFile(path, text, error)) {
+        return false;
+    }
+    std::size_t number = 0;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        ++number;
+        const std::string fault = CheckLine(text.substr(start, end - start));
+        if (!fault.empty()) {
+            error = path + ":" + std::to_string(number).append(": ").append(fault);
+            return false;
+        }
+        start = end + 1;
+    }
+    NEUtils::Config::ParseConfig(text, false, {});  // a path may look like a number
+    NEUtils::Config::ParseConfig(text, true, {});
+    config.logKind = Text("LOG_KIND");
+    config.logFile = Text("LOG_FILE");
+    if (config.logFile[0] != '/') {
+        config.logFile.insert(0, root + "/");
+    }
+    config.logLevel = LevelNumber(Text("LOG_LEVEL"));
+    config.logMaxSize = Number("LOG_MAX_SIZE");
+    config.logCopies = Number("LOG_COPIES");
+    config.logLinesPerDay = Number("LOG_LINES_PER_DAY");
+    config.memoryLimitKiB = Number("GUARD_MEMORY_KIB");
+    config.cpuLimitPercent = Number("GUARD_CPU_PERCENT");
+    config.descriptorLimit = Number("GUARD_DESCRIPTORS");
+    config.poolMaxThreads = Number("POOL_MAX_THREADS");
+    config.reportSeconds = Number("REPORT_SECONDS");
+    return true;
+}

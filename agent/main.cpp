@@ -1,0 +1,447 @@
+// sentrel-agent: the reference agent. Watches the processes of the host and logs what they do.
+#include <fcntl.h>
+#include <getopt.h>
+#include <linux/capability.h>
+#include <signal.h>
+#include <sys/auxv.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "agent_config.h"
+#include "config.h"
+#include "hips_guard.h"
+#include "log_system.h"
+#include "logger.h"
+#include "my_program.h"
+#include "process_log.h"
+#include "process_monitor.h"
+#include "task_manager.h"
+#include "thread_pool.h"
+
+namespace {
+
+using NEUtils::LogSystem;
+using NEUtils::MessageBus;
+using NEUtils::MyProgram;
+using NEUtils::ProcessMonitor;
+using NEUtils::TaskManager;
+using NEUtils::ThreadPool;
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr unsigned int kStopLimitSeconds = 10;
+constexpr char kRootVariable[] = "RUNTIME_CENTER_PATH";
+constexpr char kLogName[] = "AgentLog";
+constexpr char kConsoleName[] = "AgentConsole";
+constexpr std::array<int, 3> kStopSignals = {SIGINT, SIGQUIT, SIGTSTP};
+
+constexpr char kHelp[] =
+    "Usage: sentrel-agent [OPTION]...\n"
+    "Watches the processes of this host and logs every program start and exit.\n"
+    "\n"
+    "  --root DIR      install root; otherwise the environment variable RUNTIME_CENTER_PATH\n"
+    "  --config FILE   configuration, instead of conf/agent.conf below the root\n"
+    "  --daemon        run in the background\n"
+    "  --check-config  check the configuration and exit\n"
+    "  --version       print the version and exit\n"
+    "  --help          print this and exit\n"
+    "\n"
+    "Signals: SIGINT, SIGQUIT and SIGTSTP stop the agent, SIGUSR1 writes a report to log/coredump.log.\n"
+    "Exit status: 0 success, 1 the agent could not run, 2 wrong options, root or configuration.\n"
+    "A stopped agent ends by SIGTERM.\n";
+
+struct Options {
+    std::string root;
+    std::string config;
+    bool daemon = false;
+    bool checkConfig = false;
+};
+
+AgentConfig g_config;
+std::atomic<bool> g_guarded{false};   // the guard has been initialised
+std::atomic<bool> g_watching{false};  // the process monitor has been started
+
+// Never destroyed: a stop may come until the very end of the process.
+ProcessMonitor& Monitor()
+{
+    static auto& monitor = *new ProcessMonitor;
+    return monitor;
+}
+
+ThreadPool& Pool()
+{
+    static auto& pool = *new ThreadPool;
+    return pool;
+}
+
+TaskManager& Tasks()
+{
+    static auto& tasks = *new TaskManager;
+    return tasks;
+}
+
+ProcessLog& Processes()
+{
+    static auto& processes = *new ProcessLog;
+    return processes;
+}
+
+void OnProcessEvent(proc_event* event)
+{
+    static std::uint64_t lost = 0;
+    const std::uint64_t lostNow = Monitor().GetLostEventCount();
+    if (lostNow != lost) {  // who has ended since is not known any more
+        lost = lostNow;
+        Processes().LoadRunningProcesses();
+    }
+    Processes().Handle(*event);
+}
+
+void Complain(const std::string& text)
+{
+    std::fprintf(stderr, "sentrel-agent: %s\n", text.c_str());
+}
+
+// Until the log file is open, what goes wrong is said on standard error.
+void SubscribeConsole()
+{
+    MessageBus::Subscribe(NEUtils::kNormalLog, kConsoleName, [](const NENormalLog& record) {
+        if (record.level >= WARN) {
+            Complain(std::string(record.levelName) + ": " + record.content);
+        }
+    });
+}
+
+std::shared_ptr<LogSystem::LogFile> MakeLogFile()
+{
+    return std::make_shared<LogSystem::LogFile>(g_config.logFile, g_config.logLevel, g_config.logMaxSize,
+                                                g_config.logCopies);
+}
+
+bool IsInPath(const std::string& program)
+{
+    std::string path = NEUtils::Env::GetEnvString("PATH");
+    if (path.empty()) {  // what the shell takes then
+        char standard[256] = {};
+        confstr(_CS_PATH, standard, sizeof(standard));
+        path = standard;
+    }
+    for (std::size_t start = 0; start <= path.size();) {
+        const std::size_t end = std::min(path.find(':', start), path.size());
+        std::string candidate = end == start ? "." : path.substr(start, end - start);
+        candidate.append("/").append(program);
+        if (access(candidate.c_str(), X_OK) == 0) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+bool IsFirstNamespace(const char* path, const char* first)
+{
+    char link[64] = {};
+    return readlink(path, link, sizeof(link) - 1) < 0 || std::strcmp(link, first) == 0;
+}
+
+// What the process connector needs and this process lacks; null if nothing. The kernel numbers its first
+// namespaces always the same. In another one its ids would name other processes, or nothing comes at all.
+const char* MissingForProcesses()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1U << CAP_NET_ADMIN)) == 0) {
+        return "CAP_NET_ADMIN";
+    }
+    if (!IsFirstNamespace("/proc/self/ns/user", "user:[4026531837]")) {
+        return "first user namespace";
+    }
+    return IsFirstNamespace("/proc/self/ns/pid", "pid:[4026531836]") ? nullptr : "first pid namespace";
+}
+
+// Without a report to write the frame swallows every signal, a stop too.
+bool CheckReport(const std::string& root)
+{
+    const std::string report = root + "/log/coredump.log";
+    const int fd = open(report.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd < 0) {
+        Complain("crash report " + report + " cannot be written: " + std::strerror(errno));
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
+// What the log needs and cannot report once it is missing.
+bool CheckLogSurroundings()
+{
+    const std::string folder = g_config.logFile.substr(0, g_config.logFile.rfind('/') + 1);
+    if (access(folder.c_str(), W_OK | X_OK) != 0) {
+        Complain("log folder " + folder + " cannot be written: " + std::strerror(errno));
+        return false;
+    }
+    struct stat status = {};
+    if (lstat(g_config.logFile.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+        Complain("log file " + g_config.logFile + " is a directory or a special file");
+        return false;
+    }
+    if (g_config.logCopies > 0 && !IsInPath("gzip")) {
+        Complain("gzip is missing, and the log cannot roll without it: install gzip or set LOG_COPIES=0");
+        return false;
+    }
+    // The startup kind opens nothing, so this only asks whether the file would be taken.
+    const bool taken =
+        LogSystem::Register(MakeLogFile(), NEUtils::kStartupLog, kLogName, &LogSystem::GetDefaultLogContent);
+    LogSystem::CloseAllLogFile();
+    return taken;
+}
+
+// The single-instance check knows an agent by its executable.
+void CheckExecutable(const std::string& root)
+{
+    char link[PATH_MAX] = {};
+    const std::string expected = root + "/bin/sentrel-agent";
+    if (readlink("/proc/self/exe", link, sizeof(link) - 1) > 0 && expected != link) {
+        NE_LOG(WARN, "A second instance would not be noticed.[executable=%s expected=%s]", link, expected.c_str());
+    }
+}
+
+sigset_t StopSignalSet()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signo : kStopSignals) {
+        sigaddset(&signals, signo);
+    }
+    return signals;
+}
+
+// Takes one stop signal, if one comes before the limit (none: without limit), and ends the process
+// through the frame; comes back only where there is none or the frame swallows it.
+void TakeStop(const timespec* limit)
+{
+    const sigset_t signals = StopSignalSet();
+    siginfo_t info = {};
+    const int signo = sigtimedwait(&signals, &info, limit);
+    if (signo > 0) {
+        MyProgram::SigActionHandler(signo, &info, nullptr);
+        NE_LOG(ERROR, "Stop signal is without effect, the crash report cannot be written.[signo=%d]", signo);
+    }
+}
+
+void* ReportUsage(void*)
+{
+    NE_LOG(INFO, "Self resource usage.[cpu=%.1f memKiB=%ld fds=%d]", GetCpuUsage(), GetMemoryUsage(), GetFdUsage());
+    return nullptr;
+}
+
+// The guard first: pool and scheduler run on its threads.
+bool StartThreads()
+{
+    g_guarded = InitHipsGuard(static_cast<long>(g_config.memoryLimitKiB), static_cast<int>(g_config.descriptorLimit),
+                              g_config.cpuLimitPercent) == 0;
+    if (!g_guarded || !Pool().Start(1, g_config.poolMaxThreads) || !Tasks().Start(&Pool())) {
+        return false;
+    }
+    if (g_config.reportSeconds > 0) {
+        NEUtils::TASK_CONDITION condition = {};
+        condition.firstDelayMs = condition.intervalMs = std::int64_t{g_config.reportSeconds} * 1000;
+        condition.firstLaunchTime = condition.nextLaunchTime =
+            std::int64_t{std::time(nullptr)} * 1000 + condition.firstDelayMs;
+        Tasks().RegisterTask(NEUtils::TASK_FIXED_INTERVAL, condition, &ReportUsage, nullptr, "self-usage");
+    }
+    return true;
+}
+
+int AgentMain()
+{
+    // A roll of an old log runs a shell command, whose start discards a stop that is already pending.
+    const timespec now = {};
+    TakeStop(&now);
+    const auto file = MakeLogFile();
+    if (!file->CheckLogInfo()) {
+        Complain("log file " + g_config.logFile + " cannot be opened, or the old one cannot be rolled away");
+        return kExitFailed;
+    }
+    if (!LogSystem::Register(file, g_config.logKind, kLogName, &LogSystem::GetDefaultLogContent)) {
+        return kExitFailed;
+    }
+    LogSystem::SetGlobalRecordLines(g_config.logLinesPerDay);
+    NE_LOG(INFO, "Agent started.[version=%s pid=%d]", AGENT_VERSION, getpid());
+    CheckExecutable(NEUtils::Env::GetEnvString(kRootVariable));
+    const char* missing = MissingForProcesses();
+    if (missing != nullptr) {
+        NE_LOG(WARN, "Process events are not watched.[missing=%s]", missing);
+    }
+    if (!StartThreads()) {
+        return kExitFailed;
+    }
+    MessageBus::Unsubscribe(NEUtils::kNormalLog, kConsoleName);
+    std::printf("sentrel-agent %s runs.[pid=%d log=%s]\n", AGENT_VERSION, getpid(), g_config.logFile.c_str());
+    static_cast<void>(std::fflush(stdout));
+
+    if (missing == nullptr) {
+        Processes().LoadRunningProcesses();
+        Monitor().SetEventKinds(ProcessLog::kEventKinds);
+        Monitor().AddProcessEventCallback(&OnProcessEvent);
+        g_watching = true;
+        Monitor().StartProcessMonitor();
+    }
+    for (;;) {
+        TakeStop(nullptr);
+    }
+}
+
+// Runs on the main thread for a stop signal, and in the handler of whichever thread crashed.
+int AgentStop()
+{
+    for (const int signo : kStopSignals) {
+        signal(signo, SIG_IGN);
+    }
+    alarm(kStopLimitSeconds);  // a stop that hangs still ends
+    Tasks().Stop();
+    Pool().Stop();
+    if (g_watching) {
+        Monitor().StopProcessMonitor();
+    }
+    if (g_guarded) {
+        UninitHipsGuard();
+    }
+    NE_LOG(INFO, "Agent stopped.[lostEvents=%llu]", static_cast<unsigned long long>(Monitor().GetLostEventCount()));
+    LogSystem::CloseAllLogFile();
+    return 0;
+}
+
+// What the process was started with must not decide how it ends.
+void SettleSignals()
+{
+    sigset_t open;
+    sigemptyset(&open);
+    for (const int signo : {SIGTERM, SIGALRM, SIGUSR1}) {
+        sigaddset(&open, signo);
+    }
+    for (const int signo : {SIGTERM, SIGALRM, SIGCHLD}) {
+        signal(signo, SIG_DFL);  // an ignored SIGCHLD would hide how gzip ended
+    }
+    pthread_sigmask(SIG_UNBLOCK, &open, nullptr);
+    // Blocked on every thread from here on: the main thread waits for them.
+    const sigset_t stop = StopSignalSet();
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+}
+
+// The frame finds its install root in the environment.
+bool CheckPrivileges()
+{
+    if (getauxval(AT_SECURE) == 0) {
+        return true;
+    }
+    Complain("runs set-user-id or with file capabilities, where the environment is ignored: start it as root");
+    return false;
+}
+
+// Gives the exit status for an end right away, or -1 to go on.
+int ParseOptions(int argc, char** argv, Options& options)
+{
+    static const option known[] = {
+        {"root", required_argument, nullptr, 'r'},
+        {"config", required_argument, nullptr, 'c'},
+        {"daemon", no_argument, nullptr, 'd'},
+        {"check-config", no_argument, nullptr, 'k'},
+        {"version", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    for (int name; (name = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+        switch (name) {
+        case 'r':
+            options.root = optarg;
+            break;
+        case 'c':
+            options.config = optarg;
+            break;
+        case 'd':
+            options.daemon = true;
+            break;
+        case 'k':
+            options.checkConfig = true;
+            break;
+        case 'v':
+            std::puts("sentrel-agent " AGENT_VERSION);
+            return 0;
+        case 'h':
+            std::fputs(kHelp, stdout);
+            return 0;
+        default:  // getopt has said what is wrong
+            return kExitUsage;
+        }
+    }
+    if (optind < argc) {
+        Complain(std::string("unexpected argument '") + argv[optind] + "'; --help lists the options");
+        return kExitUsage;
+    }
+    return -1;
+}
+
+// Makes the root absolute and free of links, since the executable is known by its resolved path.
+bool SettleRoot(std::string& root)
+{
+    if (root.empty()) {
+        root = NEUtils::Env::GetEnvString(kRootVariable);
+    }
+    if (root.empty()) {
+        Complain(std::string("no install root: give --root DIR or set ") + kRootVariable);
+        return false;
+    }
+    const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(root.c_str(), nullptr), &std::free);
+    if (resolved == nullptr) {
+        Complain("install root " + root + ": " + std::strerror(errno));
+        return false;
+    }
+    root = resolved.get();
+    return setenv(kRootVariable, root.c_str(), 1) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    const int ended = ParseOptions(argc, argv, options);
+    if (ended >= 0) {
+        return ended;
+    }
+    if (!SettleRoot(options.root)) {
+        return kExitUsage;
+    }
+    const std::string configPath = options.config.empty() ? options.root + "/conf/agent.conf" : options.config;
+    std::string fault;
+    if (!LoadAgentConfig(configPath, options.root, g_config, fault)) {
+        Complain(fault);
+        return kExitUsage;
+    }
+    if (options.checkConfig) {
+        std::printf("%s: correct\n", configPath.c_str());
+        return 0;
+    }
+    SubscribeConsole();
+    if (!CheckPrivileges() || !CheckReport(options.root) || !CheckLogSurroundings()) {
+        return kExitFailed;
+    }
+    SettleSignals();
+    MyProgram& program = MyProgram::GetInstance();
+    program.SetLogPath(options.root + "/log");
+    return program.RunProgram(options.daemon, true, &AgentMain, &AgentStop, nullptr, nullptr, nullptr) ? 0
+                                                                                                       : kExitFailed;
+}
