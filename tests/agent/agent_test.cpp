@@ -1,0 +1,200 @@
+// The agent as a whole: a real process below an install root of its own.
+#include <sys/syscall.h>
+
+#include "tests/support/support.h"
+
+struct AgentTest : testing::Test {
+    AgentTest()
+    {
+        for (const char* folder : {"bin", "conf", "log"}) {
+            fs::create_directory(root_ / folder);
+        }
+        fs::copy(AGENT_PROGRAM, program_);
+        fs::copy(AGENT_CONFIG, config_);
+        unsetenv("RUNTIME_CENTER_PATH");
+    }
+
+    pid_t Start(const std::string& options, bool plainUser = false) const
+    {
+        return Fork([&] {
+            const std::string command = "PATH=" + path_ + " exec " + program_ + " " + options + " >" + out_ + " 2>&1";
+            return plainUser && !BecomePlainUser() ? 126 : execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        });
+    }
+    // Gives the exit status and all output.
+    std::string Run(const std::string& options) const
+    {
+        const int status = Wait(Start(options));
+        return std::to_string(WEXITSTATUS(status)) + " " + Read(out_);
+    }
+    bool Logged(const std::string& text) const { return Contains(Read(log_), text); }
+    void StartAgent()
+    {
+        agent_ = Start(run_);
+        ASSERT_TRUE(Eventually([this] { return Logged("Agent started."); }));
+    }
+    int StopAgent() const
+    {
+        kill(agent_, SIGINT);
+        return WTERMSIG(Wait(agent_));
+    }
+    // An old log, and a shell script in gzip's place to roll it away.
+    void ReplaceGzip(const std::string& script)
+    {
+        Write(root_ / "bin/gzip", "#!/bin/sh\n" + script);
+        fs::permissions(root_ / "bin/gzip", fs::perms::all);
+        Write(log_, "old");
+        path_ = (root_ / "bin:") + path_;
+    }
+
+    const TempDir root_;
+    const std::string program_ = root_ / "bin/sentrel-agent";
+    const std::string config_ = root_ / "conf/agent.conf";
+    const std::string pidFile_ = root_ / "conf/sentrel-agent.pid";
+    const std::string log_ = root_ / "log/agent.log";
+    const std::string report_ = root_ / "log/coredump.log";
+    const std::string out_ = root_ / "out";
+    const std::string run_ = "--root " + root_.Path();
+    std::string path_ = getenv("PATH");
+    pid_t agent_ = 0;
+};
+
+TEST_F(AgentTest, LogsRealProcessesRefusesASecondInstanceAndStopsCleanly)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "the process connector needs CAP_NET_ADMIN";
+    }
+    Write(config_, "REPORT_SECONDS=1\n");
+    StartAgent();
+    EXPECT_TRUE(Eventually([this] { return Logged("Self resource usage.[cpu="); }));
+    const std::string what = "cmdLine=sh -c sleep 0.3; exit 5 ?[1m?forged]";
+    const std::string parent = " ppid=" + std::to_string(getpid()) + " user=root ";
+    std::string who;
+    // While the monitor still searches for its white list, events are read too late for the details.
+    ASSERT_TRUE(Eventually([&] {
+        const pid_t shell =
+            Fork([] { return execlp("sh", "sh", "-c", "sleep 0.3; exit 5", "\033[1m\nforged", nullptr); });
+        Wait(shell);
+        who = "[pid=" + std::to_string(shell) + parent;
+        return Eventually([&] { return Logged("Process executed." + who + what); }, 2);
+    }));
+    EXPECT_TRUE(Eventually([&] { return Logged("Process exited." + who + "exitCode=5 " + what); }));
+    // A process whose first thread leaves early ends with its last one.
+    const pid_t early = Fork([] {
+        std::thread([] { _exit(usleep(300000) == 0 ? 7 : 1); }).detach();
+        return static_cast<int>(syscall(SYS_exit, 0));  // this thread alone
+    });
+    Wait(early);
+    const std::string end = "Process exited.[pid=" + std::to_string(early) + parent + "exitCode=7 ";
+    EXPECT_TRUE(Eventually([&] { return Logged(end); }));
+
+    EXPECT_TRUE(Contains(Run(run_), "1 sentrel-agent: ERROR: Another program is running. exit."));
+    EXPECT_TRUE(Logged("Agent started."));  // the first one's log has not been rolled away
+    kill(agent_, SIGUSR1);
+    EXPECT_TRUE(Eventually([&] { return Contains(Read(report_), "sig_deal signo.[signo=10,"); }));
+    EXPECT_EQ(Read(pidFile_), std::to_string(agent_));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_TRUE(Logged("Agent stopped.[lostEvents=0]") && !fs::exists(pidFile_));
+}
+
+// A roll starts processes; a record about each would start the next roll, and so on for ever.
+TEST_F(AgentTest, ItsOwnRollsMakeNoRecords)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "the process connector needs CAP_NET_ADMIN";
+    }
+    Write(config_, "LOG_MAX_SIZE=1\n");
+    StartAgent();
+    for (int i = 0; i < 100; ++i) {
+        Wait(Fork([] { return 0; }));
+    }
+    ASSERT_TRUE(Eventually([this] { return fs::exists(log_ + ".1.gz"); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    std::string all = Read(log_);
+    for (const char* copy : {".1.gz", ".2.gz", ".3.gz", ".4.gz", ".5.gz"}) {
+        all += Unzipped(log_ + copy);
+    }
+    EXPECT_TRUE(Contains(all, "Process exited."));
+    EXPECT_FALSE(Contains(all, "gzip " + log_) || Contains(all, " ppid=" + std::to_string(agent_) + " "));
+}
+
+// The shell command of a roll makes the process ignore SIGINT; a stop must not be lost to it.
+TEST_F(AgentTest, StopsWhileItsLogRolls)
+{
+    ReplaceGzip("touch " + (root_ / "rolling") + "\nsleep 1\nexec /bin/gzip \"$@\"\n");
+    agent_ = Start(run_);
+    ASSERT_TRUE(Eventually([this] { return fs::exists(root_ / "rolling"); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_TRUE(fs::exists(log_ + ".1.gz"));
+}
+
+TEST_F(AgentTest, RunsAsADaemonAsAPlainUser)
+{
+    for (const std::string& path : {root_.Path(), root_ / "conf", root_ / "log", config_}) {
+        fs::permissions(path, fs::perms::all);
+    }
+    ASSERT_EQ(Wait(Start(run_ + " --daemon", true)), 0) << Read(out_);
+    EXPECT_TRUE(Eventually([&] { return Logged("Process events are not watched.[missing=CAP_NET_ADMIN]"); }));
+    const pid_t daemon = std::stoi(Read(pidFile_));
+    kill(daemon, SIGINT);
+    EXPECT_TRUE(Eventually([&] { return kill(daemon, 0) != 0 && Logged("Agent stopped."); }));
+    EXPECT_FALSE(fs::exists(pidFile_));
+}
+
+TEST_F(AgentTest, WrongUseIsOneClearLine)
+{
+    const std::string rows[][2] = {
+        {"", "2 sentrel-agent: no install root: give --root DIR or set RUNTIME_CENTER_PATH\n"},
+        {"--root /no/such", "2 sentrel-agent: install root /no/such: No such file or directory\n"},
+        {run_ + " more", "2 sentrel-agent: unexpected argument 'more'; --help lists the options\n"},
+        {run_ + " --config /no", "2 sentrel-agent: /no: cannot be opened: No such file or directory\n"},
+        {run_ + " --check-config", "0 " + config_ + ": correct\n"},
+        {"--nonsense", "2 " + program_ + ": unrecognized option '--nonsense'\n"},
+    };
+    for (const auto& [options, outcome] : rows) {
+        EXPECT_EQ(Run(options), outcome);
+    }
+    EXPECT_TRUE(Contains(Run("--help"), "--check-config") && !fs::exists(log_));
+}
+
+TEST_F(AgentTest, BadConfigurationNamesFileLineAndKey)
+{
+    const std::string rows[][2] = {
+        {"# fine\n\nLOG_FILE log\n", ":3: 'LOG_FILE log' has no '='"},
+        {"LOG_FIEL=x\n", ":1: unknown key 'LOG_FIEL'"},
+        {"LOG_LEVEL=INFO\nLOG_LEVEL=info", ":2: LOG_LEVEL: 'info' is not one of DEBUG, INFO, WARN, ERROR, FATAL"},
+        {"LOG_COPIES=-1", ":1: LOG_COPIES: '-1' is not a number from 0 to 100"},
+        {"LOG_MAX_SIZE=268435457", ":1: LOG_MAX_SIZE: '268435457' is not a number from 0 to 268435456"},
+        {"LOG_LEVEL=INFO\r\n", ":1: LOG_LEVEL: the value holds a control character (a carriage return, say)"},
+        {"LOG_FILE=", ":1: LOG_FILE: '' is not the path of a file"},
+        {"LOG_KIND=StartupLog", ":1: LOG_KIND: 'StartupLog' is not one of NormalLog, DotLog"},
+        {std::string("a\0b=1", 5), ":1: unknown key 'a?b'"},
+        {std::string(10U << 20, 'x'), ": is larger than 1 MiB"},
+    };
+    for (const auto& [config, fault] : rows) {
+        Write(config_, config);
+        EXPECT_EQ(Run(run_ + " --check-config"), "2 sentrel-agent: " + config_ + fault + "\n");
+    }
+    Write(config_, "LOG_FILE=2026\n");  // a path that looks like a number
+    agent_ = Start(run_);
+    EXPECT_TRUE(Eventually([this] { return fs::exists(root_ / "2026"); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// What would leave the agent running without a log ends it with a reason instead.
+TEST_F(AgentTest, MissingSurroundingsAreNamed)
+{
+    const std::string failed = "1 sentrel-agent: ";
+    fs::create_directory(log_);
+    EXPECT_EQ(Run(run_), failed + "log file " + log_ + " is a directory or a special file\n");
+    fs::remove(log_);
+    ReplaceGzip("exit 1\n");  // as on a full disk
+    EXPECT_EQ(Run(run_), failed + "log file " + log_ + " cannot be opened, or the old one cannot be rolled away\n");
+    EXPECT_EQ(Read(log_), "old");
+    path_ = root_.Path();
+    EXPECT_TRUE(Contains(Run(run_), failed + "gzip is missing"));
+    Write(config_, "LOG_COPIES=0\nLOG_FILE=log/a b.log\n");
+    EXPECT_TRUE(Contains(Run(run_), "ERROR: Unable to register log file.[kind=StartupLog name=AgentLog"));
+    fs::remove_all(root_ / "log");
+    EXPECT_EQ(Run(run_), failed + "crash report " + report_ + " cannot be written: No such file or directory\n");
+}

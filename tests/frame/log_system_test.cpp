@@ -1,0 +1,213 @@
+#include <sys/resource.h>
+
+#include "log_system.h"
+#include "tests/support/support.h"
+#include "util/clock.h"
+
+using LogFile = LogSystem::LogFile;
+
+struct LogFileTest : testing::Test {
+    static bool Put(LogFile& file, const std::string& text, int times = 1)
+    {
+        while (--times > 0) {
+            Put(file, text);
+        }
+        return file.FlushLogStream(text.data(), static_cast<unsigned int>(text.size()));
+    }
+    bool PutToNew(const std::string& text, unsigned int copies = 2) const
+    {
+        LogFile file(path_, DEBUG, 0, copies);
+        return Put(file, text);
+    }
+    std::string Copy(int number) const { return path_ + "." + std::to_string(number) + ".gz"; }
+    bool HasCopy(int number) const { return fs::exists(Copy(number)); }
+
+    const TempDir dir_;
+    const std::string path_ = dir_ / "a.log";
+};
+
+static void Log(LogFile& file, const char* content, LogLevel level, const LogSystem::Formatter& formatter = &Echo)
+{
+    static const struct tm kTime = {};
+    file.WriteLog(formatter, {level, 42, "INFO", "src.cpp", content, &kTime});
+}
+
+// Kept: an old file is never appended to. Losing it, or the copies' order, loses evidence.
+TEST_F(LogFileTest, RollsWhatItFindsAndKeepsTheNewestCopies)
+{
+    for (const char* text : {"one", "two", "three", "four"}) {
+        EXPECT_TRUE(PutToNew(text));
+    }
+    EXPECT_EQ(Read(path_) + Unzipped(Copy(1)) + Unzipped(Copy(2)), "fourthreetwo");
+    EXPECT_FALSE(HasCopy(3) || fs::exists(path_ + ".gz"));
+    EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0640));
+    EXPECT_EQ(fs::status(Copy(1)).permissions(), fs::perms(0440));
+    Write(Copy(9), "left by a higher limit");
+    Write(path_ + ".x.gz", "not a copy");
+    EXPECT_TRUE(PutToNew("five", 1));
+    EXPECT_EQ(Unzipped(Copy(1)), "four");
+    EXPECT_TRUE(!HasCopy(2) && !HasCopy(9) && fs::exists(path_ + ".x.gz"));
+}
+
+// Kept: the size is looked at with every 50th write, before it.
+TEST_F(LogFileTest, RollsByTheSizeSeenAtEvery50thWrite)
+{
+    LogFile file(path_, DEBUG, 98, 1);
+    Put(file, "xy", 50);  // at the limit when looked at, not above it
+    Put(file, "xy", 49);
+    EXPECT_FALSE(HasCopy(1));
+    Put(file, "100th");
+    EXPECT_EQ(Unzipped(Copy(1)).size(), 198U);
+    EXPECT_EQ(Read(path_), "100th");
+    Write(dir_ / "c.log", "old");
+    LogFile alone(dir_ / "c.log", DEBUG, 10, 0);
+    Put(alone, "text", 50);
+    EXPECT_EQ(Read(dir_ / "c.log"), "text");  // without copies nothing is compressed
+    EXPECT_FALSE(fs::exists(dir_ / "c.log.gz") || fs::exists(dir_ / "c.log.1.gz"));
+}
+
+// A link planted in the log folder must not lead root's log, or its compression, elsewhere.
+TEST_F(LogFileTest, LinksAndDirectoriesAreRemovedNotFollowed)
+{
+    const std::string target = dir_ / "target";
+    Write(target, "keep");
+    const auto check = [&] {
+        EXPECT_TRUE(PutToNew("a") && Read(path_) == "a" && Read(target) == "keep" && !HasCopy(1));
+        fs::remove(path_);
+    };
+    fs::create_symlink(target, path_);
+    check();
+    fs::create_hard_link(target, path_);
+    check();
+    fs::create_directory(path_);
+    check();
+}
+
+TEST_F(LogFileTest, DeletedFileIsOpenedAgain)
+{
+    LogFile file(path_, DEBUG, 0, 2);
+    Put(file, "gone");
+    fs::remove(path_);
+    EXPECT_TRUE(Put(file, "here"));
+    EXPECT_EQ(Read(path_), "here");
+}
+
+// What was written before gzip failed must still be there.
+TEST_F(LogFileTest, FailingGzipLosesNothing)
+{
+    Write(path_, "old");
+    const std::string saved = getenv("PATH");
+    setenv("PATH", dir_.Path().c_str(), 1);
+    EXPECT_FALSE(PutToNew("new"));
+    EXPECT_EQ(Read(path_), "old");
+    setenv("PATH", saved.c_str(), 1);
+    EXPECT_TRUE(PutToNew("new"));
+    EXPECT_EQ(Unzipped(Copy(1)) + Read(path_), "oldnew");
+}
+
+// A full disk: lines are lost in silence, what was written stays, and writing goes on afterwards.
+TEST_F(LogFileTest, FullDiskLosesOnlyWhatDoesNotFit)
+{
+    const std::string line = std::string(1023, 'x') + "\n";
+    const int status = Wait(Fork([&] {
+        rlimit limit = {4096, RLIM_INFINITY};
+        signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        LogFile file(path_, DEBUG, 0, 2);
+        Put(file, line, 20);
+        limit.rlim_cur = RLIM_INFINITY;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        return Put(file, "after\n") ? 0 : 1;
+    }));
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Read(path_).substr(0, 4096), line + line + line + line);
+    EXPECT_TRUE(Read(path_).ends_with("after\n"));
+}
+
+TEST_F(LogFileTest, LevelBudgetAndFormatterDecideWhatIsWritten)
+{
+    LogFile file(path_, WARN, 0, 2);
+    LogFile other(dir_ / "b.log", DEBUG, 0, 2);
+    LogSystem::SetGlobalRecordLines(3);
+    Log(file, "low", INFO);  // below the level: no line of the budget spent
+    Log(file, "1", WARN);
+    Log(other, "2", INFO);
+    Log(other, "3", INFO, [](const NENormalLog&, char*, unsigned int) { return 0U; });
+    Log(file, "4", FATAL);
+    EXPECT_EQ(Read(path_), "1\n");
+    // The period ends after a day; a step back prolongs it.
+    for (const int offsetMs : {86399000, 86401000, -86401000, -86401000, -86401000}) {
+        Clock::wallOffsetMs = offsetMs;
+        Log(other, std::to_string(offsetMs).c_str(), INFO);
+    }
+    LogSystem::SetGlobalRecordLines(0);
+    Log(other, "too long", INFO, [](const NENormalLog&, char*, unsigned int size) { return size; });
+    const std::string failed = "[ERROR] Log conversion failed.[\nsrc.cpp:42]";
+    EXPECT_EQ(Read(dir_ / "b.log"), "2\n" + failed + "86401000\n-86401000\n-86401000\n" + failed);
+}
+
+static bool Register(const std::string& path, const std::string& name, const std::string& kind = kNormalLog)
+{
+    return LogSystem::Register(std::make_shared<LogFile>(path, INFO, 1000, 0), kind, name, &Echo);
+}
+
+// An unchecked path would become a shell command of root's.
+TEST(LogSystemTest, RefusesWhatItCannotRegister)
+{
+    const Records records;
+    EXPECT_FALSE(LogSystem::Register(nullptr, "k", "n", &Echo));
+    EXPECT_FALSE(Register("/x.log", "n", "") || Register("/x.log", "") || Register("", "n") || Register("-f", "n"));
+    const std::string special = " \n\t\x7f;&$()`|<>*'\"\\~#{}?[]!^";
+    for (const char byte : special) {
+        EXPECT_FALSE(Register(std::string("/a") + byte + "b", "n")) << byte;
+    }
+    EXPECT_EQ(records.Lines().size(), 5 + special.size());
+}
+
+TEST(LogSystemTest, FivePlacesEachPairOnce)
+{
+    const TempDir dir;
+    for (const std::string name : {"n0", "n1", "n2", "n3", "n4"}) {
+        EXPECT_TRUE(Register(dir / name, name));
+        EXPECT_FALSE(Register(dir / name, name));
+    }
+    EXPECT_FALSE(Register(dir / "six", "six"));
+    EXPECT_TRUE(LogSystem::UpdateLogConfig("n3", FATAL, 0, 1));
+    NE_LOG(ERROR, "again");
+    EXPECT_TRUE(Contains(Read(dir / "n4"), "again") && !Contains(Read(dir / "n3"), "again"));
+    LogSystem::CloseAllLogFile();
+    EXPECT_TRUE(Register(dir / "six", "six"));
+}
+
+// A file closed twice, written after its close or left subscribed would be use after free.
+TEST(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
+{
+    const TempDir dir;
+    const auto file = std::make_shared<LogFile>(dir / "a", INFO, 0, 0);
+    for (const std::string content : {"1", "2"}) {
+        ASSERT_TRUE(LogSystem::Register(file, kNormalLog, "a", &Echo));
+        NE_LOG(INFO, "%s", content.c_str());
+        LogSystem::CloseAllLogFile();
+        LogSystem::CloseAllLogFile();
+        NE_LOG(INFO, "late");
+        EXPECT_FALSE(file->FlushLogStream("late\n", 5));
+        EXPECT_EQ(Read(dir / "a"), content + "\n");
+    }
+}
+
+TEST(LogSystemTest, RegistersAndClosesWhileOthersLog)
+{
+    const TempDir dir;
+    const std::jthread logger([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            NE_LOG(INFO, "busy");
+        }
+    });
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_TRUE(Register(dir / "a", "a"));
+        NE_LOG(INFO, "busy");
+        LogSystem::UpdateLogConfig("a", INFO, 2000, 0);
+        LogSystem::CloseAllLogFile();
+    }
+    EXPECT_TRUE(Contains(Read(dir / "a"), "busy\n"));
+}

@@ -1,0 +1,48 @@
+#include "process/proc_event_decoder.h"
+
+#include <gtest/gtest.h>
+
+using namespace NEUtils;
+
+static proc_event g_event;
+
+// Decodes the first bytes of a fork event as the kernel sends it (76 bytes), with one word changed.
+static bool Decodes(std::size_t length, std::size_t at, std::uint32_t value)
+{
+    // 0 length, 1 kind, 4 and 5 connector id, 8 payload length, 9 event kind, 13 on: parent, child with thread groups
+    std::uint32_t words[] = {76, 3, 0, 0, 1, 1, 0, 0, 40, 1, 0, 0, 0, 11, 12, 13, 14, 99, 0};
+    words[at] = value;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(words);
+    const std::vector<unsigned char> exact(bytes, bytes + length);  // so that a sanitizer sees a read beyond it
+    return DecodeProcEvent(exact.data(), length, g_event);
+}
+
+TEST(ProcEventDecoderTest, TakesWholeDatagramsOfTheConnectorOnly)
+{
+    const std::tuple<const char*, std::size_t, std::uint32_t, bool> rows[] = {
+        {"as it is", 1, 3, true},
+        {"netlink length beyond the datagram", 0, 77, false},
+        {"netlink length of the headers", 0, 36, false},
+        {"netlink length 0", 0, 0, false},
+        {"huge netlink length", 0, 0xFFFFFFFFU, false},
+        {"netlink length cutting the payload", 0, 75, false},
+        {"another connector index", 4, 2, false},
+        {"another connector value", 5, 2, false},
+        {"payload beyond the message", 8, 41, false},
+        {"payload 65535", 8, 65535, false},
+        {"payload without the ids", 8, 31, false},
+        {"unknown kind", 9, 0x10000, true},
+        {"payload of an older kernel", 8, 32, true},
+    };
+    for (const auto& [name, at, value, decodes] : rows) {
+        EXPECT_EQ(Decodes(76, at, value), decodes) << name;
+    }
+    EXPECT_EQ(g_event.event_data.fork.parent_tgid, 12);
+    EXPECT_EQ(g_event.event_data.fork.child_pid, 13);
+    EXPECT_EQ(g_event.event_data.fork.child_tgid, 14);
+    EXPECT_EQ(g_event.event_data.exit.parent_pid, 0);  // not what lies behind the payload
+    for (std::size_t length = 0; length < 76; ++length) {
+        EXPECT_FALSE(Decodes(length, 1, 3)) << length;
+    }
+    EXPECT_FALSE(DecodeProcEvent(nullptr, 76, g_event));
+}

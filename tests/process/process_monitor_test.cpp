@@ -1,0 +1,192 @@
+#include "process_monitor.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include "tests/support/support.h"
+
+static std::atomic<unsigned int> g_kinds[1U << 22];  // kinds seen by process id; the kernel has no higher ones
+static std::atomic<ProcessMonitor*> g_monitor{nullptr};
+static std::atomic<bool> g_done{false};
+
+static void Collect(proc_event* event)
+{
+    const bool fork = event->what == kForkEvent;
+    g_kinds[fork ? event->event_data.fork.child_pid : event->event_data.exec.process_pid] |= event->what;
+}
+
+static pid_t RunTrue()
+{
+    const pid_t pid = Fork([] { return execlp("true", "true", nullptr); });
+    Wait(pid);
+    return pid;
+}
+
+static int Flood()
+{
+    for (int i = 0; i < 600000; ++i) {
+        prctl(PR_SET_NAME, (i & 1) == 0 ? "even" : "odd");
+    }
+    return 0;
+}
+
+struct ProcessMonitorTest : testing::Test {
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "the process connector needs CAP_NET_ADMIN";
+        }
+        monitor_.AddProcessEventCallback(&Collect);
+    }
+
+    static bool Seen(int pid, unsigned int kinds, int seconds = 20)
+    {
+        return Eventually([=] { return (g_kinds[pid] & kinds) != 0; }, seconds);
+    }
+
+    // Listens once the white list is read: then events of new processes arrive.
+    bool Start()
+    {
+        monitor_.StartProcessMonitor();
+        return Eventually([] { return Seen(RunTrue(), kExitEvent, 1); });
+    }
+
+    // A shell by a name on the white list, which starts a program and ends once it can read its file "in".
+    bool StartListed()
+    {
+        const std::string script = "read x <" + (dir_ / "in") + "; sleep 0.01 & echo $! >" + (dir_ / "out") + "; wait";
+        mkfifo((dir_ / "in").c_str(), 0600);
+        listed_ = Fork([&] { return execl("/bin/sh", "/usr/sbin/setroubleshootd", "-c", script.c_str(), nullptr); });
+        return Eventually([this] {
+            monitor_.ParseProcessWhiteList();
+            return Filters(kExecEvent, listed_);
+        });
+    }
+
+    bool Filters(std::uint32_t kind, int pid, int child = 0)
+    {
+        proc_event event = {};
+        event.what = static_cast<decltype(event.what)>(kind);
+        event.event_data.fork = {pid, pid, child, child + 1};  // the other kinds begin with their process too
+        return monitor_.FilterProcessEvent(event);
+    }
+
+    const TempDir dir_;
+    const Records records_;
+    ProcessMonitor monitor_;
+    pid_t listed_ = 0;
+};
+
+TEST_F(ProcessMonitorTest, RealEventsArriveAndOtherKindsDoNot)
+{
+    monitor_.SetEventKinds(kExecEvent | kExitEvent);
+    monitor_.AddProcessEventCallback([](proc_event*) {
+        const std::string status = Read("/proc/thread-self/status");  // SIGINT, SIGQUIT and SIGTSTP
+        g_done = Contains(status, "Name:\tmonitor-process\n") && Contains(status, "SigBlk:\t0000000000080006\n");
+    });
+    ASSERT_TRUE(Start());
+    const pid_t pid = RunTrue();
+    EXPECT_TRUE(Seen(pid, kExitEvent) && Eventually([] { return g_done.load(); }));
+    monitor_.StartProcessMonitor();
+    monitor_.StopProcessMonitor();
+    monitor_.StopProcessMonitor();
+    EXPECT_TRUE(records_.Has("WARN The process monitor is running.") &&
+                records_.Has("WARN The process monitor has stopped."));
+    EXPECT_EQ(g_kinds[pid], kExecEvent | kExitEvent);  // not its fork
+    EXPECT_EQ(g_kinds[0], 0U);
+    EXPECT_TRUE(Start());  // and again
+}
+
+TEST_F(ProcessMonitorTest, WhiteListedProcessesAndTheirChildrenStayUnreported)
+{
+    ASSERT_TRUE(StartListed() && Start());
+    Write(dir_ / "in", "x\n");
+    Wait(listed_);
+    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
+    EXPECT_EQ(g_kinds[listed_], 0U);
+    EXPECT_EQ(g_kinds[std::stoi(Read(dir_ / "out"))], 0U);
+}
+
+// An id that stays listed for too long hides the next process that gets it.
+TEST_F(ProcessMonitorTest, FilterFollowsForksAndExitsAndARefresh)
+{
+    constexpr int kChild = 40000001;
+    ASSERT_TRUE(StartListed());
+    EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
+    EXPECT_TRUE(Filters(kCommEvent, kChild + 1));
+    EXPECT_FALSE(Filters(kExecEvent, 0));
+    kill(listed_, SIGKILL);
+    Wait(listed_);
+    monitor_.UpdateProcessWhiteList();
+    EXPECT_FALSE(Filters(kExecEvent, listed_));  // no longer found
+    EXPECT_TRUE(Filters(kExitEvent, kChild));    // followed until its exit
+    EXPECT_FALSE(Filters(kExitEvent, kChild));
+    EXPECT_TRUE(Filters(kExecEvent, kChild + 1));
+    monitor_.ParseProcessWhiteList();  // made anew, as after a loss or a restart
+    EXPECT_FALSE(Filters(kExecEvent, kChild + 1));
+}
+
+// Kept: after a failed setup the monitor counts as running until it is stopped.
+TEST_F(ProcessMonitorTest, PlainUserIsToldWhatFailed)
+{
+    const int status = Wait(Fork([this] {
+        BecomePlainUser();
+        monitor_.StartProcessMonitor();
+        const bool ended = Eventually([this] { return records_.Has("INFO The process event detection has stopped."); });
+        monitor_.StopProcessMonitor();
+        const std::string fault = "ERROR Fail to set socket receive buff.[errno=1 errmsg=Operation not permitted]";
+        return ended && records_.Has(fault) && records_.Has("INFO The process monitor stopped successfully.") ? 0 : 1;
+    }));
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(ProcessMonitorTest, StopFromACallbackNeitherHangsNorPreventsARestart)
+{
+    g_monitor = &monitor_;
+    monitor_.AddProcessEventCallback([](proc_event*) {
+        if (ProcessMonitor* monitor = g_monitor.exchange(nullptr)) {
+            monitor->StopProcessMonitor();
+            monitor->StartProcessMonitor();
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            g_done = true;
+        }
+    });
+    monitor_.StartProcessMonitor();
+    const std::string failed = "ERROR Fail to wait the process monitor thread to terminate.";
+    ASSERT_TRUE(Eventually([&] { return RunTrue() > 0 && records_.Count(failed) == 2; }));  // both from within
+    monitor_.StopProcessMonitor();  // not running any more, but waits for the thread all the same
+    EXPECT_TRUE(g_done);
+    EXPECT_TRUE(Start());
+}
+
+// A process that renames itself in a loop once filled the socket's buffer and blinded the monitor.
+TEST_F(ProcessMonitorTest, FloodOfUnwantedKindsIsDroppedInTheKernelAndLossesAreCounted)
+{
+    monitor_.SetEventKinds(kExecEvent | kExitEvent);
+    ASSERT_TRUE(Start());
+    Wait(Fork(&Flood));
+    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
+    EXPECT_EQ(monitor_.GetLostEventCount(), 0U);
+    monitor_.StopProcessMonitor();
+    monitor_.SetEventKinds(ProcessMonitor::kAllEventKinds);
+    ASSERT_TRUE(Start());
+    Wait(Fork(&Flood));
+    const std::string overflow =
+        "WARN Do not receive message from kernel.[errno=105, errmsg=No buffer space available]";
+    EXPECT_TRUE(Eventually([&] { return monitor_.GetLostEventCount() > 1000 && records_.Has(overflow); }, 60));
+}
+
+TEST(NetlinkConnectorTest, ControlMessageIsExact)
+{
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
+    std::vector<std::uint32_t> block(68, 0xEEEEEEEEU);
+    block[9] = PROC_CN_MCAST_IGNORE;
+    const Records records;
+    // A pair of sockets takes no netlink address: the message is complete, the send fails and is told.
+    EXPECT_FALSE(
+        ProcessMonitor().SetNetlinkConnectorMode(pair[0], *static_cast<nlmsghdr*>(static_cast<void*>(block.data()))));
+    EXPECT_EQ(records.Lines().size(), 1U);
+    const std::uint32_t expected[] = {40, 3, 0, static_cast<std::uint32_t>(getpid()), 1, 1, 0, 0, 4, 2, 0xEEEEEEEEU};
+    EXPECT_TRUE(std::equal(std::begin(expected), std::end(expected), block.begin()));
+}

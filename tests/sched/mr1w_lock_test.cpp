@@ -1,0 +1,89 @@
+#include "mr1w_lock.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "util/clock.h"
+
+using NEUtils::MR1WLock;
+
+namespace {
+
+long ElapsedMs(const std::function<void()>& body)
+{
+    const auto start = NEUtils::Clock::MonotonicNs();
+    body();
+    return static_cast<long>((NEUtils::Clock::MonotonicNs() - start) / NEUtils::Clock::kNsPerMs);
+}
+
+}  // namespace
+
+// Kept: the last wait is never followed by a look, so a budget of 250 ms waits twice at most.
+TEST(MR1WLockTest, WriterLooksEvery100MsAndGivesUp)
+{
+    MR1WLock lock;
+    lock.LockForRead();
+    for (const unsigned int budget : {0U, 100U}) {
+        EXPECT_LT(ElapsedMs([&] { EXPECT_FALSE(lock.LockForWrite(budget)); }), 90);
+    }
+    EXPECT_GE(ElapsedMs([&] { EXPECT_FALSE(lock.LockForWrite(250)); }), 200);
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        lock.UnlockForRead();
+        lock.UnlockForRead();  // one too many has no effect
+    });
+    EXPECT_GE(ElapsedMs([&] { EXPECT_FALSE(lock.LockForWrite(150)); }), 100);  // the reader has left meanwhile
+    reader.join();
+    EXPECT_TRUE(lock.LockForWrite(0));
+    lock.UnlockForWrite();
+}
+
+// A steady stream of readers must not keep the writer out, nor a failed writer the readers.
+TEST(MR1WLockTest, WaitingWriterHoldsNewReadersBack)
+{
+    MR1WLock lock;
+    lock.LockForRead();
+    std::atomic<bool> entered{false};
+    std::thread writer([&] { EXPECT_FALSE(lock.LockForWrite(400)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::thread reader([&] {
+        lock.LockForRead();
+        entered = true;
+        lock.UnlockForRead();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(entered);
+    writer.join();
+    reader.join();
+    EXPECT_TRUE(entered);
+}
+
+TEST(MR1WLockTest, GuardsATable)
+{
+    MR1WLock lock;
+    int first = 0;
+    int second = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 2000; ++n) {
+                lock.LockForRead();
+                EXPECT_EQ(first, second);
+                lock.UnlockForRead();
+            }
+        });
+    }
+    for (int n = 0; n < 5; ++n) {
+        if (lock.LockForWrite(5000)) {
+            ++first;
+            ++second;
+            lock.UnlockForWrite();
+        }
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(first, 0);
+}

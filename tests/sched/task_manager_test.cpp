@@ -1,0 +1,276 @@
+#include "task_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "hips_guard.h"
+#include "tests/support/support.h"
+#include "thread_pool.h"
+#include "util/clock.h"
+
+using namespace NEUtils;
+
+namespace {
+
+std::atomic<int> g_runs{0};
+std::atomic<bool> g_hold{false};
+
+void* Count(void*)
+{
+    ++g_runs;
+    while (g_hold) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return nullptr;
+}
+
+TASK_CONDITION After(std::int64_t delayMs, std::int64_t intervalMs = 0)
+{
+    TASK_CONDITION condition = {};
+    condition.firstDelayMs = delayMs;
+    condition.intervalMs = intervalMs;
+    condition.firstLaunchTime = condition.nextLaunchTime = Clock::WallMs() + delayMs;
+    return condition;
+}
+
+// Ticks are called by hand; the schedule thread's own come a second apart and must not take a run away.
+class TaskManagerTest : public testing::Test {
+protected:
+    TaskManagerTest()
+    {
+        g_runs = 0;
+        g_hold = false;
+        InitHipsGuard(0, 0, 0);
+        EXPECT_TRUE(pool_.Start(1, 4));
+        EXPECT_TRUE(manager_.Start(&pool_));
+        manager_.StopAllThreads();
+    }
+    ~TaskManagerTest() override
+    {
+        g_hold = false;
+        Clock::wallOffsetMs = 0;
+        manager_.Stop();
+        pool_.Stop();
+        UninitHipsGuard();
+    }
+    int RunsAfterTick()
+    {
+        const int before = g_runs;
+        manager_.DoSchedule();
+        manager_.LinerProc();
+        return g_runs - before;
+    }
+    std::uint32_t Register(TASKTYPE type, const TASK_CONDITION& condition)
+    {
+        return manager_.RegisterTask(type, condition, &Count, nullptr, "memo");
+    }
+    void Step(std::int64_t ms) { Clock::wallOffsetMs += ms; }
+
+    Records records_;
+    ThreadPool pool_;
+    TaskManager manager_;
+};
+
+}  // namespace
+
+// Kept: the first id is 2; one-shot tasks log one level lower.
+TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLater)
+{
+    const std::uint32_t id = Register(TASK_ONE_SHOT, After(-1));
+    EXPECT_EQ(id, 2U);
+    EXPECT_TRUE(records_.Has("DEBUG Register task succecss.[taskId=2 type=0 memo=memo]"));
+    EXPECT_EQ(RunsAfterTick(), 1);
+    EXPECT_NE(manager_.GetTask(id), nullptr);
+    EXPECT_EQ(RunsAfterTick(), 0);
+    EXPECT_EQ(manager_.GetTask(id), nullptr);
+    EXPECT_EQ(manager_.CleanTask(), 0U);
+    EXPECT_TRUE(records_.Has("DEBUG Unregister task succecss.[taskId=2, type=0, memo=memo]"));
+    const auto broken = [](void*) -> void* { throw std::runtime_error("broken"); };
+    const std::uint32_t thrown = manager_.RegisterTask(TASK_ONE_SHOT, After(-1), broken, nullptr, "throws");
+    EXPECT_THROW(RunsAfterTick(), std::runtime_error);
+    RunsAfterTick();
+    EXPECT_EQ(manager_.GetTask(thrown), nullptr);  // done all the same
+    EXPECT_EQ(TaskManager().RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, ""), 0U);
+    EXPECT_TRUE(records_.Has("ERROR Task manager is not running."));
+}
+
+// A stepped clock must neither hold a task for the whole step nor make up for missed runs.
+TEST_F(TaskManagerTest, ClockStepsForwardAndBack)
+{
+    Register(TASK_FIXED_INTERVAL, After(5000, 10000));
+    EXPECT_EQ(RunsAfterTick(), 0);
+    Step(-3600000);  // before the first launch: armed again by the delay
+    EXPECT_EQ(RunsAfterTick(), 0);
+    Step(5100);
+    EXPECT_EQ(RunsAfterTick(), 1);
+    Step(3600000);
+    EXPECT_EQ(RunsAfterTick(), 1);
+    EXPECT_EQ(RunsAfterTick(), 0);
+    Step(-7200000);
+    EXPECT_EQ(RunsAfterTick(), 0);
+    Step(10100);
+    EXPECT_EQ(RunsAfterTick(), 1);
+    Register(TASK_ONE_SHOT, After(2000));
+    Step(-3600000);
+    RunsAfterTick();
+    const int before = g_runs;
+    Step(2100);
+    RunsAfterTick();
+    RunsAfterTick();
+    EXPECT_EQ(g_runs, before + 1);
+}
+
+TEST_F(TaskManagerTest, FixedTimesMatchTheirSecondOnly)
+{
+    const timeval now = Clock::WallTime();
+    struct tm local = {};
+    localtime_r(&now.tv_sec, &local);
+    for (const TASKTYPE type : {TASK_FIXED_EVERYDAY, TASK_FIXED_WEEKDAY, TASK_FIXED_MONTHDAY}) {
+        TASK_CONDITION condition = {};
+        condition.launchTime = local;
+        const auto matches = [&](int days, int seconds) {
+            Task task(1, type, condition, &Count, nullptr, "", nullptr);
+            timeval at = {now.tv_sec + 86400 * days + seconds, 500000};
+            return task.IsLaunchConditionMatched(at);
+        };
+        EXPECT_TRUE(matches(0, 0));
+        EXPECT_FALSE(matches(0, 1) || matches(0, -1));
+        EXPECT_EQ(matches(1, 0), type == TASK_FIXED_EVERYDAY);
+        EXPECT_EQ(matches(7, 0), type != TASK_FIXED_MONTHDAY);
+        condition.launchUsec = 1500001;
+        EXPECT_FALSE(matches(0, 0));
+    }
+    Task odd(1, static_cast<TASKTYPE>(9), {}, &Count, nullptr, "", nullptr);
+    timeval at = now;
+    EXPECT_FALSE(odd.IsLaunchConditionMatched(at));
+    EXPECT_TRUE(records_.Has("ERROR Invalid task type.[type=9]"));
+}
+
+// Kept: one inline run a tick, at most 100 waiting launches, the next one dropped; a pause is final.
+TEST_F(TaskManagerTest, InlineLaunchesWaitTheirTurn)
+{
+    std::vector<std::uint32_t> ids;
+    for (int i = 0; i < 101; ++i) {
+        ids.push_back(Register(TASK_ON_DEMAND, {}));
+        EXPECT_TRUE(manager_.MakeTaskLaunch(ids.back()));
+    }
+    EXPECT_FALSE(manager_.MakeTaskLaunch(4000000000U));
+    EXPECT_EQ(RunsAfterTick(), 1);
+    manager_.PauseAndWaitForEnd(ids[1]);
+    EXPECT_TRUE(manager_.MakeTaskLaunch(ids[1]));
+    manager_.UnregisterTask(ids[2]);
+    EXPECT_EQ(manager_.CleanTask(), 0U);  // waiting in the queue, so its memory must stay
+    for (int i = 0; i < 120; ++i) {
+        RunsAfterTick();
+    }
+    EXPECT_EQ(g_runs, 98);
+}
+
+TEST_F(TaskManagerTest, RunsThatMayNotOverlapAreSkippedAndUnregisteringWaitsForTheRun)
+{
+    TASK_CONDITION condition = {};
+    condition.createThread = true;
+    const std::uint32_t id = Register(TASK_ON_DEMAND, condition);
+    g_hold = true;
+    manager_.MakeTaskLaunch(id);
+    manager_.DoSchedule();
+    ASSERT_TRUE(Eventually([] { return g_runs == 1; }));
+    manager_.MakeTaskLaunch(id);
+    manager_.DoSchedule();
+    condition.allowOverlap = true;  // the first run gives back what it took, not what the new timetable says
+    manager_.GetTask(id)->SetTaskCondition(TASK_ON_DEMAND, condition);
+    std::thread waiter([&] { manager_.PauseAndWaitForEnd(id); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    manager_.UnregisterTask(id);
+    EXPECT_EQ(manager_.GetTask(id), nullptr);
+    EXPECT_EQ(manager_.CleanTask(), 1U);
+    g_hold = false;
+    waiter.join();
+    EXPECT_TRUE(Eventually([this] { return manager_.CleanTask() == 0; }));
+    EXPECT_EQ(g_runs, 1);
+}
+
+TEST_F(TaskManagerTest, RegistersLaunchesAndUnregistersFromManyThreadsUntilStopped)
+{
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&, i] {
+            while (!stop) {
+                TASK_CONDITION condition = After(-1);
+                condition.createThread = i == 0;
+                const std::uint32_t id = Register(i == 1 ? TASK_ONE_SHOT : TASK_ON_DEMAND, condition);
+                manager_.MakeTaskLaunch(id);
+                std::this_thread::yield();
+                manager_.UnregisterTask(id);
+            }
+        });
+    }
+    for (int tick = 0; tick < 200; ++tick) {
+        manager_.ScheduleProc();
+    }
+    manager_.Stop();
+    stop = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (std::uint32_t id = 1; id < 100000; ++id) {
+        ASSERT_EQ(manager_.GetTask(id), nullptr);  // none registered beside the stop is left behind
+    }
+    EXPECT_TRUE(records_.Has("INFO Stop all task manager thread."));
+    EXPECT_EQ(manager_.ScheduleProc(), -1);
+    EXPECT_TRUE(records_.Has("INFO Schedule thread exit."));
+}
+
+TEST_F(TaskManagerTest, StopMayComeFromAnInlineJob)
+{
+    EXPECT_TRUE(manager_.Start(&pool_));
+    manager_.RegisterTask(
+        TASK_ONE_SHOT, After(-1),
+        [](void* manager) -> void* {
+            static_cast<TaskManager*>(manager)->Stop();
+            ++g_runs;
+            return nullptr;
+        },
+        &manager_, "stops");
+    EXPECT_TRUE(Eventually([] { return g_runs == 1; }));
+    UninitHipsGuard();  // waits for the tick that it came from
+}
+
+// Kept: registrations go on after a failed start, though nothing is ever scheduled.
+TEST(TaskManagerStartTest, FailedStartLeavesItRunning)
+{
+    const Records records;
+    TaskManager manager;
+    EXPECT_FALSE(manager.Start(nullptr));  // no guard
+    EXPECT_TRUE(records.Has("ERROR Create thread failed.[name=TaskManager]"));
+    const std::uint32_t id = manager.RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, "memo");
+    EXPECT_NE(id, 0U);
+    // A launch that the pool refuses is told, and gives back the run lock that it took.
+    ThreadPool stopped;
+    TASK_CONDITION condition = {};
+    condition.createThread = true;
+    const auto task = std::make_shared<Task>(1, TASK_ON_DEMAND, condition, &Count, nullptr, "lost", &stopped);
+    task->RunTask();
+    task->RunTask();
+    EXPECT_EQ(records.Count("ERROR Task launch is lost.[taskId=1 memo=lost]"), 2);
+}
+
+// Kept: the clean list is swept at every fifth tick. Without a schedule thread no tick but these is counted.
+TEST(TaskManagerStartTest, SweepsAtTheFifthTick)
+{
+    const Records records;
+    TaskManager manager;
+    EXPECT_FALSE(manager.Start(nullptr));
+    manager.UnregisterTask(manager.RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, "memo"));
+    const std::string swept = "INFO Unregister task succecss.[taskId=2, type=5, memo=memo]";
+    for (int tick = 0; tick < 4; ++tick) {
+        EXPECT_EQ(manager.ScheduleProc(), 0);
+    }
+    EXPECT_FALSE(records.Has(swept));
+    manager.ScheduleProc();
+    EXPECT_TRUE(records.Has(swept));
+}

@@ -1,0 +1,143 @@
+#include "thread_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "hips_guard.h"
+#include "tests/support/support.h"
+#include "util/clock.h"
+
+using NEUtils::ThreadPool;
+
+namespace {
+
+std::atomic<int> g_started{0};
+std::atomic<bool> g_hold{false};
+
+void* Job(void* name)
+{
+    if (name != nullptr) {
+        *static_cast<std::string*>(name) = ThreadPool::GetCurrentThreadName();
+    }
+    ++g_started;
+    while (g_hold) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return nullptr;
+}
+
+class ThreadPoolTest : public testing::Test {
+protected:
+    ThreadPoolTest()
+    {
+        g_started = 0;
+        InitHipsGuard(0, 0, 0);
+    }
+    ~ThreadPoolTest() override
+    {
+        g_hold = false;
+        pool_.Stop();
+        UninitHipsGuard();
+    }
+    std::ptrdiff_t Workers(const std::string& number) const
+    {
+        return records_.Count("DEBUG Create extend thread called.[name=T-Thread" + number + "]");
+    }
+    Records records_;
+    ThreadPool pool_;
+};
+
+}  // namespace
+
+TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
+{
+    EXPECT_FALSE(pool_.AddThread(&Job, nullptr, "early"));
+    ASSERT_TRUE(pool_.Start(0, 3));
+    EXPECT_EQ(Workers("0"), 1);
+    g_hold = true;
+    std::string name;
+    EXPECT_TRUE(pool_.AddThread(&Job, &name, "a-long-job-name"));
+    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(pool_.AddThread(&Job, nullptr, nullptr));
+    }
+    EXPECT_EQ(Workers("1"), 1);
+    EXPECT_EQ(Workers("2"), 1);
+    EXPECT_EQ(Workers("3"), 0);
+    ASSERT_TRUE(Eventually([] { return g_started == 3; }));
+    g_hold = false;
+    EXPECT_TRUE(Eventually([] { return g_started == 6; }));
+    EXPECT_EQ(name, "T-a-long-job-na");
+}
+
+// Kept: a full queue refuses the new job and keeps the old ones.
+TEST_F(ThreadPoolTest, QueueTakes5000WaitingJobs)
+{
+    ASSERT_TRUE(pool_.Start(1, 1));
+    g_hold = true;
+    pool_.AddThread(&Job, nullptr, "busy");
+    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    const auto owner = std::make_shared<int>(0);
+    for (int i = 0; i < 5000; ++i) {
+        ASSERT_TRUE(pool_.AddThread(&Job, nullptr, "waits", owner));
+    }
+    EXPECT_FALSE(pool_.AddThread(&Job, nullptr, "refused", owner));
+    EXPECT_TRUE(records_.Has("ERROR Push thread task to queue failed."));
+    EXPECT_EQ(owner.use_count(), 5001);
+}
+
+// Jobs must neither run nor be lost to a leak after a stop, and a stop must not wait for the idle.
+TEST_F(ThreadPoolTest, StopIsPromptAndLeavesQueuedJobsUnrun)
+{
+    auto pool = std::make_unique<ThreadPool>();
+    ASSERT_TRUE(pool->Start(4, 2));
+    const auto owner = std::make_shared<int>(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));  // into the wait for work
+    const auto start = NEUtils::Clock::MonotonicNs();
+    std::thread adder([&] {
+        for (int i = 0; i < 200; ++i) {
+            pool->AddThread(&Job, nullptr, "job", owner);
+        }
+    });
+    pool->Stop();
+    EXPECT_LT(NEUtils::Clock::MonotonicNs() - start, 2 * NEUtils::Clock::kNsPerSecond);
+    adder.join();
+    EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=4]"));
+    const int ran = g_started;
+    EXPECT_TRUE(pool->AddThread(&Job, nullptr, "after", owner));
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    EXPECT_EQ(g_started, ran);
+    pool.reset();
+    EXPECT_EQ(owner.use_count(), 1);
+    ASSERT_TRUE(pool_.Start(2, 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    EXPECT_TRUE(UninitHipsGuard());  // before the pool: its idle workers must not wait for their minute
+    EXPECT_LT(NEUtils::Clock::MonotonicNs() - start, 10 * NEUtils::Clock::kNsPerSecond);
+}
+
+TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
+{
+    ASSERT_TRUE(pool_.Start(1, 2));
+    pool_.AddThread([](void*) -> void* { throw std::runtime_error("broken"); }, nullptr, "throws");
+    pool_.AddThread(&Job, nullptr, "next");
+    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    EXPECT_TRUE(Eventually([this] { return Workers("1") == 1; }));
+    NEUtils::Clock::sleepDivisor = 100;  // the idle wait is a minute
+    const auto released = [this] {
+        pool_.CleanThread();
+        for (const std::string& line : records_.Lines()) {
+            if (line.find("INFO Delete instance.[instanceName=T-Thread") == 0) {
+                return true;
+            }
+        }
+        return false;
+    };
+    EXPECT_TRUE(Eventually(released));
+    NEUtils::Clock::sleepDivisor = 1;
+    EXPECT_TRUE(pool_.AddThread(&Job, nullptr, "still served"));
+    EXPECT_TRUE(Eventually([] { return g_started == 2; }));
+}

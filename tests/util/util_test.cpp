@@ -1,0 +1,78 @@
+#include "tests/support/support.h"
+#include "util/bounded.h"
+#include "util/file.h"
+#include "util/text.h"
+
+// A cut text that is lost or unterminated would truncate log lines to nothing or overrun the buffer.
+TEST(BoundedTest, CutTextStaysTerminatedAndFailsOnlyWhenItDoesNotFit)
+{
+    char buffer[5];
+    EXPECT_EQ(snprintf_s(buffer, 5, "%s", "abcd"), 4);
+    EXPECT_EQ(snprintf_s(buffer, 5, "%s", "abcde"), -1);
+    EXPECT_STREQ(buffer, "abcd");
+    EXPECT_EQ(snprintf_s(buffer, 0, "x"), -1);
+    EXPECT_EQ(snprintf_s(buffer, 5, "a%ls", L"\x20ac"), -1);  // without a form in the C locale
+    EXPECT_STREQ(buffer, "");
+}
+
+// A refused copy must not leave old bytes that pass for a result.
+TEST(BoundedTest, RefusedCopyZeroesItsDestination)
+{
+    std::string dest = "old!";
+    EXPECT_EQ(memcpy_s(dest.data(), 4, "12345", 5), ERANGE);
+    EXPECT_EQ(dest, std::string(4, '\0'));
+    EXPECT_EQ(memcpy_s(dest.data(), 4, "1234", 4), 0);
+    EXPECT_EQ(memset_s(dest.data(), 2, 'x', 3), ERANGE);
+    EXPECT_EQ(dest, "xx34");
+    EXPECT_EQ(memcpy_s(dest.data(), 4, nullptr, 1), EINVAL);
+    EXPECT_EQ(dest, std::string(4, '\0'));
+}
+
+// Size limits: one byte off here is an overrun or a refused legal file.
+TEST(FileTest, ReadsWholeFilesUpToTheLimit)
+{
+    const TempDir dir;
+    ByteBuffer content;
+    EXPECT_FALSE(FileOperation::ReadAll(dir.Path(), content));
+    const std::string most(0xA00000, 'x');
+    Write(dir / "most", most);
+    EXPECT_TRUE(FileOperation::ReadAll(dir / "most", content));
+    EXPECT_EQ(content.ToString(), most);
+    EXPECT_FALSE(FileOperation::ReadAllNosize(dir / "most", content));  // this one stays below the limit
+}
+
+// Pipes and files of /proc claim to be empty; reading by size would find nothing in them.
+TEST(FileTest, ReadsWithoutASize)
+{
+    ByteBuffer content;
+    std::FILE* pipe = File::RunCmdWithPopen("head -c 100000 /dev/zero | tr '\\0' x; sleep 0.05; echo end");
+    EXPECT_TRUE(FileOperation::ReadAllNosize(fileno(pipe), content));
+    EXPECT_EQ(pclose(pipe), 0);
+    EXPECT_EQ(content.ToString(), std::string(100000, 'x') + "end\n");
+}
+
+// A pid file that kept the tail of a longer one would name another process.
+TEST(FileTest, WritesFromTheStartAndTruncatesOnRequest)
+{
+    const TempDir dir;
+    EXPECT_TRUE(FileOperation::WriteByDirect(dir / "f", "123456", 6, true));
+    EXPECT_TRUE(FileOperation::WriteByDirect(dir / "f", "ab", 2, false));
+    EXPECT_EQ(Read(dir / "f"), "ab3456");
+    EXPECT_TRUE(FileOperation::WriteByDirect(dir / "f", "ab", 2, true));
+    EXPECT_EQ(Read(dir / "f"), "ab");
+    EXPECT_FALSE(FileOperation::WriteByDirect("/dev/full", "ab", 2, true));
+}
+
+// A number read from half a text would turn a typing error into a setting.
+TEST(TextTest, OnlyAWholeTextIsANumberAndSplitKeepsEmptyPieces)
+{
+    int value = 7;
+    for (const char* bad : {"", " 1", "1 ", "1\r", "+1", "1x", "0x10", "2147483648", "-2147483649", "-"}) {
+        EXPECT_FALSE(Convert::StringToInt(bad, value) || value != 7) << bad;
+    }
+    EXPECT_TRUE(Convert::StringToInt("-2147483648", value) && value == INT32_MIN);
+    EXPECT_TRUE(Convert::StringToInt("0042", value) && value == 42);
+    EXPECT_EQ(StringProcess::StrSplit("a::b:::", "::"), (Strings{"a", "b", ":"}));
+    EXPECT_EQ(StringProcess::StrSplit("\n\na", "\n"), (Strings{"", "", "a"}));
+    EXPECT_EQ(StringProcess::StrSplit("ab", ""), (Strings{"ab"}));
+}
