@@ -1,0 +1,225 @@
+#include "tlv.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "util/bounded.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 4;
+constexpr std::size_t kFirstItems = 16;
+
+std::uint16_t Ordered(std::uint16_t value, bool swap)
+{
+    return swap ? __builtin_bswap16(value) : value;
+}
+
+struct Header {
+    std::uint16_t tag;
+    std::uint16_t length;
+};
+
+Header ReadHeader(const unsigned char* at, bool swap)
+{
+    Header header;
+    std::memcpy(&header, at, kHeaderSize);
+    return {Ordered(header.tag, swap), Ordered(header.length, swap)};
+}
+
+}  // namespace
+
+TLVValue::TLVValue(TLVValue&& other) noexcept
+{
+    if (other.data_ != nullptr && other.length_ != 0) {
+        *this = std::move(other);
+    }
+}
+
+TLVValue& TLVValue::operator=(TLVValue&& other) noexcept
+{
+    if (this != &other) {
+        data_ = std::move(other.data_);
+        tag_ = other.tag_;
+        length_ = other.length_;
+    }
+    return *this;
+}
+
+bool TLVValue::Allocate(std::size_t size)
+{
+    data_.reset(new (std::nothrow) unsigned char[size]());
+    return data_ != nullptr;
+}
+
+void TLVValue::Init(std::uint16_t tag, const unsigned char* data, std::uint16_t length)
+{
+    if (data == nullptr || length > kMaxLength || !Allocate(length)) {
+        return;
+    }
+    if (length > 0 && memcpy_s(data_.get(), length, data, length) != 0) {
+        data_.reset();
+        return;
+    }
+    length_ = length;
+    tag_ = tag;
+}
+
+void TLVValue::Init(std::uint16_t tag, int value)
+{
+    if (Allocate(sizeof(value))) {
+        std::memcpy(data_.get(), &value, sizeof(value));
+        tag_ = tag;
+        length_ = sizeof(value);
+    }
+}
+
+void TLVValue::Init(std::uint16_t tag, const std::string& text)
+{
+    if (text.empty() || text.size() > kMaxLength || !Allocate(text.size() + 1)) {
+        return;
+    }
+    if (memcpy_s(data_.get(), text.size() + 1, text.data(), text.size()) != 0) {
+        data_.reset();
+        return;
+    }
+    length_ = static_cast<std::uint16_t>(text.size() + 1);
+    tag_ = tag;
+}
+
+bool TLVValue::Copy(void* value, std::size_t size) const
+{
+    return length_ == size && data_ != nullptr && memcpy_s(value, size, data_.get(), size) == 0;
+}
+
+bool TLVValue::AsByte(unsigned char& value) const
+{
+    return Copy(&value, sizeof(value));
+}
+
+bool TLVValue::AsShort(short& value) const
+{
+    return Copy(&value, sizeof(value));
+}
+
+bool TLVValue::AsInt(int& value) const
+{
+    return Copy(&value, sizeof(value));
+}
+
+bool TLVValue::AsString(std::string& value) const
+{
+    if (length_ == 0 || data_ == nullptr) {
+        return false;
+    }
+    const auto* text = reinterpret_cast<const char*>(data_.get());
+    value.assign(text, text[length_ - 1] == '\0' ? std::strlen(text) : length_);
+    return true;
+}
+
+// The vector grows by hand, because moving an item into a new place would lose the tag of one without bytes.
+void TLVPacker::Add(TLVValue&& value)
+{
+    if (items_.size() == items_.capacity()) {
+        std::vector<TLVValue> grown;
+        grown.reserve(std::max(kFirstItems, items_.size() * 2));
+        for (TLVValue& item : items_) {
+            grown.emplace_back() = std::move(item);
+        }
+        items_.swap(grown);
+    }
+    items_.emplace_back() = std::move(value);
+}
+
+int TLVPacker::Pack(bool swap)
+{
+    for (const TLVValue& item : items_) {
+        size_ += static_cast<std::uint32_t>(kHeaderSize) + item.GetLength();  // kept: the sum of all calls
+    }
+    buffer_.reset(new (std::nothrow) unsigned char[size_]);
+    if (buffer_ == nullptr) {
+        return -1;
+    }
+    std::size_t offset = 0;
+    for (const TLVValue& item : items_) {
+        const std::size_t value = offset + kHeaderSize;
+        const std::size_t next = value + item.GetLength();
+        const Header header = {Ordered(item.GetTag(), swap), Ordered(item.GetLength(), swap)};
+        if (next > size_) {  // the sum has wrapped
+            buffer_.reset();
+            return -1;
+        }
+        std::memcpy(&buffer_[offset], &header, kHeaderSize);
+        if (item.GetLength() > 0 && memcpy_s(&buffer_[value], size_ - value, item.GetData(), item.GetLength()) != 0) {
+            buffer_.reset();
+            return -1;
+        }
+        offset = next;
+    }
+    memset_s(buffer_.get() + offset, size_ - offset, 0, size_ - offset);  // the heap's old bytes are nobody's business
+    return 0;
+}
+
+bool TLVAnalyzer::Analyze(bool swap)
+{
+    if (data_ == nullptr || length_ < 1) {
+        return false;
+    }
+    swap_ = swap;
+    offsets_.clear();
+    count_ = 0;
+    const auto length = static_cast<std::size_t>(length_);
+    std::size_t offset = 0;
+    while (length - offset >= kHeaderSize) {
+        const Header header = ReadHeader(data_ + offset, swap);
+        if (header.length > length - offset - kHeaderSize) {
+            break;
+        }
+        offsets_.emplace_hint(offsets_.end(), header.tag, static_cast<std::int32_t>(offset));
+        ++count_;
+        offset += kHeaderSize + header.length;
+    }
+    if (offset == length) {
+        return true;
+    }
+    offsets_.clear();
+    count_ = 0;
+    return false;
+}
+
+TLVValue TLVAnalyzer::operator[](std::uint16_t tag) const
+{
+    const auto first = offsets_.lower_bound(tag);
+    return first == offsets_.end() || first->first != tag ? TLVValue() : ParseTLV(data_ + first->second);
+}
+
+TLVValue TLVAnalyzer::GetValue(std::uint32_t index) const
+{
+    if (index >= count_) {
+        return {};
+    }
+    return ParseTLV(data_ + std::next(offsets_.begin(), static_cast<std::ptrdiff_t>(index))->second);
+}
+
+TLVValue TLVAnalyzer::ParseTLV(unsigned char* at) const
+{
+    TLVValue value;
+    if (data_ == nullptr || length_ < 1 || at < data_ || at >= data_ + length_) {
+        return value;
+    }
+    const auto rest = static_cast<std::size_t>(data_ + length_ - at);
+    if (rest < kHeaderSize) {
+        return value;
+    }
+    const Header header = ReadHeader(at, swap_);
+    if (header.length <= rest - kHeaderSize) {
+        value.Init(header.tag, at + kHeaderSize, header.length);
+    }
+    return value;
+}
+
+}  // namespace NEUtils
