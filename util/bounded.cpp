@@ -19,6 +19,20 @@ int memcpy_s(void* dest, std::size_t destSize, const void* src, std::size_t coun
     return 0;
 }
 
+int memmove_s(void* dest, std::size_t destSize, const void* src, std::size_t count)
+{
+    if (dest == nullptr || src == nullptr || count > destSize) {
+        return memcpy_s(dest, destSize, src, count);
+    }
+    std::memmove(dest, src, count);
+    return 0;
+}
+
+int strcpy_s(char* dest, std::size_t destSize, const char* src)
+{
+    return memcpy_s(dest, destSize, src, src == nullptr ? 0 : std::strlen(src) + 1);
+}
+
 int memset_s(void* dest, std::size_t destSize, int value, std::size_t count)
 {
     if (dest == nullptr) {

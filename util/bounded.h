@@ -13,6 +13,12 @@ namespace NEUtils {
 // Copies count bytes. 0: done. Otherwise nothing is copied and the destination is zeroed.
 int memcpy_s(void* dest, std::size_t destSize, const void* src, std::size_t count);
 
+// The same for areas that may overlap.
+int memmove_s(void* dest, std::size_t destSize, const void* src, std::size_t count);
+
+// Copies a text with its terminator. 0: done. A text that does not fit leaves an empty one and gives not 0.
+int strcpy_s(char* dest, std::size_t destSize, const char* src);
+
 // Fills count bytes; never optimised away, so it also wipes secrets before a free.
 int memset_s(void* dest, std::size_t destSize, int value, std::size_t count);
 

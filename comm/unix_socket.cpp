@@ -1,0 +1,96 @@
+#include "unix_socket.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <limits>
+
+#include "logger.h"
+#include "util/bounded.h"
+#include "util/clock.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr std::int64_t kErrorPeriodMs = 1800000;
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::min();
+
+// Lets one record through in each period.
+class Throttle {
+public:
+    bool Pass()
+    {
+        const std::int64_t now = Clock::MonotonicNs() / Clock::kNsPerMs;
+        std::int64_t last = last_;
+        return (last == kNever || now - last > kErrorPeriodMs) && last_.compare_exchange_strong(last, now);
+    }
+
+private:
+    std::atomic<std::int64_t> last_{kNever};
+};
+
+bool MakeAddress(const std::string& path, sockaddr_un& address, socklen_t& size)
+{
+    address = {};
+    address.sun_family = AF_UNIX;
+    // Kept: up to the end of the path, not of the structure.
+    size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    return path.size() < std::size(address.sun_path) &&
+           strcpy_s(address.sun_path, std::size(address.sun_path), path.c_str()) == 0;
+}
+
+}  // namespace
+
+bool UNIXSocket::Create()
+{
+    return CreateFamily(AF_UNIX);
+}
+
+bool UNIXSocket::Bind(const std::string& path, int /*port*/) const
+{
+    static Throttle errors;
+    sockaddr_un address;
+    socklen_t size = 0;
+    if (fd == -1 || !MakeAddress(path, address, size)) {
+        return false;
+    }
+    NE_LOG(DEBUG, "Domain socket bind path is %s.", path.c_str());
+    if (unlink(path.c_str()) != 0) {  // kept: told for a fresh path too
+        NE_LOG(WARN, "Failed to remove the soft link of the file.[file=%s, errno=%d]", path.c_str(), errno);
+    }
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0) {
+        return true;
+    }
+    if (errors.Pass()) {
+        NE_LOG(ERROR, "Domain socket bind failed. Bind path is [%s].", path.c_str());
+    }
+    NE_LOG(DEBUG, "Domain socket bind failed. Bind path is [%s].", path.c_str());
+    return false;
+}
+
+bool UNIXSocket::Connect(const std::string& path, int /*port*/, int /*timeoutSeconds*/) const
+{
+    static Throttle errors;
+    sockaddr_un address;
+    socklen_t size = 0;
+    if (fd == -1 || !MakeAddress(path, address, size)) {
+        return false;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0) {
+        return true;
+    }
+    if (errors.Pass()) {
+        NE_LOG(ERROR, "Domain socket connects failed. Connection socket path is [%s].", path.c_str());
+    }
+    NE_LOG(DEBUG, "Domain socket connects failed. Connection socket path is [%s].", path.c_str());
+    return false;
+}
+
+}  // namespace NEUtils
