@@ -1,0 +1,93 @@
+#include "comm/request_cache.h"
+
+#include <cstdlib>
+#include <utility>
+
+#include "util/clock.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr std::size_t kMostExhausted = 200;
+constexpr unsigned int kMostRetries = 2;
+constexpr std::int64_t kRetryAfterSeconds = 5;
+
+bool IsExhausted(unsigned int retries)
+{
+    return retries > kMostRetries;
+}
+
+}  // namespace
+
+void RequestCache::Add(std::uint32_t seq, std::uint32_t type, Bytes message)
+{
+    Requests fresh;
+    fresh.push_back({{seq, type, std::move(message)}, Clock::WallSeconds(), 0});
+    const std::lock_guard<std::mutex> lock(mutex_);
+    bySeq_.emplace(seq, fresh.begin());
+    requests_.splice(requests_.end(), fresh);
+}
+
+bool RequestCache::Remove(std::uint32_t seq)
+{
+    Requests removed;  // freed outside the lock
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = bySeq_.find(seq);
+    if (found == bySeq_.end()) {
+        return false;
+    }
+    removed.splice(removed.end(), requests_, found->second);
+    bySeq_.erase(found);
+    return true;
+}
+
+void RequestCache::Clear()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    bySeq_.clear();
+    requests_.clear();
+}
+
+std::vector<RequestCache::Due> RequestCache::TakeDue(std::size_t limit)
+{
+    const std::int64_t now = Clock::WallSeconds();
+    std::vector<Due> due;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    DropExhausted();
+    for (Request& request : requests_) {
+        if (due.size() == limit) {
+            break;
+        }
+        if (!IsExhausted(request.retries) && std::llabs(now - request.lastSend) > kRetryAfterSeconds) {
+            request.lastSend = now;
+            ++request.retries;
+            due.push_back(request.request);
+        }
+    }
+    return due;
+}
+
+void RequestCache::DropExhausted()
+{
+    for (auto next = requests_.begin(); next != requests_.end() && requests_.size() > kMostExhausted;) {
+        const auto request = next++;
+        if (IsExhausted(request->retries)) {
+            Erase(request);
+        }
+    }
+}
+
+void RequestCache::Erase(Requests::iterator request)
+{
+    const auto [begin, end] = bySeq_.equal_range(request->request.seq);
+    for (auto entry = begin; entry != end; ++entry) {
+        if (entry->second == request) {
+            bySeq_.erase(entry);
+            break;
+        }
+    }
+    requests_.erase(request);
+}
+
+}  // namespace NEUtils

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace NEUtils {
+
+// The requests that wait for their responses, each found by its number without a search.
+//
+// Threads  any.
+// Limits   exhausted requests stay, but above 200 in all the oldest of them go; others are never dropped.
+class RequestCache {
+public:
+    using Bytes = std::shared_ptr<const std::string>;
+    struct Due {
+        std::uint32_t seq;
+        std::uint32_t type;
+        Bytes message;
+    };
+
+    void Add(std::uint32_t seq, std::uint32_t type, Bytes message);
+    bool Remove(std::uint32_t seq);  // one with the number; false: there is none
+    void Clear();
+
+    // Takes note of another sending of at most limit requests that are due, and gives them, oldest first.
+    std::vector<Due> TakeDue(std::size_t limit);
+
+private:
+    struct Request {
+        Due request;
+        std::int64_t lastSend;  // seconds of the wall clock
+        unsigned int retries;
+    };
+    using Requests = std::list<Request>;
+
+    void Erase(Requests::iterator request);
+    void DropExhausted();
+
+    std::mutex mutex_;
+    Requests requests_;
+    std::unordered_multimap<std::uint32_t, Requests::iterator> bySeq_;
+};
+
+}  // namespace NEUtils

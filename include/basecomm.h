@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "neutils_api.h"
+
+namespace NEUtils {
+
+// The header of every message between an agent and its server; the body follows, often TLV items
+// (tlv.h). All fields in the host's byte order, which both sides share.
+struct SentrelAgentMsg {
+    std::uint32_t version;  // kMsgVersion
+    std::uint32_t type;     // odd: a request, even: a response
+    std::uint32_t seq;      // a response has that of its request
+    std::uint32_t length;   // of the body, in bytes
+};
+
+inline constexpr std::uint32_t kMsgVersion = 1;
+inline constexpr std::size_t kMaxMsgSize = 524288;  // header and body
+inline constexpr std::size_t kMaxMsgBody = kMaxMsgSize - sizeof(SentrelAgentMsg);
+
+inline constexpr bool IsRequestMessage(std::uint32_t type)
+{
+    return (type & 1U) != 0;
+}
+
+inline constexpr bool IsResponseMessage(std::uint32_t type)
+{
+    return !IsRequestMessage(type);
+}
+
+// The next number for a request; all senders of a process take theirs from here. Any thread.
+NEUTILS_API std::uint32_t NextMsgSeq();
+
+enum BaseCommMethod {
+    kSocketClient = 0,
+    kKafkaClient = 1,
+    kRestfulClient = 2,
+    kWebSocket = 3,
+};
+
+// What SendControlMsg gives.
+enum SendResult {
+    kSendDone = 0,
+    kSendRefused = 1,  // a wrong argument, or no memory
+    kSendFailed = 2,   // the channel is down, or the send failed
+};
+
+// Called with a whole message, header first, aligned for any type and valid during the call.
+using MsgHandler = void (*)(std::uint32_t type, void* message, void* userData);
+
+// A way to the server. What the operations do beside their names is the component's own matter.
+class NEUTILS_API NetCommBase {
+public:
+    virtual ~NetCommBase();
+    virtual bool Init() = 0;
+    virtual bool Start() = 0;
+    virtual bool Stop() = 0;
+    virtual bool DeInit() = 0;
+    virtual bool StatusCheck() = 0;  // whether it is up
+    virtual int SendControlMsg(const char* message, unsigned int length) = 0;
+    virtual int SendLogWithTopicHeader(const std::string& topic, const std::string& log, bool withHeader) = 0;
+    virtual bool RegisterMsgHandler(std::uint32_t type, MsgHandler handler, void* userData) = 0;
+    virtual bool UnregisterMsgHandler(std::uint32_t type, MsgHandler handler) = 0;
+};
+
+// The process's components, driven together: each function calls the operation of that name on every
+// registered component.
+//
+// Threads  any; no lock is held over a component's operation, so what they may do at once is their matter.
+// Blocks   as long as the components do, one after the other.
+// Errors   false with a record if there is no component or one of them fails.
+
+// Adds a component or replaces the one of that method. False, with a record, for null.
+NEUTILS_API bool RegisterComponent(BaseCommMethod method, std::shared_ptr<NetCommBase> component);
+
+// Also keeps SIGPIPE from ending the process, with an empty handler, which child programs do not inherit.
+// A second call has no effect and is true.
+NEUTILS_API bool BaseCommInit();
+NEUTILS_API bool BaseCommStart();
+NEUTILS_API bool BaseCommStop();
+NEUTILS_API bool BaseCommDeInit();
+
+// Stops and starts every component that is down; true if all are up in the end.
+NEUTILS_API bool BaseCommStatusCheck();
+
+// A SendResult: kSendDone if at least one component took the message, otherwise the last one's answer.
+NEUTILS_API int SendControlMsg(const char* message, unsigned int length);
+NEUTILS_API int SendLogWithTopicHeader(const std::string& topic, const std::string& log, bool withHeader);
+
+NEUTILS_API bool RegisterControlMsgHandler(std::uint32_t type, MsgHandler handler, void* userData);
+NEUTILS_API bool UnregisterControlMsgHandler(std::uint32_t type, MsgHandler handler);
+
+}  // namespace NEUtils

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "basecomm.h"
+
+namespace NEUtils {
+
+// The channel to the server: a stream socket, TCP or local, that carries SentrelAgentMsg messages. Requests
+// are kept until their response comes and are sent again meanwhile, at most three times, 6 to 9 seconds
+// apart. Received messages go to the handlers of their type; a response only if its request waits for it.
+//
+// Configuration (Config, either table): SOCKET_TYPE 1 local or 2 network (the default); for 1
+// SERVER_SOCKET_PATH; for 2 SERVER_IP, SERVER_PORT and AGENT_IP, the own address to bind.
+//
+// Threads  any. "SocketRecv", one for each connection, receives, calls the handlers and repeats requests.
+//          Destroy it from another thread, with no call under way.
+// Blocks   Start: up to 10 seconds for a connection; Stop from elsewhere makes it give up. Sending: while
+//          the peer does not read, 10 seconds and as long again for a message that has begun to go out;
+//          then the channel is down.
+// Limits   524,288 bytes for a message with its header; the buffer is discarded where a longer one is
+//          announced. Requests without an answer stay cached until DeInit, but of those that are not
+//          repeated any more only as long as no more than 200 are cached in all.
+// Errors   told once, where they are noticed. A peer that closes, a send that fails or is cut short: the
+//          channel is down, and stays so until it is started again.
+class NEUTILS_API SocketComm : public NetCommBase {
+public:
+    SocketComm();
+    ~SocketComm() override;
+    SocketComm(const SocketComm&) = delete;
+    SocketComm& operator=(const SocketComm&) = delete;
+
+    bool Init() override;
+
+    // Connects; true also where it is connected already. False while another Start is under way.
+    bool Start() override;
+
+    // Disconnects, and returns once the handlers have; called from one, the channel is down at once and its
+    // thread is joined by the next Start, Stop or DeInit from elsewhere. The cached requests stay, and are
+    // repeated on the next connection.
+    bool Stop() override;
+
+    bool DeInit() override;  // Stop, and the cached requests go
+    bool StatusCheck() override;
+
+    // Sends one message, header first; see SendResult. Shorter than a header it is sent as it is.
+    int SendMessage(const char* message, unsigned int length);
+    int SendControlMsg(const char* message, unsigned int length) override;
+    int SendLogWithTopicHeader(const std::string& topic, const std::string& log, bool withHeader) override;  // refused
+
+    // Adds a handler of a type. False for null, or if the table is busy for 5 seconds.
+    bool RegisterMsgHandler(std::uint32_t type, MsgHandler handler, void* userData) override;
+
+    // Removes a handler, with whatever user data; afterwards no call of it runs, but for the one that this is
+    // called from. False if there is none.
+    bool UnregisterMsgHandler(std::uint32_t type, MsgHandler handler) override;
+
+    // Forgets a cached request: it is not repeated, and its response is dropped. False if there is none.
+    bool DropRequest(std::uint32_t seq);
+    void CleanCache();
+
+    // How many connections there have been: a change tells that what was under way may be lost.
+    std::uint32_t GetConnectionCount() const { return connections_; }
+
+private:
+    struct Connection;
+
+    bool Open(Connection& connection);
+    bool CreateNetConnection(Connection& connection);
+    bool CreateDomainConnection(Connection& connection);
+    bool Publish(const std::shared_ptr<Connection>& connection, bool opened, std::uint64_t stops);
+    void End(const std::shared_ptr<Connection>& connection);
+    std::shared_ptr<Connection> Current();
+
+    void ProcessDataThread(Connection& connection);
+    void ReceiveData(Connection& connection);
+    void HandleMessage(Connection& connection, const SentrelAgentMsg& header, const unsigned char* message);
+    bool UpdateRequestCache(const SentrelAgentMsg& header);
+    bool RetryRequest(Connection& connection);
+    bool IsCacheRequestMessage(const char* message, unsigned int length);
+    bool Send(Connection& connection, const char* message, std::size_t length);
+    static void Fail(Connection& connection, const char* reason);
+
+    struct Members;
+    const std::unique_ptr<Members> members_;
+    std::atomic<std::uint32_t> connections_{0};
+};
+
+}  // namespace NEUtils

@@ -1,0 +1,68 @@
+#include "basecomm.h"
+
+#include <csignal>
+
+#include "tests/support/support.h"
+
+namespace {
+
+struct FakeComponent : NetCommBase {
+    bool Init() override { return succeeds; }
+    bool Start() override { return up = succeeds; }
+    bool Stop() override { return !(up = false); }
+    bool DeInit() override { return true; }
+    bool StatusCheck() override { return up; }
+    int SendControlMsg(const char*, unsigned) override { return up ? kSendDone : kSendFailed; }
+    int SendLogWithTopicHeader(const std::string&, const std::string&, bool) override { return kSendRefused; }
+    bool RegisterMsgHandler(std::uint32_t, MsgHandler, void*) override { return true; }
+    bool UnregisterMsgHandler(std::uint32_t, MsgHandler) override { return true; }
+
+    bool succeeds = true;
+    bool up = false;
+};
+
+}  // namespace
+
+TEST(BaseCommTest, EmptyRegistrySaysWhatCannotBeDone)
+{
+    const Records records;
+    EXPECT_FALSE(RegisterComponent(kSocketClient, nullptr) || BaseCommInit() || BaseCommStart() || BaseCommStop() ||
+                 BaseCommDeInit() || BaseCommStatusCheck() || RegisterControlMsgHandler(1, nullptr, nullptr));
+    EXPECT_EQ(SendControlMsg("x", 1), kSendRefused);
+    const Strings expected = {
+        "ERROR Register failed: component is NULL.",     "ERROR BaseComm init failed: no components.",
+        "ERROR BaseComm start failed: no components.",   "ERROR BaseComm stop failed: no components.",
+        "ERROR BaseComm deInit failed: no components.",  "ERROR No communication status to check",
+        "ERROR No valid component to send this message."};
+    EXPECT_EQ(records.Lines(), expected);
+}
+
+TEST(BaseCommTest, DrivesAllComponents)
+{
+    const Records records;
+    const auto socket = std::make_shared<FakeComponent>();
+    const auto kafka = std::make_shared<FakeComponent>();
+    kafka->succeeds = false;
+    ASSERT_TRUE(RegisterComponent(kSocketClient, socket) && RegisterComponent(kKafkaClient, kafka));
+    EXPECT_FALSE(BaseCommInit());
+    kafka->succeeds = true;
+    EXPECT_TRUE(BaseCommInit() && BaseCommInit());
+    kafka->succeeds = false;
+    EXPECT_FALSE(BaseCommStart());
+    EXPECT_EQ(SendControlMsg("x", 1), kSendDone);  // one is enough
+    socket->up = false;
+    EXPECT_EQ(SendControlMsg("x", 1), kSendFailed);
+    EXPECT_FALSE(BaseCommStatusCheck());
+    EXPECT_TRUE(socket->up);
+    kafka->succeeds = true;
+    EXPECT_TRUE(BaseCommStatusCheck());
+    EXPECT_EQ(records.Count("INFO Component reboot. [name=Socket client]"), 1);
+    EXPECT_EQ(records.Count("INFO Component reboot. [name=Nimbara kafka client]"), 2);
+    EXPECT_EQ(records.Count("ERROR Component init. [name=Nimbara kafka client, result=failed]"), 1);
+    EXPECT_EQ(records.Count("INFO Component start. [name=Socket client, result=success]"), 1);
+    EXPECT_EQ(records.Count("INFO BaseComm already init."), 1);
+    EXPECT_EQ(SendLogWithTopicHeader("topic", "log", true), kSendRefused);
+    EXPECT_EQ(raise(SIGPIPE), 0);  // does not end the process
+    EXPECT_EQ(WTERMSIG(Wait(Fork([] { return execlp("sh", "sh", "-c", "kill -PIPE $$", nullptr); }))), SIGPIPE);
+    EXPECT_TRUE(BaseCommStop() && BaseCommDeInit());
+}

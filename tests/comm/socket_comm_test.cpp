@@ -1,0 +1,312 @@
+#include "socket_comm.h"
+
+#include "comm/request_cache.h"
+#include "tests/comm/peer.h"
+#include "util/clock.h"
+
+namespace {
+
+constexpr char kDown[] = "ERROR Channel to the server is down.[reason=the server has closed it, or it is broken]";
+
+// What a handler was given: messages, in their order.
+struct Received {
+    static void Handle(std::uint32_t type, void* message, void* received)
+    {
+        const auto* const header = static_cast<const SentrelAgentMsg*>(message);
+        EXPECT_EQ(header->type, type);
+        const auto* const body = reinterpret_cast<const char*>(header + 1);
+        EXPECT_EQ(body[header->length], '\0');
+        auto& own = *static_cast<Received*>(received);
+        const std::lock_guard<std::mutex> lock(own.mutex_);
+        own.bodies_.emplace_back(body, header->length);
+    }
+    Strings Bodies() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return bodies_;
+    }
+    mutable std::mutex mutex_;
+    Strings bodies_;
+};
+
+class SocketCommTest : public testing::Test {
+protected:
+    void Connect()
+    {
+        ASSERT_TRUE(comm_.Init() && comm_.Start());
+        ASSERT_TRUE(peer_.Accept());
+    }
+    int Send(const std::string& message)
+    {
+        return comm_.SendMessage(message.data(), static_cast<unsigned>(message.size()));
+    }
+    bool Arrives(const Strings& bodies)
+    {
+        return Eventually([&] { return received_.Bodies().size() >= bodies.size(); }) && received_.Bodies() == bodies;
+    }
+
+    const Records records_;
+    const TempDir folder_;
+    Peer peer_{folder_ / "server"};
+    Received received_;
+    SocketComm comm_;
+};
+
+}  // namespace
+
+TEST_F(SocketCommTest, DispatchesOnlyWantedResponses)
+{
+    EXPECT_EQ(Send(Message(1, 1)), kSendFailed);  // not connected
+    Connect();
+    EXPECT_TRUE(comm_.Start());
+    for (const std::uint32_t type : {2, 4}) {
+        ASSERT_TRUE(comm_.RegisterMsgHandler(type, &Received::Handle, &received_));
+    }
+    const std::string request = Message(1, 7, "question");
+    ASSERT_EQ(Send(request) + Send(Message(3, 8)) + Send(Message(4, 9)) + Send("short"), kSendDone);
+    EXPECT_EQ(peer_.Receive(16 * 3 + 8 + 5), request + Message(3, 8) + Message(4, 9) + "short");
+    EXPECT_EQ(comm_.SendMessage(nullptr, 5), kSendRefused);
+    EXPECT_EQ(Send(std::string(kMaxMsgSize + 1, 'x')), kSendRefused);
+    const std::string answers[] = {Message(2, 6, "nobody asked"), Message(2, 9, "not cached"),
+                                   Message(2, 7, "answer"),       Message(2, 7, "again"),
+                                   Message(4, 8, "newer", 2),     Message(4, 8, "uncached by the newer one")};
+    for (const std::string& answer : answers) {
+        EXPECT_TRUE(peer_.Send(answer));
+    }
+    ASSERT_TRUE(comm_.RegisterMsgHandler(5, &Received::Handle, &received_));
+    EXPECT_TRUE(peer_.Send(Message(5, 1, "a request of the server")));
+    EXPECT_TRUE(Arrives({"answer", "a request of the server"}));
+    EXPECT_TRUE(records_.Has("DEBUG Server version: [2], client version: [1]"));
+    EXPECT_EQ(records_.Count("DEBUG Request not in cache, drop it.[seq=8, type=4]"), 1);
+    EXPECT_TRUE(comm_.UnregisterMsgHandler(5, &Received::Handle));
+    EXPECT_FALSE(comm_.UnregisterMsgHandler(5, &Received::Handle) || comm_.RegisterMsgHandler(5, nullptr, nullptr));
+}
+
+TEST_F(SocketCommTest, CutsTheStreamIntoMessages)
+{
+    Connect();
+    ASSERT_TRUE(comm_.RegisterMsgHandler(3, &Received::Handle, &received_));
+    const std::string stream = Message(3, 1) + Message(3, 2, "0123456789abcdef") + Message(3, 3, "x");
+    Strings expected;
+    for (std::size_t cut = 1; cut < stream.size(); cut += 3) {
+        ASSERT_TRUE(peer_.Send(stream.substr(0, cut)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // most cuts are read as such
+        ASSERT_TRUE(peer_.Send(stream.substr(cut)));
+        expected.insert(expected.end(), {"", "0123456789abcdef", "x"});
+    }
+    expected.emplace_back(kMaxMsgBody, 'y');
+    const std::string longest = Message(3, 4, expected.back()) + Message(3, 5, "last");
+    std::thread sender([&] { EXPECT_TRUE(peer_.Send(longest)); });
+    expected.emplace_back("last");
+    EXPECT_TRUE(Arrives(expected));
+    sender.join();
+    // One byte more, or a sum that wraps in 32 bits: all that is buffered goes, the connection stays.
+    for (const std::uint32_t length : {std::uint32_t{kMaxMsgBody} + 1, 0xFFFFFFF0U}) {
+        std::string header = Message(3, 6);
+        std::memcpy(&header[12], &length, sizeof(length));
+        ASSERT_TRUE(peer_.Send(header + Message(3, 7, "gone")));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // has been read
+        ASSERT_TRUE(peer_.Send(Message(3, 8, "healthy")));
+        expected.emplace_back("healthy");
+        EXPECT_TRUE(Arrives(expected));
+    }
+    EXPECT_EQ(
+        std::ranges::count_if(records_.Lines(), [](const auto& line) { return Contains(line, "message is too long"); }),
+        1);
+    ASSERT_TRUE(peer_.Send(stream.substr(16, 20)));
+    peer_.Close();  // in the middle
+    EXPECT_TRUE(Eventually([&] { return records_.Has(kDown); }));
+    EXPECT_FALSE(comm_.StatusCheck());
+    ASSERT_TRUE(comm_.Start() && peer_.Accept() && peer_.Send(Message(3, 9, "fresh")));
+    expected.emplace_back("fresh");
+    EXPECT_TRUE(Arrives(expected));
+}
+
+TEST_F(SocketCommTest, RepeatsARequestThreeTimesAcrossConnections)
+{
+    Connect();
+    ASSERT_EQ(Send(Message(1, 5, "body")), kSendDone);
+    EXPECT_EQ(peer_.ReceiveMessage(), Message(1, 5, "body"));
+    const auto later = [] {
+        Clock::wallOffsetMs += 6000;
+        Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;
+    };
+    later();
+    EXPECT_EQ(peer_.ReceiveMessage(), Message(1, 5, "body"));
+    EXPECT_TRUE(comm_.Stop() && comm_.Start() && peer_.Accept());
+    EXPECT_EQ(comm_.GetConnectionCount(), 2U);
+    for (int i = 0; i < 2; ++i) {
+        later();
+        EXPECT_EQ(peer_.ReceiveMessage(), Message(1, 5, "body"));
+    }
+    later();
+    EXPECT_EQ(peer_.ReceiveMessage(1500), "");
+    EXPECT_TRUE(comm_.DropRequest(5));  // kept: it was cached nevertheless
+    EXPECT_FALSE(comm_.DropRequest(5));
+}
+
+TEST(RequestCacheTest, DropsTheOldestExhaustedAboveTwoHundred)
+{
+    RequestCache cache;
+    for (std::uint32_t seq = 0; seq < 205; ++seq) {
+        cache.Add(seq, 1, std::make_shared<const std::string>());
+    }
+    EXPECT_TRUE(cache.TakeDue(1000).empty());
+    for (int round = 0; round < 3; ++round) {
+        Clock::wallOffsetMs -= 6000;  // the difference counts, not its sign
+        EXPECT_EQ(cache.TakeDue(3).size() + cache.TakeDue(1000).size(), 205U);
+    }
+    cache.Add(3, 1, nullptr);  // a number twice, and one that may still be repeated
+    EXPECT_TRUE(cache.TakeDue(1000).empty());
+    EXPECT_FALSE(cache.Remove(0) || cache.Remove(1) || cache.Remove(2));
+    EXPECT_TRUE(cache.Remove(3));
+    EXPECT_TRUE(cache.Remove(6) && cache.Remove(204));
+}
+
+// A peer that never reads: senders are held until the stop, or 10 seconds.
+TEST_F(SocketCommTest, PeerThatNeverReadsHoldsNeitherStopNorSendersForLong)
+{
+    Connect();
+    const std::string large(kMaxMsgSize, 'x');
+    std::atomic<int> failed{0};
+    const auto block = [&](const std::string& message) {
+        while (Send(message) == kSendDone) {
+        }
+        ++failed;
+    };
+    std::thread senders([&] { InThreads(3, [&](int) { block(large); }); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(failed, 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(comm_.Stop());
+    senders.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // of the 10 that it could take
+    ASSERT_TRUE(comm_.Start() && peer_.Accept());
+    block(Message(2, 1));
+    EXPECT_TRUE(
+        records_.Has("ERROR Channel to the server is down.[reason=a message could not be sent, or not in time]"));
+}
+
+TEST_F(SocketCommTest, HandlersMayStopStartAndUnregister)
+{
+    struct State {
+        SocketComm& comm;
+        std::atomic<int> calls{0};
+    } state{comm_};
+    const MsgHandler handler = [](std::uint32_t type, void*, void* data) {
+        auto& [comm, calls] = *static_cast<State*>(data);
+        EXPECT_TRUE(type == 1 ? comm.UnregisterMsgHandler(1, nullptr) || comm.Stop() : comm.Stop() && comm.Start());
+        ++calls;
+    };
+    Connect();
+    ASSERT_TRUE(comm_.RegisterMsgHandler(1, handler, &state) && comm_.RegisterMsgHandler(3, handler, &state));
+    ASSERT_TRUE(peer_.Send(Message(1, 1) + Message(1, 2)));  // the second is not seen any more
+    EXPECT_TRUE(Eventually([&] { return state.calls == 1; }));
+    EXPECT_FALSE(comm_.StatusCheck());
+    ASSERT_TRUE(comm_.Start() && peer_.Accept() && peer_.Send(Message(3, 1)));
+    EXPECT_TRUE(Eventually([&] { return state.calls == 2; }) && comm_.StatusCheck());
+    ASSERT_TRUE(peer_.Accept() && peer_.Send(Message(1, 3)));
+    EXPECT_TRUE(Eventually([&] { return state.calls == 3; }));
+    EXPECT_TRUE(comm_.Stop());
+}
+
+TEST_F(SocketCommTest, UnregisteringWaitsForTheCall)
+{
+    static std::atomic<bool> inside{false};
+    const MsgHandler slow = [](std::uint32_t, void*, void*) {
+        inside = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        inside = false;
+        throw std::runtime_error("of a handler");
+    };
+    Connect();
+    ASSERT_TRUE(comm_.RegisterMsgHandler(1, slow, nullptr) && peer_.Send(Message(1, 1)));
+    EXPECT_TRUE(Eventually([] { return inside.load(); }));
+    EXPECT_TRUE(comm_.UnregisterMsgHandler(1, slow));
+    EXPECT_FALSE(inside);
+    ASSERT_TRUE(comm_.RegisterMsgHandler(3, &Received::Handle, &received_) && peer_.Send(Message(3, 1, "next")));
+    EXPECT_TRUE(Arrives({"next"}));
+    EXPECT_TRUE(records_.Has("ERROR Message handler has failed.[type=1 error=of a handler]"));
+}
+
+TEST_F(SocketCommTest, StopEndsAStartUnderWay)
+{
+    // Connections beyond the backlog stay without an answer.
+    const UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in here = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof(here);
+    auto* const address = reinterpret_cast<sockaddr*>(&here);
+    ASSERT_TRUE(bind(listener.Get(), address, size) == 0 && listen(listener.Get(), 0) == 0);
+    ASSERT_EQ(getsockname(listener.Get(), address, &size), 0);
+    UniqueFd fillers[4];
+    for (UniqueFd& filler : fillers) {
+        filler.Reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        connect(filler.Get(), address, size);
+    }
+    const std::string port = std::to_string(ntohs(here.sin_port));
+    Config::ParseConfig("SERVER_IP=127.0.0.1\nAGENT_IP=127.0.0.1\nSOCKET_TYPE=2\nSERVER_PORT=" + port, false, {});
+    std::atomic<int> ended{0};
+    std::thread starter([&] {
+        EXPECT_FALSE(comm_.Start());
+        ++ended;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(ended, 0);
+    EXPECT_TRUE(comm_.Stop());  // returns once the start has given up
+    EXPECT_TRUE(Eventually([&] { return ended == 1; }, 5));
+    starter.join();
+}
+
+TEST_F(SocketCommTest, EachFaultOfTheConfigurationHasItsRecord)
+{
+    const std::string longPath(108, 'p');
+    const std::pair<std::string, std::string> faults[] = {
+        {"SOCKET_TYPE=3", "Socket type value is error."},
+        {"SOCKET_TYPE=x", "Socket type value is error."},
+        {"SOCKET_TYPE=1\nSERVER_SOCKET_PATH=" + longPath, "Connect domain socket failed.[server=" + longPath + "]"},
+        {"SOCKET_TYPE=2", "Can't get the config.[name=SERVER_IP]"},
+        {"SERVER_IP=127.0.0.1", "Can't get the config.[name=SERVER_PORT]"},
+        {"SERVER_PORT=web", "Can't get the config.[name=AGENT_IP]"},
+        {"AGENT_IP=127.0.0.1", "Invalid config, not a port number.[name=SERVER_PORT, value=web]"},
+        {"SERVER_PORT=1\nAGENT_IP=192.0.2.1", "Bind socket faild.[agentIp=192.0.2.1]"},
+        {"AGENT_IP=127.0.0.1", "Connect socket faild.[serverIp=127.0.0.1, serverPort=1]"},
+    };
+    for (const auto& [lines, record] : faults) {
+        Config::ParseConfig(lines, false, {});
+        EXPECT_FALSE(comm_.Start());
+        EXPECT_TRUE(records_.Has("ERROR " + record)) << record;
+    }
+}
+
+// Everything at once, for the sanitizers: the channel ends up stopped, with no thread left.
+TEST_F(SocketCommTest, AllThreadsAtOnce)
+{
+    std::atomic<bool> end{false};
+    std::thread server([&] {
+        while (!end) {
+            if (peer_.Accept()) {
+                std::string message;
+                while (!(message = peer_.ReceiveMessage(100)).empty() && peer_.Answer(message)) {
+                }
+            }
+        }
+    });
+    InThreads(5, [&](int number) {
+        for (std::uint32_t i = 0; i < 150; ++i) {
+            if (number < 2) {
+                Send(Message(1, NextMsgSeq(), std::string(i, 'x')));
+            } else if (number == 2) {
+                EXPECT_TRUE(comm_.RegisterMsgHandler(2, &Received::Handle, &received_));
+                EXPECT_TRUE(comm_.UnregisterMsgHandler(2, &Received::Handle));
+            } else if (i % 10 == 0) {
+                (i % 20 == 0) == (number == 3) ? comm_.Start() : comm_.Stop();
+            }
+        }
+    });
+    EXPECT_TRUE(comm_.DeInit());
+    end = true;
+    comm_.Start();  // the last one for the server to take
+    server.join();
+    EXPECT_TRUE(comm_.Stop());
+    EXPECT_FALSE(comm_.StatusCheck());
+}
