@@ -1,5 +1,7 @@
 #include "agent_config.h"
 
+#include <arpa/inet.h>
+
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -48,6 +50,24 @@ const char* CheckPath(const std::string& value)
     return value.empty() || value.back() == '/' ? "is not the path of a file" : nullptr;
 }
 
+const char* CheckNothing(const std::string&)
+{
+    return nullptr;
+}
+
+const char* CheckSocketType(const std::string& value)
+{
+    return value == "1" || value == "2" ? nullptr : "is not one of 1 (local), 2 (network)";
+}
+
+const char* CheckAddress(const std::string& value)
+{
+    in6_addr address;
+    const bool numeric =
+        inet_pton(AF_INET, value.c_str(), &address) == 1 || inet_pton(AF_INET6, value.c_str(), &address) == 1;
+    return numeric ? nullptr : "is not an IPv4 or IPv6 address";
+}
+
 Check CheckNumber(int most, const char* fault)
 {
     return [most, fault](const std::string& value) {
@@ -71,8 +91,15 @@ const std::map<std::string, Key>& Keys()
         {"GUARD_CPU_PERCENT", {"5", CheckNumber(10000, "is not a number from 0 to 10000")}},
         {"GUARD_DESCRIPTORS", {"0", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
         {"POOL_MAX_THREADS", {"4", CheckNumber(64, "is not a number from 0 to 64")}},
-        {"TrivaneRole", {"", [](const std::string&) -> const char* { return nullptr; }}},
+        {"TrivaneRole", {"", CheckNothing}},
         {"REPORT_SECONDS", {"3600", CheckNumber(86400, "is not a number from 0 to 86400")}},
+        {"SOCKET_TYPE", {"", CheckSocketType}},
+        {"SERVER_SOCKET_PATH", {"", CheckPath}},
+        {"SERVER_IP", {"", CheckAddress}},
+        {"SERVER_PORT", {"", CheckNumber(65535, "is not a port number")}},
+        {"AGENT_IP", {"", CheckAddress}},
+        {"REPORT_QUEUE_COUNT", {"10000", CheckNumber(1000000, "is not a number from 0 to 1000000")}},
+        {"REPORT_QUEUE_BYTES", {"8388608", CheckNumber(1 << 30, "is not a number from 0 to 1073741824")}},
     };
     return keys;
 }
@@ -161,6 +188,42 @@ unsigned int LevelNumber(const std::string& name)
     return number;
 }
 
+// Makes a path absolute that may start at the install root.
+std::string Below(const std::string& root, const std::string& path)
+{
+    return path[0] == '/' ? path : root + "/" + path;
+}
+
+// Settles where reports go to; gives what is wrong with it.
+std::string SettleServer(const std::string& root, AgentConfig& config)
+{
+    constexpr std::size_t kMaxSocketPath = 107;
+    const std::string type = Text("SOCKET_TYPE");
+    if (type == "1") {
+        const std::string path = Text("SERVER_SOCKET_PATH");
+        if (path.empty()) {
+            return "SOCKET_TYPE=1 needs SERVER_SOCKET_PATH";
+        }
+        const std::string settled = Below(root, path);
+        if (settled.size() > kMaxSocketPath) {
+            return "SERVER_SOCKET_PATH: longer than 107 characters: " + settled;
+        }
+        NEUtils::Config::ParseConfig("SERVER_SOCKET_PATH=" + settled, false, {});
+        config.reportsToServer = true;
+        return {};
+    }
+    config.reportsToServer = !type.empty() || !Text("SERVER_IP").empty();
+    if (config.reportsToServer) {
+        for (const char* key : {"SERVER_IP", "SERVER_PORT", "AGENT_IP"}) {
+            if (Text(key).empty()) {
+                return std::string("reports over the network need ") + key;
+            }
+        }
+    }
+    return config.reportsToServer || Text("SERVER_SOCKET_PATH").empty() ? std::string()
+                                                                        : "SERVER_SOCKET_PATH needs SOCKET_TYPE=1";
+}
+
 }  // namespace
 
 bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConfig& config, std::string& error)
@@ -183,10 +246,7 @@ bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConf
     NEUtils::Config::ParseConfig(text, false, {});  // a path may look like a number
     NEUtils::Config::ParseConfig(text, true, {});
     config.logKind = Text("LOG_KIND");
-    config.logFile = Text("LOG_FILE");
-    if (config.logFile[0] != '/') {
-        config.logFile.insert(0, root + "/");
-    }
+    config.logFile = Below(root, Text("LOG_FILE"));
     config.logLevel = LevelNumber(Text("LOG_LEVEL"));
     config.logMaxSize = Number("LOG_MAX_SIZE");
     config.logCopies = Number("LOG_COPIES");
@@ -196,5 +256,11 @@ bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConf
     config.descriptorLimit = Number("GUARD_DESCRIPTORS");
     config.poolMaxThreads = Number("POOL_MAX_THREADS");
     config.reportSeconds = Number("REPORT_SECONDS");
-    return true;
+    config.queueCount = Number("REPORT_QUEUE_COUNT");
+    config.queueBytes = Number("REPORT_QUEUE_BYTES");
+    const std::string fault = SettleServer(root, config);
+    if (!fault.empty()) {
+        error = path + ": " + fault;
+    }
+    return fault.empty();
 }

@@ -15,6 +15,9 @@ struct AgentConfig {
     unsigned int descriptorLimit = 0;
     unsigned int poolMaxThreads = 0;
     unsigned int reportSeconds = 0;
+    bool reportsToServer = false;  // where to: Config has it for the channel
+    unsigned int queueCount = 0;
+    unsigned int queueBytes = 0;
 };
 
 // Reads and checks a configuration file. False with one line of text that names file, line and key.

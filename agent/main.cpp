@@ -1,4 +1,4 @@
-// sentrel-agent: the reference agent. Watches the processes of the host and logs what they do.
+// sentrel-agent: the reference agent. Watches the processes of the host, logs what they do and reports it.
 #include <fcntl.h>
 #include <getopt.h>
 #include <linux/capability.h>
@@ -27,6 +27,9 @@
 #include "my_program.h"
 #include "process_log.h"
 #include "process_monitor.h"
+#include "process_report.h"
+#include "report_queue.h"
+#include "server_link.h"
 #include "task_manager.h"
 #include "thread_pool.h"
 
@@ -49,7 +52,8 @@ constexpr std::array<int, 3> kStopSignals = {SIGINT, SIGQUIT, SIGTSTP};
 
 constexpr char kHelp[] =
     "Usage: sentrel-agent [OPTION]...\n"
-    "Watches the processes of this host and logs every program start and exit.\n"
+    "Watches the processes of this host, logs every program start and exit, and reports them to a server\n"
+    "where the configuration names one.\n"
     "\n"
     "  --root DIR      install root; otherwise the environment variable RUNTIME_CENTER_PATH\n"
     "  --config FILE   configuration, instead of conf/agent.conf below the root\n"
@@ -72,6 +76,7 @@ struct Options {
 AgentConfig g_config;
 std::atomic<bool> g_guarded{false};   // the guard has been initialised
 std::atomic<bool> g_watching{false};  // the process monitor has been started
+std::atomic<bool> g_linked{false};    // the server link has been started
 
 // Never destroyed: a stop may come until the very end of the process.
 ProcessMonitor& Monitor()
@@ -96,6 +101,12 @@ ProcessLog& Processes()
 {
     static auto& processes = *new ProcessLog;
     return processes;
+}
+
+ServerLink& Server()
+{
+    static auto& server = *new ServerLink;
+    return server;
 }
 
 void OnProcessEvent(proc_event* event)
@@ -247,6 +258,22 @@ void* ReportUsage(void*)
     return nullptr;
 }
 
+void* CheckServer(void*)
+{
+    Server().Check();
+    return nullptr;
+}
+
+void RunEvery(unsigned int seconds, void* (*function)(void*), const char* name, bool onPool)
+{
+    NEUtils::TASK_CONDITION condition = {};
+    condition.createThread = onPool;
+    condition.firstDelayMs = condition.intervalMs = std::int64_t{seconds} * 1000;
+    condition.firstLaunchTime = condition.nextLaunchTime =
+        std::int64_t{std::time(nullptr)} * 1000 + condition.firstDelayMs;
+    Tasks().RegisterTask(NEUtils::TASK_FIXED_INTERVAL, condition, function, nullptr, name);
+}
+
 // The guard first: pool and scheduler run on its threads.
 bool StartThreads()
 {
@@ -256,13 +283,22 @@ bool StartThreads()
         return false;
     }
     if (g_config.reportSeconds > 0) {
-        NEUtils::TASK_CONDITION condition = {};
-        condition.firstDelayMs = condition.intervalMs = std::int64_t{g_config.reportSeconds} * 1000;
-        condition.firstLaunchTime = condition.nextLaunchTime =
-            std::int64_t{std::time(nullptr)} * 1000 + condition.firstDelayMs;
-        Tasks().RegisterTask(NEUtils::TASK_FIXED_INTERVAL, condition, &ReportUsage, nullptr, "self-usage");
+        RunEvery(g_config.reportSeconds, &ReportUsage, "self-usage", false);
     }
     return true;
+}
+
+bool StartReports()
+{
+    if (!g_config.reportsToServer) {
+        return true;
+    }
+    g_linked = Server().Start(g_config.queueCount, g_config.queueBytes);
+    if (g_linked) {
+        Processes().SetReporter(&ReportProcess);
+        RunEvery(1, &CheckServer, "server-check", true);  // it may wait for a connection
+    }
+    return g_linked;
 }
 
 int AgentMain()
@@ -285,7 +321,7 @@ int AgentMain()
     if (missing != nullptr) {
         NE_LOG(WARN, "Process events are not watched.[missing=%s]", missing);
     }
-    if (!StartThreads()) {
+    if (!StartThreads() || !StartReports()) {
         return kExitFailed;
     }
     MessageBus::Unsubscribe(NEUtils::kNormalLog, kConsoleName);
@@ -311,15 +347,21 @@ int AgentStop()
         signal(signo, SIG_IGN);
     }
     alarm(kStopLimitSeconds);  // a stop that hangs still ends
-    Tasks().Stop();
-    Pool().Stop();
     if (g_watching) {
         Monitor().StopProcessMonitor();
     }
+    if (g_linked) {
+        Server().Stop();
+    }
+    Tasks().Stop();
+    Pool().Stop();
     if (g_guarded) {
         UninitHipsGuard();
     }
-    NE_LOG(INFO, "Agent stopped.[lostEvents=%llu]", static_cast<unsigned long long>(Monitor().GetLostEventCount()));
+    auto& reports = NEUtils::ReportQueue::GetInstance();
+    NE_LOG(INFO, "Agent stopped.[lostEvents=%llu droppedReports=%llu unsentReports=%zu]",
+           static_cast<unsigned long long>(Monitor().GetLostEventCount()),
+           static_cast<unsigned long long>(reports.GetDroppedCount()), reports.GetCount());
     LogSystem::CloseAllLogFile();
     return 0;
 }

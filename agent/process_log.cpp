@@ -142,6 +142,7 @@ void ProcessLog::OnExec(int pid)
     }
     NE_LOG(INFO, "Process executed.[pid=%d ppid=%d user=%s cmdLine=%s]", pid, process.parentPid, process.user.c_str(),
            process.cmdLine.c_str());
+    Report(NEUtils::kProcessExecuted, pid, process, 0);
 }
 
 // A process ends with its last thread, which need not be its first.
@@ -168,9 +169,18 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     if (WIFSIGNALED(status)) {
         NE_LOG(INFO, "Process killed.[pid=%d ppid=%d user=%s signal=%d cmdLine=%s]", pid, process.parentPid,
                process.user.c_str(), WTERMSIG(status), process.cmdLine.c_str());
+        Report(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
     } else {
         NE_LOG(INFO, "Process exited.[pid=%d ppid=%d user=%s exitCode=%d cmdLine=%s]", pid, process.parentPid,
                process.user.c_str(), WEXITSTATUS(status), process.cmdLine.c_str());
+        Report(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
+    }
+}
+
+void ProcessLog::Report(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const
+{
+    if (reporter_ != nullptr) {
+        reporter_({event, pid, process.parentPid, code, process.user, process.cmdLine});
     }
 }
 

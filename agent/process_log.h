@@ -8,8 +8,9 @@
 #include <unordered_set>
 
 #include "process_monitor.h"
+#include "process_report.h"
 
-// Turns process events into log records, with details that are gone by the time of the event:
+// Turns process events into log records and reports, with details that are gone by the time of the event:
 // whoever ends can no longer be asked, so each process is remembered from its fork or exec on.
 //
 // The agent's own children (gzip for a roll, ps for the white list) are left out: a record about them
@@ -25,6 +26,9 @@ public:
 
     // Takes up the processes there are, and forgets all others: at the start, and after lost events.
     void LoadRunningProcesses();
+
+    // What is logged goes to this function too.
+    void SetReporter(void (*reporter)(const ProcessReport&)) { reporter_ = reporter; }
     void Handle(const proc_event& event);
 
 private:
@@ -41,8 +45,10 @@ private:
     void OnThreadExit(int thread, int pid, unsigned int waitStatus);
     Process& Remember(int pid);
     void ForgetEnded();
+    void Report(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const;
 
     std::unordered_map<int, Process> processes_;
     std::unordered_set<int> own_;  // this process's children and theirs
     std::size_t limit_ = 65536;
+    void (*reporter_)(const ProcessReport&) = nullptr;
 };

@@ -1,0 +1,86 @@
+#include "server_link.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "basecomm.h"
+#include "report_queue.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kFirstDelay{1000};
+constexpr milliseconds kLongestDelay{60000};
+constexpr milliseconds kLeastSpread{2000};
+constexpr milliseconds kSettled{10000};  // a connection that lived that long was a good one
+constexpr milliseconds kStopPeriod{50};
+constexpr unsigned int kDrainMs = 2000;
+
+}  // namespace
+
+bool ServerLink::Start(std::size_t queueCount, std::size_t queueBytes)
+{
+    return NEUtils::RegisterComponent(NEUtils::kSocketClient, channel_) && NEUtils::BaseCommInit() &&
+           NEUtils::ReportQueue::GetInstance().Start(channel_, queueCount, queueBytes);
+}
+
+void ServerLink::Check()
+{
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_) {
+            return;
+        }
+        checking_ = true;
+    }
+    Look(std::chrono::steady_clock::now());
+    const std::lock_guard<std::mutex> lock(mutex_);
+    checking_ = false;
+    checked_.notify_all();
+}
+
+void ServerLink::Look(Time now)
+{
+    if (channel_->StatusCheck()) {
+        if (now - upSince_ > kSettled) {
+            delay_ = kFirstDelay;
+        }
+        return;
+    }
+    if (up_) {
+        up_ = false;
+        PutOff(now);
+    }
+    if (now < nextTry_) {
+        return;
+    }
+    up_ = std::exchange(started_, true) ? NEUtils::BaseCommStatusCheck() : NEUtils::BaseCommStart();
+    upSince_ = std::chrono::steady_clock::now();
+    if (!up_) {
+        PutOff(upSince_);
+    }
+}
+
+void ServerLink::PutOff(Time now)
+{
+    const milliseconds spread = std::max(delay_ / 2, kLeastSpread);
+    nextTry_ = now + delay_ + milliseconds(std::uniform_int_distribution<long>(0, spread.count())(random_));
+    delay_ = std::min(delay_ * 2, kLongestDelay);
+}
+
+void ServerLink::Stop()
+{
+    auto& queue = NEUtils::ReportQueue::GetInstance();
+    queue.Drain(kDrainMs);
+    std::unique_lock<std::mutex> lock(mutex_);
+    stopping_ = true;
+    do {  // also what a check under way has still to connect
+        lock.unlock();
+        NEUtils::BaseCommStop();
+        lock.lock();
+    } while (checking_ && (checked_.wait_for(lock, kStopPeriod), true));
+    lock.unlock();
+    queue.Stop();
+    NEUtils::BaseCommDeInit();
+}
