@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the agent, installs it below build/quickstart, runs it there and shows what it does on real
-# processes and signals. Exits 0 only if everything that it announces was seen.
+# Builds the agent and a server for it to report to, installs them below build/quickstart, runs them there
+# and shows what they do on real processes and signals. Exits 0 only if everything announced was seen.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -8,12 +8,17 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$root"
 prefix=build/quickstart
 agent=$prefix/bin/sentrel-agent
+collector=$prefix/bin/sentrel-collector
+collectorLog=$prefix/log/collector.log
+collectorSocket=$prefix/conf/collector.sock
 agentLog=$prefix/log/agent.log
 report=$prefix/log/coredump.log
 pidFile=$prefix/conf/sentrel-agent.pid
 watchLimit=60
 job=
+server=
 hidden=
+children=
 probes=
 
 # Gives the processes that run this install's agent, whoever started them.
@@ -31,6 +36,7 @@ no_agent() { [[ -z $(agent_pids) ]]; }
 # Nothing is left behind, however this ends: no agent ran from here before, so all there are were started here.
 cleanup() {
     local pid limit=$((SECONDS + 3))
+    [[ -z $server ]] || "${asRoot[@]}" kill "$server" 2>/dev/null || true
     [[ -n $job ]] || return 0
     for pid in $(agent_pids); do
         "${asRoot[@]}" kill -INT "$pid"
@@ -96,10 +102,41 @@ demonstrate() {
     show "$@"
     "$@" &
     child=$!
+    lastChild=$child
+    children+=${children:+|}$child
     expect "its end in the log (process $child)" print_events "$child"
     wait "$child" || status=$?
     expect "its start, and its exit code $status" holds "$agentLog" \
         "Process executed\.\[pid=$child ppid=$$ " "Process exited\.\[pid=$child ppid=$$ .* exitCode=$status "
+}
+
+# Its output is one line a message; the agent finds it again by itself after a while.
+start_collector() {
+    show "${asRoot[@]}" "$collector" --listen "unix:$collectorSocket"
+    : >"$collectorLog"
+    "${asRoot[@]}" "$collector" --listen "unix:$collectorSocket" >"$collectorLog" 2>&1 &
+    server=$!
+    expect 'it listens' holds "$collectorLog" '^listening on unix:'
+}
+
+stop_collector() {
+    run "${asRoot[@]}" kill "$server"
+    wait "$server" || true
+    server=
+}
+
+show_reports() {
+    step 'What the collector got from the agent meanwhile, about the same commands'
+    expect 'the end of the last of them' holds "$collectorLog" " exited pid=$lastChild "
+    grep -E " pid=($children) " "$collectorLog" | sed 's/^/    /'
+
+    step 'The collector goes away, a command runs, the collector comes back: nothing is lost'
+    stop_collector
+    demonstrate sh -c 'sleep 0.2; exit 7'
+    start_collector
+    expect 'the exit of that command, which the agent had kept' \
+        holds "$collectorLog" " exited pid=$lastChild .*exitCode=7"
+    grep -E " pid=$lastChild " "$collectorLog" | sed 's/^/    /'
 }
 
 show_events() {
@@ -156,7 +193,7 @@ stop_agent() {
     "${asRoot[@]}" tail -n 1 "$agentLog"
 }
 
-need_packages g++ cmake ninja-build gzip procps
+need_packages g++ cmake ninja-build libevent-dev nlohmann-json3-dev pkg-config gzip procps
 find_root || hidden='neither root nor sudo without a password: process events need CAP_NET_ADMIN'
 no_agent || fail "An agent runs from $prefix: stop it first (process $(agent_pids | xargs))"
 
@@ -167,7 +204,12 @@ run_logged cmake --build --preset release
 rm -rf "$prefix"
 run_logged cmake --install build/release --prefix "$root/$prefix"
 
-deadline=$((SECONDS + 20))
+"${asRoot[@]}" sed -i "s|^#\(SOCKET_TYPE=1\)|\1|; s|^#\(SERVER_SOCKET_PATH=\)|\1|" "$prefix/conf/agent.conf"
+
+deadline=$((SECONDS + 30))
+step 'Starting the collector, to which the agent reports'
+start_collector
+
 step 'Starting the agent'
 show "${asRoot[@]}" "$agent" --root "$prefix"
 "${asRoot[@]}" "$agent" --root "$prefix" &
@@ -179,13 +221,20 @@ if holds "$agentLog" 'Process events are not watched\.'; then
     hidden=${hidden:-the agent says that it may not watch process events}
 fi
 
-[[ -n $hidden ]] || show_events
+if [[ -z $hidden ]]; then
+    show_events
+    show_reports
+fi
 if [[ -t 0 ]]; then
     watch_on
 fi
 refuse_second
 write_report
 stop_agent
+
+step 'SIGTERM ends the collector'
+stop_collector
+tail -n 1 "$collectorLog"
 
 stepName=
 [[ -z $hidden ]] || fail "MISSING: process events could not be shown: $hidden"

@@ -94,7 +94,63 @@ TEST_F(AgentTest, LogsRealProcessesRefusesASecondInstanceAndStopsCleanly)
     EXPECT_TRUE(Eventually([&] { return Contains(Read(report_), "sig_deal signo.[signo=10,"); }));
     EXPECT_EQ(Read(pidFile_), std::to_string(agent_));
     EXPECT_EQ(StopAgent(), SIGTERM);
-    EXPECT_TRUE(Logged("Agent stopped.[lostEvents=0]") && !fs::exists(pidFile_));
+    EXPECT_TRUE(Logged("Agent stopped.[lostEvents=0 droppedReports=0 unsentReports=0]") && !fs::exists(pidFile_));
+}
+
+// A server that dies loses nothing: the agent keeps its reports, comes back and sends them.
+TEST_F(AgentTest, ReportsToAServerThatComesAndGoes)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "the process connector needs CAP_NET_ADMIN";
+    }
+    const std::string got = root_ / "got";
+    const auto startCollector = [&](const std::string& listen) {
+        fs::remove(got);
+        const pid_t pid = Fork([&] {
+            const std::string command =
+                std::string("exec ") + COLLECTOR_PROGRAM + " --json --listen " + listen + " >" + got;
+            return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        });
+        EXPECT_TRUE(Eventually([&] { return Contains(Read(got), "\"listening\""); }));
+        return pid;
+    };
+    // An exit code of its own, seen by the server: the agent's events have come that far.
+    const auto arrives = [&](int code, bool repeat) {
+        const auto end = "\"exitCode\":" + std::to_string(code);
+        do {
+            Wait(Fork([code] { return code; }));
+        } while (repeat && !Eventually([&] { return Contains(Read(got), end); }, 2));
+        return end;
+    };
+    const std::string network = "SOCKET_TYPE=2\nSERVER_IP=";
+    const std::tuple<std::string, std::string, std::string> ways[] = {
+        {"unix:" + (root_ / "socket"), "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\n", ""},
+        {"tcp:127.0.0.1:", network + "127.0.0.1\nAGENT_IP=127.0.0.1\nSERVER_PORT=", "0"},
+        {"tcp:[::1]:", network + "::1\nAGENT_IP=::1\nSERVER_PORT=", "0"}};
+    for (auto [listen, config, port] : ways) {
+        SCOPED_TRACE(listen);
+        pid_t collector = startCollector(listen + port);
+        if (!port.empty()) {
+            const std::string line = Read(got);
+            port = line.substr(line.rfind(':') + 1, line.rfind('"') - line.rfind(':') - 1);
+        }
+        Write(config_, config + port + "\nREPORT_SECONDS=0\n");
+        fs::remove(log_);
+        StartAgent();
+        arrives(51, true);
+        kill(collector, SIGKILL);
+        Wait(collector);
+        const std::string kept = arrives(52, false);
+        EXPECT_TRUE(Eventually([&] { return Logged("exitCode=52 ") && Logged("Channel to the server is down."); }));
+        EXPECT_FALSE(Contains(Read(got), kept));
+        collector = startCollector(listen + port);
+        EXPECT_TRUE(Eventually([&] { return Contains(Read(got), kept); }));
+        EXPECT_EQ(StopAgent(), SIGTERM);
+        EXPECT_TRUE(Logged("droppedReports=0 unsentReports=0]"));
+        kill(collector, SIGTERM);
+        EXPECT_EQ(Wait(collector), 0);
+        EXPECT_TRUE(Contains(Read(got), "\"summary\""));
+    }
 }
 
 // A roll starts processes; a record about each would start the next roll, and so on for ever.
@@ -170,6 +226,12 @@ TEST_F(AgentTest, BadConfigurationNamesFileLineAndKey)
         {"LOG_KIND=StartupLog", ":1: LOG_KIND: 'StartupLog' is not one of NormalLog, DotLog"},
         {std::string("a\0b=1", 5), ":1: unknown key 'a?b'"},
         {std::string(10U << 20, 'x'), ": is larger than 1 MiB"},
+        {"SOCKET_TYPE=3", ":1: SOCKET_TYPE: '3' is not one of 1 (local), 2 (network)"},
+        {"SERVER_PORT=web", ":1: SERVER_PORT: 'web' is not a port number"},
+        {"SERVER_IP=server", ":1: SERVER_IP: 'server' is not an IPv4 or IPv6 address"},
+        {"SOCKET_TYPE=1", ": SOCKET_TYPE=1 needs SERVER_SOCKET_PATH"},
+        {"SERVER_SOCKET_PATH=x", ": SERVER_SOCKET_PATH needs SOCKET_TYPE=1"},
+        {"SERVER_IP=::1\nSERVER_PORT=1", ": reports over the network need AGENT_IP"},
     };
     for (const auto& [config, fault] : rows) {
         Write(config_, config);

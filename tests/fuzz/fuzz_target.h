@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+// A finding, wherever it is false.
+inline void Require(bool holds)
+{
+    if (!holds) {
+        std::abort();
+    }
+}
