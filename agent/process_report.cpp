@@ -38,7 +38,8 @@ void ReportProcess(const ProcessReport& report)
     Add(packer, NEUtils::kTagPid, report.pid);
     Add(packer, NEUtils::kTagParentPid, report.parentPid);
     Add(packer, NEUtils::kTagUser, report.user);
-    Add(packer, NEUtils::kTagCmdLine, report.cmdLine.substr(0, TLVValue::kMaxLength));
+    // A longer item would be read back as empty.
+    Add(packer, NEUtils::kTagCmdLine, report.cmdLine.substr(0, TLVValue::kMaxLength - 1));
     if (report.event != NEUtils::kProcessExecuted) {
         Add(packer, report.event == NEUtils::kProcessExited ? NEUtils::kTagExitCode : NEUtils::kTagSignal, report.code);
     }

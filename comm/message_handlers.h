@@ -25,7 +25,7 @@ public:
     // the one that this is called from.
     bool Remove(std::uint32_t type, MsgHandler handler);
 
-    class Handler;
+    struct Handler;
     using List = std::vector<std::shared_ptr<Handler>>;
 
     std::shared_ptr<const List> Find(std::uint32_t type);  // null if there is none

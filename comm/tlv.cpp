@@ -12,7 +12,7 @@ namespace NEUtils {
 namespace {
 
 constexpr std::size_t kHeaderSize = 4;
-constexpr std::size_t kFirstItems = 16;
+constexpr std::size_t kFirstItems = 64;
 
 std::uint16_t Ordered(std::uint16_t value, bool swap)
 {
@@ -52,21 +52,17 @@ TLVValue& TLVValue::operator=(TLVValue&& other) noexcept
 
 bool TLVValue::Allocate(std::size_t size)
 {
-    data_.reset(new (std::nothrow) unsigned char[size]());
+    data_.reset(new (std::nothrow) unsigned char[size]);
     return data_ != nullptr;
 }
 
 void TLVValue::Init(std::uint16_t tag, const unsigned char* data, std::uint16_t length)
 {
-    if (data == nullptr || length > kMaxLength || !Allocate(length)) {
-        return;
+    if (data != nullptr && length <= kMaxLength && Allocate(length)) {
+        std::memcpy(data_.get(), data, length);
+        length_ = length;
+        tag_ = tag;
     }
-    if (length > 0 && memcpy_s(data_.get(), length, data, length) != 0) {
-        data_.reset();
-        return;
-    }
-    length_ = length;
-    tag_ = tag;
 }
 
 void TLVValue::Init(std::uint16_t tag, int value)
@@ -80,15 +76,11 @@ void TLVValue::Init(std::uint16_t tag, int value)
 
 void TLVValue::Init(std::uint16_t tag, const std::string& text)
 {
-    if (text.empty() || text.size() > kMaxLength || !Allocate(text.size() + 1)) {
-        return;
+    if (!text.empty() && text.size() <= kMaxLength && Allocate(text.size() + 1)) {
+        std::memcpy(data_.get(), text.c_str(), text.size() + 1);
+        length_ = static_cast<std::uint16_t>(text.size() + 1);
+        tag_ = tag;
     }
-    if (memcpy_s(data_.get(), text.size() + 1, text.data(), text.size()) != 0) {
-        data_.reset();
-        return;
-    }
-    length_ = static_cast<std::uint16_t>(text.size() + 1);
-    tag_ = tag;
 }
 
 bool TLVValue::Copy(void* value, std::size_t size) const
@@ -149,14 +141,13 @@ int TLVPacker::Pack(bool swap)
         const std::size_t value = offset + kHeaderSize;
         const std::size_t next = value + item.GetLength();
         const Header header = {Ordered(item.GetTag(), swap), Ordered(item.GetLength(), swap)};
-        if (next > size_) {  // the sum has wrapped
+        if (next > size_ || (item.GetData() == nullptr && item.GetLength() > 0)) {  // the sum has wrapped, or no bytes
             buffer_.reset();
             return -1;
         }
         std::memcpy(&buffer_[offset], &header, kHeaderSize);
-        if (item.GetLength() > 0 && memcpy_s(&buffer_[value], size_ - value, item.GetData(), item.GetLength()) != 0) {
-            buffer_.reset();
-            return -1;
+        if (item.GetLength() > 0) {
+            std::memcpy(&buffer_[value], item.GetData(), item.GetLength());
         }
         offset = next;
     }

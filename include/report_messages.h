@@ -26,7 +26,7 @@ enum ReportTag : std::uint16_t {
     kTagPid = 3,        // 4 bytes
     kTagParentPid = 4,  // 4 bytes
     kTagUser = 5,       // text
-    kTagCmdLine = 6,    // text, cut at 2048 bytes
+    kTagCmdLine = 6,    // text, with its NUL cut at 2048 bytes
     kTagExitCode = 7,   // 4 bytes, of kProcessExited
     kTagSignal = 8,     // 4 bytes, of kProcessKilled
     kTagCount = 9,      // 8 bytes, how many reports were dropped since the last such message

@@ -25,6 +25,11 @@ enum TASKTYPE : std::int32_t {
     TASK_ON_DEMAND = 5,       // only when it is asked for
 };
 
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wnested-anon-types"  // which __extension__ does not quiet there
+#endif
+
 // A timetable. The first part is read in one of two ways, by the type of the task.
 struct TASK_CONDITION {
     union {
@@ -46,6 +51,10 @@ struct TASK_CONDITION {
     bool createThread;  // run on a pool thread, otherwise on the schedule thread
     bool allowOverlap;  // otherwise a launch is skipped while an earlier run is under way
 };
+
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
 
 // One registered job: its timetable, its function and what it is doing.
 //

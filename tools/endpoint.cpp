@@ -100,7 +100,10 @@ std::string ClearPath(const Endpoint& endpoint)
     if (error == 0 || error == EAGAIN) {
         return "somebody listens there already";
     }
-    return error == ECONNREFUSED && unlink(Path(endpoint)) == 0 ? std::string() : std::strerror(error);
+    if (error != ECONNREFUSED) {
+        return std::strerror(error);
+    }
+    return unlink(Path(endpoint)) == 0 ? std::string() : std::strerror(errno);
 }
 
 }  // namespace
