@@ -32,11 +32,11 @@ void ServerLink::Check()
         if (stopping_) {
             return;
         }
-        checking_ = true;
+        checker_ = std::this_thread::get_id();
     }
     Look(std::chrono::steady_clock::now());
     const std::lock_guard<std::mutex> lock(mutex_);
-    checking_ = false;
+    checker_ = {};
     checked_.notify_all();
 }
 
@@ -55,7 +55,8 @@ void ServerLink::Look(Time now)
     if (now < nextTry_) {
         return;
     }
-    up_ = std::exchange(started_, true) ? NEUtils::BaseCommStatusCheck() : NEUtils::BaseCommStart();
+    std::exchange(started_, true) ? NEUtils::BaseCommStatusCheck() : NEUtils::BaseCommStart();
+    up_ = channel_->StatusCheck();
     upSince_ = std::chrono::steady_clock::now();
     if (!up_) {
         PutOff(upSince_);
@@ -75,11 +76,14 @@ void ServerLink::Stop()
     queue.Drain(kDrainMs);
     std::unique_lock<std::mutex> lock(mutex_);
     stopping_ = true;
+    const auto isChecked = [this] {  // by another thread: a crash in the check stops from there
+        return checker_ != std::thread::id() && checker_ != std::this_thread::get_id();
+    };
     do {  // also what a check under way has still to connect
         lock.unlock();
         NEUtils::BaseCommStop();
         lock.lock();
-    } while (checking_ && (checked_.wait_for(lock, kStopPeriod), true));
+    } while (isChecked() && (checked_.wait_for(lock, kStopPeriod), true));
     lock.unlock();
     queue.Stop();
     NEUtils::BaseCommDeInit();

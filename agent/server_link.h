@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <thread>
 
 #include "socket_comm.h"
 
@@ -18,7 +19,7 @@ class ServerLink {
 public:
     bool Start(std::size_t queueCount, std::size_t queueBytes);
     void Check();  // connects where that is due, which may take 10 s
-    void Stop();   // gives what is queued 2 s to go; at the latest 10 s after
+    void Stop();   // gives what is queued 2 s to go, and ends a connect under way
 
 private:
     using Time = std::chrono::steady_clock::time_point;
@@ -38,6 +39,6 @@ private:
 
     std::mutex mutex_;
     std::condition_variable checked_;
-    bool checking_ = false;
+    std::thread::id checker_;  // who checks at the moment
     bool stopping_ = false;
 };

@@ -45,7 +45,8 @@ unsigned int Ipv6Socket::GetScopeForIp(const std::string& addr) const
     }
     const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(list, &freeifaddrs);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-        if (AddressText(*entry) == addr) {
+        const std::string text = AddressText(*entry);
+        if (!text.empty() && text == addr) {
             return if_nametoindex(entry->ifa_name);
         }
     }
@@ -55,14 +56,18 @@ unsigned int Ipv6Socket::GetScopeForIp(const std::string& addr) const
 // Kept: only addresses of this host's interfaces have a scope.
 bool Ipv6Socket::GetNetSockAddrInfo6(const std::string& addr, int port, sockaddr_in6& address) const
 {
-    address = {};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = htons(static_cast<std::uint16_t>(port));
-    if (inet_pton(AF_INET6, addr.c_str(), &address.sin6_addr) != 1) {
+    sockaddr_in6 found = {};
+    found.sin6_family = AF_INET6;
+    found.sin6_port = htons(static_cast<std::uint16_t>(port));
+    if (inet_pton(AF_INET6, addr.c_str(), &found.sin6_addr) != 1) {
         return false;
     }
-    address.sin6_scope_id = GetScopeForIp(addr);
-    return address.sin6_scope_id != 0;
+    found.sin6_scope_id = GetScopeForIp(addr);
+    if (found.sin6_scope_id == 0) {
+        return false;
+    }
+    address = found;
+    return true;
 }
 
 bool Ipv6Socket::Bind(const std::string& addr, int port) const

@@ -35,40 +35,49 @@ MessageHandlers::~MessageHandlers() = default;
 
 bool MessageHandlers::Add(std::uint32_t type, MsgHandler handler, void* userData)
 {
-    if (handler == nullptr || !lock_.LockForWrite(kWriteWaitMs)) {
+    if (handler == nullptr) {
         return false;
     }
-    std::shared_ptr<const List>& list = handlers_[type];
-    List changed = list == nullptr ? List() : *list;
-    changed.push_back(std::shared_ptr<Handler>(new Handler{handler, userData, {}}));
-    list = std::make_shared<const List>(std::move(changed));
-    lock_.UnlockForWrite();
-    return true;
+    const std::shared_ptr<Handler> added(new Handler{handler, userData, {}});
+    return Change(type, [&](const List& old) {
+        List changed = old;
+        changed.push_back(added);
+        return changed;
+    });
 }
 
 bool MessageHandlers::Remove(std::uint32_t type, MsgHandler handler)
 {
-    if (!lock_.LockForWrite(kWriteWaitMs)) {
-        return false;
-    }
-    List kept;
     List removed;
-    const auto found = handlers_.find(type);
-    if (found != handlers_.end()) {
-        for (const auto& entry : *found->second) {
+    const bool changed = Change(type, [&](const List& old) {
+        List kept;
+        for (const auto& entry : old) {
             (entry->function == handler ? removed : kept).push_back(entry);
         }
-        if (kept.empty()) {
-            handlers_.erase(found);
-        } else {
-            found->second = std::make_shared<const List>(std::move(kept));
-        }
-    }
-    lock_.UnlockForWrite();
+        return kept;
+    });
     for (const auto& entry : removed) {
         entry->gate.Close();
     }
-    return !removed.empty();
+    return changed && !removed.empty();
+}
+
+// Replaces the list of a type by what a function makes of it; unchanged where that throws.
+template <typename Function>
+bool MessageHandlers::Change(std::uint32_t type, Function function)
+{
+    if (!lock_.LockForWrite(kWriteWaitMs)) {
+        return false;
+    }
+    const std::unique_ptr<MR1WLock, void (*)(MR1WLock*)> held(&lock_, [](MR1WLock* lock) { lock->UnlockForWrite(); });
+    const auto found = handlers_.find(type);
+    auto changed = std::make_shared<const List>(function(found == handlers_.end() ? List() : *found->second));
+    if (changed->empty()) {
+        handlers_.erase(type);
+    } else {
+        handlers_[type].swap(changed);
+    }
+    return true;
 }
 
 std::shared_ptr<const MessageHandlers::List> MessageHandlers::Find(std::uint32_t type)

@@ -34,6 +34,9 @@ public:
     static void Call(const List& handlers, std::uint32_t type, void* message);
 
 private:
+    template <typename Function>
+    bool Change(std::uint32_t type, Function function);
+
     MR1WLock lock_;
     std::map<std::uint32_t, std::shared_ptr<const List>> handlers_;  // lists are replaced, never changed
 };

@@ -41,6 +41,7 @@ bool ReportQueue::Start(std::shared_ptr<SocketComm> channel, std::size_t maxCoun
         return false;
     }
     channel_ = std::move(channel);
+    waiting_.splice(waiting_.begin(), unanswered_);
     maxCount_ = maxCount;
     maxBytes_ = maxBytes;
     try {
@@ -60,6 +61,9 @@ void ReportQueue::Stop()
     }
     changed_.notify_all();
     empty_.notify_all();
+    if (sender_.get_id() == std::this_thread::get_id()) {
+        return;  // a crash on the sender, which ends the process
+    }
     if (sender_.joinable()) {
         sender_.join();
     }
@@ -96,8 +100,11 @@ bool ReportQueue::Push(std::uint32_t type, const void* body, std::size_t length)
     ++count_;
     bytes_ += report->message.size();
     waiting_.push_back(std::move(report));
+    const bool wake = std::exchange(idle_, false);
     lock.unlock();
-    changed_.notify_one();
+    if (wake) {
+        changed_.notify_one();
+    }
     return true;
 }
 
@@ -114,7 +121,6 @@ void ReportQueue::Drop(Lock& lock)
     const std::size_t count = count_;
     const std::size_t bytes = bytes_;
     lock.unlock();
-    changed_.notify_one();
     if (!told) {
         NE_LOG(WARN, "Report queue is full, reports are dropped.[count=%zu bytes=%zu dropped=%llu]", count, bytes,
                static_cast<unsigned long long>(dropped));
@@ -148,11 +154,13 @@ void ReportQueue::RunOnce(Lock& lock)
             return;
         }
     }
+    idle_ = waiting_.empty();
     if (count_ > 0 || dropped_ > droppedTold_) {
         changed_.wait_for(lock, kLookPeriod);
     } else {
         changed_.wait(lock);
     }
+    idle_ = false;
 }
 
 // What was lost with its connection, or is not repeated any more, is to be sent anew, before all others.
@@ -244,7 +252,7 @@ void ReportQueue::Answered(std::uint32_t seq)
         notice_.reset();
     }
     unanswered_.erase(found);
-    if (!waiting_.empty()) {
+    if (unanswered_.size() == kMostUnanswered - 1) {  // there was no room before
         changed_.notify_one();
     }
     if (count_ == 0) {

@@ -49,23 +49,25 @@ void RequestCache::Clear()
     requests_.clear();
 }
 
-std::vector<RequestCache::Due> RequestCache::TakeDue(std::size_t limit)
+bool RequestCache::TakeDue(Due& due)
 {
     const std::int64_t now = Clock::WallSeconds();
-    std::vector<Due> due;
     const std::lock_guard<std::mutex> lock(mutex_);
     DropExhausted();
-    for (Request& request : requests_) {
-        if (due.size() == limit) {
-            break;
+    for (auto request = requests_.begin(); request != requests_.end(); ++request) {
+        if (IsExhausted(request->retries)) {
+            continue;  // at most 200 of them
         }
-        if (!IsExhausted(request.retries) && std::llabs(now - request.lastSend) > kRetryAfterSeconds) {
-            request.lastSend = now;
-            ++request.retries;
-            due.push_back(request.request);
+        if (std::llabs(now - request->lastSend) <= kRetryAfterSeconds) {
+            return false;  // and those behind it were sent later
         }
+        request->lastSend = now;
+        ++request->retries;
+        due = request->request;
+        requests_.splice(requests_.end(), requests_, request);
+        return true;
     }
-    return due;
+    return false;
 }
 
 void RequestCache::DropExhausted()

@@ -7,7 +7,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 namespace NEUtils {
 
@@ -28,8 +27,8 @@ public:
     bool Remove(std::uint32_t seq);  // one with the number; false: there is none
     void Clear();
 
-    // Takes note of another sending of at most limit requests that are due, and gives them, oldest first.
-    std::vector<Due> TakeDue(std::size_t limit);
+    // Gives the request that is due for longest, and takes note that it is sent once more. False: none is due.
+    bool TakeDue(Due& due);
 
 private:
     struct Request {
@@ -43,7 +42,7 @@ private:
     void DropExhausted();
 
     std::mutex mutex_;
-    Requests requests_;
+    Requests requests_;  // in the order of their last sending
     std::unordered_multimap<std::uint32_t, Requests::iterator> bySeq_;
 };
 

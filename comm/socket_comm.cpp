@@ -1,5 +1,7 @@
 #include "socket_comm.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -13,7 +15,6 @@
 #include <exception>
 #include <new>
 #include <optional>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -38,6 +39,7 @@ constexpr int kConnectSeconds = 10;
 constexpr int kLocalConnectSeconds = 1;  // a full backlog must not hold a stop
 constexpr int kSendSeconds = 10;
 constexpr int kWaitMs = 1000;
+constexpr unsigned int kDeadPeerMs = 30000;  // without acknowledging what was sent
 constexpr std::int64_t kRetryPeriodNs = 3 * Clock::kNsPerSecond;
 constexpr std::size_t kRetriesAtOnce = 32;  // between two looks at what comes in, or both sides could wait to send
 constexpr int kMaxPort = 65535;
@@ -85,6 +87,18 @@ void SetSendLimit(int fd, int seconds)
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
+// Where nobody listens on a port of this host that it gives to clients, a client may be given that very port.
+bool IsConnectedToItself(int fd)
+{
+    sockaddr_in6 own = {};
+    sockaddr_in6 peer = {};
+    socklen_t ownSize = sizeof(own);
+    socklen_t peerSize = sizeof(peer);
+    return getsockname(fd, reinterpret_cast<sockaddr*>(&own), &ownSize) == 0 &&
+           getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) == 0 && ownSize == peerSize &&
+           std::memcmp(&own, &peer, ownSize) == 0;
+}
+
 }  // namespace
 
 // One connection and its thread, which holds it until it ends.
@@ -122,6 +136,9 @@ struct SocketComm::Connection {
     std::atomic<bool> working{false};
     std::thread thread;
 
+    std::atomic<bool> finished{false};       // the thread has nothing more to do
+    std::atomic<std::int64_t> sendSince{0};  // when the send under way began; 0: there is none
+
     // Of the thread alone:
     MessageReader reader;
     std::vector<std::max_align_t> copy;  // the message that handlers see
@@ -139,6 +156,7 @@ struct SocketComm::Members {
     std::shared_ptr<Connection> connecting;
     std::vector<std::shared_ptr<Connection>> ended;  // stopped on a receive thread, not joined yet
     std::uint64_t stops = 0;                         // a start that finds another one when it is done gives up
+    std::thread::id starter;                         // whose start is under way
     std::condition_variable startEnd;
 
     RequestCache cache;
@@ -165,6 +183,10 @@ bool SocketComm::Init()
 
 bool SocketComm::Start()
 {
+    if (StatusCheck()) {
+        End(nullptr);  // what a handler has left
+        return true;
+    }
     SetSigPipeHandler();
     const auto connection = std::make_shared<Connection>();
     std::shared_ptr<Connection> old;
@@ -178,6 +200,7 @@ bool SocketComm::Start()
             return false;
         }
         members_->connecting = connection;
+        members_->starter = std::this_thread::get_id();
         stops = members_->stops;
         old.swap(members_->current);
     }
@@ -205,7 +228,7 @@ bool SocketComm::Publish(const std::shared_ptr<Connection>& connection, bool ope
     try {
         // Under the lock, so that a stop finds either no connection or one whose thread can be joined.
         connection->thread = std::thread([this, connection] { ProcessDataThread(*connection); });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         return false;
     }
     members_->current = connection;
@@ -221,7 +244,8 @@ bool SocketComm::Stop()
         ++members_->stops;
         current.swap(members_->current);
         // A start under way ends first. It may stand right before its connect, so it is told again.
-        while (members_->connecting != nullptr && t_receiver != this) {
+        while (members_->connecting != nullptr && t_receiver != this &&
+               members_->starter != std::this_thread::get_id()) {
             const auto connecting = members_->connecting;
             connecting->Shutdown();
             members_->startEnd.wait_for(lock, kCancelPeriod);
@@ -231,8 +255,8 @@ bool SocketComm::Stop()
     return true;
 }
 
-// Ends a connection, if there is one, and joins what was left to be joined. On a receive thread nothing is
-// joined, as that could be the thread itself or one that waits for it.
+// Ends a connection, if there is one, and joins what was left to be joined. On a receive thread that is only
+// what has finished: others could be the thread itself, or one that waits for it.
 void SocketComm::End(const std::shared_ptr<Connection>& connection)
 {
     if (connection != nullptr) {
@@ -247,10 +271,9 @@ void SocketComm::End(const std::shared_ptr<Connection>& connection)
         if (connection != nullptr) {
             members_->ended.push_back(connection);
         }
-        if (t_receiver == this) {
-            return;
-        }
-        joined = members_->ended;  // left in there, so that every other caller waits for them too
+        // Left in there, so that every other caller waits for them too.
+        std::copy_if(members_->ended.begin(), members_->ended.end(), std::back_inserter(joined),
+                     [this](const auto& entry) { return t_receiver != this || entry->finished; });
     }
     for (const auto& entry : joined) {
         entry->Join();
@@ -323,7 +346,12 @@ bool SocketComm::CreateNetConnection(Connection& connection)
         NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
         return false;
     }
+    if (IsConnectedToItself(connection.fd)) {
+        NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
+        return false;
+    }
     SetSendLimit(connection.fd, kSendSeconds);
+    setsockopt(connection.fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &kDeadPeerMs, sizeof(kDeadPeerMs));
     return true;
 }
 
@@ -364,10 +392,15 @@ void SocketComm::ProcessDataThread(Connection& connection)
             if (poll(&wanted, 1, moreDue ? 0 : kWaitMs) > 0) {
                 ReceiveData(connection);
             }
+            const std::int64_t sendSince = connection.sendSince;
+            if (sendSince != 0 && now - sendSince > kSendSeconds * Clock::kNsPerSecond) {
+                Fail(connection, "a message could not be sent in time");
+            }
         }
     } catch (const std::exception& error) {
         Fail(connection, error.what());
     }
+    connection.finished = true;
 }
 
 void SocketComm::ReceiveData(Connection& connection)
@@ -432,14 +465,17 @@ bool SocketComm::UpdateRequestCache(const SentrelAgentMsg& header)
 // True if there may be more to repeat.
 bool SocketComm::RetryRequest(Connection& connection)
 {
-    const auto due = members_->cache.TakeDue(kRetriesAtOnce);
-    for (const auto& request : due) {
+    for (std::size_t count = 0; count < kRetriesAtOnce; ++count) {
+        RequestCache::Due request;
+        if (!members_->cache.TakeDue(request)) {
+            return false;
+        }
         NE_LOG(DEBUG, "Retry request, seq: %u, type: %u", request.seq, request.type);
         if (!Send(connection, request.message->data(), request.message->size())) {
             return false;
         }
     }
-    return due.size() == kRetriesAtOnce;
+    return true;
 }
 
 bool SocketComm::Send(Connection& connection, const char* message, std::size_t length)
@@ -448,8 +484,10 @@ bool SocketComm::Send(Connection& connection, const char* message, std::size_t l
     {
         const std::lock_guard<std::mutex> lock(g_sendMutex);
         // Whoever waited for a send that was cut short must not go on in the middle of that message.
+        connection.sendSince = Clock::MonotonicNs();
         sent = connection.working &&
                connection.proxy.Send(reinterpret_cast<const unsigned char*>(message), static_cast<long>(length));
+        connection.sendSince = 0;
     }
     if (!sent) {
         Fail(connection, "a message could not be sent, or not in time");

@@ -73,6 +73,9 @@ bool TCPSocket::SocketConnect(const sockaddr* address, int addressSize, int time
 
 int TCPSocket::SocketSelect(int descriptor, int timeoutSeconds) const
 {
+    if (descriptor < 0 || timeoutSeconds < 0) {
+        return -1;
+    }
     if (descriptor >= FD_SETSIZE) {  // a set has no place for it
         pollfd wanted = {descriptor, POLLIN | POLLOUT, 0};
         const int result = poll(&wanted, 1, std::min(timeoutSeconds, INT_MAX / 1000) * 1000);

@@ -50,16 +50,20 @@ TLVValue& TLVValue::operator=(TLVValue&& other) noexcept
     return *this;
 }
 
-bool TLVValue::Allocate(std::size_t size)
+// Replaces the bytes by a copy; data may lie in the old ones. Without memory there are none then.
+bool TLVValue::Assign(const void* data, std::size_t size)
 {
-    data_.reset(new (std::nothrow) unsigned char[size]);
+    std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[size]);
+    if (copy != nullptr) {
+        std::memcpy(copy.get(), data, size);
+    }
+    data_ = std::move(copy);
     return data_ != nullptr;
 }
 
 void TLVValue::Init(std::uint16_t tag, const unsigned char* data, std::uint16_t length)
 {
-    if (data != nullptr && length <= kMaxLength && Allocate(length)) {
-        std::memcpy(data_.get(), data, length);
+    if (data != nullptr && length <= kMaxLength && Assign(data, length)) {
         length_ = length;
         tag_ = tag;
     }
@@ -67,8 +71,7 @@ void TLVValue::Init(std::uint16_t tag, const unsigned char* data, std::uint16_t 
 
 void TLVValue::Init(std::uint16_t tag, int value)
 {
-    if (Allocate(sizeof(value))) {
-        std::memcpy(data_.get(), &value, sizeof(value));
+    if (Assign(&value, sizeof(value))) {
         tag_ = tag;
         length_ = sizeof(value);
     }
@@ -76,8 +79,7 @@ void TLVValue::Init(std::uint16_t tag, int value)
 
 void TLVValue::Init(std::uint16_t tag, const std::string& text)
 {
-    if (!text.empty() && text.size() <= kMaxLength && Allocate(text.size() + 1)) {
-        std::memcpy(data_.get(), text.c_str(), text.size() + 1);
+    if (!text.empty() && text.size() <= kMaxLength && Assign(text.c_str(), text.size() + 1)) {
         length_ = static_cast<std::uint16_t>(text.size() + 1);
         tag_ = tag;
     }
@@ -165,14 +167,18 @@ bool TLVAnalyzer::Analyze(bool swap)
     count_ = 0;
     const auto length = static_cast<std::size_t>(length_);
     std::size_t offset = 0;
-    while (length - offset >= kHeaderSize) {
-        const Header header = ReadHeader(data_ + offset, swap);
-        if (header.length > length - offset - kHeaderSize) {
-            break;
+    try {
+        while (length - offset >= kHeaderSize) {
+            const Header header = ReadHeader(data_ + offset, swap);
+            if (header.length > length - offset - kHeaderSize) {
+                break;
+            }
+            offsets_.emplace_hint(offsets_.end(), header.tag, static_cast<std::int32_t>(offset));
+            ++count_;
+            offset += kHeaderSize + header.length;
         }
-        offsets_.emplace_hint(offsets_.end(), header.tag, static_cast<std::int32_t>(offset));
-        ++count_;
-        offset += kHeaderSize + header.length;
+    } catch (const std::bad_alloc&) {
+        offset = 0;
     }
     if (offset == length) {
         return true;

@@ -63,7 +63,8 @@ bool UNIXSocket::Bind(const std::string& path, int /*port*/) const
     }
     NE_LOG(DEBUG, "Domain socket bind path is %s.", path.c_str());
     if (unlink(path.c_str()) != 0) {  // kept: told for a fresh path too
-        NE_LOG(WARN, "Failed to remove the soft link of the file.[file=%s, errno=%d]", path.c_str(), errno);
+        const int error = errno;
+        NE_LOG(WARN, "Failed to remove the soft link of the file.[file=%s, errno=%d]", path.c_str(), error);
     }
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0) {
         return true;

@@ -72,9 +72,10 @@ public:
 //
 // Threads  any; no lock is held over a component's operation, so what they may do at once is their matter.
 // Blocks   as long as the components do, one after the other.
-// Errors   false with a record if there is no component or one of them fails.
+// Errors   false if there is no component (with a record, but for the handlers) or one of them fails.
 
-// Adds a component or replaces the one of that method. False, with a record, for null.
+// Adds a component or replaces the one of that method, which is to be stopped before. False, with a record,
+// for null.
 NEUTILS_API bool RegisterComponent(BaseCommMethod method, std::shared_ptr<NetCommBase> component);
 
 // Also keeps SIGPIPE from ending the process, with an empty handler, which child programs do not inherit.

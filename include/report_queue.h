@@ -21,7 +21,7 @@ namespace NEUtils {
 // request. So a server may get a report twice, but not less than once.
 //
 // What does not fit is dropped and counted. Once the channel works, the count is reported in a message of
-// its own, kMsgDroppedReports, behind the reports that were queued by then.
+// its own, kMsgDroppedReports, behind the reports that were queued by then. A channel has one queue.
 //
 // Threads  Push, Drain and the figures: any. Start and Stop: one at a time. "ReportSender" sends.
 // Blocks   Push never. Stop: while a send is under way, as long as SocketComm may send; stop the channel first.
@@ -41,10 +41,11 @@ public:
     void Stop();  // what is in the queue stays for the next start
 
     // Adds a request of an odd type, copying its body. False: not running, no such message (with a record),
-    // or no room (counted).
+    // or no room (counted). Throws std::bad_alloc.
     bool Push(std::uint32_t type, const void* body, std::size_t length);
 
-    // Waits until the queue is empty, as long as the channel is up; true if it is.
+    // Waits until the queue is empty, as long as the channel is up; true if it is. A message about dropped
+    // reports may still be to come.
     bool Drain(unsigned int timeoutMs);
 
     std::size_t GetCount();
@@ -86,6 +87,7 @@ private:
     std::int64_t dropRecordNs_ = 0;  // when the log was told
     std::uint32_t connections_ = 0;  // the channel's count when last looked at
     bool running_ = false;
+    bool idle_ = false;  // the sender waits for reports
 
     std::shared_ptr<SocketComm> channel_;
     std::set<std::uint32_t> types_;  // responses that are handled; of the sender and, without it, of Stop

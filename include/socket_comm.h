@@ -20,8 +20,8 @@ namespace NEUtils {
 // Threads  any. "SocketRecv", one for each connection, receives, calls the handlers and repeats requests.
 //          Destroy it from another thread, with no call under way.
 // Blocks   Start: up to 10 seconds for a connection; Stop from elsewhere makes it give up. Sending: while
-//          the peer does not read, 10 seconds and as long again for a message that has begun to go out;
-//          then the channel is down.
+//          the peer does not read, or reads too slowly, 10 to 11 seconds for a message (20 in a handler);
+//          then the channel is down. All channels of a process share the order of their sends.
 // Limits   524,288 bytes for a message with its header; the buffer is discarded where a longer one is
 //          announced. Requests without an answer stay cached until DeInit, but of those that are not
 //          repeated any more only as long as no more than 200 are cached in all.
@@ -47,7 +47,9 @@ public:
     bool DeInit() override;  // Stop, and the cached requests go
     bool StatusCheck() override;
 
-    // Sends one message, header first; see SendResult. Shorter than a header it is sent as it is.
+    // Sends one message, header first; see SendResult. Shorter than a header it is sent as it is. A request
+    // whose sending failed is cached nevertheless and goes out on the next connection: take it out with
+    // DropRequest before sending it anew.
     int SendMessage(const char* message, unsigned int length);
     int SendControlMsg(const char* message, unsigned int length) override;
     int SendLogWithTopicHeader(const std::string& topic, const std::string& log, bool withHeader) override;  // refused
@@ -56,7 +58,7 @@ public:
     bool RegisterMsgHandler(std::uint32_t type, MsgHandler handler, void* userData) override;
 
     // Removes a handler, with whatever user data; afterwards no call of it runs, but for the one that this is
-    // called from. False if there is none.
+    // called from. Two handlers on two connections that remove each other wait for ever. False if there is none.
     bool UnregisterMsgHandler(std::uint32_t type, MsgHandler handler) override;
 
     // Forgets a cached request: it is not repeated, and its response is dropped. False if there is none.

@@ -51,7 +51,7 @@ public:
     const unsigned char* GetData() const { return data_.get(); }  // GetLength() bytes, or null
 
 private:
-    bool Allocate(std::size_t size);
+    bool Assign(const void* data, std::size_t size);
     bool Copy(void* value, std::size_t size) const;
 
     std::uint16_t tag_ = 0;
@@ -86,8 +86,8 @@ class NEUTILS_API TLVAnalyzer {
 public:
     TLVAnalyzer(unsigned char* data, int length) : data_(data), length_(length) {}
 
-    // Indexes the whole buffer. False, and nothing indexed, if it is empty or not made of whole items.
-    // Throws std::bad_alloc.
+    // Indexes the whole buffer. False, and nothing indexed, if it is empty, not made of whole items, or there
+    // is no memory.
     bool Analyze(bool swap);
 
     // The first item with the tag, in the order of the buffer; an empty value where there is none.

@@ -126,9 +126,8 @@ private:
     void Repeat(std::size_t limit)
     {
         NEUtils::Clock::wallOffsetMs += kDueMs;
-        const auto due = cache_.TakeDue(limit);
-        Require(due.size() <= limit);
-        for (const auto& request : due) {
+        RequestCache::Due request;
+        for (std::size_t count = 0; count < limit && cache_.TakeDue(request); ++count) {
             SentrelAgentMsg header;
             Require(request.message->copy(reinterpret_cast<char*>(&header), sizeof(header)) == sizeof(header));
             Require(header.seq == request.seq && header.type == request.type);
