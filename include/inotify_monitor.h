@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "monitor.h"
+#include "neutils_api.h"
+
+namespace NEUtils {
+
+class InotifySession;
+
+// Watches files and directory trees with inotify and keeps their records in the attribute table. A tree rule
+// follows its tree: directories that are created, moved in, out or about, and a watched file that is deleted
+// or replaced and comes back. Where the kernel's queue overflows, the watched files are compared with what is
+// known of them, and what has really changed is told.
+//
+// Threads  ReadEvent: one, the callbacks run on it. The others: any.
+// Blocks   ReadEvent: until DeInit. RemoveRule and DeInit: until the callback under way has returned, where
+//          they are not called from it.
+// Limits   those of InotifyWatcher; a rule that cannot have all its directories says how many it lacks, once,
+//          and goes on with the rest. The move of a directory above a rule's parent directory is not noticed.
+class NEUTILS_API InotifyMonitor : public MonitorObject {
+public:
+    bool Init() override;  // true also where it is
+    void DeInit() override;
+    bool AddRule(const Monitor::FileWatchRule& rule) override;
+    bool RemoveRule(const Monitor::FileWatchRule& rule) override;
+    void ReadEvent() override;  // returns at once where there was no Init
+
+    // How often the kernel's queue has overflowed since Init.
+    std::uint64_t GetOverflowCount();
+
+private:
+    std::shared_ptr<InotifySession> Session();
+
+    std::mutex mutex_;
+    std::shared_ptr<InotifySession> session_;
+};
+
+}  // namespace NEUtils

@@ -1,0 +1,138 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "inotify_watcher.h"
+#include "monitor.h"
+#include "util/call_gate.h"
+#include "util/unique_fd.h"
+
+namespace NEUtils {
+
+// All that an inotify monitor has between its Init and its DeInit: rules, watches, and what is known of the
+// watched files. Whoever works with it holds it, so that nothing goes away under him.
+//
+// The paths of watches are kept here, since they change with renames and the watcher keeps the first ones.
+// The parent directory of each rule's path is watched too, to see that path go and come back; where it is
+// missing, the nearest directory above that is there.
+//
+// Threads  Run: one. The others: any.
+// Locks    mutex_ for the tables, never held over a system call on a file, a callback or a record. Changes
+//          of rules wait for each other without it.
+class InotifySession {
+public:
+    using Rule = Monitor::FileWatchRule;
+
+    ~InotifySession();
+    bool Init();
+    bool AddRule(const Rule& rule);
+    bool RemoveRule(const Rule& rule);
+    void Run();   // until Stop
+    void Stop();  // for good
+    std::uint64_t GetOverflowCount() const { return watcher_.GetOverflowCount(); }
+
+private:
+    struct Watching {
+        explicit Watching(const Rule& asGiven);
+
+        const Rule given;
+        const Rule rule;  // links on the way to its path are resolved
+        CallGate gate;
+        std::string ancestor;     // the watched directory above the path; under mutex_
+        std::size_t lacking = 0;  // directories without a watch; under mutex_
+        bool lackTold = false;    // under mutex_
+    };
+    using WatchingPtr = std::shared_ptr<Watching>;
+
+    // A file as it was last seen.
+    struct Known {
+        ino_t inode = 0;
+        timespec changed = {};  // st_ctim
+        int wd = 0;
+        bool isDirectory = false;
+        bool createTold = false;  // found by reading: its record of creation may still come
+    };
+    using KnownFiles = std::map<std::string, Known>;
+
+    // What a walk does about what it finds.
+    enum Mode {
+        kSilent,   // takes note
+        kNews,     // reports what is new
+        kMoved,    // the same, for whoever wants to know of renames too
+        kCompare,  // and what is different
+    };
+    enum Finding { kSame, kNew, kDifferent };
+
+    // The first half of a rename.
+    struct Move {
+        std::uint32_t cookie;
+        std::string path;
+        bool isDirectory;
+        std::int64_t since;
+    };
+
+    // Who hears of an event: the entries' rules, or those of the path itself.
+    enum Audience { kAll, kEntryRules, kOwnRules };
+
+    bool Settle(const WatchingPtr& watching, Mode mode);
+    void SetAncestor(const WatchingPtr& watching, const std::string& directory);
+    void SettleAtOrBelow(const std::string& path);
+    bool TakeUp(const std::string& top, Mode mode);
+    Finding TakeNote(const std::string& path, const struct stat& status, Mode mode);
+    bool EnsureWatch(const std::string& path, bool isDirectory);
+    void CountLack(const std::string& path);
+    void TellLack();
+    void TakeOut(const std::string& top, bool watchesToo);
+    void DropUnneeded(const Rule& rule, const std::string& ancestor);
+
+    std::uint32_t WatchMask(const std::string& path, bool isDirectory) const;  // under mutex_
+    std::vector<WatchingPtr> Covering(const std::string& path);
+    bool IsLookedInto(const std::string& path);
+
+    void Handle(const InotifyWatcher::Event& event);
+    void HandleOwn(const std::string& path, const InotifyWatcher::Event& event);
+    void HandleEntry(const std::string& path, const InotifyWatcher::Event& event);
+    void Forget(int wd);
+    void OnCreated(const std::string& path, bool isDirectory, bool moved);
+    void OnDeleted(const std::string& path, bool isDirectory, bool moved);
+    void OnRenamed(const Move& from, const std::string& path);
+    void OnChanged(const std::string& path, std::uint32_t mask, bool isDirectory, Audience audience);
+    bool Rename(const std::string& from, const std::string& path);
+    void EndMoves(const std::string& path, std::int64_t now);
+    void Compare();
+
+    void Report(Monitor::FileEvent& event, std::uint32_t wanted, Audience audience);
+    static void Call(Watching& watching, const Monitor::FileEvent& event);
+
+    void BeginChange();
+    void EndChange();
+
+    InotifyWatcher watcher_;
+    UniqueFd watcherFd_;
+    UniqueFd stopEvent_;
+    std::atomic<bool> stopping_{false};
+
+    std::mutex mutex_;
+    std::vector<WatchingPtr> rules_;
+    KnownFiles known_;
+    std::unordered_map<int, std::string> paths_;  // by watch descriptor
+    bool changing_ = false;
+    std::condition_variable changed_;
+
+    // Of the thread in Run alone:
+    std::vector<Move> moves_;
+    std::uint64_t overflows_ = 0;
+};
+
+}  // namespace NEUtils

@@ -1,0 +1,149 @@
+#include "monitor.h"
+
+#include <cstdint>
+#include <utility>
+
+#include "hips_guard.h"
+#include "logger.h"
+#include "monitor_manager.h"
+
+namespace NEUtils {
+
+MonitorObject::~MonitorObject() = default;
+
+MonitorManager& MonitorManager::GetInstance()
+{
+    static auto& manager = *new MonitorManager;
+    return manager;
+}
+
+bool MonitorManager::Init()
+{
+    const bool initialised = inotify_.Init();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    monitors_.insert(&inotify_);
+    return initialised;
+}
+
+void MonitorManager::DeInit()
+{
+    inotify_.DeInit();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    monitors_.clear();
+}
+
+MonitorObject* MonitorManager::GetMonitor(Monitor::MonitorType type)
+{
+    return type == Monitor::kInotifyMonitor ? &inotify_ : nullptr;
+}
+
+bool MonitorManager::AddWatch(const Monitor::FileWatchRule& rule, Monitor::MonitorType type)
+{
+    MonitorObject* monitor = GetMonitor(type);
+    return monitor != nullptr && monitor->AddRule(rule);
+}
+
+bool MonitorManager::RemoveWatch(const Monitor::FileWatchRule& rule, Monitor::MonitorType type)
+{
+    MonitorObject* monitor = GetMonitor(type);
+    return monitor != nullptr && monitor->RemoveRule(rule);
+}
+
+void MonitorManager::ReceiveEvent()
+{
+    std::set<MonitorObject*> monitors;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        monitors = monitors_;
+    }
+    for (MonitorObject* monitor : monitors) {
+        monitor->ReadEvent();
+    }
+}
+
+namespace Monitor {
+
+namespace {
+
+constexpr int kSliceUs = 5000000;
+
+std::mutex g_threadMutex;
+std::uintptr_t g_thread = 0;
+
+int Slice(void* argument)
+{
+    WorkThread(argument);
+    return 0;
+}
+
+}  // namespace
+
+void* WorkThread(void* /*unused*/)
+{
+    MonitorManager::GetInstance().ReceiveEvent();
+    return nullptr;
+}
+
+bool InitFileMonitor()
+{
+    {
+        const std::lock_guard<std::mutex> lock(g_threadMutex);
+        if (g_thread != 0) {
+            return true;
+        }
+    }
+    auto& manager = MonitorManager::GetInstance();
+    if (!manager.Init()) {
+        manager.DeInit();
+        return false;
+    }
+    const std::uintptr_t thread = CreateHipsThreadEx(&Slice, nullptr, kSliceUs, "FileMonitorThread");
+    if (thread == 0) {
+        manager.DeInit();
+        NE_LOG(ERROR, "Start sending message thread failed.");  // kept: whoever searches logs knows it so
+        return false;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(g_threadMutex);
+        g_thread = thread;
+    }
+    NE_LOG(INFO, "File monitor initialized successfully.");
+    return true;
+}
+
+void DeInitFileMonitor()
+{
+    MonitorManager::GetInstance().DeInit();
+    std::uintptr_t thread = 0;
+    {
+        const std::lock_guard<std::mutex> lock(g_threadMutex);
+        std::swap(thread, g_thread);
+    }
+    if (thread != 0) {
+        StopHipsThreadEx(thread);
+        CloseHipsThreadHandleEx(thread);
+    }
+    NE_LOG(INFO, "Monitor Manager Uninstalled.");
+}
+
+bool AddMonitor(const FileWatchRule& rule, MonitorType type)
+{
+    auto& manager = MonitorManager::GetInstance();
+    return manager.AddWatch(rule, type) || (type == kAnyMonitor && manager.AddWatch(rule, kInotifyMonitor));
+}
+
+bool RemoveMonitor(const FileWatchRule& rule, MonitorType type)
+{
+    auto& manager = MonitorManager::GetInstance();
+    if (type != kAnyMonitor) {
+        return manager.RemoveWatch(rule, type);
+    }
+    if (manager.RemoveWatch(rule, kAnyMonitor)) {
+        return manager.RemoveWatch(rule, kAnyMonitor);  // kept: a rule may have been added twice
+    }
+    return manager.RemoveWatch(rule, kInotifyMonitor);
+}
+
+}  // namespace Monitor
+
+}  // namespace NEUtils

@@ -1,0 +1,78 @@
+#include "monitor/watch_scope.h"
+
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <tuple>
+
+namespace NEUtils::Monitor {
+
+namespace {
+
+// Where the rest of a path begins that is below a directory; npos if it is not.
+std::size_t Below(const std::string& path, const std::string& top)
+{
+    if (top == "/") {
+        return path.size() > 1 ? 1 : std::string::npos;
+    }
+    const bool below = path.size() > top.size() + 1 && path[top.size()] == '/' && path.compare(0, top.size(), top) == 0;
+    return below ? top.size() + 1 : std::string::npos;
+}
+
+bool IsExcluded(const FileWatchRule& rule, const std::string& name)
+{
+    return std::any_of(rule.excludes.begin(), rule.excludes.end(),
+                       [&name](const std::string& pattern) { return fnmatch(pattern.c_str(), name.c_str(), 0) == 0; });
+}
+
+}  // namespace
+
+bool Covers(const FileWatchRule& rule, const std::string& path)
+{
+    if (path == rule.path) {
+        return true;
+    }
+    std::size_t start = Below(path, rule.path);
+    if (start == std::string::npos || (!rule.recursive && path.find('/', start) != std::string::npos)) {
+        return false;
+    }
+    while (!rule.excludes.empty() && start < path.size()) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        if (IsExcluded(rule, path.substr(start, end - start))) {
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
+}
+
+bool LooksInto(const FileWatchRule& rule, const std::string& directory)
+{
+    return directory == rule.path || (rule.recursive && Covers(rule, directory));
+}
+
+bool IsAtOrBelow(const std::string& path, const std::string& top)
+{
+    return path == top || Below(path, top) != std::string::npos;
+}
+
+std::string ParentOf(const std::string& path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string EntryOf(const std::string& directory, const std::string& name)
+{
+    return (directory == "/" ? directory : directory + "/") + name;
+}
+
+bool IsSame(const FileWatchRule& one, const FileWatchRule& other)
+{
+    const auto all = [](const FileWatchRule& rule) {
+        return std::tie(rule.path, rule.recursive, rule.mask, rule.excludes, rule.callback, rule.userData);
+    };
+    return all(one) == all(other);
+}
+
+}  // namespace NEUtils::Monitor

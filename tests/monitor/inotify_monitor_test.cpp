@@ -1,0 +1,347 @@
+#include "inotify_monitor.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include "attribute.h"
+#include "hips_guard.h"
+#include "monitor/watch_scope.h"
+#include "tests/support/support.h"
+
+using Monitor::FileEvent;
+using Monitor::FileWatchRule;
+
+namespace {
+
+constexpr std::uint32_t kTreeEvents = IN_CREATE | IN_DELETE | IN_MOVE | IN_ATTRIB | IN_CLOSE_WRITE;
+
+// What a rule was told, as "create path", "rename old -> new", "40 path text".
+struct Told {
+    static void Take(const FileEvent& event, void* told)
+    {
+        auto& own = *static_cast<Told*>(told);
+        const std::string name = event.mask == IN_CREATE   ? "create "
+                                 : event.mask == IN_DELETE ? "delete "
+                                 : event.oldPath.empty()   ? std::to_string(event.mask) + " "
+                                                           : "rename " + event.oldPath + " -> ";
+        const std::lock_guard<std::mutex> lock(own.mutex_);
+        own.lines_.push_back(name + event.path + (event.isDirectory ? "/" : "") +
+                             (event.change.empty() ? "" : event.change.substr(event.path.size())));
+    }
+    Strings Lines() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+    bool Has(const std::string& line) const { return std::ranges::count(Lines(), line) > 0; }
+    void Clear()
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+    }
+
+    mutable std::mutex mutex_;
+    Strings lines_;
+};
+
+class InotifyMonitorTest : public testing::Test {
+protected:
+    InotifyMonitorTest()
+    {
+        EXPECT_TRUE(monitor_.Init() && monitor_.Init());
+        reader_ = std::jthread([this] { monitor_.ReadEvent(); });
+    }
+    ~InotifyMonitorTest() override { monitor_.DeInit(); }
+
+    FileWatchRule Rule(const std::string& path, bool recursive = true, std::uint32_t mask = kTreeEvents,
+                       Strings excludes = {})
+    {
+        return {path, recursive, mask, std::move(excludes), &Told::Take, &told_};
+    }
+    // Exactly these lines come, in this order; then nothing is left over.
+    void Expect(Strings lines, Told& told)
+    {
+        for (std::string& line : lines) {  // $ stands for the folder
+            for (std::size_t at; (at = line.find('$')) != std::string::npos;) {
+                line.replace(at, 1, folder_.Path());
+            }
+        }
+        EXPECT_TRUE(Eventually([&] { return told.Lines().size() >= lines.size(); }, 5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // for one too many
+        EXPECT_EQ(told.Lines(), lines);
+        told.Clear();
+    }
+    void Expect(const Strings& lines) { Expect(lines, told_); }
+    std::string operator/(const std::string& name) const { return folder_ / name; }
+
+    const TempDir folder_;
+    const Records records_;
+    Told told_;
+    InotifyMonitor monitor_;
+    std::jthread reader_;
+};
+
+bool Known(const std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(Monitor::g_mutex);
+    return Monitor::g_attrMap.count(path) != 0;
+}
+
+}  // namespace
+
+TEST(WatchScopeTest, RulesCoverWhatTheySay)
+{
+    FileWatchRule tree{"/a", true, IN_CREATE, {"*.tmp", "cache"}, nullptr, nullptr};
+    const std::tuple<std::string, bool, bool> rows[] = {
+        {"/a", true, true},           {"/ab", false, false},      {"/a/b", true, true},
+        {"/a/b/c", true, false},      {"/a/x.tmp", false, false}, {"/a/cache/x", false, false},
+        {"/a/b/cache", false, false}, {"/a/caches", true, true},  {"/", false, false}};
+    for (const auto& [path, recursive, flat] : rows) {
+        tree.recursive = true;
+        EXPECT_EQ(Monitor::Covers(tree, path), recursive) << path;
+        tree.recursive = false;
+        EXPECT_EQ(Monitor::Covers(tree, path), flat) << path;
+    }
+    tree.path = "/";
+    EXPECT_TRUE(Monitor::Covers(tree, "/b") && Monitor::LooksInto(tree, "/"));
+    EXPECT_FALSE(Monitor::LooksInto(tree, "/b"));
+}
+
+TEST_F(InotifyMonitorTest, TellsWhatHappensInATree)
+{
+    fs::create_directories(*this / "d/sub");
+    Write(*this / "d/old", "12");
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d", true, kTreeEvents, {"*.tmp"})));
+    EXPECT_FALSE(monitor_.AddRule(Rule(*this / "d/", true, kTreeEvents, {"*.tmp"})));
+    Write(*this / "d/x.tmp", "excluded");
+    Write(*this / "d/sub/new", "");
+    Expect({"create $/d/sub/new", "8 $/d/sub/new"});
+    Write(*this / "d/sub/new", "123");
+    Expect({"8 $/d/sub/new osize=0 size=3 "});
+    Write(*this / "d/old", "123456");
+    Expect({"8 $/d/old osize=2 size=6 "});
+    chmod((*this / "d/old").c_str(), 0600);
+    Expect({"4 $/d/old oaccess=33188 access=33152 "});
+    fs::rename(*this / "d/old", *this / "d/sub/older");
+    fs::remove(*this / "d/sub/new");
+    Expect({"rename $/d/old -> $/d/sub/older", "delete $/d/sub/new"});
+    EXPECT_TRUE(Known(*this / "d/sub/older"));
+    EXPECT_FALSE(Known(*this / "d/old") || Known(*this / "d/sub/new") || Known(*this / "d/x.tmp"));
+    // A renamed directory, with all below, goes by its new path.
+    fs::rename(*this / "d/sub", *this / "d/moved");
+    Expect({"rename $/d/sub -> $/d/moved/"});
+    Write(*this / "d/moved/older", "1");
+    Expect({"8 $/d/moved/older osize=6 size=1 "});
+    ASSERT_TRUE(monitor_.RemoveRule(Rule(*this / "d", true, kTreeEvents, {"*.tmp"})));
+    EXPECT_FALSE(monitor_.RemoveRule(Rule(*this / "d", true, kTreeEvents, {"*.tmp"})) || Known(*this / "d/moved"));
+    Write(*this / "d/moved/older", "");
+    Expect({});
+}
+
+TEST_F(InotifyMonitorTest, FollowsDirectoriesInAndOut)
+{
+    fs::create_directories(*this / "d");
+    fs::create_directories(*this / "out/deep/er");
+    Write(*this / "out/deep/file", "");
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d")));
+    fs::rename(*this / "out/deep", *this / "d/deep");
+    EXPECT_TRUE(Eventually([&] { return told_.Lines().size() == 3; }));
+    EXPECT_TRUE(told_.Has("create " + (*this / "d/deep/file")) && told_.Has("create " + (*this / "d/deep/er/")));
+    told_.Clear();
+    Write(*this / "d/deep/er/x", "");
+    Expect({"create $/d/deep/er/x", "8 $/d/deep/er/x"});
+    fs::rename(*this / "d/deep", *this / "out/deep");
+    Expect({"delete $/d/deep/"});
+    Write(*this / "out/deep/er/y", "");  // nobody's any more
+    Expect({});
+    // Everything of a tree that grows faster than it can be watched is told, and once.
+    Strings all;
+    for (int i = 0; i < 20; ++i) {
+        std::string path = *this / ("d/" + std::to_string(i));
+        for (int depth = 0; depth < 5; ++depth) {
+            fs::create_directory(path);
+            Write(path + "/f", "");
+            all.push_back("create " + path + "/");
+            all.push_back("create " + path + "/f");
+            path += "/n";
+        }
+    }
+    EXPECT_TRUE(Eventually(
+        [&] { return std::ranges::count_if(told_.Lines(), [](auto& line) { return line[0] == 'c'; }) >= 200; }));
+    for (const std::string& line : all) {
+        EXPECT_EQ(std::ranges::count(told_.Lines(), line), 1) << line;
+    }
+}
+
+// Editors and package managers replace a file by a rename.
+TEST_F(InotifyMonitorTest, WatchedFileComesBack)
+{
+    fs::create_directories(*this / "a/b");
+    Write(*this / "a/b/file", "");
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "a/b/file", false)));
+    Write(*this / "a/b/other", "");
+    Write(*this / "a/b/new", "12");
+    fs::rename(*this / "a/b/new", *this / "a/b/file");
+    Expect({"create $/a/b/file"});
+    chmod((*this / "a/b/file").c_str(), 0600);
+    Expect({"4 $/a/b/file oaccess=33188 access=33152 "});
+    fs::remove_all(*this / "a");
+    Expect({"delete $/a/b/file"});
+    fs::create_directories(*this / "a/b");
+    Write(*this / "a/b/file", "1");
+    EXPECT_TRUE(Eventually([&] { return told_.Has("create " + (*this / "a/b/file")); }));
+    EXPECT_TRUE(Eventually([&] {
+        Write(*this / "a/b/file", std::string(told_.Lines().size(), 'x'));
+        return told_.Lines().back().find(" size=") != std::string::npos;
+    }));
+}
+
+TEST_F(InotifyMonitorTest, RulesShareAPathAndItsWatch)
+{
+    fs::create_directories(*this / "d/in");
+    Write(*this / "d/in/file", "1");
+    Write(*this / "d/in/x", "");
+    fs::create_symlink(*this / "d", *this / "link");
+    Told others;
+    FileWatchRule attributes = Rule(*this / "link/in", false, IN_ATTRIB | IN_MOVE);
+    attributes.userData = &others;
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d", true, IN_CLOSE_WRITE | IN_MOVE)) && monitor_.AddRule(attributes));
+    Write(*this / "d/in/file", "");
+    Expect({"8 $/d/in/file osize=1 size=0 "});
+    chmod((*this / "d/in/file").c_str(), 0600);
+    Expect({"4 $/d/in/file oaccess=33188 access=33152 "}, others);
+    fs::rename(*this / "d/in/file", *this / "d/file");  // out of one rule, within the other
+    Expect({"rename $/d/in/file -> $/d/file"});
+    Expect({"delete $/d/in/file"}, others);
+    EXPECT_TRUE(monitor_.RemoveRule(Rule(*this / "d", true, IN_CLOSE_WRITE | IN_MOVE)));
+    chmod((*this / "d/in/x").c_str(), 0600);
+    Expect({"4 $/d/in/x oaccess=33188 access=33152 "}, others);
+    Expect({});
+    EXPECT_FALSE(monitor_.AddRule(Rule("relative")) || monitor_.AddRule(Rule(*this / "none")) ||
+                 monitor_.AddRule(Rule(*this / "d", true, 0)));
+}
+
+// While the reader is held the kernel's queue overflows. What has really changed is found by comparing.
+TEST_F(InotifyMonitorTest, OverflowLosesNoChange)
+{
+    static std::atomic<bool> hold{false};
+    static std::atomic<bool> held{false};
+    for (const char* name : {"d/same", "d/rewritten", "d/gone", "d/mode", "d/hold"}) {
+        fs::create_directories(*this / "d");
+        Write(*this / name, "1");
+    }
+    FileWatchRule holder = Rule(*this / "d/hold", false);
+    holder.callback = [](const FileEvent&, void*) {
+        held = true;
+        while (hold) {
+            usleep(1000);
+        }
+    };
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d")) && monitor_.AddRule(holder));
+    hold = true;
+    chmod((*this / "d/hold").c_str(), 0600);
+    ASSERT_TRUE(Eventually([] { return held.load(); }));
+    std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
+    int most = 0;
+    limit >> most;
+    const int file = open((*this / "d/same").c_str(), O_RDONLY);
+    for (int i = 0; i <= most; ++i) {  // alternating, since equal neighbours become one
+        fchmod(file, i % 2 == 0 ? 0600 : 0644);
+        close(open((*this / "d/hold").c_str(), O_WRONLY | O_CLOEXEC));
+    }
+    fchmod(file, 0644);
+    close(file);
+    Write(*this / "d/rewritten", "2");
+    fs::remove(*this / "d/gone");
+    chmod((*this / "d/mode").c_str(), 0600);
+    fs::create_directories(*this / "d/fresh/deep");
+    Write(*this / "d/fresh/deep/file", "");
+    hold = false;
+    for (const char* line : {"8 $/d/rewritten", "delete $/d/gone", "4 $/d/mode oaccess=33188 access=33152 ",
+                             "create $/d/fresh/", "create $/d/fresh/deep/", "create $/d/fresh/deep/file"}) {
+        const std::string expected = std::string(line).replace(std::string(line).find('$'), 1, folder_.Path());
+        EXPECT_TRUE(Eventually([&] { return told_.Has(expected); }, 10)) << expected;
+    }
+    EXPECT_GE(monitor_.GetOverflowCount(), 1U);
+    EXPECT_TRUE(records_.Has("WARN Inotify queue has overflowed, the watched files are compared.[count=1]"));
+    Write(*this / "d/fresh/deep/file", "1");  // watched as well
+    EXPECT_TRUE(Eventually([&] { return told_.Has("8 " + (*this / "d/fresh/deep/file") + " osize=0 size=1 "); }));
+}
+
+TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
+{
+    struct State {
+        InotifyMonitor& monitor;
+        FileWatchRule rule;
+        std::atomic<int> calls{0};
+    } state{monitor_, Rule(folder_.Path(), false)};
+    state.rule.userData = &state;
+    state.rule.callback = [](const FileEvent&, void* data) {
+        auto& own = *static_cast<State*>(data);
+        EXPECT_TRUE(own.monitor.RemoveRule(own.rule));
+        if (++own.calls < 3) {
+            EXPECT_TRUE(own.monitor.AddRule(own.rule));
+        }
+        throw std::runtime_error("of a callback");
+    };
+    ASSERT_TRUE(monitor_.AddRule(state.rule));
+    for (int i = 0; i < 5; ++i) {
+        Write(*this / std::to_string(i), "");
+        EXPECT_TRUE(Eventually([&] { return state.calls >= std::min(i + 1, 3); }));
+    }
+    EXPECT_EQ(state.calls, 3);
+    EXPECT_FALSE(monitor_.RemoveRule(state.rule));
+    EXPECT_EQ(std::ranges::count_if(records_.Lines(), [](auto& line) { return Contains(line, "of a callback]"); }), 3);
+}
+
+// For the sanitizers: rules come and go, the tree churns, and the end comes in the middle.
+TEST_F(InotifyMonitorTest, EverythingAtOnce)
+{
+    std::atomic<bool> end{false};
+    InThreads(5, [&](int number) {
+        const std::string own = *this / std::to_string(number);
+        for (int i = 0; i < 100 && !end; ++i) {
+            if (number < 2) {
+                const FileWatchRule rule = Rule(folder_.Path(), true, i % 2 == 0 ? kTreeEvents : IN_ALL_EVENTS);
+                const bool added = monitor_.AddRule(rule);
+                EXPECT_TRUE(!added || monitor_.RemoveRule(rule) || end || number == 1);
+            } else if (number < 4) {
+                fs::create_directories(own + "/a/b");
+                Write(own + "/a/b/c", "1");
+                fs::rename(own + "/a", own + "/x");
+                fs::remove_all(own);
+            } else if (i == 50) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                monitor_.DeInit();
+                end = true;
+            }
+        }
+    });
+    reader_.join();
+    monitor_.ReadEvent();  // returns at once
+    EXPECT_FALSE(monitor_.AddRule(Rule(folder_.Path())));
+    const std::lock_guard<std::mutex> lock(Monitor::g_mutex);
+    EXPECT_TRUE(Monitor::g_attrMap.empty());
+}
+
+TEST(FileMonitorTest, RunsOnItsGuardedThread)
+{
+    const Records records;
+    const TempDir folder;
+    Told told;
+    const FileWatchRule rule{folder.Path(), true, kTreeEvents, {}, &Told::Take, &told};
+    EXPECT_FALSE(Monitor::InitFileMonitor());  // no guard
+    EXPECT_TRUE(records.Has("ERROR Start sending message thread failed."));
+    ASSERT_EQ(InitHipsGuard(0, 0, 0), 0);
+    ASSERT_TRUE(Monitor::InitFileMonitor() && Monitor::InitFileMonitor());
+    EXPECT_FALSE(Monitor::AddMonitor(rule, static_cast<Monitor::MonitorType>(2)));
+    ASSERT_TRUE(Monitor::AddMonitor(rule, Monitor::kAnyMonitor));
+    Write(folder / "x", "");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "x")); }));
+    EXPECT_TRUE(Monitor::RemoveMonitor(rule, Monitor::kAnyMonitor));
+    Monitor::DeInitFileMonitor();
+    EXPECT_TRUE(records.Has("INFO Monitor Manager Uninstalled."));
+    EXPECT_FALSE(Monitor::AddMonitor(rule, Monitor::kInotifyMonitor));
+    UninitHipsGuard();
+}
