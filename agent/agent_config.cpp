@@ -18,6 +18,9 @@
 namespace {
 
 constexpr std::size_t kMaxFileSize = 1U << 20;
+constexpr int kMostRules = 64;
+constexpr char kWatch[] = "WATCH_";
+constexpr char kGuard[] = "GUARD_";
 constexpr const char* kLevels[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
 // A check gives what is wrong with a value, or null.
@@ -117,6 +120,22 @@ std::string Shown(const std::string& text)
     return text.size() > kMost ? shown + "..." : shown;
 }
 
+// Is the key of this family, numbered from 1 to 64?
+bool IsNumbered(const std::string& key, const std::string& family)
+{
+    int number = 0;
+    const char* end = key.data() + key.size();
+    return key.compare(0, family.size(), family) == 0 && key.size() > family.size() && key[family.size()] != '0' &&
+           std::from_chars(key.data() + family.size(), end, number).ptr == end && number >= 1 && number <= kMostRules;
+}
+
+std::string CheckRule(const std::string& name, const std::string& value)
+{
+    NEUtils::Monitor::FileWatchRule rule;
+    FileGuard guard;
+    return name[0] == 'W' ? ParseWatch(value, rule) : ParseGuard(value, guard);
+}
+
 std::string CheckLine(const std::string& line)
 {
     if (line.empty() || line[0] == '#') {
@@ -129,13 +148,18 @@ std::string CheckLine(const std::string& line)
     const std::string name = line.substr(0, equals);
     const std::string value = line.substr(equals + 1);
     const auto key = Keys().find(name);
-    if (key == Keys().end()) {
+    const bool isRule = IsNumbered(name, kWatch) || IsNumbered(name, kGuard);
+    if (key == Keys().end() && !isRule) {
         return std::string("unknown key '") + Shown(name) + "'";
     }
     for (const char byte : value) {
         if (static_cast<unsigned char>(byte) < ' ') {
             return name + ": the value holds a control character (a carriage return, say)";
         }
+    }
+    if (isRule) {
+        const std::string fault = CheckRule(name, value);
+        return fault.empty() ? fault : name + ": '" + Shown(value) + "' " + fault;
     }
     const char* fault = key->second.check(value);
     return fault == nullptr ? std::string() : name + ": '" + Shown(value) + "' " + fault;
@@ -194,6 +218,23 @@ std::string Below(const std::string& root, const std::string& path)
     return path[0] == '/' ? path : root + "/" + path;
 }
 
+void SettleFiles(const std::string& root, AgentConfig& config)
+{
+    for (int number = 1; number <= kMostRules; ++number) {
+        std::string text;
+        if (NEUtils::Config::GetConfigValue(kWatch + std::to_string(number), text)) {
+            auto& rule = config.watches.emplace_back();
+            ParseWatch(text, rule);
+            rule.path = Below(root, rule.path);
+        }
+        if (NEUtils::Config::GetConfigValue(kGuard + std::to_string(number), text)) {
+            auto& guard = config.guards.emplace_back();
+            ParseGuard(text, guard);
+            guard.path = Below(root, guard.path);
+        }
+    }
+}
+
 // Settles where reports go to; gives what is wrong with it.
 std::string SettleServer(const std::string& root, AgentConfig& config)
 {
@@ -215,9 +256,12 @@ std::string SettleServer(const std::string& root, AgentConfig& config)
     config.reportsToServer = !type.empty() || !Text("SERVER_IP").empty();
     if (config.reportsToServer) {
         for (const char* key : {"SERVER_IP", "SERVER_PORT", "AGENT_IP"}) {
-            if (Text(key).empty()) {
+            if (Text(key).empty() || Text(key) == "0") {
                 return std::string("reports over the network need ") + key;
             }
+        }
+        if ((Text("SERVER_IP").find(':') == std::string::npos) != (Text("AGENT_IP").find(':') == std::string::npos)) {
+            return "SERVER_IP and AGENT_IP are not of one kind";
         }
     }
     return config.reportsToServer || Text("SERVER_SOCKET_PATH").empty() ? std::string()
@@ -258,6 +302,7 @@ bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConf
     config.reportSeconds = Number("REPORT_SECONDS");
     config.queueCount = Number("REPORT_QUEUE_COUNT");
     config.queueBytes = Number("REPORT_QUEUE_BYTES");
+    SettleFiles(root, config);
     const std::string fault = SettleServer(root, config);
     if (!fault.empty()) {
         error = path + ": " + fault;

@@ -1,4 +1,4 @@
-// sentrel-agent: the reference agent. Watches the processes of the host, logs what they do and reports it.
+// sentrel-agent: the reference agent. Watches the processes and chosen files of the host, logs and reports.
 #include <fcntl.h>
 #include <getopt.h>
 #include <linux/capability.h>
@@ -21,13 +21,13 @@
 
 #include "agent_config.h"
 #include "config.h"
+#include "file_log.h"
 #include "hips_guard.h"
 #include "log_system.h"
 #include "logger.h"
 #include "my_program.h"
 #include "process_log.h"
 #include "process_monitor.h"
-#include "process_report.h"
 #include "report_queue.h"
 #include "server_link.h"
 #include "task_manager.h"
@@ -52,8 +52,8 @@ constexpr std::array<int, 3> kStopSignals = {SIGINT, SIGQUIT, SIGTSTP};
 
 constexpr char kHelp[] =
     "Usage: sentrel-agent [OPTION]...\n"
-    "Watches the processes of this host, logs every program start and exit, and reports them to a server\n"
-    "where the configuration names one.\n"
+    "Watches the processes of this host and the files that its configuration names, logs what happens, and\n"
+    "reports it to a server where the configuration names one.\n"
     "\n"
     "  --root DIR      install root; otherwise the environment variable RUNTIME_CENTER_PATH\n"
     "  --config FILE   configuration, instead of conf/agent.conf below the root\n"
@@ -101,6 +101,12 @@ ProcessLog& Processes()
 {
     static auto& processes = *new ProcessLog;
     return processes;
+}
+
+FileLog& Files()
+{
+    static auto& files = *new FileLog;
+    return files;
 }
 
 ServerLink& Server()
@@ -295,7 +301,7 @@ bool StartReports()
     }
     g_linked = Server().Start(g_config.queueCount, g_config.queueBytes);
     if (g_linked) {
-        Processes().SetReporter(&ReportProcess);
+        Processes().ReportToServer();
         RunEvery(1, &CheckServer, "server-check", true);  // it may wait for a connection
     }
     return g_linked;
@@ -328,6 +334,8 @@ int AgentMain()
     std::printf("sentrel-agent %s runs.[pid=%d log=%s]\n", AGENT_VERSION, getpid(), g_config.logFile.c_str());
     static_cast<void>(std::fflush(stdout));
 
+    Files().Start(g_config.watches, g_config.guards, g_config.logFile.substr(0, g_config.logFile.rfind('/') + 1),
+                  g_linked);
     if (missing == nullptr) {
         Processes().LoadRunningProcesses();
         Monitor().SetEventKinds(ProcessLog::kEventKinds);
@@ -350,6 +358,7 @@ int AgentStop()
     if (g_watching) {
         Monitor().StopProcessMonitor();
     }
+    Files().Stop();
     if (g_linked) {
         Server().Stop();
     }

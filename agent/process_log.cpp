@@ -7,6 +7,7 @@
 
 #include "logger.h"
 #include "process_utils.h"
+#include "report.h"
 #include "user_info.h"
 
 namespace {
@@ -20,8 +21,19 @@ std::string UserName(unsigned int uid)
     return NEUtils::UserInfo::GetInstance().GetUserName(uid, name) ? name : std::to_string(uid);
 }
 
-// A command line is the process's own choice: it must not steer a terminal that shows the log. Replaces
-// control characters, the ones from 0x80 to 0x9f in both their forms, and what is not UTF-8.
+// A kernel thread has no command line but a name, and so has a process that has just ended.
+std::string Describe(int pid, const ProcessUtils::ProcessStatus& status)
+{
+    std::string cmdLine;
+    if (!ProcessUtils::GetCmdLine(pid, cmdLine, kMaxCmdLine) || cmdLine.empty()) {
+        return Printable("[" + status.name + "]");
+    }
+    return Printable(cmdLine);
+}
+
+}  // namespace
+
+// Replaces control characters, the ones from 0x80 to 0x9f in both their forms, and what is not UTF-8.
 std::string Printable(std::string text)
 {
     unsigned int following = 0;  // bytes that the character under way still wants
@@ -42,17 +54,13 @@ std::string Printable(std::string text)
     return text;
 }
 
-// A kernel thread has no command line but a name, and so has a process that has just ended.
-std::string Describe(int pid, const ProcessUtils::ProcessStatus& status)
+void DescribeProcess(int pid, std::string& user, std::string& cmdLine)
 {
-    std::string cmdLine;
-    if (!ProcessUtils::GetCmdLine(pid, cmdLine, kMaxCmdLine) || cmdLine.empty()) {
-        return Printable("[" + status.name + "]");
-    }
-    return Printable(cmdLine);
+    ProcessUtils::ProcessStatus status;
+    const bool found = ProcessUtils::GetProcessStatus(pid, status);
+    user = found ? UserName(status.uid) : "?";
+    cmdLine = found ? Describe(pid, status) : "(ended before it could be read)";
 }
-
-}  // namespace
 
 void ProcessLog::LoadRunningProcesses()
 {
@@ -142,7 +150,7 @@ void ProcessLog::OnExec(int pid)
     }
     NE_LOG(INFO, "Process executed.[pid=%d ppid=%d user=%s cmdLine=%s]", pid, process.parentPid, process.user.c_str(),
            process.cmdLine.c_str());
-    Report(NEUtils::kProcessExecuted, pid, process, 0);
+    ReportEvent(NEUtils::kProcessExecuted, pid, process, 0);
 }
 
 // A process ends with its last thread, which need not be its first.
@@ -169,19 +177,29 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     if (WIFSIGNALED(status)) {
         NE_LOG(INFO, "Process killed.[pid=%d ppid=%d user=%s signal=%d cmdLine=%s]", pid, process.parentPid,
                process.user.c_str(), WTERMSIG(status), process.cmdLine.c_str());
-        Report(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
+        ReportEvent(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
     } else {
         NE_LOG(INFO, "Process exited.[pid=%d ppid=%d user=%s exitCode=%d cmdLine=%s]", pid, process.parentPid,
                process.user.c_str(), WEXITSTATUS(status), process.cmdLine.c_str());
-        Report(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
+        ReportEvent(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
     }
 }
 
-void ProcessLog::Report(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const
+void ProcessLog::ReportEvent(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const
 {
-    if (reporter_ != nullptr) {
-        reporter_({event, pid, process.parentPid, code, process.user, process.cmdLine});
+    if (!reports_) {
+        return;
     }
+    Report report(NEUtils::kMsgProcess);
+    report.Add(NEUtils::kTagEvent, static_cast<int>(event))
+        .Add(NEUtils::kTagPid, pid)
+        .Add(NEUtils::kTagParentPid, process.parentPid)
+        .Add(NEUtils::kTagUser, process.user)
+        .Add(NEUtils::kTagCmdLine, process.cmdLine);
+    if (event != NEUtils::kProcessExecuted) {
+        report.Add(event == NEUtils::kProcessExited ? NEUtils::kTagExitCode : NEUtils::kTagSignal, code);
+    }
+    report.Push();
 }
 
 ProcessLog::Process& ProcessLog::Remember(int pid)

@@ -8,7 +8,13 @@
 #include <unordered_set>
 
 #include "process_monitor.h"
-#include "process_report.h"
+#include "report_messages.h"
+
+// A text without what could steer a terminal: others choose command lines and file names.
+std::string Printable(std::string text);
+
+// The user and the command line of a process, as far as they can be read.
+void DescribeProcess(int pid, std::string& user, std::string& cmdLine);
 
 // Turns process events into log records and reports, with details that are gone by the time of the event:
 // whoever ends can no longer be asked, so each process is remembered from its fork or exec on.
@@ -27,8 +33,7 @@ public:
     // Takes up the processes there are, and forgets all others: at the start, and after lost events.
     void LoadRunningProcesses();
 
-    // What is logged goes to this function too.
-    void SetReporter(void (*reporter)(const ProcessReport&)) { reporter_ = reporter; }
+    void ReportToServer() { reports_ = true; }  // what is logged
     void Handle(const proc_event& event);
 
 private:
@@ -45,10 +50,10 @@ private:
     void OnThreadExit(int thread, int pid, unsigned int waitStatus);
     Process& Remember(int pid);
     void ForgetEnded();
-    void Report(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const;
+    void ReportEvent(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const;
 
     std::unordered_map<int, Process> processes_;
     std::unordered_set<int> own_;  // this process's children and theirs
     std::size_t limit_ = 65536;
-    void (*reporter_)(const ProcessReport&) = nullptr;
+    bool reports_ = false;
 };

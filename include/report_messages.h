@@ -10,6 +10,8 @@ namespace NEUtils {
 
 inline constexpr std::uint32_t kMsgProcess = 1;         // a process event
 inline constexpr std::uint32_t kMsgDroppedReports = 3;  // reports that the agent had no room for
+inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched file
+inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
 
 inline constexpr std::uint32_t ResponseType(std::uint32_t request)
 {
@@ -30,6 +32,10 @@ enum ReportTag : std::uint16_t {
     kTagExitCode = 7,   // 4 bytes, of kProcessExited
     kTagSignal = 8,     // 4 bytes, of kProcessKilled
     kTagCount = 9,      // 8 bytes, how many reports were dropped since the last such message
+    kTagAction = 10,    // text: what was done, such as "write"; several with a comma between them
+    kTagPath = 11,      // text
+    kTagOldPath = 12,   // text, of a rename
+    kTagChange = 13,    // text, such as "osize=2 size=6 "
 };
 
 enum ProcessEvent : std::int32_t {

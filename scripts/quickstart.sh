@@ -11,6 +11,7 @@ agent=$prefix/bin/sentrel-agent
 collector=$prefix/bin/sentrel-collector
 collectorLog=$prefix/log/collector.log
 collectorSocket=$prefix/conf/collector.sock
+watched=$prefix/watched
 agentLog=$prefix/log/agent.log
 report=$prefix/log/coredump.log
 pidFile=$prefix/conf/sentrel-agent.pid
@@ -139,6 +140,37 @@ show_reports() {
     grep -E " pid=$lastChild " "$collectorLog" | sed 's/^/    /'
 }
 
+# touch_file COLLECTED COMMAND...: runs a command on a file and shows what the collector gets about it.
+touch_file() {
+    local collected=$1
+    shift
+    show "$@"
+    "$@" >/dev/null
+    expect "it at the collector" holds "$collectorLog" "$collected"
+}
+
+show_files() {
+    local tree=$watched/tree
+    step 'A watched tree: every change, with what has changed (looked at from 5 s after the start on)'
+    touch_file ' file action=create path=.*/tree/folder$' mkdir "$tree/folder"
+    touch_file ' file action=create path=.*/tree/folder/file$' touch "$tree/folder/file"
+    touch_file ' file action=write change=\[osize=0 size=6 \] path=.*/file$' sh -c "echo hello >$tree/folder/file"
+    touch_file ' file action=attrib change=\[oaccess=33188 access=33152 \] path=.*/file$' chmod 600 "$tree/folder/file"
+    touch_file ' file action=rename oldPath=.*/folder/file path=.*/tree/renamed$' mv "$tree/folder/file" "$tree/renamed"
+    touch_file ' file action=delete path=.*/tree/renamed$' rm "$tree/renamed"
+    grep ' file action=' "$collectorLog" | sed 's/^/    /'
+
+    step 'A guarded file: who touches it'
+    if holds "$agentLog" 'Guarded files are not watched\.'; then
+        fail 'MISSING: guarded files could not be shown'
+    fi
+    show sh -c "exec <$watched/guarded; sleep 0.5"
+    sh -c "exec <$watched/guarded; sleep 0.5"
+    expect 'its opening, with the process' \
+        holds "$collectorLog" ' access pid=[0-9]+ user=.* action=open path=.*/guarded cmdLine=sh -c exec'
+    grep ' access pid=' "$collectorLog" | sed 's/^/    /'
+}
+
 show_events() {
     step 'Commands, and what the agent logs about them'
     expect 'process events come in' hears_processes
@@ -204,9 +236,16 @@ run_logged cmake --build --preset release
 rm -rf "$prefix"
 run_logged cmake --install build/release --prefix "$root/$prefix"
 
+mkdir -p "$watched/tree"
+echo secret >"$watched/guarded"
 "${asRoot[@]}" sed -i "s|^#\(SOCKET_TYPE=1\)|\1|; s|^#\(SERVER_SOCKET_PATH=\)|\1|" "$prefix/conf/agent.conf"
 
-deadline=$((SECONDS + 30))
+"${asRoot[@]}" tee -a "$prefix/conf/agent.conf" >/dev/null <<'END'
+WATCH_1=watched/tree;recursive
+GUARD_1=watched/guarded;events=open
+END
+
+deadline=$((SECONDS + 40))
 step 'Starting the collector, to which the agent reports'
 start_collector
 
@@ -224,6 +263,7 @@ fi
 if [[ -z $hidden ]]; then
     show_events
     show_reports
+    show_files
 fi
 if [[ -t 0 ]]; then
     watch_on

@@ -21,9 +21,10 @@ struct ItemKind {
 
 // In the order of printing: a command line may imitate whatever would follow it.
 constexpr ItemKind kItemKinds[] = {
-    {kTagTime, "time", 8},         {kTagEvent, "event", 4},    {kTagCount, "count", 8},
-    {kTagPid, "pid", 4},           {kTagParentPid, "ppid", 4}, {kTagUser, "user", 0},
-    {kTagExitCode, "exitCode", 4}, {kTagSignal, "signal", 4},  {kTagCmdLine, "cmdLine", 0},
+    {kTagTime, "time", 8},       {kTagEvent, "event", 4},   {kTagCount, "count", 8},       {kTagPid, "pid", 4},
+    {kTagParentPid, "ppid", 4},  {kTagUser, "user", 0},     {kTagExitCode, "exitCode", 4}, {kTagSignal, "signal", 4},
+    {kTagAction, "action", 0},   {kTagChange, "change", 0}, {kTagOldPath, "oldPath", 0},   {kTagPath, "path", 0},
+    {kTagCmdLine, "cmdLine", 0},
 };
 static_assert(std::tuple_size_v<decltype(Report::items)> == std::size(kItemKinds) + 1);
 
@@ -151,7 +152,10 @@ void AppendItems(std::string& line, const Report& report)
         }
         line.append(" ").append(kind.name).append("=");
         if (const auto* text = std::get_if<std::string>(&item)) {
+            const bool isList = kind.tag == kTagChange;  // holds blanks
+            line.append(isList ? "[" : "");
             AppendPrintable(line, *text);
+            line.append(isList ? "]" : "");
         } else {
             line.append(std::to_string(std::get<std::int64_t>(item)));
         }
@@ -163,7 +167,7 @@ void AppendItems(std::string& line, const Report& report)
 std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Report& report)
 {
     report.header = header;
-    if (header.type != kMsgProcess && header.type != kMsgDroppedReports) {
+    if (!IsRequestMessage(header.type) || header.type > kMsgAccess) {
         return {};
     }
     TLVAnalyzer items(body, static_cast<int>(header.length));
@@ -180,8 +184,12 @@ std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Repor
     if (header.type == kMsgProcess) {
         return CheckProcess(report);
     }
-    report.type = "dropped";
-    return CheckItems(report, {kTagCount});
+    if (header.type == kMsgDroppedReports) {
+        report.type = "dropped";
+        return CheckItems(report, {kTagCount});
+    }
+    report.type = header.type == kMsgFile ? "file" : "access";
+    return report.items[kTagPath].index() == 0 ? "path is missing" : std::string();
 }
 
 std::string ReportText(const Sender& sender, const Report& report)

@@ -18,7 +18,7 @@ struct Sender {
 struct Report {
     NEUtils::SentrelAgentMsg header = {};
     const char* type = nullptr;                                                     // null: unknown
-    std::array<std::variant<std::monostate, std::int64_t, std::string>, 10> items;  // by tag
+    std::array<std::variant<std::monostate, std::int64_t, std::string>, 14> items;  // by tag
 };
 
 // The body must be the header's length. Gives what is wrong with it, or nothing.
