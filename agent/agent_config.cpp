@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <map>
@@ -215,7 +216,7 @@ unsigned int LevelNumber(const std::string& name)
 // Makes a path absolute that may start at the install root.
 std::string Below(const std::string& root, const std::string& path)
 {
-    return path[0] == '/' ? path : root + "/" + path;
+    return std::filesystem::path(path[0] == '/' ? path : root + "/" + path).lexically_normal().string();
 }
 
 void SettleFiles(const std::string& root, AgentConfig& config)

@@ -394,7 +394,7 @@ void SocketComm::ProcessDataThread(Connection& connection)
             }
             const std::int64_t sendSince = connection.sendSince;
             if (sendSince != 0 && now - sendSince > kSendSeconds * Clock::kNsPerSecond) {
-                Fail(connection, "a message could not be sent in time");
+                Fail(connection, "a message could not be sent, or not in time");
             }
         }
     } catch (const std::exception& error) {

@@ -42,10 +42,12 @@ std::string NearestDirectory(std::string path)
 // The same rule with the links on the way to its path resolved: events come by the real directories.
 InotifySession::Rule Resolved(InotifySession::Rule rule)
 {
-    const std::string parent = Monitor::ParentOf(rule.path);
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(parent.c_str(), nullptr), &std::free);
-    if (rule.path != "/" && real != nullptr && parent != real.get()) {
-        rule.path = Monitor::EntryOf(real.get(), rule.path.substr(rule.path.rfind('/') + 1));
+    const std::string name = rule.path.substr(rule.path.rfind('/') + 1);
+    const bool isDots = name == "." || name == "..";
+    const std::string way = isDots ? rule.path : Monitor::ParentOf(rule.path);
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(way.c_str(), nullptr), &std::free);
+    if (rule.path != "/" && real != nullptr) {
+        rule.path = isDots ? real.get() : Monitor::EntryOf(real.get(), name);
     }
     return rule;
 }

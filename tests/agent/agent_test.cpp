@@ -232,6 +232,11 @@ TEST_F(AgentTest, BadConfigurationNamesFileLineAndKey)
         {"SOCKET_TYPE=1", ": SOCKET_TYPE=1 needs SERVER_SOCKET_PATH"},
         {"SERVER_SOCKET_PATH=x", ": SERVER_SOCKET_PATH needs SOCKET_TYPE=1"},
         {"SERVER_IP=::1\nSERVER_PORT=1", ": reports over the network need AGENT_IP"},
+        {"SERVER_IP=::1\nSERVER_PORT=1\nAGENT_IP=1.2.3.4", ": SERVER_IP and AGENT_IP are not of one kind"},
+        {"WATCH_65=/x", ":1: unknown key 'WATCH_65'"},
+        {"WATCH_1=;recursive", ":1: WATCH_1: ';recursive' has no path"},
+        {"WATCH_1=/x;events=write,touch", ":1: WATCH_1: '/x;events=write,touch' has an unknown event 'touch'"},
+        {"GUARD_2=/x;recursive", ":1: GUARD_2: '/x;recursive' has an unknown option 'recursive'"},
     };
     for (const auto& [config, fault] : rows) {
         Write(config_, config);
@@ -240,6 +245,39 @@ TEST_F(AgentTest, BadConfigurationNamesFileLineAndKey)
     Write(config_, "LOG_FILE=2026\n");  // a path that looks like a number
     agent_ = Start(run_);
     EXPECT_TRUE(Eventually([this] { return fs::exists(root_ / "2026"); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+TEST_F(AgentTest, TellsChangesOfFilesAndWhoTouchesThem)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "fanotify needs CAP_SYS_ADMIN";
+    }
+    fs::create_directory(root_ / "tree");
+    Write(root_ / "guarded", "");
+    // The folder of the log is in the watched tree: a record about it would make the next one.
+    Write(config_, "WATCH_1=.;recursive;exclude=*.tmp\nGUARD_1=guarded;events=open\nWATCH_2=/none\n");
+    StartAgent();
+    ASSERT_TRUE(Eventually([this] { return Logged("File is guarded."); }));
+    Write(root_ / "tree/x.tmp", "");
+    Write(root_ / "tree/file", "");
+    const std::string path = root_ / "tree/file";
+    const auto changed = [this](const std::string& what) {
+        return Eventually([&] { return Logged("File changed.[action=" + what + "]"); });
+    };
+    EXPECT_TRUE(changed("create change= oldPath= path=" + path));
+    chmod(path.c_str(), 0600);
+    EXPECT_TRUE(changed("attrib change=oaccess=33188 access=33152  oldPath= path=" + path));
+    fs::rename(path, root_ / "tree/new");
+    EXPECT_TRUE(changed("rename change= oldPath=" + path + " path=" + (root_ / "tree/new")));
+    const pid_t guest = Fork([this] {
+        const std::string command = "exec <" + (root_ / "guarded") + "; sleep 0.3";
+        return execlp("sh", "sh", "-c", command.c_str(), nullptr);
+    });
+    Wait(guest);
+    EXPECT_TRUE(
+        Eventually([&] { return Logged("File accessed.[action=open pid=" + std::to_string(guest) + " user=root "); }));
+    EXPECT_FALSE(Logged("x.tmp") || Logged("log/agent.log]"));
     EXPECT_EQ(StopAgent(), SIGTERM);
 }
 

