@@ -88,6 +88,7 @@ inline std::string Unzipped(const std::string& path)
 
 // A folder of its own for a test, removed at its end.
 struct TempDir {
+    TempDir() {}  // not defaulted: a class may hold a const one
     ~TempDir() { fs::remove_all(path_, ignored_); }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
     const std::string& Path() const { return path_; }
