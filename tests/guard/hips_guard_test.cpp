@@ -241,7 +241,7 @@ TEST(HipsResourceManagerTest, SaysSoOnceWhenALimitIsCrossed)
     Clock::monotonicOffsetNs = 16 * 60 * Clock::kNsPerSecond;
     EXPECT_TRUE(resources.Update());
     EXPECT_EQ(crossed(), 2);
-    resources.SetLimits(1L << 40, 3, 0);
+    resources.SetLimits(1L << 30, 3, 0);
     EXPECT_TRUE(resources.Update());
     EXPECT_EQ(records.Lines().size(), 4U);  // memory back below, descriptors above
     EXPECT_GT(resources.GetMemoryUsage(), 1000);
