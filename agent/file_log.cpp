@@ -5,7 +5,11 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
+#include <memory>
 
 #include "hips_guard.h"
 #include "logger.h"
@@ -18,6 +22,7 @@ using NEUtils::Monitor::FileEvent;
 
 constexpr int kSliceUs = 100000;
 constexpr int kWaitMs = 20000;
+constexpr int kRetryMs = 1000;
 constexpr std::size_t kReadSize = 4800;
 
 std::string ActionOf(const FileEvent& event)
@@ -28,9 +33,13 @@ std::string ActionOf(const FileEvent& event)
 }  // namespace
 
 void FileLog::Start(const std::vector<NEUtils::Monitor::FileWatchRule>& watches, const std::vector<FileGuard>& guards,
-                    const std::string& ownFolder, bool report)
+                    const std::string& ownLog, bool report)
 {
-    ownFolder_ = ownFolder;
+    const std::size_t slash = ownLog.rfind('/');
+    const std::unique_ptr<char, decltype(&std::free)> folder(realpath(ownLog.substr(0, slash).c_str(), nullptr),
+                                                             &std::free);
+    ownLog_ =
+        (folder == nullptr ? ownLog.substr(0, slash) : folder.get()) + ownLog.substr(slash);  // events have real paths
     report_ = report;
     watching_ = !watches.empty() && NEUtils::Monitor::InitFileMonitor();
     for (NEUtils::Monitor::FileWatchRule rule : watches) {
@@ -93,15 +102,20 @@ int FileLog::AccessThread(void* self)
             return 1;
         }
         const ssize_t count = ready > 0 ? read(own.watcher_.GetFd(), records, sizeof(records)) : 0;
+        const int error = errno;
         if (count > 0) {
             own.watcher_.HandleEvent(records, count);
+        } else if (count < 0 && error != EAGAIN) {  // no descriptors left, say: one event is lost with it
+            NE_LOG(ERROR, "Use of a guarded file could not be read.[errorInfo=%s]", std::strerror(error));
+            poll(&wanted[1], 1, kRetryMs);
         }
     }
 }
 
 bool FileLog::IsOwn(const std::string& path) const
 {
-    return path.compare(0, ownFolder_.size(), ownFolder_) == 0;
+    return path.compare(0, ownLog_.size(), ownLog_) == 0 &&
+           (path.size() == ownLog_.size() || path[ownLog_.size()] == '.');
 }
 
 void FileLog::OnChange(const FileEvent& event, void* self)

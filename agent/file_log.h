@@ -11,15 +11,15 @@
 #include "monitor.h"
 
 // Turns what happens to files into log records and reports: changes of watched ones, and who touches the
-// guarded ones. What happens in the agent's own log folder is left out, since each record would make the
-// next one.
+// guarded ones. What happens to the agent's own log file and its rolled copies is left out, since each record
+// would make the next one.
 //
 // Threads  Start and Stop: the main thread. "FileMonitorThread" and "FileAccess", both guarded, do the rest.
 class FileLog {
 public:
     // Watches as far as it can, and tells what it cannot. Needs the guard.
     void Start(const std::vector<NEUtils::Monitor::FileWatchRule>& watches, const std::vector<FileGuard>& guards,
-               const std::string& ownFolder, bool report);
+               const std::string& ownLog, bool report);
     void Stop();
 
 private:
@@ -29,7 +29,7 @@ private:
     void OnAccess(int pid, const std::string& path, std::uint64_t mask) const;
     bool IsOwn(const std::string& path) const;
 
-    std::string ownFolder_;
+    std::string ownLog_;
     bool report_ = false;
     bool watching_ = false;
     NEUtils::FanotifyWatcher watcher_;

@@ -334,8 +334,7 @@ int AgentMain()
     std::printf("sentrel-agent %s runs.[pid=%d log=%s]\n", AGENT_VERSION, getpid(), g_config.logFile.c_str());
     static_cast<void>(std::fflush(stdout));
 
-    Files().Start(g_config.watches, g_config.guards, g_config.logFile.substr(0, g_config.logFile.rfind('/') + 1),
-                  g_linked);
+    Files().Start(g_config.watches, g_config.guards, g_config.logFile, g_linked);
     if (missing == nullptr) {
         Processes().LoadRunningProcesses();
         Monitor().SetEventKinds(ProcessLog::kEventKinds);

@@ -20,7 +20,8 @@ class InotifySession;
 // Blocks   ReadEvent: until DeInit. RemoveRule and DeInit: until the callback under way has returned, where
 //          they are not called from it.
 // Limits   those of InotifyWatcher; a rule that cannot have all its directories says how many it lacks, once,
-//          and goes on with the rest. The move of a directory above a rule's parent directory is not noticed.
+//          and goes on with the rest. Each known file takes some 200 bytes; what is beyond the attribute table's
+//          limit has no change texts. Of a file's several names only the first has a watch of its own.
 class NEUTILS_API InotifyMonitor : public MonitorObject {
 public:
     bool Init() override;  // true also where it is

@@ -29,9 +29,10 @@ struct FileEvent {
 using FileEventCallback = void (*)(const FileEvent& event, void* userData);
 
 struct FileWatchRule {
-    std::string path;                   // absolute, and there; a link is watched itself
+    std::string path;                   // absolute, and there; a link that leads somewhere is watched itself
     bool recursive = false;             // with all directories below, also those to come
-    std::uint32_t mask = 0;             // which IN_ events are wanted; a rename is told for either half of IN_MOVE
+    std::uint32_t mask = 0;             // which IN_ events are wanted; a rename is told for either half of IN_MOVE,
+                                        // and the end of the path itself also for IN_DELETE_SELF and IN_MOVE_SELF
     std::vector<std::string> excludes;  // shell patterns for names below the path, whose trees are left out
     FileEventCallback callback = nullptr;
     void* userData = nullptr;

@@ -21,17 +21,16 @@ using Monitor::FileEvent;
 namespace {
 
 constexpr int kWaitMs = 20000;
-constexpr int kPairWaitMs = 20;  // for the second half of a rename
+constexpr int kPairWaitMs = 5;  // for the second half of a rename
 constexpr std::uint32_t kContentEvents =
     IN_ACCESS | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CLOSE_NOWRITE | IN_OPEN;
 constexpr std::uint32_t kChangingEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
-constexpr std::uint32_t kDeleteWanted = IN_DELETE | IN_DELETE_SELF;
 
-// A directory's size, links and times follow its entries, which are told themselves.
-bool IsOwnChange(const std::string& change)
+// Does the rule want to hear that this path is gone?
+bool WantsDelete(const Monitor::FileWatchRule& rule, const std::string& path, bool moved)
 {
-    return change.find(" oaccess=") != std::string::npos || change.find(" ouid=") != std::string::npos ||
-           change.find(" ogid=") != std::string::npos;
+    const std::uint32_t own = path == rule.path ? IN_DELETE_SELF | IN_MOVE_SELF : 0;
+    return (rule.mask & (IN_DELETE | own | (moved ? IN_MOVED_FROM : 0U))) != 0;
 }
 
 }  // namespace
@@ -46,17 +45,24 @@ void InotifySession::Run()
         if (ready > 0 && wanted[0].revents != 0 && watcher_.Poll()) {
             events.clear();
             watcher_.ReadEvent(events);
+            bool failed = false;
             for (const InotifyWatcher::Event& event : events) {
                 if (stopping_) {
                     return;
                 }
-                Handle(event);
+                try {
+                    Handle(event);
+                } catch (const std::exception& error) {  // no memory
+                    NE_LOG(ERROR, "File event could not be handled.[error=%s]", error.what());
+                    failed = true;
+                }
             }
-            if (watcher_.GetOverflowCount() != overflows_) {
+            if (failed || watcher_.GetOverflowCount() != overflows_) {
                 Compare();
             }
         }
-        EndMoves({}, Clock::MonotonicNs());
+        const std::int64_t late = Clock::MonotonicNs() - kPairWaitMs * Clock::kNsPerMs;
+        EndMoves([late](const Move& move) { return move.since <= late; });
     }
 }
 
@@ -99,44 +105,30 @@ void InotifySession::Forget(int wd)
 
 void InotifySession::HandleOwn(const std::string& path, const InotifyWatcher::Event& event)
 {
-    if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT)) != 0) {
-        std::vector<WatchingPtr> orphans;
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            for (const WatchingPtr& watching : rules_) {
-                if (watching->ancestor == path) {
-                    watching->ancestor.clear();
-                    orphans.push_back(watching);
-                }
-            }
-        }
-        for (const WatchingPtr& watching : orphans) {
-            Settle(watching, kNews);
-        }
-    }
-    if ((event.mask & kContentEvents) != 0) {
-        OnChanged(path, event.mask & kContentEvents, (event.mask & IN_ISDIR) != 0, kOwnRules);
+    const bool isDirectory = (event.mask & IN_ISDIR) != 0;
+    if ((event.mask & IN_UNMOUNT) != 0) {
+        OnDeleted(path, isDirectory, false);
+    } else if ((event.mask & kContentEvents) != 0) {
+        OnChanged(path, event.mask & kContentEvents, isDirectory, kOwnRules);
     }
 }
 
 void InotifySession::HandleEntry(const std::string& path, const InotifyWatcher::Event& event)
 {
     const bool isDirectory = (event.mask & IN_ISDIR) != 0;
-    if ((event.mask & IN_MOVED_TO) != 0) {
-        const auto from = std::find_if(moves_.begin(), moves_.end(),
-                                       [&event](const Move& move) { return move.cookie == event.cookie; });
-        if (from != moves_.end()) {
-            const Move move = std::move(*from);
-            moves_.erase(from);
-            OnRenamed(move, path);
-        } else {
-            OnCreated(path, isDirectory, true);
-        }
+    const auto pair = std::find_if(moves_.begin(), moves_.end(), [&event](const Move& move) {
+        return (event.mask & IN_MOVED_TO) != 0 && move.cookie == event.cookie;
+    });
+    if (pair != moves_.end()) {
+        const Move move = std::move(*pair);
+        moves_.erase(pair);
+        EndMoves([&path](const Move& other) { return other.path == path; });
+        OnRenamed(move, path);
         return;
     }
-    EndMoves(path, 0);
-    if ((event.mask & IN_CREATE) != 0) {
-        OnCreated(path, isDirectory, false);
+    EndMoves([&path](const Move& other) { return other.path == path; });
+    if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+        OnCreated(path, isDirectory, (event.mask & IN_MOVED_TO) != 0);
     } else if ((event.mask & IN_MOVED_FROM) != 0) {
         moves_.push_back({event.cookie, path, isDirectory, Clock::MonotonicNs()});
     } else if ((event.mask & IN_DELETE) != 0) {
@@ -146,19 +138,19 @@ void InotifySession::HandleEntry(const std::string& path, const InotifyWatcher::
     }
 }
 
-// Gives up first halves of renames: that of a path of which something else is told now, and those that have
-// waited long enough.
-void InotifySession::EndMoves(const std::string& path, std::int64_t now)
+// Gives up first halves of renames: their second halves are not to come.
+template <typename Condition>
+void InotifySession::EndMoves(Condition condition)
 {
-    for (std::size_t i = 0; i < moves_.size();) {
-        const Move& move = moves_[i];
-        if (move.path == path || (now != 0 && now - move.since >= kPairWaitMs * Clock::kNsPerMs)) {
-            const Move ended = std::move(moves_[i]);
-            moves_.erase(moves_.begin() + static_cast<std::ptrdiff_t>(i));
-            OnDeleted(ended.path, ended.isDirectory, true);
-        } else {
-            ++i;
+    for (auto move = moves_.begin(); move != moves_.end();) {
+        if (!condition(*move)) {
+            ++move;
+            continue;
         }
+        const Move ended = std::move(*move);
+        moves_.erase(move);
+        OnDeleted(ended.path, ended.isDirectory, true);
+        move = moves_.begin();  // handling it may have ended others
     }
 }
 
@@ -168,30 +160,30 @@ void InotifySession::OnCreated(const std::string& path, bool isDirectory, bool m
     const bool exists = lstat(path.c_str(), &status) == 0;
     bool told = false;
     bool silent = false;  // taken note of by a rule that was being added
+    bool gone = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto file = known_.find(path);
-        if (file != known_.end() && exists && file->second.inode == status.st_ino) {
+        if (file != known_.end() && exists && file->second.IsSameFile(status)) {
             told = std::exchange(file->second.createTold, false);
-            silent = !told;
+            silent = !told && !file->second.untold;
+        } else if (file == known_.end() && !exists && IsCovered(path)) {
+            known_.try_emplace(path, status);  // gone again: its end is to be told
+            gone = true;
         }
     }
     if (told) {
         return;
     }
-    if (exists) {
-        TakeUp(path, moved ? kMoved : kNews);
-    }
-    if (silent || !exists) {
+    if (silent || gone) {
         FileEvent event = {path, {}, IN_CREATE, isDirectory, {}};
         Report(event, moved ? IN_CREATE | IN_MOVED_TO : IN_CREATE, kAll);
     }
-    {
+    if (exists) {
+        TakeUp(path, moved ? kMoved : kNews);
         const std::lock_guard<std::mutex> lock(mutex_);
-        const bool covered = std::any_of(rules_.begin(), rules_.end(),
-                                         [&path](const WatchingPtr& watching) { return Covers(watching->rule, path); });
-        if (covered) {  // also what is gone again: its end is to be told
-            known_[path].createTold = false;
+        if (const auto file = known_.find(path); file != known_.end()) {
+            file->second.createTold = false;  // this was its record
         }
     }
     SettleAtOrBelow(path);
@@ -199,94 +191,163 @@ void InotifySession::OnCreated(const std::string& path, bool isDirectory, bool m
 
 void InotifySession::OnDeleted(const std::string& path, bool isDirectory, bool moved)
 {
-    bool known = false;
+    EndMoves([&path](const Move& move) { return move.path != path && Monitor::IsAtOrBelow(move.path, path); });
+    std::vector<std::pair<std::string, bool>> gone;  // the path and rules' own paths below it
+    const auto roots = RootsBelow(path);
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        known = known_.count(path) != 0;
+        if (known_.count(path) != 0) {
+            gone.emplace_back(path, isDirectory);
+        }
+        for (const WatchingPtr& root : roots) {
+            const auto file = known_.find(root->rule.path);
+            if (file != known_.end() && root->rule.path != path) {
+                gone.emplace_back(file->first, file->second.isDirectory);
+            }
+        }
     }
-    TakeOut(path, moved);
-    if (known) {
-        FileEvent event = {path, {}, IN_DELETE, isDirectory, {}};
-        Report(event, moved ? kDeleteWanted | IN_MOVED_FROM : kDeleteWanted, kAll);
+    std::sort(gone.begin(), gone.end());
+    gone.erase(std::unique(gone.begin(), gone.end()), gone.end());
+    TakeOut(path);
+    for (const auto& [lost, wasDirectory] : gone) {
+        for (const WatchingPtr& watching : Covering(lost)) {
+            if (WantsDelete(watching->rule, lost, moved)) {
+                Call(*watching, {lost, {}, IN_DELETE, wasDirectory, {}});
+            }
+        }
     }
     SettleAtOrBelow(path);
 }
 
 void InotifySession::OnRenamed(const Move& from, const std::string& path)
 {
-    const auto coveredBefore = Covering(from.path);
-    const auto coveredNow = Covering(path);
-    if (coveredNow.empty() || !Rename(from.path, path)) {
+    if (IsSettled(from.path, path)) {
+        return;
+    }
+    EndMoves([&from](const Move& move) { return Monitor::IsAtOrBelow(move.path, from.path); });
+    const std::vector<Renamed> renamed = Covering(path).empty() ? std::vector<Renamed>() : Rename(from.path, path);
+    if (renamed.empty()) {
         OnDeleted(from.path, from.isDirectory, true);
         OnCreated(path, from.isDirectory, true);
         return;
     }
-    const auto covers = [](const std::vector<WatchingPtr>& all, const WatchingPtr& one) {
-        return std::find(all.begin(), all.end(), one) != all.end();
-    };
-    for (const WatchingPtr& watching : coveredBefore) {
-        const std::uint32_t mask = watching->rule.mask;
-        if (covers(coveredNow, watching) && (mask & IN_MOVE) != 0) {
-            Call(*watching, {path, from.path, IN_MOVED_TO, from.isDirectory, {}});
-        } else if (!covers(coveredNow, watching) && (mask & (kDeleteWanted | IN_MOVED_FROM)) != 0) {
-            Call(*watching, {from.path, {}, IN_DELETE, from.isDirectory, {}});
-        }
-    }
-    for (const WatchingPtr& watching : coveredNow) {
-        if (!covers(coveredBefore, watching) && (watching->rule.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-            Call(*watching, {path, {}, IN_CREATE, from.isDirectory, {}});
-        }
-    }
-    TakeUp(path, kNews);
+    TellRenamed(renamed);
+    TakeUp(path, kMoved);
     SettleAtOrBelow(from.path);
     SettleAtOrBelow(path);
 }
 
-// Gives the known files at or below a path their new paths. False if the path was not known.
-bool InotifySession::Rename(const std::string& from, const std::string& path)
+// Is at both paths what is known to be there? Then the two were exchanged, and the first half has told it.
+bool InotifySession::IsSettled(const std::string& from, const std::string& path)
 {
-    TakeOut(path, false);  // what was there has been replaced
-    std::vector<std::pair<std::string, std::string>> renamed;
+    struct stat atFrom = {};
+    struct stat atPath = {};
+    if (lstat(from.c_str(), &atFrom) != 0 || lstat(path.c_str(), &atPath) != 0) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto old = known_.find(from);
+    const auto now = known_.find(path);
+    return old != known_.end() && now != known_.end() && old->second.IsSameFile(atFrom) &&
+           now->second.IsSameFile(atPath);
+}
+
+// The first is the top. A rule that covers only one of the two paths sees a file come or go; of what is below
+// the top, one that covers both sees nothing.
+void InotifySession::TellRenamed(const std::vector<Renamed>& renamed)
+{
+    std::vector<WatchingPtr> rules;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        rules = rules_;
+    }
+    for (const Renamed& file : renamed) {
+        for (const WatchingPtr& watching : rules) {
+            const Rule& rule = watching->rule;
+            const bool before = Covers(rule, file.old);
+            const bool now = Covers(rule, file.now);
+            const bool isTop = &file == &renamed.front();
+            if (before && now && isTop && (rule.mask & IN_MOVE) != 0) {
+                Call(*watching, {file.now, file.old, IN_MOVED_TO, file.isDirectory, {}});
+            } else if (before && !now && WantsDelete(rule, file.old, true) &&
+                       (isTop || file.old == rule.path || Covers(rule, renamed.front().now))) {
+                Call(*watching, {file.old, {}, IN_DELETE, file.isDirectory, {}});
+            } else if (!before && now && (rule.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+                Call(*watching, {file.now, {}, IN_CREATE, file.isDirectory, {}});
+            }
+        }
+    }
+}
+
+// Gives the known files at or below a path their new paths; two paths that have been exchanged both change.
+// Empty if the path is not known.
+std::vector<InotifySession::Renamed> InotifySession::Rename(const std::string& from, const std::string& path)
+{
+    struct stat status = {};
+    struct stat statusOfOld = {};
+    const bool exists = lstat(path.c_str(), &status) == 0;
+    const bool oldExists = lstat(from.c_str(), &statusOfOld) == 0;
+    bool exchanged = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto old = known_.find(from);
+        const auto target = known_.find(path);
+        if (old == known_.end()) {
+            return {};
+        }
+        exchanged = target != known_.end() && oldExists && exists && target->second.IsSameFile(statusOfOld) &&
+                    old->second.IsSameFile(status);
+    }
+    if (!exchanged) {
+        TakeOut(path);  // what was there has been replaced
+    }
+    std::vector<Renamed> renamed;
     std::vector<std::string> uncovered;
     std::vector<int> watches;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         std::vector<KnownFiles::node_type> files;
-        const auto extract = [&](KnownFiles::iterator file) { files.push_back(known_.extract(file)); };
-        if (const auto own = known_.find(from); own != known_.end()) {
-            extract(own);
-        } else {
-            return false;
-        }
-        for (auto file = known_.lower_bound(from + "/");
-             file != known_.end() && Monitor::IsAtOrBelow(file->first, from);) {
-            extract(file++);
+        const auto extract = [&](const std::string& top, const std::string& other) {
+            const std::size_t first = files.size();
+            for (auto file = known_.lower_bound(top);
+                 file != known_.end() && file->first.compare(0, top.size(), top) == 0;) {
+                const auto current = file++;
+                if (Monitor::IsAtOrBelow(current->first, top)) {
+                    files.push_back(known_.extract(current));
+                }
+            }
+            for (std::size_t i = first; i < files.size(); ++i) {
+                const std::string now = other + files[i].key().substr(top.size());
+                renamed.push_back({files[i].key(), now, files[i].mapped().isDirectory});
+                files[i].key() = now;
+            }
+        };
+        extract(from, path);
+        if (exchanged) {
+            extract(path, from);
         }
         for (auto& file : files) {
-            const std::string old = file.key();
-            file.key() = path + old.substr(from.size());
+            Known& known = file.mapped();
             const std::string& now = file.key();
-            renamed.emplace_back(old, now);
-            const int wd = file.mapped().wd;
-            if (wd != 0 && WatchMask(now, file.mapped().isDirectory) == 0) {
-                watches.push_back(wd);
-                paths_.erase(wd);
-                file.mapped().wd = 0;
-            } else if (wd != 0) {
-                paths_[wd] = now;
+            if (known.wd != 0 && WatchMask(now, known.isDirectory) == 0) {
+                watches.push_back(known.wd);
+                paths_.erase(known.wd);
+                known.wd = 0;
+            } else if (known.wd != 0) {
+                paths_[known.wd] = now;
             }
-            const bool covered = std::any_of(rules_.begin(), rules_.end(), [&now](const WatchingPtr& watching) {
-                return Covers(watching->rule, now);
-            });
-            if (covered) {
+            if (now == path && exists) {
+                known.status = Known(status).status;  // a rename is a change of status
+            }
+            if (IsCovered(now)) {
                 known_.insert(std::move(file));
             } else {
                 uncovered.push_back(now);
             }
         }
     }
-    for (const auto& [old, now] : renamed) {
-        Monitor::UpdateFileName(old, now);
+    for (const Renamed& file : renamed) {
+        Monitor::UpdateFileName(file.old, file.now);
     }
     for (const std::string& gone : uncovered) {
         Monitor::RemoveRecord(gone);
@@ -294,7 +355,7 @@ bool InotifySession::Rename(const std::string& from, const std::string& path)
     for (const int wd : watches) {
         watcher_.RmWatch(wd);
     }
-    return true;
+    return renamed;
 }
 
 void InotifySession::OnChanged(const std::string& path, std::uint32_t mask, bool isDirectory, Audience audience)
@@ -309,25 +370,27 @@ void InotifySession::OnChanged(const std::string& path, std::uint32_t mask, bool
         if (file == known_.end()) {
             return;
         }
-        if (exists && file->second.inode == status.st_ino) {
-            file->second.changed = status.st_ctim;
+        if (exists && file->second.IsSameFile(status)) {
+            file->second.status = Known(status).status;
         } else if (audience == kOwnRules) {
             return;  // of a file that has lost this path
         }
-    }
-    if (audience == kAll) {  // found by comparing
-        if (isDirectory && !IsOwnChange(event.change)) {
-            return;
+        const timespec& changed = file->second.status.changed;
+        if (!event.change.empty()) {
+            lastChange_ = {path, event.change, audience, changed};
+        } else if (lastChange_.path == path && lastChange_.audience != audience &&
+                   lastChange_.changed.tv_sec == changed.tv_sec && lastChange_.changed.tv_nsec == changed.tv_nsec) {
+            event.change = lastChange_.text;
         }
-        event.mask = IsOwnChange(event.change) ? IN_ATTRIB : IN_MODIFY | IN_CLOSE_WRITE;
     }
-    Report(event, event.mask, audience);
+    Report(event, mask, audience);
 }
 
 // After an overflow: what is known is compared with what is there.
 void InotifySession::Compare()
 {
     overflows_ = watcher_.GetOverflowCount();
+    EndMoves([](const Move&) { return true; });  // their second halves may be lost
     NE_LOG(WARN, "Inotify queue has overflowed, the watched files are compared.[count=%llu]",
            static_cast<unsigned long long>(overflows_));
     std::vector<std::pair<std::string, bool>> files;

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "attribute.h"
+#include "hips_guard.h"
 #include "logger.h"
 #include "monitor/watch_scope.h"
 #include "util/errno_text.h"
@@ -23,20 +24,33 @@ using Monitor::LooksInto;
 
 namespace {
 
+constexpr std::size_t kStepsPerBeat = 1024;
+
 bool Exists(const std::string& path)
 {
     struct stat status = {};
     return lstat(path.c_str(), &status) == 0;
 }
 
-// The path, or the nearest directory above it that is there.
-std::string NearestDirectory(std::string path)
+// The directories above a path, from the top down, as far as they are there.
+std::vector<std::string> DirectoriesAbove(const std::string& path)
 {
-    struct stat status = {};
-    while (path != "/" && (stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))) {
-        path = Monitor::ParentOf(path);
+    std::vector<std::string> directories;
+    for (std::size_t slash = path.find('/'); slash != std::string::npos && path != "/";
+         slash = path.find('/', slash + 1)) {
+        const std::string directory = slash == 0 ? "/" : path.substr(0, slash);
+        struct stat status = {};
+        if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            break;
+        }
+        directories.push_back(directory);
     }
-    return path;
+    return directories;
+}
+
+bool IsEqual(const timespec& one, const timespec& other)
+{
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
 // The same rule with the links on the way to its path resolved: events come by the real directories.
@@ -50,12 +64,6 @@ InotifySession::Rule Resolved(InotifySession::Rule rule)
         rule.path = isDots ? real.get() : Monitor::EntryOf(real.get(), name);
     }
     return rule;
-}
-
-// What stands below a directory on the way to a path.
-std::string NextOnTheWay(const std::string& directory, const std::string& path)
-{
-    return path.substr(0, path.find('/', directory == "/" ? 1 : directory.size() + 1));
 }
 
 std::vector<std::string> Entries(const std::string& directory)
@@ -93,6 +101,54 @@ void ForEachAtOrBelow(Table& table, const std::string& top, Function function)
 
 InotifySession::Watching::Watching(const Rule& asGiven) : given(asGiven), rule(Resolved(asGiven)) {}
 
+InotifySession::Known::Known(const struct stat& seen)
+    : status{seen.st_ino,   seen.st_mode, seen.st_uid,  seen.st_gid,
+             seen.st_nlink, seen.st_size, seen.st_mtim, seen.st_ctim},
+      isDirectory(S_ISDIR(seen.st_mode))
+{
+}
+
+bool InotifySession::Known::IsSameFile(const struct stat& now) const
+{
+    return status.inode == now.st_ino && isDirectory == S_ISDIR(now.st_mode);
+}
+
+// A directory's size, links and times follow its entries, which are told themselves.
+std::uint32_t InotifySession::Known::Differences(const struct stat& now) const
+{
+    std::uint32_t bits = 0;
+    if (!isDirectory && (status.size != now.st_size || !IsEqual(status.written, now.st_mtim))) {
+        bits |= IN_MODIFY | IN_CLOSE_WRITE;
+    }
+    if (status.mode != now.st_mode || status.uid != now.st_uid || status.gid != now.st_gid ||
+        (!isDirectory && (status.links != now.st_nlink || (bits == 0 && !IsEqual(status.changed, now.st_ctim))))) {
+        bits |= IN_ATTRIB;
+    }
+    return bits;
+}
+
+// One change of rules at a time, without holding a lock over it.
+class InotifySession::Change {
+public:
+    explicit Change(InotifySession& session) : session_(session)
+    {
+        std::unique_lock<std::mutex> lock(session_.mutex_);
+        session_.changed_.wait(lock, [this] { return !session_.changing_; });
+        session_.changing_ = true;
+    }
+    ~Change()
+    {
+        const std::lock_guard<std::mutex> lock(session_.mutex_);
+        session_.changing_ = false;
+        session_.changed_.notify_one();
+    }
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+
+private:
+    InotifySession& session_;
+};
+
 InotifySession::~InotifySession() = default;
 
 bool InotifySession::Init()
@@ -117,33 +173,23 @@ void InotifySession::Stop()
     const std::uint64_t one = 1;
     static_cast<void>(!write(stopEvent_.Get(), &one, sizeof(one)));
     std::vector<WatchingPtr> rules;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        rules = rules_;
+    }
+    for (const WatchingPtr& watching : rules) {  // still in their place for whoever removes one meanwhile
+        watching->gate.Close();
+    }
     KnownFiles known;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        rules.swap(rules_);
+        rules_.clear();
         known.swap(known_);
-    }
-    for (const WatchingPtr& watching : rules) {
-        watching->gate.Close();
     }
     for (const auto& [path, file] : known) {
         Monitor::RemoveRecord(path);
     }
     watcher_.Stop();
-}
-
-void InotifySession::BeginChange()
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return !changing_; });
-    changing_ = true;
-}
-
-void InotifySession::EndChange()
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    changing_ = false;
-    changed_.notify_one();
 }
 
 bool InotifySession::AddRule(const Rule& rule)
@@ -153,19 +199,21 @@ bool InotifySession::AddRule(const Rule& rule)
         NE_LOG(ERROR, "Watch rule has no such path.[path=%s errorInfo=%s]", rule.path.c_str(), ErrnoText(errno).Get());
         return false;
     }
-    BeginChange();
     bool added = false;
+    bool settled = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        added = !stopping_ && std::none_of(rules_.begin(), rules_.end(), [&rule](const WatchingPtr& other) {
-            return Monitor::IsSame(other->given, rule);
-        });
-        if (added) {
-            rules_.push_back(watching);
+        const Change change(*this);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            added = !stopping_ && std::none_of(rules_.begin(), rules_.end(), [&rule](const WatchingPtr& other) {
+                return Monitor::IsSame(other->given, rule);
+            });
+            if (added) {
+                rules_.push_back(watching);
+            }
         }
+        settled = added && Settle(watching, kSilent);
     }
-    const bool settled = added && Settle(watching, kSilent);
-    EndChange();
     if (!added) {
         NE_LOG(ERROR, "Watch rule is there already.[path=%s]", rule.path.c_str());
     } else if (!settled) {
@@ -176,24 +224,23 @@ bool InotifySession::AddRule(const Rule& rule)
 
 bool InotifySession::RemoveRule(const Rule& rule)
 {
-    BeginChange();
     WatchingPtr removed;
-    std::string ancestor;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = std::find_if(rules_.begin(), rules_.end(), [&rule](const WatchingPtr& watching) {
-            return Monitor::IsSame(watching->given, rule);
-        });
-        if (found != rules_.end()) {
-            removed = *found;
-            ancestor = removed->ancestor;
-            rules_.erase(found);
+        const Change change(*this);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            const auto found = std::find_if(rules_.begin(), rules_.end(), [&rule](const WatchingPtr& watching) {
+                return Monitor::IsSame(watching->given, rule);
+            });
+            if (found != rules_.end()) {
+                removed = *found;
+                rules_.erase(found);
+            }
+        }
+        if (removed != nullptr) {
+            DropUnneeded(*removed);
         }
     }
-    if (removed != nullptr) {
-        DropUnneeded(removed->rule, ancestor);
-    }
-    EndChange();
     if (removed != nullptr) {
         removed->gate.Close();  // after the change, which a callback may wait for
     }
@@ -201,10 +248,12 @@ bool InotifySession::RemoveRule(const Rule& rule)
 }
 
 // What no other rule needs goes; what others need is watched for them alone.
-void InotifySession::DropUnneeded(const Rule& rule, const std::string& ancestor)
+void InotifySession::DropUnneeded(const Watching& removed)
 {
     struct Kept {
         std::string path;
+        bool isDirectory;
+        int wd;
         std::uint32_t mask;
     };
     std::vector<int> watches;
@@ -215,13 +264,15 @@ void InotifySession::DropUnneeded(const Rule& rule, const std::string& ancestor)
         for (auto entry = paths_.begin(); entry != paths_.end();) {
             const auto current = entry++;
             const std::string& path = current->second;
-            if (path != ancestor && !Covers(rule, path)) {
+            if (!Covers(removed.rule, path) &&
+                std::find(removed.above.begin(), removed.above.end(), path) == removed.above.end()) {
                 continue;
             }
             const auto file = known_.find(path);
-            const std::uint32_t mask = WatchMask(path, file == known_.end() || file->second.isDirectory);
+            const bool isDirectory = file == known_.end() || file->second.isDirectory;
+            const std::uint32_t mask = WatchMask(path, isDirectory);
             if (mask != 0) {
-                kept.push_back({path, mask});
+                kept.push_back({path, isDirectory, current->first, mask});
                 continue;
             }
             watches.push_back(current->first);
@@ -230,11 +281,8 @@ void InotifySession::DropUnneeded(const Rule& rule, const std::string& ancestor)
             }
             paths_.erase(current);
         }
-        ForEachAtOrBelow(known_, rule.path, [&](KnownFiles::iterator file) {
-            const bool covered = std::any_of(rules_.begin(), rules_.end(), [&](const WatchingPtr& watching) {
-                return Covers(watching->rule, file->first);
-            });
-            if (!covered) {
+        ForEachAtOrBelow(known_, removed.rule.path, [&](KnownFiles::iterator file) {
+            if (!IsCovered(file->first)) {
                 records.push_back(file->first);
                 known_.erase(file);
             }
@@ -243,8 +291,8 @@ void InotifySession::DropUnneeded(const Rule& rule, const std::string& ancestor)
     for (const int wd : watches) {
         watcher_.RmWatch(wd);
     }
-    for (const auto& [path, mask] : kept) {
-        watcher_.AddWatch(path, mask);
+    for (const Kept& watch : kept) {
+        SetMask(watch.path, watch.isDirectory, watch.wd, watch.mask);
     }
     for (const std::string& path : records) {
         Monitor::RemoveRecord(path);
@@ -255,54 +303,44 @@ void InotifySession::DropUnneeded(const Rule& rule, const std::string& ancestor)
 bool InotifySession::Settle(const WatchingPtr& watching, Mode mode)
 {
     const std::string& path = watching->rule.path;
-    while (path != "/" && !stopping_) {
-        const bool exists = Exists(path);
-        const std::string directory = NearestDirectory(Monitor::ParentOf(path));
-        SetAncestor(watching, directory);
-        if (exists) {
-            break;
-        }
-        if (!Exists(NextOnTheWay(directory, path))) {  // otherwise it came before the watch
-            return false;
-        }
-        if (directory == NearestDirectory(Monitor::ParentOf(path)) && !Exists(path)) {
-            return false;  // what has come is no directory
-        }
-    }
-    const bool taken = TakeUp(path, mode);
+    WatchAbove(watching);
+    const bool taken = Exists(path) && TakeUp(path, mode);
     TellLack();
     return taken;
 }
 
-void InotifySession::SetAncestor(const WatchingPtr& watching, const std::string& directory)
+void InotifySession::WatchAbove(const WatchingPtr& watching)
 {
-    std::string old;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        old = std::exchange(watching->ancestor, directory);
-    }
-    if (old == directory) {
-        return;
-    }
-    EnsureWatch(directory, true);
-    if (!old.empty()) {
-        Rule none;
-        none.path = old;
-        DropUnneeded(none, old);
-    }
+    std::vector<std::string> above = DirectoriesAbove(watching->rule.path);
+    std::vector<std::string> before;
+    do {  // the next one down may have come before the watch on the last
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            watching->above = above;
+        }
+        for (const std::string& directory : above) {
+            EnsureWatch(directory, true);
+        }
+        before.swap(above);
+        above = DirectoriesAbove(watching->rule.path);
+    } while (above.size() > before.size() && !stopping_);
 }
 
 void InotifySession::SettleAtOrBelow(const std::string& path)
 {
-    std::vector<WatchingPtr> concerned;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        std::copy_if(rules_.begin(), rules_.end(), std::back_inserter(concerned),
-                     [&path](const WatchingPtr& watching) { return Monitor::IsAtOrBelow(watching->rule.path, path); });
-    }
-    for (const WatchingPtr& watching : concerned) {
+    for (const WatchingPtr& watching : RootsBelow(path)) {
         Settle(watching, kNews);
     }
+}
+
+// The rules whose paths are this one or below it.
+std::vector<InotifySession::WatchingPtr> InotifySession::RootsBelow(const std::string& path)
+{
+    std::vector<WatchingPtr> roots;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::copy_if(rules_.begin(), rules_.end(), std::back_inserter(roots),
+                 [&path](const WatchingPtr& watching) { return Monitor::IsAtOrBelow(watching->rule.path, path); });
+    return roots;
 }
 
 // Walks over a path and all below it that rules cover. A directory is watched before it is read, so nothing
@@ -311,31 +349,42 @@ bool InotifySession::TakeUp(const std::string& top, Mode mode)
 {
     bool topTaken = true;
     bool full = false;
+    std::size_t steps = 0;
     std::vector<std::string> waiting{top};
     while (!waiting.empty() && !stopping_) {
+        if (++steps % kStepsPerBeat == 0) {
+            KeepCurrentThreadAlive();
+        }
         const std::string path = std::move(waiting.back());
         waiting.pop_back();
         struct stat status = {};
-        if (lstat(path.c_str(), &status) != 0 || Covering(path).empty()) {
+        if (lstat(path.c_str(), &status) != 0) {
             continue;
         }
         const bool isDirectory = S_ISDIR(status.st_mode);
-        const Finding finding = TakeNote(path, status, mode);
-        if (finding == kNew) {
-            Monitor::RecordAttribute(path);
+        Finding finding = TakeNote(path, status, mode);
+        if (finding.replaced) {  // with all that was below it
+            TakeOut(path);
+            finding = TakeNote(path, status, mode);
+        }
+        if (!finding.covered) {
+            continue;
+        }
+        if (finding.isNew) {
+            Record(path);
         }
         // Where one that may be read is refused there is no room, and no use in asking for each of the rest.
         const bool taken = full && isDirectory ? !IsLookedInto(path) : EnsureWatch(path, isDirectory);
-        if (!taken) {
+        if (!taken && Exists(path)) {
             full = full || access(path.c_str(), R_OK) == 0;
             topTaken = topTaken && path != top;
             CountLack(path);
         }
-        if (finding == kNew && mode != kSilent) {
+        if (finding.isNew && mode != kSilent) {
             Monitor::FileEvent event = {path, {}, IN_CREATE, isDirectory, {}};
             Report(event, mode == kMoved ? IN_CREATE | IN_MOVED_TO : IN_CREATE, kAll);
-        } else if (finding == kDifferent) {
-            OnChanged(path, IN_MODIFY | IN_ATTRIB, isDirectory, kAll);
+        } else if (finding.different != 0) {
+            OnChanged(path, finding.different, isDirectory, kAll);
         }
         if (isDirectory && IsLookedInto(path)) {
             std::vector<std::string> entries = Entries(path);
@@ -346,28 +395,55 @@ bool InotifySession::TakeUp(const std::string& top, Mode mode)
     return topTaken;
 }
 
+// Records a known file's attributes; a removal meanwhile holds.
+void InotifySession::Record(const std::string& path)
+{
+    Monitor::RecordAttribute(path);
+    bool known = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        known = known_.count(path) != 0;
+    }
+    if (!known) {
+        Monitor::RemoveRecord(path);
+    }
+}
+
 InotifySession::Finding InotifySession::TakeNote(const std::string& path, const struct stat& status, Mode mode)
 {
-    const bool isDirectory = S_ISDIR(status.st_mode);
+    Finding finding;
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) {
-        return kSame;
+    finding.covered = !stopping_ && IsCovered(path);
+    if (!finding.covered) {
+        return finding;
     }
-    const auto [entry, fresh] = known_.try_emplace(path);
+    const auto [entry, fresh] = known_.try_emplace(path, status);
     Known& file = entry->second;
-    if (fresh || file.inode != status.st_ino || file.isDirectory != isDirectory) {
-        file.inode = status.st_ino;
-        file.changed = status.st_ctim;
-        file.isDirectory = isDirectory;
+    finding.replaced = !fresh && file.status.inode != 0 && !file.IsSameFile(status);
+    if (finding.replaced) {
+        return finding;
+    }
+    finding.isNew = fresh || file.status.inode == 0 || (mode != kSilent && file.untold);
+    if (finding.isNew) {
+        const auto covering = std::count_if(rules_.begin(), rules_.end(), [&path](const WatchingPtr& watching) {
+            return Covers(watching->rule, path);
+        });
         file.createTold = mode != kSilent;
-        return kNew;
+        file.untold = mode == kSilent && covering > 1;
+    } else if (mode == kCompare) {
+        finding.different = file.Differences(status);
     }
-    if (mode == kCompare &&
-        (file.changed.tv_sec != status.st_ctim.tv_sec || file.changed.tv_nsec != status.st_ctim.tv_nsec)) {
-        file.changed = status.st_ctim;
-        return kDifferent;
+    if (finding.isNew || mode == kCompare) {
+        file.status = Known(status).status;
+        file.isDirectory = S_ISDIR(status.st_mode);
     }
-    return kSame;
+    return finding;
+}
+
+bool InotifySession::IsCovered(const std::string& path) const
+{
+    return std::any_of(rules_.begin(), rules_.end(),
+                       [&path](const WatchingPtr& watching) { return Covers(watching->rule, path); });
 }
 
 // What the rules want to be told of a path by a watch of its own; 0: nothing.
@@ -379,22 +455,45 @@ std::uint32_t InotifySession::WatchMask(const std::string& path, bool isDirector
         if (path == rule.path || (isDirectory && LooksInto(rule, path))) {
             mask |= rule.mask & IN_ALL_EVENTS;
         }
-        if (path == watching->ancestor) {
+        if (std::find(watching->above.begin(), watching->above.end(), path) != watching->above.end()) {
             mask |= IN_CREATE;
         }
     }
     return mask;
 }
 
+// Sets the mask of a watch that is there; false if the path is not that of the watch any more.
+bool InotifySession::SetMask(const std::string& path, bool isDirectory, int wd, std::uint32_t mask)
+{
+    constexpr std::uint32_t kDirectoryMask = IN_MOVE | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
+    const int set =
+        inotify_add_watch(watcher_.GetFd(), path.c_str(), mask | IN_DONT_FOLLOW | (isDirectory ? kDirectoryMask : 0U));
+    if (set == -1 || set == wd) {
+        return set == wd;
+    }
+    bool isOther = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        isOther = paths_.count(set) != 0;
+    }
+    if (!isOther) {  // a watch that nobody knows
+        inotify_rm_watch(watcher_.GetFd(), set);
+    }
+    return false;
+}
+
 // True if the path is watched or need not be.
 bool InotifySession::EnsureWatch(const std::string& path, bool isDirectory)
 {
     std::uint32_t mask = 0;
+    int known = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         mask = WatchMask(path, isDirectory);
+        const auto file = known_.find(path);
+        known = file == known_.end() ? 0 : file->second.wd;
     }
-    if (mask == 0) {
+    if (mask == 0 || (known != 0 && SetMask(path, isDirectory, known, mask | IN_MASK_ADD))) {
         return true;
     }
     const int wd = watcher_.AddWatch(path, mask | IN_MASK_ADD);
@@ -406,10 +505,7 @@ bool InotifySession::EnsureWatch(const std::string& path, bool isDirectory)
         const std::lock_guard<std::mutex> lock(mutex_);
         needed = WatchMask(path, isDirectory) != 0;  // a rule may have gone meanwhile
         if (needed) {
-            const bool first = paths_.try_emplace(wd, path).first->second == path;  // of a file's several names
-            if (const auto file = known_.find(path); first && file != known_.end()) {
-                file->second.wd = wd;
-            }
+            Assign(wd, path, isDirectory);
         } else {
             paths_.erase(wd);
         }
@@ -418,6 +514,24 @@ bool InotifySession::EnsureWatch(const std::string& path, bool isDirectory)
         watcher_.RmWatch(wd);
     }
     return true;
+}
+
+// Says which path a watch stands for. A directory that was found elsewhere before has been moved.
+void InotifySession::Assign(int wd, const std::string& path, bool isDirectory)
+{
+    const auto [entry, fresh] = paths_.try_emplace(wd, path);
+    if (!fresh && entry->second != path) {
+        if (!isDirectory) {
+            return;
+        }
+        if (const auto old = known_.find(entry->second); old != known_.end() && old->second.wd == wd) {
+            old->second.wd = 0;
+        }
+        entry->second = path;
+    }
+    if (const auto file = known_.find(path); file != known_.end()) {
+        file->second.wd = wd;
+    }
 }
 
 void InotifySession::CountLack(const std::string& path)
@@ -444,8 +558,8 @@ void InotifySession::TellLack()
     }
 }
 
-// Forgets a path and all below it.
-void InotifySession::TakeOut(const std::string& top, bool watchesToo)
+// Forgets a path and all below it. The kernel may have dropped the watches already.
+void InotifySession::TakeOut(const std::string& top)
 {
     std::vector<std::string> gone;
     std::vector<int> watches;
@@ -453,9 +567,10 @@ void InotifySession::TakeOut(const std::string& top, bool watchesToo)
         const std::lock_guard<std::mutex> lock(mutex_);
         ForEachAtOrBelow(known_, top, [&](KnownFiles::iterator file) {
             gone.push_back(file->first);
-            if (file->second.wd != 0) {
-                watches.push_back(file->second.wd);
-                paths_.erase(file->second.wd);
+            const auto watch = paths_.find(file->second.wd);
+            if (watch != paths_.end() && watch->second == file->first) {
+                watches.push_back(watch->first);
+                paths_.erase(watch);
             }
             known_.erase(file);
         });
@@ -464,9 +579,8 @@ void InotifySession::TakeOut(const std::string& top, bool watchesToo)
         Monitor::RemoveRecord(path);
     }
     for (const int wd : watches) {
-        if (watchesToo) {
-            watcher_.RmWatch(wd);
-        }
+        inotify_rm_watch(watcher_.GetFd(), wd);
+        watcher_.RmInvalidWatch(wd);
     }
 }
 

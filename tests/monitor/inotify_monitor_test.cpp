@@ -4,6 +4,9 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <random>
+#include <set>
+
 #include "attribute.h"
 #include "hips_guard.h"
 #include "monitor/watch_scope.h"
@@ -293,6 +296,80 @@ TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
     EXPECT_EQ(state.calls, 3);
     EXPECT_FALSE(monitor_.RemoveRule(state.rule));
     EXPECT_EQ(std::ranges::count_if(records_.Lines(), [](auto& line) { return Contains(line, "of a callback]"); }), 3);
+}
+
+// Whatever happens in a tree: who follows the events knows the tree, and every directory in it is watched.
+TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
+{
+    fs::create_directories(*this / "d");
+    fs::create_directories(*this / "out");
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d", true, IN_CREATE | IN_DELETE | IN_MOVE)));
+    std::minstd_rand random(7);
+    std::error_code ignored;
+    const auto path = [&] {
+        std::string at = *this / "d";
+        for (auto depth = random() % 3; depth + 1 > 0; --depth) {
+            at += std::string("/") + "abcd"[random() % 4];
+        }
+        return at;
+    };
+    for (int i = 0; i < 400; ++i) {
+        const std::string one = path();
+        const std::string other = random() % 4 == 0 ? *this / ("out/" + std::to_string(random() % 4)) : path();
+        switch (random() % 5) {
+        case 0:
+            fs::create_directories(one, ignored);
+            break;
+        case 1:
+            Write(one, "");
+            break;
+        case 2:
+            fs::remove_all(one, ignored);
+            break;
+        default:
+            fs::rename(random() % 2 == 0 ? one : other, random() % 2 == 0 ? one : other, ignored);
+            break;
+        }
+        if (i % 20 == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+    }
+    const auto tree = [this] {
+        std::set<std::string> paths;
+        for (const auto& entry : fs::recursive_directory_iterator(*this / "d")) {
+            paths.insert(entry.path());
+        }
+        return paths;
+    };
+    const auto model = [this] {
+        std::set<std::string> paths;
+        const auto below = [](const std::string& at, const std::string& top) { return Monitor::IsAtOrBelow(at, top); };
+        for (std::string line : told_.Lines()) {
+            line.resize(line.back() == '/' ? line.size() - 1 : line.size());
+            const std::string last = line.substr(line.rfind(' ') + 1);
+            if (line[0] == 'c') {
+                paths.insert(last);
+                continue;
+            }
+            const std::string from = line[0] == 'd' ? last : line.substr(7, line.find(" -> ") - 7);
+            const auto before = std::exchange(paths, {});
+            for (const std::string& at : before) {
+                if (!below(at, from) && !(line[0] == 'r' && below(at, last))) {
+                    paths.insert(at);
+                } else if (line[0] == 'r' && below(at, from)) {
+                    paths.insert(last + at.substr(from.size()));
+                }
+            }
+        }
+        return paths;
+    };
+    EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+    for (const std::string& at : tree()) {
+        if (fs::is_directory(at)) {
+            Write(at + "/probe", "");
+        }
+    }
+    EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
 }
 
 // For the sanitizers: rules come and go, the tree churns, and the end comes in the middle.
