@@ -97,7 +97,7 @@ bool BaseSocket::Listen() const
     return true;
 }
 
-bool BaseSocket::Accept(std::shared_ptr<BaseSocket> client)
+bool BaseSocket::Accept(const std::shared_ptr<BaseSocket>& client)
 {
     if (fd == -1 || client == nullptr) {
         return false;

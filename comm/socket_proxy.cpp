@@ -64,7 +64,7 @@ bool SocketProxy::Listen() const
 }
 
 // Kept: the descriptor that the client's Create opens is overwritten without being closed.
-bool SocketProxy::Accept(std::shared_ptr<SocketProxy> client) const
+bool SocketProxy::Accept(const std::shared_ptr<SocketProxy>& client) const
 {
     return IsValid() && client != nullptr && client->Create(type_) && socket_->Accept(client->socket_);
 }

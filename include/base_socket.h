@@ -36,7 +36,7 @@ public:
     virtual bool Listen() const;
 
     // Waits for a connection and stores it in client, over whatever descriptor that has.
-    virtual bool Accept(std::shared_ptr<BaseSocket> client);
+    virtual bool Accept(const std::shared_ptr<BaseSocket>& client);
     virtual int GetFd() const { return fd; }
 
 protected:

@@ -29,7 +29,7 @@ public:
     bool Listen() const;
 
     // Waits for a connection, which client then holds. Leaks the descriptor that client is created with.
-    bool Accept(std::shared_ptr<SocketProxy> client) const;
+    bool Accept(const std::shared_ptr<SocketProxy>& client) const;
     int GetFd() const;
 
     // The family for an address: for type 2 it is 10 if addr holds a colon; other types stay as they are.
