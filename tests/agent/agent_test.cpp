@@ -277,7 +277,7 @@ TEST_F(AgentTest, TellsChangesOfFilesAndWhoTouchesThem)
     Wait(guest);
     EXPECT_TRUE(
         Eventually([&] { return Logged("File accessed.[action=open pid=" + std::to_string(guest) + " user=root "); }));
-    EXPECT_FALSE(Logged("x.tmp") || Logged("log/agent.log]"));
+    EXPECT_FALSE(Logged("path=" + (root_ / "tree/x.tmp")) || Logged("path=" + log_ + "]"));
     EXPECT_EQ(StopAgent(), SIGTERM);
 }
 
