@@ -1,7 +1,9 @@
 #include "inotify_monitor.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <random>
@@ -370,6 +372,37 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
         }
     }
     EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+}
+
+// With room for eight watches a tree of twenty directories is watched in part, which is told once.
+TEST(InotifyMonitorLimitTest, GoesOnWithThoseThatItCanHave)
+{
+    const TempDir folder;
+    Write(folder / "allowance", "10\n");  // of which 70 percent and one more are used
+    const std::string file = folder / "allowance";
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(file.c_str(), "/proc/sys/fs/inotify/max_user_watches", nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "a mount of its own needs CAP_SYS_ADMIN";
+    }
+    for (int i = 0; i < 20; ++i) {
+        fs::create_directories(folder / ("d/" + std::to_string(i)));
+    }
+    const Records records;
+    Told told;
+    InotifyMonitor monitor;
+    ASSERT_TRUE(monitor.Init());
+    std::jthread reader([&] { monitor.ReadEvent(); });
+    const FileWatchRule rule{folder / "d", true, kTreeEvents, {}, &Told::Take, &told};
+    ASSERT_TRUE(monitor.AddRule(rule));
+    Write(folder / "d/file", "");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/file")); }));
+    fs::create_directory(folder / "d/more");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/more/")); }));
+    const auto lacks = std::ranges::count_if(records.Lines(), [&](auto& line) {
+        return Contains(line, "WARN Watch rule cannot have all its directories.[path=" + (folder / "d") + " lacking=1");
+    });
+    EXPECT_EQ(lacks, 1);
+    monitor.DeInit();
 }
 
 // For the sanitizers: rules come and go, the tree churns, and the end comes in the middle.
