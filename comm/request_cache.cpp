@@ -55,11 +55,8 @@ bool RequestCache::TakeDue(Due& due)
     const std::lock_guard<std::mutex> lock(mutex_);
     DropExhausted();
     for (auto request = requests_.begin(); request != requests_.end(); ++request) {
-        if (IsExhausted(request->retries)) {
-            continue;  // at most 200 of them
-        }
-        if (std::llabs(now - request->lastSend) <= kRetryAfterSeconds) {
-            return false;  // and those behind it were sent later
+        if (IsExhausted(request->retries) || std::llabs(now - request->lastSend) <= kRetryAfterSeconds) {
+            continue;
         }
         request->lastSend = now;
         ++request->retries;

@@ -42,7 +42,7 @@ private:
     void DropExhausted();
 
     std::mutex mutex_;
-    Requests requests_;  // in the order of their last sending
+    Requests requests_;  // in the order of their last sending, so that what is due stands in front
     std::unordered_multimap<std::uint32_t, Requests::iterator> bySeq_;
 };
 

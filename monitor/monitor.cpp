@@ -139,7 +139,7 @@ bool RemoveMonitor(const FileWatchRule& rule, MonitorType type)
         return manager.RemoveWatch(rule, type);
     }
     if (manager.RemoveWatch(rule, kAnyMonitor)) {
-        return manager.RemoveWatch(rule, kAnyMonitor);  // kept: a rule may have been added twice
+        return manager.RemoveWatch(rule, kAnyMonitor);  // kept: the second answer counts
     }
     return manager.RemoveWatch(rule, kInotifyMonitor);
 }

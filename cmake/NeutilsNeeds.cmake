@@ -1,0 +1,11 @@
+# neutils_need(WHO VARIABLE:PACKAGE...): stops where a variable is false, naming the Debian package.
+function(neutils_need who)
+  foreach(need ${ARGN})
+    string(REPLACE ":" ";" need ${need})
+    list(GET need 0 found)
+    list(GET need 1 package)
+    if(NOT ${found})
+      message(FATAL_ERROR "${who} the Debian package ${package}: apt install ${package}")
+    endif()
+  endforeach()
+endfunction()
