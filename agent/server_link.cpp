@@ -34,10 +34,16 @@ void ServerLink::Check()
         }
         checker_ = std::this_thread::get_id();
     }
+    const struct End {  // also where the look throws
+        ServerLink& link;
+        ~End()
+        {
+            const std::lock_guard<std::mutex> lock(link.mutex_);
+            link.checker_ = {};
+            link.checked_.notify_all();
+        }
+    } end{*this};
     Look(std::chrono::steady_clock::now());
-    const std::lock_guard<std::mutex> lock(mutex_);
-    checker_ = {};
-    checked_.notify_all();
 }
 
 void ServerLink::Look(Time now)

@@ -205,7 +205,12 @@ bool SocketComm::Start()
         old.swap(members_->current);
     }
     End(old);
-    const bool opened = Open(*connection);
+    bool opened = false;
+    try {
+        opened = Open(*connection);
+    } catch (const std::exception& error) {  // no memory; the start is to end in order nevertheless
+        NE_LOG(ERROR, "Channel to the server cannot be opened.[error=%s]", error.what());
+    }
     const bool started = Publish(connection, opened, stops);
     members_->startEnd.notify_all();
     if (started) {

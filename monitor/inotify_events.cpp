@@ -302,7 +302,6 @@ std::vector<InotifySession::Renamed> InotifySession::Rename(const std::string& f
         TakeOut(path);  // what was there has been replaced
     }
     std::vector<Renamed> renamed;
-    std::vector<std::string> uncovered;
     std::vector<int> watches;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -341,16 +340,12 @@ std::vector<InotifySession::Renamed> InotifySession::Rename(const std::string& f
             }
             if (IsCovered(now)) {
                 known_.insert(std::move(file));
-            } else {
-                uncovered.push_back(now);
             }
         }
     }
     for (const Renamed& file : renamed) {
         Monitor::UpdateFileName(file.old, file.now);
-    }
-    for (const std::string& gone : uncovered) {
-        Monitor::RemoveRecord(gone);
+        DropUnknownRecord(file.now);
     }
     for (const int wd : watches) {
         watcher_.RmWatch(wd);

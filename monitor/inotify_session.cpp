@@ -371,7 +371,8 @@ bool InotifySession::TakeUp(const std::string& top, Mode mode)
             continue;
         }
         if (finding.isNew) {
-            Record(path);
+            Monitor::RecordAttribute(path);
+            DropUnknownRecord(path);
         }
         // Where one that may be read is refused there is no room, and no use in asking for each of the rest.
         const bool taken = full && isDirectory ? !IsLookedInto(path) : EnsureWatch(path, isDirectory);
@@ -395,10 +396,9 @@ bool InotifySession::TakeUp(const std::string& top, Mode mode)
     return topTaken;
 }
 
-// Records a known file's attributes; a removal meanwhile holds.
-void InotifySession::Record(const std::string& path)
+// After a record was made: the removal of its file meanwhile holds.
+void InotifySession::DropUnknownRecord(const std::string& path)
 {
-    Monitor::RecordAttribute(path);
     bool known = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);

@@ -123,7 +123,7 @@ private:
     bool EnsureWatch(const std::string& path, bool isDirectory);
     bool SetMask(const std::string& path, bool isDirectory, int wd, std::uint32_t mask);
     void Assign(int wd, const std::string& path, bool isDirectory);  // under mutex_
-    void Record(const std::string& path);
+    void DropUnknownRecord(const std::string& path);
     void CountLack(const std::string& path);
     void TellLack();
     void TakeOut(const std::string& top);
