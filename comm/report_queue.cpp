@@ -120,7 +120,11 @@ void ReportQueue::Drop(Lock& lock)
     const std::uint64_t dropped = dropped_;
     const std::size_t count = count_;
     const std::size_t bytes = bytes_;
+    const bool wake = std::exchange(idle_, false);  // a report too large for an empty queue is to be told too
     lock.unlock();
+    if (wake) {
+        changed_.notify_one();
+    }
     if (!told) {
         NE_LOG(WARN, "Report queue is full, reports are dropped.[count=%zu bytes=%zu dropped=%llu]", count, bytes,
                static_cast<unsigned long long>(dropped));

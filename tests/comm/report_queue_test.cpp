@@ -111,6 +111,10 @@ TEST_F(ReportQueueTest, DropsAreCountedAndReported)
     EXPECT_TRUE(queue_.Drain(20000));
     EXPECT_TRUE(Push(4));
     EXPECT_EQ(Take(1), Numbers(4, 5));
+    EXPECT_TRUE(queue_.Drain(20000));
+    EXPECT_FALSE(queue_.Push(1, std::string(100, 'x').data(), 100));  // fits not even into an empty queue
+    Take(1);
+    EXPECT_EQ(HeaderOf(last_).type, kMsgDroppedReports);
 }
 
 TEST_F(ReportQueueTest, UnansweredGoOutAsNewRequests)
