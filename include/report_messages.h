@@ -4,14 +4,19 @@
 
 namespace NEUtils {
 
-// The messages that an agent reports with; a server that takes them includes this header too. A report is
-// a request whose body is TLV items; its answer has the next type, the same number and no body.
-// Example bytes: docs/FORMATS.md.
+// The messages between an agent and its server, which includes this header too. A request's body is TLV items;
+// its answer has the next type and the same number. Example bytes: docs/FORMATS.md.
+
+// Reports of the agent; the server's answer has no body.
 
 inline constexpr std::uint32_t kMsgProcess = 1;         // a process event
 inline constexpr std::uint32_t kMsgDroppedReports = 3;  // reports that the agent had no room for
 inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched file
 inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
+
+// Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and kTagStatus.
+inline constexpr std::uint32_t kMsgPolicy = 9;   // kTagFeature, kTagEnable and kTagPolicy
+inline constexpr std::uint32_t kMsgStatus = 11;  // no items
 
 inline constexpr std::uint32_t ResponseType(std::uint32_t request)
 {
@@ -23,25 +28,42 @@ inline constexpr bool kSwapReport = false;
 
 // Tags of the items. Texts end in NUL; what is not known is left out.
 enum ReportTag : std::uint16_t {
-    kTagTime = 1,       // 8 bytes, milliseconds since 1970
-    kTagEvent = 2,      // 4 bytes, a ProcessEvent
-    kTagPid = 3,        // 4 bytes
-    kTagParentPid = 4,  // 4 bytes
-    kTagUser = 5,       // text
-    kTagCmdLine = 6,    // text, with its NUL cut at 2048 bytes
-    kTagExitCode = 7,   // 4 bytes, of kProcessExited
-    kTagSignal = 8,     // 4 bytes, of kProcessKilled
-    kTagCount = 9,      // 8 bytes, how many reports were dropped since the last such message
-    kTagAction = 10,    // text: what was done, such as "write"; several with a comma between them
-    kTagPath = 11,      // text
-    kTagOldPath = 12,   // text, of a rename
-    kTagChange = 13,    // text, such as "osize=2 size=6 "
+    kTagTime = 1,        // 8 bytes, milliseconds since 1970
+    kTagEvent = 2,       // 4 bytes, a ProcessEvent
+    kTagPid = 3,         // 4 bytes
+    kTagParentPid = 4,   // 4 bytes
+    kTagUser = 5,        // text
+    kTagCmdLine = 6,     // text, with its NUL cut at 2048 bytes
+    kTagExitCode = 7,    // 4 bytes, of kProcessExited
+    kTagSignal = 8,      // 4 bytes, of kProcessKilled
+    kTagCount = 9,       // 8 bytes, how many reports were dropped since the last such message
+    kTagAction = 10,     // text: what was done, such as "write"; several with a comma between them
+    kTagPath = 11,       // text
+    kTagOldPath = 12,    // text, of a rename
+    kTagChange = 13,     // text, such as "osize=2 size=6 "
+    kTagContainer = 14,  // text: 64 hexadecimal digits, of a process in a container
+    kTagDigest = 15,     // text: the SHA-256 of a file, 64 hexadecimal digits
+    kTagFeature = 16,    // text: the name of a feature
+    kTagEnable = 17,     // 4 bytes: 1 starts it, 0 stops it
+    kTagPolicy = 18,     // text: its policy; without it the one that the agent keeps goes on to hold
+    kTagResult = 19,     // 4 bytes: 0 done, otherwise a CommandResult
+    kTagReason = 20,     // text: why it could not be done
+    kTagStatus = 21,     // text: the agent's status, one JSON object
 };
 
 enum ProcessEvent : std::int32_t {
     kProcessExecuted = 1,
     kProcessExited = 2,
     kProcessKilled = 3,
+};
+
+enum CommandResult : std::int32_t {
+    kCommandDone = 0,
+    kCommandMalformed = 1,  // items are missing or wrong
+    kCommandUnknown = 2,    // the agent has no such feature
+    kCommandRefused = 3,    // the feature does not take the policy, or could not be loaded
+    kCommandBusy = 4,       // too many commands wait already
+    kCommandFailed = 5,     // done, but the policy could not be kept for the next start
 };
 
 }  // namespace NEUtils
