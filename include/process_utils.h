@@ -29,6 +29,11 @@ NEUTILS_API bool GetProcessStatus(int pid, ProcessStatus& status);
 // process that has ended and is not yet waited for.
 NEUTILS_API bool GetCmdLine(int pid, std::string& cmdLine, std::size_t maxLength = 4096);
 
+// The id of the container that a process runs in: the 64 hexadecimal digits in the path of one of its control
+// groups, from /proc/<pid>/cgroup. Of containers within containers the outermost, which is the host's own and
+// cannot be made up inside. False also for a process in none.
+NEUTILS_API bool GetContainerId(int pid, std::string& id);
+
 // Every process id there is.
 NEUTILS_API bool GetProcessIds(std::vector<int>& pids);
 

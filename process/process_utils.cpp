@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "byte_buffer.h"
+#include "process/container_id.h"
 #include "util/file.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
@@ -19,6 +20,8 @@ using NEUtils::ByteBuffer;
 using NEUtils::Convert;
 using NEUtils::FileOperation;
 using NEUtils::UniqueFd;
+
+constexpr std::size_t kContainerIdSize = 64;
 
 std::string ProcPath(int pid, const char* file)
 {
@@ -48,6 +51,26 @@ bool TakeNumber(std::string_view& field, Number& number)
     const auto [stop, error] = std::from_chars(field.data(), field.data() + field.size(), number);
     field.remove_prefix(static_cast<std::size_t>(stop - field.data()));
     return error == std::errc();
+}
+
+// One element of a path: the digits alone, or behind '-' or ':', with ".scope" behind them or not.
+bool TakeContainerId(std::string_view element, std::string& id)
+{
+    constexpr std::string_view kScope = ".scope";
+    if (element.size() > kScope.size() && element.substr(element.size() - kScope.size()) == kScope) {
+        element.remove_suffix(kScope.size());
+    }
+    if (element.size() < kContainerIdSize) {
+        return false;
+    }
+    const std::string_view digits = element.substr(element.size() - kContainerIdSize);
+    const std::string_view before = element.substr(0, element.size() - kContainerIdSize);
+    if (digits.find_first_not_of("0123456789abcdef") != std::string_view::npos ||
+        !(before.empty() || before.back() == '-' || before.back() == ':')) {
+        return false;
+    }
+    id = digits;
+    return true;
 }
 
 }  // namespace
@@ -103,6 +126,24 @@ bool GetCmdLine(int pid, std::string& cmdLine, std::size_t maxLength)
     std::replace(text.begin(), text.end(), '\0', ' ');
     cmdLine = std::move(text);
     return true;
+}
+
+bool FindContainerId(std::string_view cgroups, std::string& id)
+{
+    while (!cgroups.empty()) {
+        const std::size_t end = std::min(cgroups.find_first_of("/\n"), cgroups.size());
+        if (TakeContainerId(cgroups.substr(0, end), id)) {
+            return true;
+        }
+        cgroups.remove_prefix(std::min(end + 1, cgroups.size()));
+    }
+    return false;
+}
+
+bool GetContainerId(int pid, std::string& id)
+{
+    ByteBuffer content;
+    return FileOperation::ReadAllNosize(ProcPath(pid, "cgroup"), content) && FindContainerId(content.ToString(), id);
 }
 
 bool GetProcessIds(std::vector<int>& pids)

@@ -37,8 +37,8 @@ case ${1:-} in
 *) usage >&2 && exit 2 ;;
 esac
 
-need_packages g++ clang-format clang-tidy cmake ninja-build libgtest-dev libevent-dev nlohmann-json3-dev pkg-config \
-    gzip procps git
+need_packages g++ clang-format clang-tidy cmake ninja-build libgtest-dev libevent-dev libssl-dev nlohmann-json3-dev \
+    pkg-config gzip procps git
 cd "$root"
 mkdir -p build
 

@@ -1,5 +1,6 @@
 #include "process_utils.h"
 
+#include "process/container_id.h"
 #include "tests/support/support.h"
 #include "user_info.h"
 
@@ -31,4 +32,29 @@ TEST(ProcessUtilsTest, NameCannotForgeFields)
     std::string name = "unchanged";
     EXPECT_TRUE(!UserInfo::GetInstance().GetUserName(4000000000U, name) && name == "unchanged");
     EXPECT_TRUE(UserInfo::GetInstance().GetUserName(0, name) && name == "root");
+}
+
+// Events of a container would be taken for the host's, or a path that a process chose for a container.
+TEST(ProcessUtilsTest, FindsTheContainerInThePathsOfAllRuntimes)
+{
+    const std::string id = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+    const std::string inner(64, 'e');
+    const std::pair<std::string, bool> cases[] = {
+        {"12:pids:/user.slice\n1:name=systemd:/runtime/" + id + "\n0::/\n", true},
+        {"0::/system.slice/runtime-" + id + ".scope\n", true},
+        {"0::/kube.slice/kube-pod8a2f_11.slice/some-runtime-" + id + ".scope/container", true},
+        {"0::/system.slice/runtime.service/pod.slice:some-runtime:" + id, true},
+        {"3:cpu:/kube/besteffort/pod00bee1b8/" + id + "/runtime/" + inner + "\n", true},
+        {"0::/user.slice/user-0.slice/session-1.scope\n", false},
+        {"0::/a" + id + "\n0::/" + id + "0\n0::/" + id + ".slice\n0::/" + id.substr(1) + "\n0::/x" + id + ".scope",
+         false},
+        {"", false},
+    };
+    for (const auto& [text, inContainer] : cases) {
+        std::string found;
+        EXPECT_EQ(ProcessUtils::FindContainerId(text, found), inContainer) << text;
+        EXPECT_EQ(found, inContainer ? id : "") << text;
+    }
+    std::string found;
+    EXPECT_FALSE(ProcessUtils::GetContainerId(0, found));
 }

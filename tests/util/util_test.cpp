@@ -1,3 +1,6 @@
+#include <sys/stat.h>
+
+#include "sha256.h"
 #include "tests/support/support.h"
 #include "util/bounded.h"
 #include "util/file.h"
@@ -75,4 +78,29 @@ TEST(TextTest, OnlyAWholeTextIsANumberAndSplitKeepsEmptyPieces)
     EXPECT_EQ(StringProcess::StrSplit("a::b:::", "::"), (Strings{"a", "b", ":"}));
     EXPECT_EQ(StringProcess::StrSplit("\n\na", "\n"), (Strings{"", "", "a"}));
     EXPECT_EQ(StringProcess::StrSplit("ab", ""), (Strings{"ab"}));
+}
+
+// A wrong digest hides a change; a FIFO would hold the caller for ever, and a link show a file of others.
+TEST(Sha256Test, DigestsBytesAndRegularFilesAndTellsWhyNot)
+{
+    const TempDir dir;
+    std::string digest;
+    EXPECT_TRUE(Sha256::Digest("abc", 3, digest));
+    EXPECT_EQ(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    Write(dir / "million", std::string(1000000, 'a'));
+    EXPECT_EQ(Sha256::DigestFile(dir / "million", 1000000, digest), Sha256::kOk);
+    EXPECT_EQ(digest, "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+    mkfifo((dir / "fifo").c_str(), 0600);
+    fs::create_symlink(dir / "million", dir / "link");
+    const std::pair<std::string, Sha256::Result> refused[] = {
+        {dir / "million", Sha256::kTooLarge},    {dir / "gone", Sha256::kGone},
+        {dir / "million/x", Sha256::kGone},      {dir / "fifo", Sha256::kNotRegular},
+        {dir / "link", Sha256::kNotRegular},     {dir.Path(), Sha256::kNotRegular},
+        {"/proc/self/maps", Sha256::kTooLarge},  // says that it is empty
+        {"/proc/self/mem", Sha256::kUnreadable},
+    };
+    for (const auto& [path, result] : refused) {
+        EXPECT_EQ(Sha256::DigestFile(path, 99, digest), result) << path;
+    }
+    EXPECT_EQ(digest.substr(0, 8), "cdc76e5c");  // unchanged
 }

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <dlfcn.h>
+
+#include <atomic>
+#include <string>
+
+#include "neutils_api.h"
+
+namespace NEUtils::Manager {
+
+enum ModuleStatus {
+    kNotLoaded = 0,
+    kLoaded = 1,  // also deinitialised
+    kStarted = 2,
+    kStopped = 3,  // also initialised and not yet started
+    kFailed = 4,
+};
+
+// What is wanted of a feature.
+struct Policy {
+    bool enable = false;
+    std::string policy;  // the text its entry points get; may not hold a zero byte
+    std::string extra;   // kept with it, for the owner's use
+};
+
+// One feature library: loads lib<feature>.so, finds its entry points (module_entry.h) and calls them.
+//
+// Threads  one at a time, entry points included; GetStatus any.
+// Owns     the library: the destructor is DestroyModule.
+// Blocks   as long as the entry points do.
+// Errors   each failed step is one record and status 4. Steps are not refused by status: that is their
+//          caller's affair (module_manager.h).
+class NEUTILS_API Module {
+public:
+    Module() = default;
+    ~Module();
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+
+    void SetFeature(const std::string& feature);
+    void SetLoadFlags(int flags);  // of dlopen
+    void SetFailed();              // for a reason outside
+    ModuleStatus GetStatus() const;
+    bool IsSamePolicy(const std::string& policy) const;
+
+    // The directory's name ends in a slash; without any slash the loader would search the system's paths.
+    std::string GetLibraryPath(const std::string& directory) const;
+
+    // Gives back first what was loaded before.
+    bool LoadModule(const std::string& directory);
+
+    // They give what the entry point has given, and 0 where there is none.
+    int InitModule();
+    int StartModule();                                                     // with the policy of the last start
+    int StartModule(const std::string& policy, const std::string& extra);  // remembers both if it succeeds
+
+    void StopModule(const std::string& policy);
+    void DeinitModule();
+
+    // Loads and initialises it where that is still to be done, and starts, stops, restarts or leaves it. A
+    // failed module stays as it is.
+    void AdjustModule(const std::string& directory, bool enable, const Policy& policy);
+
+    // Stops it if it is started, with the policy of its start, and deinitialises it if it was initialised.
+    void StopAndDeinit();
+
+    // The same, then closes the library: status 0, failed or not. It can be loaded again.
+    void DestroyModule();
+
+private:
+    template <typename Entry>
+    bool FindEntry(const char* name, Entry& entry);
+    int Start(const std::string& policy);
+    void CloseLibrary();
+
+    std::atomic<ModuleStatus> status_{kNotLoaded};
+    std::string feature_;
+    std::string policy_;
+    std::string extra_;
+    int loadFlags_ = RTLD_NOW;
+    void* library_ = nullptr;
+    int (*init_)() = nullptr;
+    int (*start_)(const char* policy) = nullptr;
+    int (*stop_)(const char* policy) = nullptr;
+    int (*deinit_)() = nullptr;
+    bool initialised_ = false;  // status 4 does not tell
+};
+
+}  // namespace NEUtils::Manager

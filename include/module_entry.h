@@ -1,0 +1,27 @@
+#pragma once
+
+#include "neutils_api.h"
+
+// What a feature library defines; also for modules written in C. The names are looked up in the library
+// once it is loaded, and one without all four is closed again.
+//
+// Order    InitModule, any number of StartModule and StopModule in turn, DeinitModule; and again.
+// Threads  any, one call at a time.
+// Owns     the policy text belongs to the caller and is valid during the call only.
+// Errors   InitModule and StartModule give 0 on failure and have then left nothing behind. What the other
+//          two give is not looked at. No exception may leave them.
+// Limits   the library is unmapped when it is closed: no thread, callback, task or destructor of a thread may
+//          be left by then. Build it with -fno-gnu-unique: unique symbols would keep it in memory, and a
+//          replaced file would not come into use.
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+NEUTILS_API int InitModule(void);
+NEUTILS_API int StartModule(const char* policy);
+NEUTILS_API int StopModule(const char* policy);
+NEUTILS_API int DeinitModule(void);
+
+#ifdef __cplusplus
+}
+#endif
