@@ -129,6 +129,16 @@ void TLVPacker::Add(TLVValue&& value)
     items_.emplace_back() = std::move(value);
 }
 
+void TLVPacker::AddText(std::uint16_t tag, const std::string& text)
+{
+    for (std::size_t at = 0; at < text.size(); at += TLVValue::kMaxLength) {
+        const std::size_t size = std::min(TLVValue::kMaxLength, text.size() - at);
+        TLVValue piece;
+        piece.Init(tag, reinterpret_cast<const unsigned char*>(text.data() + at), static_cast<std::uint16_t>(size));
+        Add(std::move(piece));
+    }
+}
+
 int TLVPacker::Pack(bool swap)
 {
     for (const TLVValue& item : items_) {
@@ -186,6 +196,22 @@ bool TLVAnalyzer::Analyze(bool swap)
     offsets_.clear();
     count_ = 0;
     return false;
+}
+
+bool TLVAnalyzer::JoinText(std::uint16_t tag, std::string& text) const
+{
+    const auto [first, last] = offsets_.equal_range(tag);
+    if (first == last) {
+        return false;
+    }
+    text.clear();
+    for (auto offset = first; offset != last; ++offset) {
+        const TLVValue value = ParseTLV(data_ + offset->second);
+        if (value.GetData() != nullptr) {
+            text.append(reinterpret_cast<const char*>(value.GetData()), value.GetLength());
+        }
+    }
+    return true;
 }
 
 TLVValue TLVAnalyzer::operator[](std::uint16_t tag) const

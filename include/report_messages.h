@@ -26,7 +26,8 @@ inline constexpr std::uint32_t ResponseType(std::uint32_t request)
 // The flag of TLVPacker::Pack and TLVAnalyzer::Analyze: tags and lengths in host order, as all else.
 inline constexpr bool kSwapReport = false;
 
-// Tags of the items. Texts end in NUL; what is not known is left out.
+// Tags of the items. Texts end in NUL; long texts have none and may be several items, to be joined
+// (TLVPacker::AddText, TLVAnalyzer::JoinText). What is not known is left out.
 enum ReportTag : std::uint16_t {
     kTagTime = 1,        // 8 bytes, milliseconds since 1970
     kTagEvent = 2,       // 4 bytes, a ProcessEvent
@@ -45,10 +46,10 @@ enum ReportTag : std::uint16_t {
     kTagDigest = 15,     // text: the SHA-256 of a file, 64 hexadecimal digits
     kTagFeature = 16,    // text: the name of a feature
     kTagEnable = 17,     // 4 bytes: 1 starts it, 0 stops it
-    kTagPolicy = 18,     // text: its policy; without it the one that the agent keeps goes on to hold
+    kTagPolicy = 18,     // long text: its policy; without it the one that the agent keeps goes on to hold
     kTagResult = 19,     // 4 bytes: 0 done, otherwise a CommandResult
-    kTagReason = 20,     // text: why it could not be done
-    kTagStatus = 21,     // text: the agent's status, one JSON object
+    kTagReason = 20,     // long text: why it could not be done
+    kTagStatus = 21,     // long text: the agent's status, one JSON object
 };
 
 enum ProcessEvent : std::int32_t {

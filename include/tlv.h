@@ -66,6 +66,10 @@ public:
 
     void Add(TLVValue&& value);  // throws std::bad_alloc
 
+    // A text of any length in as many items as it takes, of up to 2048 bytes each and without a NUL. An empty
+    // one adds nothing.
+    void AddText(std::uint16_t tag, const std::string& text);
+
     // 0: done. -1: no memory, or an item without its bytes. A further call packs all items anew, and the
     // size then counts the bytes of the calls before too; what lies behind the items is zero.
     int Pack(bool swap);
@@ -92,6 +96,9 @@ public:
 
     // The first item with the tag, in the order of the buffer; an empty value where there is none.
     TLVValue operator[](std::uint16_t tag) const;
+
+    // All items with the tag, joined in the order of the buffer; false where there is none.
+    bool JoinText(std::uint16_t tag, std::string& text) const;
 
     // An item by its place in the order of tags, and among equal tags of the buffer; empty beyond the
     // last. Takes time in proportion to the index.
