@@ -28,6 +28,9 @@ namespace NEUtils {
 // Limits   5,000 waiting jobs; the one above is refused.
 class NEUTILS_API ThreadPool {
 public:
+    // The process's own, which the agent runs for itself and its features; never destroyed.
+    static ThreadPool& GetInstance();
+
     ThreadPool() = default;
     ~ThreadPool();  // stops it; jobs that still wait are dropped
     ThreadPool(const ThreadPool&) = delete;

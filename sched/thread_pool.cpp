@@ -23,6 +23,12 @@ constexpr char kWorkerName[] = "T-Thread";
 
 }  // namespace
 
+ThreadPool& ThreadPool::GetInstance()
+{
+    static auto& pool = *new ThreadPool;
+    return pool;
+}
+
 ThreadPool::~ThreadPool()
 {
     Stop();

@@ -1,0 +1,97 @@
+#include "pool_job.h"
+
+#include "hips_guard.h"
+#include "tests/support/support.h"
+#include "thread_pool.h"
+
+namespace {
+
+struct PoolJobTest : testing::Test {
+    PoolJobTest() { InitHipsGuard(0, 0, 0); }
+    ~PoolJobTest() override
+    {
+        hold_ = false;
+        job_.Stop();
+        pool_.Stop();
+        UninitHipsGuard();
+    }
+    void Start(const std::function<void()>& work)
+    {
+        pool_.Start(1, 2);
+        job_.Start(pool_, "test", work);
+    }
+    void Work()
+    {
+        EXPECT_EQ(++inside_, 1);
+        ++runs_;
+        while (hold_) {
+            std::this_thread::yield();
+        }
+        --inside_;
+    }
+
+    std::atomic<int> runs_{0};
+    std::atomic<int> inside_{0};
+    std::atomic<bool> hold_{true};
+    ThreadPool pool_;
+    PoolJob job_;
+};
+
+}  // namespace
+
+// A request that comes while the work ends must not be forgotten, nor a second worker do the same work.
+TEST_F(PoolJobTest, RunsOnceMoreForAllRequestsThatComeMeanwhile)
+{
+    EXPECT_FALSE(job_.Request());
+    Start([this] { Work(); });
+    EXPECT_TRUE(job_.Request());
+    ASSERT_TRUE(Eventually([this] { return runs_ == 1; }));
+    InThreads(4, [this](int) {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_TRUE(job_.Request());
+        }
+    });
+    hold_ = false;
+    ASSERT_TRUE(Eventually([this] { return runs_ == 2 && inside_ == 0; }));
+    EXPECT_TRUE(job_.Request() && Eventually([this] { return runs_ == 3; }));
+}
+
+// Work that runs on after a stop would use what its owner has freed, and code that has been unloaded.
+TEST_F(PoolJobTest, StopWaitsForTheWorkAndLeavesNothingOfIt)
+{
+    auto held = std::make_shared<int>();
+    Start([this, held] { Work(); });
+    job_.Request();
+    ASSERT_TRUE(Eventually([this] { return runs_ == 1; }));
+    std::jthread release([this] {
+        while (!job_.IsStopping()) {
+            std::this_thread::yield();
+        }
+        hold_ = false;
+    });
+    job_.Request();
+    job_.Stop();
+    EXPECT_TRUE(inside_ == 0 && runs_ == 1 && held.use_count() == 1 && !job_.Request());
+    job_.Start(pool_, "test", [this] { job_.Stop(), Work(); });  // does not wait for itself
+    EXPECT_TRUE(job_.Request() && Eventually([this] { return runs_ == 2 && inside_ == 0; }));
+}
+
+// One turn that never ends in order would be the last.
+TEST_F(PoolJobTest, GoesOnAfterAThrowAndAfterAJobThatThePoolDropped)
+{
+    hold_ = false;
+    Start([this] {
+        Work();
+        if (runs_ == 1) {
+            throw std::runtime_error("once");
+        }
+    });
+    job_.Request();
+    ASSERT_TRUE(Eventually([this] { return runs_ == 1 && inside_ == 0; }));
+    ASSERT_TRUE(Eventually([this] { return job_.Request() && runs_ >= 2; }));
+    pool_.Stop();
+    const int before = runs_;
+    job_.Request();  // queued where nobody takes it
+    pool_.Start(1, 2);
+    EXPECT_TRUE(job_.Request() && Eventually([&] { return runs_ > before; }));
+}
