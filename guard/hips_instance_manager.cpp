@@ -1,7 +1,6 @@
 #include "hips_instance_manager.h"
 
 #include <csignal>
-#include <vector>
 
 #include "logger.h"
 
@@ -72,6 +71,12 @@ bool HipsInstanceManager::DeleteInstance(const std::shared_ptr<HipsThreadInstanc
 void HipsInstanceManager::KeepAlive(const std::shared_ptr<HipsThreadInstance>& instance)
 {
     instance->KeepAlive();
+}
+
+std::vector<std::shared_ptr<HipsThreadInstance>> HipsInstanceManager::GetInstances() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return {instances_.begin(), instances_.end()};
 }
 
 bool HipsInstanceManager::CheckInstanceList()

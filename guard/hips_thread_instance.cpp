@@ -29,6 +29,19 @@ int HipsThreadObject::Routine(void*)
     return 0;
 }
 
+HipsBaseInstance::HipsBaseInstance() : beatNs_(Clock::MonotonicNs()) {}
+
+void HipsBaseInstance::KeepAlive()
+{
+    missedBeats_ = 0;
+    beatNs_ = Clock::MonotonicNs();
+}
+
+std::int64_t HipsBaseInstance::GetBeatAgeMs() const
+{
+    return (Clock::MonotonicNs() - beatNs_) / Clock::kNsPerMs;
+}
+
 HipsThreadInstance::HipsThreadInstance(HipsThreadObject* object, const std::string& name)
     : object_(object), name_(name), id_(++g_lastId)
 {

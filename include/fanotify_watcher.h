@@ -3,6 +3,7 @@
 #include <sys/fanotify.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -25,7 +26,7 @@ namespace NEUtils {
 //          Poll unblocks all signals of its thread while it waits, so their handlers may run on it.
 // Owns     the descriptors of the events. They are not close-on-exec: a child that another thread starts
 //          while events are handled inherits them.
-// Limits   the kernel's queue, 16,384 events unless it is set up otherwise; what does not fit is lost untold.
+// Limits   the kernel's queue, 16,384 events unless it is set up otherwise; what does not fit is lost and only counted.
 // Errors   logged, but for those of Init, a path that does not exist and an event without a path. An event
 //          whose file the kernel cannot open is lost, the read fails and later events wait for the next
 //          call: no descriptors left, or on a 32-bit kernel a file above 2 GiB.
@@ -63,6 +64,9 @@ public:
     // To poll it for POLLIN; -1 while disabled.
     [[nodiscard]] int GetFd() const { return fd_; }
 
+    // How often the kernel's queue was full. Events were lost each time.
+    [[nodiscard]] std::uint64_t GetOverflowCount() const { return overflows_; }
+
 private:
     void Dispatch(const fanotify_event_metadata& record, const char* path) const;
     void Close();
@@ -70,6 +74,7 @@ private:
     int fd_ = -1;
     bool enabled_ = false;
     Callback callback_;
+    mutable std::atomic<std::uint64_t> overflows_{0};
 };
 
 }  // namespace NEUtils

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "hips_thread_instance.h"
 #include "neutils_api.h"
@@ -31,6 +32,7 @@ public:
     // No longer supervises it. The instance goes on until somebody stops it.
     bool DeleteInstance(const std::shared_ptr<HipsThreadInstance>& instance);
     void KeepAlive(const std::shared_ptr<HipsThreadInstance>& instance);
+    std::vector<std::shared_ptr<HipsThreadInstance>> GetInstances() const;  // that are supervised
 
     // One round of the checker: counts each running instance's missed heartbeat and reports those that
     // did not come round since the last one. After more than two misses the main thread gets SIGTERM.

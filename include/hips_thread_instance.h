@@ -41,6 +41,7 @@ private:
 // A unit that the instance manager supervises through its heartbeat.
 class NEUTILS_API HipsBaseInstance {
 public:
+    HipsBaseInstance();
     virtual ~HipsBaseInstance() = default;
 
     virtual bool Start(HipsResourceManager* resources) = 0;
@@ -49,10 +50,14 @@ public:
     virtual bool IsRunning() { return false; }
     virtual unsigned int DoHeartBeat() { return missedBeats_.fetch_add(1); }  // the count before
     virtual long GetId() const { return 0; }
-    virtual void KeepAlive() { missedBeats_ = 0; }
+    virtual void KeepAlive();
+
+    unsigned int GetMissedBeats() const { return missedBeats_; }
+    std::int64_t GetBeatAgeMs() const;  // since the last KeepAlive, or since it was made
 
 private:
     std::atomic<unsigned int> missedBeats_{0};
+    std::atomic<std::int64_t> beatNs_{0};
 };
 
 // One guarded thread.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,8 @@ public:
     bool AddRule(const Monitor::FileWatchRule& rule) override;
     bool RemoveRule(const Monitor::FileWatchRule& rule) override;
     void ReadEvent() override;  // returns at once where there was no Init
+
+    std::size_t GetWatchCount();  // of the kernel's watches
 
     // How often the kernel's queue has overflowed since Init.
     std::uint64_t GetOverflowCount();

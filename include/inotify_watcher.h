@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -74,6 +75,8 @@ public:
 
     // Empty for an unknown watch.
     std::string GetPathByWatch(int wd) const;
+
+    std::size_t GetWatchCount() const;
 
     // Ends all watches; new ones may be added afterwards.
     void Stop();

@@ -18,6 +18,7 @@ public:
 
     bool Init();
     void DeInit();
+    InotifyMonitor& GetInotifyMonitor() { return inotify_; }
     MonitorObject* GetMonitor(Monitor::MonitorType type);  // null for every type but kInotifyMonitor
     bool AddWatch(const Monitor::FileWatchRule& rule, Monitor::MonitorType type);
     bool RemoveWatch(const Monitor::FileWatchRule& rule, Monitor::MonitorType type);

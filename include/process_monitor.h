@@ -80,6 +80,10 @@ public:
     // does not count them gives one for each time. After a loss the white list is made anew.
     std::uint64_t GetLostEventCount() const;
 
+    // Events that came, and those of them that the white list or the mask of kinds has kept from the callbacks.
+    std::uint64_t GetEventCount() const { return events_; }
+    std::uint64_t GetFilteredEventCount() const { return filteredEvents_; }
+
     static void* MonitorProcessThread(void* monitor);
 
     // Sends the control message to listen or to ignore. The header's payload, a connector message,
@@ -118,6 +122,8 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<std::uint32_t> eventKinds_{kAllEventKinds};
     std::atomic<std::uint64_t> lostEvents_{0};
+    std::atomic<std::uint64_t> events_{0};
+    std::atomic<std::uint64_t> filteredEvents_{0};
 
     std::mutex whiteListMutex_;
     std::set<int> whiteSet_;                                        // process and thread ids

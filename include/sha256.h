@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "neutils_api.h"
@@ -22,13 +23,16 @@ public:
         kNotRegular,  // a directory, a link, a FIFO, a device
         kTooLarge,
         kUnreadable,  // no permission, an error of the disk or of the digest itself
+        kStopped,
     };
 
     static bool Digest(const void* data, std::size_t length, std::string& digest);
 
     // A last link in the path is not followed. A file that changes meanwhile has a digest of neither state,
-    // and one that grows beyond maxSize bytes is too large.
-    static Result DigestFile(const std::string& path, std::uint64_t maxSize, std::string& digest);
+    // and one that grows beyond maxSize bytes is too large. goOn, if there is one, is asked before each piece;
+    // false stops it.
+    static Result DigestFile(const std::string& path, std::uint64_t maxSize, std::string& digest,
+                             const std::function<bool()>& goOn = {});
 };
 
 }  // namespace NEUtils

@@ -57,6 +57,7 @@ public:
 
     std::uint32_t GenerateId();
     Task* GetTask(std::uint32_t id);  // the caller holds the task lock, or is alone
+    std::vector<std::shared_ptr<Task>> GetTasks();
     void PushTaskToCleanList(std::shared_ptr<Task> task);
 
     // One tick and its two halves.

@@ -149,6 +149,7 @@ bool FanotifyWatcher::HandleEvent(const void* buffer, ssize_t length) const
     fanotify_event_metadata record;
     while (batch.Next(record)) {
         if (record.fd < 0) {
+            overflows_ += (record.mask & FAN_Q_OVERFLOW) != 0 ? 1 : 0;
             continue;
         }
         if (!CheckMetaData(record)) {

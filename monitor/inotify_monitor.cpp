@@ -81,6 +81,12 @@ void InotifyMonitor::ReadEvent()
     }
 }
 
+std::size_t InotifyMonitor::GetWatchCount()
+{
+    const auto session = Session();
+    return session == nullptr ? 0 : session->GetWatchCount();
+}
+
 std::uint64_t InotifyMonitor::GetOverflowCount()
 {
     const auto session = Session();

@@ -41,6 +41,7 @@ public:
     bool RemoveRule(const Rule& rule);
     void Run();   // until Stop
     void Stop();  // for good
+    std::size_t GetWatchCount() const { return watcher_.GetWatchCount(); }
     std::uint64_t GetOverflowCount() const { return watcher_.GetOverflowCount(); }
 
 private:

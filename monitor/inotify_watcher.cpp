@@ -228,6 +228,12 @@ void InotifyWatcher::AppendEvent(const char* record, std::uint32_t length, std::
     }
 }
 
+std::size_t InotifyWatcher::GetWatchCount() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return paths_.size();
+}
+
 std::string InotifyWatcher::GetPathByWatch(int wd) const
 {
     const std::lock_guard<std::mutex> lock(mutex_);

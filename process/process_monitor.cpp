@@ -360,7 +360,10 @@ void ProcessMonitor::ReceiveEvents(int fd)
 
 void ProcessMonitor::ProcessEventHandle(proc_event& event)
 {
-    if (!FilterProcessEvent(event) && IsWanted(event)) {
+    ++events_;
+    if (FilterProcessEvent(event) || !IsWanted(event)) {
+        ++filteredEvents_;
+    } else {
         callbacks_->Dispatch(event);
     }
 }

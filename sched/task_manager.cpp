@@ -147,6 +147,16 @@ Task* TaskManager::GetTask(std::uint32_t id)
     return found == tasks_.end() ? nullptr : found->second.get();
 }
 
+std::vector<std::shared_ptr<Task>> TaskManager::GetTasks()
+{
+    std::vector<TaskPtr> tasks;
+    const std::lock_guard<std::mutex> lock(taskLock_);
+    for (const auto& entry : tasks_) {
+        tasks.push_back(entry.second);
+    }
+    return tasks;
+}
+
 bool TaskManager::MakeTaskLaunch(std::uint32_t id)
 {
     const std::lock_guard<std::mutex> lock(taskLock_);

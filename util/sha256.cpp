@@ -79,11 +79,14 @@ Sha256::Result Open(const std::string& path, std::uint64_t maxSize, UniqueFd& fd
 }
 
 // To the end: files of /proc do not tell their size.
-Sha256::Result Hash(int fd, std::uint64_t maxSize, Hasher& hasher)
+Sha256::Result Hash(int fd, std::uint64_t maxSize, Hasher& hasher, const std::function<bool()>& goOn)
 {
     std::vector<char> piece(kPieceSize);
     std::uint64_t total = 0;
     for (;;) {
+        if (goOn && !goOn()) {
+            return Sha256::kStopped;
+        }
         const ssize_t count = FileOperation::Read(fd, piece.data(), piece.size());
         if (count <= 0) {
             return count == 0 ? Sha256::kOk : Sha256::kUnreadable;
@@ -105,7 +108,8 @@ bool Sha256::Digest(const void* data, std::size_t length, std::string& digest)
     return hasher.Finish(digest);
 }
 
-Sha256::Result Sha256::DigestFile(const std::string& path, std::uint64_t maxSize, std::string& digest)
+Sha256::Result Sha256::DigestFile(const std::string& path, std::uint64_t maxSize, std::string& digest,
+                                  const std::function<bool()>& goOn)
 {
     UniqueFd fd;
     Result result = Open(path, maxSize, fd);
@@ -113,7 +117,7 @@ Sha256::Result Sha256::DigestFile(const std::string& path, std::uint64_t maxSize
         return result;
     }
     Hasher hasher;
-    result = Hash(fd.Get(), maxSize, hasher);
+    result = Hash(fd.Get(), maxSize, hasher, goOn);
     if (result != kOk) {
         return result;
     }
