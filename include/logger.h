@@ -56,6 +56,10 @@ NEUTILS_API void PrintDebugLargeLog(const std::string& text);
 
 namespace NEUtils {
 
+// A text that others chose, such as a file name, for a record: control characters, those from 0x80 to 0x9f in both
+// their forms, and bytes that are not UTF-8 become '?', so that it cannot steer a terminal.
+NEUTILS_API std::string Printable(std::string text);
+
 using ::DEBUG;
 using ::ERROR;
 using ::FATAL;

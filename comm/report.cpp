@@ -1,0 +1,42 @@
+#include "report.h"
+
+#include <utility>
+
+#include "report_queue.h"
+#include "util/clock.h"
+
+namespace NEUtils {
+
+Report::Report(std::uint32_t type) : type_(type)
+{
+    const std::int64_t ms = Clock::WallMs();
+    TLVValue value;
+    value.Init(kTagTime, reinterpret_cast<const unsigned char*>(&ms), sizeof(ms));
+    packer_.Add(std::move(value));
+}
+
+Report& Report::Add(ReportTag tag, int number)
+{
+    TLVValue value;
+    value.Init(tag, number);
+    packer_.Add(std::move(value));
+    return *this;
+}
+
+Report& Report::Add(ReportTag tag, const std::string& text)
+{
+    if (!text.empty()) {
+        TLVValue value;
+        value.Init(tag, text.substr(0, TLVValue::kMaxLength - 1));  // with its NUL, or it would be read back as empty
+        packer_.Add(std::move(value));
+    }
+    return *this;
+}
+
+bool Report::Push()
+{
+    return packer_.Pack(kSwapReport) == 0 &&
+           ReportQueue::GetInstance().Push(type_, packer_.GetBuffer(), packer_.GetSize());
+}
+
+}  // namespace NEUtils

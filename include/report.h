@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "neutils_api.h"
+#include "report_messages.h"
+#include "tlv.h"
+
+namespace NEUtils {
+
+// One report to the server, on its way from its items to the process's report queue. It begins with the time.
+//
+// Threads  one.
+// Blocks   never.
+class NEUTILS_API Report {
+public:
+    explicit Report(std::uint32_t type);
+
+    Report& Add(ReportTag tag, int number);
+    Report& Add(ReportTag tag, const std::string& text);  // cut at what an item may hold; empty: left out
+
+    // False where it could not be queued (report_queue.h): there is no server, or no room.
+    bool Push();
+
+private:
+    const std::uint32_t type_;
+    TLVPacker packer_;
+};
+
+}  // namespace NEUtils
