@@ -2,26 +2,20 @@
 
 #include <arpa/inet.h>
 
-#include <cerrno>
 #include <charconv>
 #include <climits>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iterator>
 #include <map>
-#include <memory>
 
 #include "config.h"
+#include "file_tools.h"
 #include "logger.h"
 
 namespace {
 
 constexpr std::size_t kMaxFileSize = 1U << 20;
-constexpr int kMostRules = 64;
-constexpr char kWatch[] = "WATCH_";
-constexpr char kGuard[] = "GUARD_";
 constexpr const char* kLevels[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
 // A check gives what is wrong with a value, or null.
@@ -121,22 +115,6 @@ std::string Shown(const std::string& text)
     return text.size() > kMost ? shown + "..." : shown;
 }
 
-// Is the key of this family, numbered from 1 to 64?
-bool IsNumbered(const std::string& key, const std::string& family)
-{
-    int number = 0;
-    const char* end = key.data() + key.size();
-    return key.compare(0, family.size(), family) == 0 && key.size() > family.size() && key[family.size()] != '0' &&
-           std::from_chars(key.data() + family.size(), end, number).ptr == end && number >= 1 && number <= kMostRules;
-}
-
-std::string CheckRule(const std::string& name, const std::string& value)
-{
-    NEUtils::Monitor::FileWatchRule rule;
-    FileGuard guard;
-    return name[0] == 'W' ? ParseWatch(value, rule) : ParseGuard(value, guard);
-}
-
 std::string CheckLine(const std::string& line)
 {
     if (line.empty() || line[0] == '#') {
@@ -149,8 +127,7 @@ std::string CheckLine(const std::string& line)
     const std::string name = line.substr(0, equals);
     const std::string value = line.substr(equals + 1);
     const auto key = Keys().find(name);
-    const bool isRule = IsNumbered(name, kWatch) || IsNumbered(name, kGuard);
-    if (key == Keys().end() && !isRule) {
+    if (key == Keys().end()) {
         return std::string("unknown key '") + Shown(name) + "'";
     }
     for (const char byte : value) {
@@ -158,34 +135,8 @@ std::string CheckLine(const std::string& line)
             return name + ": the value holds a control character (a carriage return, say)";
         }
     }
-    if (isRule) {
-        const std::string fault = CheckRule(name, value);
-        return fault.empty() ? fault : name + ": '" + Shown(value) + "' " + fault;
-    }
     const char* fault = key->second.check(value);
     return fault == nullptr ? std::string() : name + ": '" + Shown(value) + "' " + fault;
-}
-
-bool ReadFile(const std::string& path, std::string& text, std::string& error)
-{
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), &std::fclose);
-    if (file == nullptr) {
-        error = path + ": cannot be opened: " + std::strerror(errno);
-        return false;
-    }
-    char piece[4096];
-    while (const std::size_t count = std::fread(piece, 1, sizeof(piece), file.get())) {
-        text.append(piece, count);
-        if (text.size() > kMaxFileSize) {
-            error = path + ": is larger than 1 MiB";
-            return false;
-        }
-    }
-    if (std::ferror(file.get()) != 0) {
-        error = path + ": cannot be read: " + std::strerror(errno);
-        return false;
-    }
-    return true;
 }
 
 std::string Text(const char* key)
@@ -217,23 +168,6 @@ unsigned int LevelNumber(const std::string& name)
 std::string Below(const std::string& root, const std::string& path)
 {
     return std::filesystem::path(path[0] == '/' ? path : root + "/" + path).lexically_normal().string();
-}
-
-void SettleFiles(const std::string& root, AgentConfig& config)
-{
-    for (int number = 1; number <= kMostRules; ++number) {
-        std::string text;
-        if (NEUtils::Config::GetConfigValue(kWatch + std::to_string(number), text)) {
-            auto& rule = config.watches.emplace_back();
-            ParseWatch(text, rule);
-            rule.path = Below(root, rule.path);
-        }
-        if (NEUtils::Config::GetConfigValue(kGuard + std::to_string(number), text)) {
-            auto& guard = config.guards.emplace_back();
-            ParseGuard(text, guard);
-            guard.path = Below(root, guard.path);
-        }
-    }
 }
 
 // Settles where reports go to; gives what is wrong with it.
@@ -274,7 +208,8 @@ std::string SettleServer(const std::string& root, AgentConfig& config)
 bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConfig& config, std::string& error)
 {
     std::string text;
-    if (!ReadFile(path, text, error)) {
+    if (const std::string fault = ReadFile(path, kMaxFileSize, text); !fault.empty()) {
+        error = path + ": " + fault;
         return false;
     }
     std::size_t number = 0;
@@ -292,6 +227,7 @@ bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConf
     NEUtils::Config::ParseConfig(text, true, {});
     config.logKind = Text("LOG_KIND");
     config.logFile = Below(root, Text("LOG_FILE"));
+    NEUtils::Config::ParseConfig("LOG_FILE=" + config.logFile, false, {});  // features leave it out of what they tell
     config.logLevel = LevelNumber(Text("LOG_LEVEL"));
     config.logMaxSize = Number("LOG_MAX_SIZE");
     config.logCopies = Number("LOG_COPIES");
@@ -303,7 +239,6 @@ bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConf
     config.reportSeconds = Number("REPORT_SECONDS");
     config.queueCount = Number("REPORT_QUEUE_COUNT");
     config.queueBytes = Number("REPORT_QUEUE_BYTES");
-    SettleFiles(root, config);
     const std::string fault = SettleServer(root, config);
     if (!fault.empty()) {
         error = path + ": " + fault;

@@ -1,9 +1,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
-
-#include "file_rules.h"
 
 // The agent's settings, from <root>/conf/agent.conf. Keys: docs/FORMATS.md.
 struct AgentConfig {
@@ -21,8 +18,6 @@ struct AgentConfig {
     bool reportsToServer = false;  // where to: Config has it for the channel
     unsigned int queueCount = 0;
     unsigned int queueBytes = 0;
-    std::vector<NEUtils::Monitor::FileWatchRule> watches;
-    std::vector<FileGuard> guards;
 };
 
 // Reads and checks a configuration file. False with one line of text that names file, line and key.

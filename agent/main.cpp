@@ -1,13 +1,14 @@
-// sentrel-agent: the reference agent. Watches the processes and chosen files of the host, logs and reports.
+// sentrel-agent: the reference agent. Runs the features that policies ask for, logs and reports.
 #include <fcntl.h>
 #include <getopt.h>
-#include <linux/capability.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/auxv.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -16,20 +17,25 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <string>
 
 #include "agent_config.h"
 #include "config.h"
-#include "file_log.h"
+#include "feature_counters.h"
+#include "feature_host.h"
 #include "hips_guard.h"
 #include "log_system.h"
 #include "logger.h"
+#include "monitor.h"
 #include "my_program.h"
-#include "process_log.h"
-#include "process_monitor.h"
 #include "report_queue.h"
+#include "server_commands.h"
 #include "server_link.h"
+#include "status.h"
+#include "status_socket.h"
+#include "status_text.h"
 #include "task_manager.h"
 #include "thread_pool.h"
 
@@ -38,12 +44,13 @@ namespace {
 using NEUtils::LogSystem;
 using NEUtils::MessageBus;
 using NEUtils::MyProgram;
-using NEUtils::ProcessMonitor;
 using NEUtils::TaskManager;
 using NEUtils::ThreadPool;
 
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitNotWell = 3;
+constexpr unsigned int kLeastPoolThreads = 3;  // the server's check, policies and digests: none waits for another
 constexpr unsigned int kStopLimitSeconds = 10;
 constexpr char kRootVariable[] = "RUNTIME_CENTER_PATH";
 constexpr char kLogName[] = "AgentLog";
@@ -52,61 +59,41 @@ constexpr std::array<int, 3> kStopSignals = {SIGINT, SIGQUIT, SIGTSTP};
 
 constexpr char kHelp[] =
     "Usage: sentrel-agent [OPTION]...\n"
-    "Watches the processes of this host and the files that its configuration names, logs what happens, and\n"
-    "reports it to a server where the configuration names one.\n"
+    "Runs the features that policies ask for (processes, changes of files, use of files), logs what they see,\n"
+    "and reports it to a server where the configuration names one.\n"
     "\n"
     "  --root DIR      install root; otherwise the environment variable RUNTIME_CENTER_PATH\n"
     "  --config FILE   configuration, instead of conf/agent.conf below the root\n"
     "  --daemon        run in the background\n"
     "  --check-config  check the configuration and exit\n"
+    "  --status        tell how the agent that runs from the root is, and exit\n"
+    "  --json          with --status: one JSON object instead of text\n"
     "  --version       print the version and exit\n"
     "  --help          print this and exit\n"
     "\n"
     "Signals: SIGINT, SIGQUIT and SIGTSTP stop the agent, SIGUSR1 writes a report to log/coredump.log.\n"
-    "Exit status: 0 success, 1 the agent could not run, 2 wrong options, root or configuration.\n"
-    "A stopped agent ends by SIGTERM.\n";
+    "Exit status: 0 success, 1 the agent could not run or, for --status, does not answer, 2 wrong options, root\n"
+    "or configuration, 3 --status names problems. A stopped agent ends by SIGTERM.\n";
 
 struct Options {
     std::string root;
     std::string config;
     bool daemon = false;
     bool checkConfig = false;
+    bool status = false;
+    bool json = false;
 };
 
 AgentConfig g_config;
 std::atomic<bool> g_guarded{false};   // the guard has been initialised
-std::atomic<bool> g_watching{false};  // the process monitor has been started
+std::atomic<bool> g_watching{false};  // the file monitor has been started
 std::atomic<bool> g_linked{false};    // the server link has been started
 
-// Never destroyed: a stop may come until the very end of the process.
-ProcessMonitor& Monitor()
-{
-    static auto& monitor = *new ProcessMonitor;
-    return monitor;
-}
-
-ThreadPool& Pool()
-{
-    static auto& pool = *new ThreadPool;
-    return pool;
-}
-
+// Never destroyed, like the pool: a stop may come until the very end of the process.
 TaskManager& Tasks()
 {
     static auto& tasks = *new TaskManager;
     return tasks;
-}
-
-ProcessLog& Processes()
-{
-    static auto& processes = *new ProcessLog;
-    return processes;
-}
-
-FileLog& Files()
-{
-    static auto& files = *new FileLog;
-    return files;
 }
 
 ServerLink& Server()
@@ -115,15 +102,28 @@ ServerLink& Server()
     return server;
 }
 
-void OnProcessEvent(proc_event* event)
+FeatureHost& Features()
 {
-    static std::uint64_t lost = 0;
-    const std::uint64_t lostNow = Monitor().GetLostEventCount();
-    if (lostNow != lost) {  // who has ended since is not known any more
-        lost = lostNow;
-        Processes().LoadRunningProcesses();
-    }
-    Processes().Handle(*event);
+    static auto& features = *new FeatureHost(NEUtils::Env::GetEnvString(kRootVariable));
+    return features;
+}
+
+const Status& OwnStatus()
+{
+    static const auto& status = *new Status(Features(), Server(), Tasks());
+    return status;
+}
+
+ServerCommands& Commands()
+{
+    static auto& commands = *new ServerCommands(Features(), [] { return OwnStatus().ToJson(); });
+    return commands;
+}
+
+StatusSocket& Listener()
+{
+    static auto& listener = *new StatusSocket(NEUtils::Env::GetEnvString(kRootVariable) + "/conf");
+    return listener;
 }
 
 void Complain(const std::string& text)
@@ -165,27 +165,6 @@ bool IsInPath(const std::string& program)
         start = end + 1;
     }
     return false;
-}
-
-bool IsFirstNamespace(const char* path, const char* first)
-{
-    char link[64] = {};
-    return readlink(path, link, sizeof(link) - 1) < 0 || std::strcmp(link, first) == 0;
-}
-
-// What the process connector needs and this process lacks; null if nothing. The kernel numbers its first
-// namespaces always the same. In another one its ids would name other processes, or nothing comes at all.
-const char* MissingForProcesses()
-{
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-    if (syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1U << CAP_NET_ADMIN)) == 0) {
-        return "CAP_NET_ADMIN";
-    }
-    if (!IsFirstNamespace("/proc/self/ns/user", "user:[4026531837]")) {
-        return "first user namespace";
-    }
-    return IsFirstNamespace("/proc/self/ns/pid", "pid:[4026531836]") ? nullptr : "first pid namespace";
 }
 
 // Without a report to write the frame swallows every signal, a stop too.
@@ -285,7 +264,8 @@ bool StartThreads()
 {
     g_guarded = InitHipsGuard(static_cast<long>(g_config.memoryLimitKiB), static_cast<int>(g_config.descriptorLimit),
                               g_config.cpuLimitPercent) == 0;
-    if (!g_guarded || !Pool().Start(1, g_config.poolMaxThreads) || !Tasks().Start(&Pool())) {
+    auto& pool = ThreadPool::GetInstance();
+    if (!g_guarded || !pool.Start(1, std::max(g_config.poolMaxThreads, kLeastPoolThreads)) || !Tasks().Start(&pool)) {
         return false;
     }
     if (g_config.reportSeconds > 0) {
@@ -294,17 +274,42 @@ bool StartThreads()
     return true;
 }
 
-bool StartReports()
+// The channel last: until it is up, reports wait, and no command can meet the features' start.
+bool StartFeatures()
 {
-    if (!g_config.reportsToServer) {
-        return true;
+    if (g_config.reportsToServer) {
+        g_linked = Server().Start(g_config.queueCount, g_config.queueBytes);
+        if (!g_linked) {
+            return false;
+        }
     }
-    g_linked = Server().Start(g_config.queueCount, g_config.queueBytes);
-    if (g_linked) {
-        Processes().ReportToServer();
+    g_watching = NEUtils::Monitor::InitFileMonitor();
+    Features().Start();
+    if (g_linked && Commands().Start()) {
         RunEvery(1, &CheckServer, "server-check", true);  // it may wait for a connection
     }
-    return g_linked;
+    return true;
+}
+
+void OpenListener()
+{
+    const std::string fault = Listener().Open();
+    if (!fault.empty()) {
+        NE_LOG(ERROR, "Status cannot be asked for.[reason=%s]", fault.c_str());
+    }
+}
+
+// Answers who asks for the status, until there is a stop signal.
+void ServeStatus(int signals)
+{
+    pollfd wanted[] = {{signals, POLLIN, 0}, {Listener().GetFd(), POLLIN, 0}};
+    while (wanted[0].revents == 0) {
+        const int ready = poll(wanted, std::size(wanted), -1);
+        const int client = ready > 0 && wanted[1].revents != 0 ? Listener().Accept() : -1;
+        if (client >= 0) {
+            StatusSocket::Send(client, OwnStatus().ToJson());
+        }
+    }
 }
 
 int AgentMain()
@@ -323,28 +328,29 @@ int AgentMain()
     LogSystem::SetGlobalRecordLines(g_config.logLinesPerDay);
     NE_LOG(INFO, "Agent started.[version=%s pid=%d]", AGENT_VERSION, getpid());
     CheckExecutable(NEUtils::Env::GetEnvString(kRootVariable));
-    const char* missing = MissingForProcesses();
-    if (missing != nullptr) {
-        NE_LOG(WARN, "Process events are not watched.[missing=%s]", missing);
-    }
-    if (!StartThreads() || !StartReports()) {
+    OwnStatus();  // counts the time from here
+    OpenListener();
+    const sigset_t stop = StopSignalSet();
+    const int signals = signalfd(-1, &stop, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (signals < 0 || !StartThreads() || !StartFeatures()) {
         return kExitFailed;
     }
     MessageBus::Unsubscribe(NEUtils::kNormalLog, kConsoleName);
     std::printf("sentrel-agent %s runs.[pid=%d log=%s]\n", AGENT_VERSION, getpid(), g_config.logFile.c_str());
     static_cast<void>(std::fflush(stdout));
-
-    Files().Start(g_config.watches, g_config.guards, g_config.logFile, g_linked);
-    if (missing == nullptr) {
-        Processes().LoadRunningProcesses();
-        Monitor().SetEventKinds(ProcessLog::kEventKinds);
-        Monitor().AddProcessEventCallback(&OnProcessEvent);
-        g_watching = true;
-        Monitor().StartProcessMonitor();
-    }
     for (;;) {
-        TakeStop(nullptr);
+        ServeStatus(signals);
+        TakeStop(&now);
     }
+}
+
+std::uint64_t LostEvents()
+{
+    std::uint64_t lost = 0;
+    for (const auto& feature : NEUtils::FeatureCounters::All()) {
+        lost += feature.second->lost;
+    }
+    return lost;
 }
 
 // Runs on the main thread for a stop signal, and in the handler of whichever thread crashed.
@@ -354,22 +360,25 @@ int AgentStop()
         signal(signo, SIG_IGN);
     }
     alarm(kStopLimitSeconds);  // a stop that hangs still ends
+    Commands().StopApplying();
+    Features().Stop();
     if (g_watching) {
-        Monitor().StopProcessMonitor();
+        NEUtils::Monitor::DeInitFileMonitor();
     }
-    Files().Stop();
     if (g_linked) {
         Server().Stop();
     }
+    Commands().Stop();
     Tasks().Stop();
-    Pool().Stop();
+    ThreadPool::GetInstance().Stop();
     if (g_guarded) {
         UninitHipsGuard();
     }
+    Listener().Close();
     auto& reports = NEUtils::ReportQueue::GetInstance();
     NE_LOG(INFO, "Agent stopped.[lostEvents=%llu droppedReports=%llu unsentReports=%zu]",
-           static_cast<unsigned long long>(Monitor().GetLostEventCount()),
-           static_cast<unsigned long long>(reports.GetDroppedCount()), reports.GetCount());
+           static_cast<unsigned long long>(LostEvents()), static_cast<unsigned long long>(reports.GetDroppedCount()),
+           reports.GetCount());
     LogSystem::CloseAllLogFile();
     return 0;
 }
@@ -409,6 +418,8 @@ int ParseOptions(int argc, char** argv, Options& options)
         {"config", required_argument, nullptr, 'c'},
         {"daemon", no_argument, nullptr, 'd'},
         {"check-config", no_argument, nullptr, 'k'},
+        {"status", no_argument, nullptr, 's'},
+        {"json", no_argument, nullptr, 'j'},
         {"version", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
@@ -427,6 +438,12 @@ int ParseOptions(int argc, char** argv, Options& options)
         case 'k':
             options.checkConfig = true;
             break;
+        case 's':
+            options.status = true;
+            break;
+        case 'j':
+            options.json = true;
+            break;
         case 'v':
             std::puts("sentrel-agent " AGENT_VERSION);
             return 0;
@@ -441,7 +458,25 @@ int ParseOptions(int argc, char** argv, Options& options)
         Complain(std::string("unexpected argument '") + argv[optind] + "'; --help lists the options");
         return kExitUsage;
     }
+    if (options.json && !options.status) {
+        Complain("--json goes with --status");
+        return kExitUsage;
+    }
     return -1;
+}
+
+int ShowStatus(const std::string& root, bool json)
+{
+    std::string answer;
+    std::string text;
+    const std::string fault = StatusSocket::Ask(root + "/conf", answer);
+    const StatusResult result = fault.empty() ? StatusText(answer, text) : kNoStatus;
+    if (result == kNoStatus) {
+        Complain("--status: " + (fault.empty() ? "the answer is no status" : fault));
+        return kExitFailed;
+    }
+    std::fputs((json ? answer + "\n" : text).c_str(), stdout);
+    return result == kWell ? 0 : kExitNotWell;
 }
 
 // Makes the root absolute and free of links, since the executable is known by its resolved path.
@@ -474,6 +509,9 @@ int main(int argc, char** argv)
     }
     if (!SettleRoot(options.root)) {
         return kExitUsage;
+    }
+    if (options.status) {
+        return ShowStatus(options.root, options.json);
     }
     const std::string configPath = options.config.empty() ? options.root + "/conf/agent.conf" : options.config;
     std::string fault;

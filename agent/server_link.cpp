@@ -21,8 +21,14 @@ constexpr unsigned int kDrainMs = 2000;
 
 bool ServerLink::Start(std::size_t queueCount, std::size_t queueBytes)
 {
-    return NEUtils::RegisterComponent(NEUtils::kSocketClient, channel_) && NEUtils::BaseCommInit() &&
-           NEUtils::ReportQueue::GetInstance().Start(channel_, queueCount, queueBytes);
+    isOn_ = NEUtils::RegisterComponent(NEUtils::kSocketClient, channel_) && NEUtils::BaseCommInit() &&
+            NEUtils::ReportQueue::GetInstance().Start(channel_, queueCount, queueBytes);
+    return isOn_;
+}
+
+const char* ServerLink::GetState() const
+{
+    return !isOn_ ? "off" : channel_->StatusCheck() ? "up" : "down";
 }
 
 void ServerLink::Check()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -14,12 +15,13 @@
 // After a failure it waits before it connects again, 1 s first and twice as long each time up to 60 s, and
 // up to half of that or 2 s more by chance: a thousand agents whose server comes back spread themselves.
 //
-// Threads  Check: one at a time. The others: the main thread.
+// Threads  Check: one at a time. GetState: any. The others: the main thread.
 class ServerLink {
 public:
     bool Start(std::size_t queueCount, std::size_t queueBytes);
-    void Check();  // connects where that is due, which may take 10 s
-    void Stop();   // gives what is queued 2 s to go, and ends a connect under way
+    const char* GetState() const;  // off, up or down
+    void Check();                  // connects where that is due, which may take 10 s
+    void Stop();                   // gives what is queued 2 s to go, and ends a connect under way
 
 private:
     using Time = std::chrono::steady_clock::time_point;
@@ -27,6 +29,7 @@ private:
     void Look(Time now);
     void PutOff(Time now);
 
+    std::atomic<bool> isOn_{false};
     const std::shared_ptr<NEUtils::SocketComm> channel_ = std::make_shared<NEUtils::SocketComm>();
 
     // Of Check alone:

@@ -11,13 +11,26 @@ install(FILES ${publicHeaders} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/neutils)
 install(DIRECTORY DESTINATION log
         DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 
-# A configuration that an administrator has edited survives the next install.
-install(CODE "
-  set(target \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/conf\")
-  if(NOT EXISTS \"\${target}/agent.conf\")
-    file(INSTALL \"${PROJECT_SOURCE_DIR}/agent/agent.conf\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/conf\"
-         PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
-  endif()")
+# The agent loads nothing from a folder, and no library, that others may write.
+get_property(features GLOBAL PROPERTY NEUTILS_FEATURES)
+install(DIRECTORY DESTINATION lib/features
+        DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+install(TARGETS ${features} LIBRARY DESTINATION lib/features
+        PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+# neutils_install_once(FILE FOLDER): what an administrator or a server has changed survives the next install.
+function(neutils_install_once file folder)
+  get_filename_component(name ${file} NAME)
+  install(CODE "
+    if(NOT EXISTS \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${folder}/${name}\")
+      file(INSTALL \"${PROJECT_SOURCE_DIR}/${file}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${folder}\"
+           PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
+    endif()")
+endfunction()
+neutils_install_once(agent/agent.conf conf)
+foreach(feature ${features})
+  neutils_install_once(agent/policies/${feature}.policy conf/policies)
+endforeach()
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/NEUtils)
 install(EXPORT NEUtilsTargets NAMESPACE NEUtils:: DESTINATION ${packageDir})

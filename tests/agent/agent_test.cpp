@@ -6,9 +6,16 @@
 struct AgentTest : testing::Test {
     AgentTest()
     {
-        for (const char* folder : {"bin", "conf", "log"}) {
+        for (const char* folder : {"bin", "conf", "conf/policies", "log", "lib", "lib/features"}) {
             fs::create_directory(root_ / folder);
+            fs::permissions(root_ / folder, fs::perms(0755));
         }
+        for (const char* feature : {"process_watch", "file_integrity", "file_access"}) {
+            const std::string library = root_ / "lib/features/lib" + feature + ".so";
+            fs::copy(FEATURE_DIR "lib" + std::string(feature) + ".so", library);
+            fs::permissions(library, fs::perms(0755));
+        }
+        SetPolicy("process_watch", "enable=on\n");
         fs::copy(AGENT_PROGRAM, program_);
         fs::copy(AGENT_CONFIG, config_);
         unsetenv("RUNTIME_CENTER_PATH");
@@ -27,6 +34,8 @@ struct AgentTest : testing::Test {
         const int status = Wait(Start(options));
         return std::to_string(WEXITSTATUS(status)) + " " + Read(out_);
     }
+    void SetPolicy(const std::string& feature, const std::string& text) const { Write(PolicyFile(feature), text); }
+    std::string PolicyFile(const std::string& feature) const { return root_ / "conf/policies/" + feature + ".policy"; }
     bool Logged(const std::string& text) const { return Contains(Read(log_), text); }
     void StartAgent()
     {
@@ -205,6 +214,8 @@ TEST_F(AgentTest, WrongUseIsOneClearLine)
         {run_ + " more", "2 sentrel-agent: unexpected argument 'more'; --help lists the options\n"},
         {run_ + " --config /no", "2 sentrel-agent: /no: cannot be opened: No such file or directory\n"},
         {run_ + " --check-config", "0 " + config_ + ": correct\n"},
+        {run_ + " --json", "2 sentrel-agent: --json goes with --status\n"},
+        {run_ + " --status", "1 sentrel-agent: --status: no agent runs from there\n"},
         {"--nonsense", "2 " + program_ + ": unrecognized option '--nonsense'\n"},
     };
     for (const auto& [options, outcome] : rows) {
@@ -225,7 +236,7 @@ TEST_F(AgentTest, BadConfigurationNamesFileLineAndKey)
         {"LOG_FILE=", ":1: LOG_FILE: '' is not the path of a file"},
         {"LOG_KIND=StartupLog", ":1: LOG_KIND: 'StartupLog' is not one of NormalLog, DotLog"},
         {std::string("a\0b=1", 5), ":1: unknown key 'a?b'"},
-        {std::string(10U << 20, 'x'), ": is larger than 1 MiB"},
+        {std::string(10U << 20, 'x'), ": is larger than 1024 KiB"},
         {"SOCKET_TYPE=3", ":1: SOCKET_TYPE: '3' is not one of 1 (local), 2 (network)"},
         {"SERVER_PORT=web", ":1: SERVER_PORT: 'web' is not a port number"},
         {"SERVER_IP=server", ":1: SERVER_IP: 'server' is not an IPv4 or IPv6 address"},
@@ -233,10 +244,6 @@ TEST_F(AgentTest, BadConfigurationNamesFileLineAndKey)
         {"SERVER_SOCKET_PATH=x", ": SERVER_SOCKET_PATH needs SOCKET_TYPE=1"},
         {"SERVER_IP=::1\nSERVER_PORT=1", ": reports over the network need AGENT_IP"},
         {"SERVER_IP=::1\nSERVER_PORT=1\nAGENT_IP=1.2.3.4", ": SERVER_IP and AGENT_IP are not of one kind"},
-        {"WATCH_65=/x", ":1: unknown key 'WATCH_65'"},
-        {"WATCH_1=;recursive", ":1: WATCH_1: ';recursive' has no path"},
-        {"WATCH_1=/x;events=write,touch", ":1: WATCH_1: '/x;events=write,touch' has an unknown event 'touch'"},
-        {"GUARD_2=/x;recursive", ":1: GUARD_2: '/x;recursive' has an unknown option 'recursive'"},
     };
     for (const auto& [config, fault] : rows) {
         Write(config_, config);
@@ -256,7 +263,8 @@ TEST_F(AgentTest, TellsChangesOfFilesAndWhoTouchesThem)
     fs::create_directory(root_ / "tree");
     Write(root_ / "guarded", "");
     // The folder of the log is in the watched tree: a record about it would make the next one.
-    Write(config_, "WATCH_1=.;recursive;exclude=*.tmp\nGUARD_1=guarded;events=open\nWATCH_2=/none\n");
+    SetPolicy("file_integrity", "enable=on\nwatch=" + root_.Path() + ";recursive;exclude=*.tmp\nwatch=/none\n");
+    SetPolicy("file_access", "enable=on\nguard=" + (root_ / "guarded") + ";events=open\n");
     StartAgent();
     ASSERT_TRUE(Eventually([this] { return Logged("File is guarded."); }));
     Write(root_ / "tree/x.tmp", "");

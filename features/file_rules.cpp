@@ -78,6 +78,16 @@ std::string Names(std::uint64_t mask, const EventName (&known)[kCount])
     return names;
 }
 
+std::string CheckPath(const std::string& path)
+{
+    for (const char byte : path) {
+        if (static_cast<unsigned char>(byte) < ' ') {  // a carriage return, say
+            return "holds a control character";
+        }
+    }
+    return path.empty() || path[0] != '/' ? "is not an absolute path" : "";
+}
+
 }  // namespace
 
 std::string ParseWatch(const std::string& text, NEUtils::Monitor::FileWatchRule& rule)
@@ -85,7 +95,7 @@ std::string ParseWatch(const std::string& text, NEUtils::Monitor::FileWatchRule&
     std::vector<std::string> parts = Split(text, ';');
     rule.path = std::move(parts[0]);
     rule.mask = kWatchDefault;
-    std::string fault = rule.path.empty() ? "has no path" : "";
+    std::string fault = CheckPath(rule.path);
     for (std::size_t i = 1; i < parts.size() && fault.empty(); ++i) {
         std::string value;
         if (parts[i] == "recursive") {
@@ -106,7 +116,7 @@ std::string ParseGuard(const std::string& text, FileGuard& guard)
     const std::vector<std::string> parts = Split(text, ';');
     guard.path = parts[0];
     guard.mask = kGuardDefault;
-    std::string fault = guard.path.empty() ? "has no path" : "";
+    std::string fault = CheckPath(guard.path);
     for (std::size_t i = 1; i < parts.size() && fault.empty(); ++i) {
         std::string value;
         fault = TakeOption(parts[i], "events=", value) ? ParseEvents(value, kGuardEvents, guard.mask)

@@ -3,18 +3,22 @@
 #include <linux/cn_proc.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "process_monitor.h"
 #include "report_messages.h"
 
-// A text without what could steer a terminal: others choose command lines and file names.
-std::string Printable(std::string text);
-
-// The user and the command line of a process, as far as they can be read.
-void DescribeProcess(int pid, std::string& user, std::string& cmdLine);
+// What is told of the processes.
+struct ProcessLogSettings {
+    bool executed = true;
+    bool ended = true;
+    std::vector<std::string> excludes;  // shell patterns of command lines that are left out
+};
 
 // Turns process events into log records and reports, with details that are gone by the time of the event:
 // whoever ends can no longer be asked, so each process is remembered from its fork or exec on.
@@ -30,16 +34,20 @@ public:
     static constexpr unsigned int kEventKinds =
         NEUtils::kForkEvent | NEUtils::kExecEvent | NEUtils::kExitEvent | NEUtils::kUidEvent;
 
+    explicit ProcessLog(ProcessLogSettings settings) : settings_(std::move(settings)) {}
+
     // Takes up the processes there are, and forgets all others: at the start, and after lost events.
     void LoadRunningProcesses();
 
-    void ReportToServer() { reports_ = true; }  // what is logged
     void Handle(const proc_event& event);
+
+    std::uint64_t GetLeftOutCount() const { return leftOut_; }  // processes whose start or end was not told
 
 private:
     struct Process {
         int parentPid = 0;
         std::string user = "?";
+        std::string container = {};
         std::string cmdLine = "(ended before it could be read)";
         unsigned int threads = 1;
     };
@@ -50,10 +58,12 @@ private:
     void OnThreadExit(int thread, int pid, unsigned int waitStatus);
     Process& Remember(int pid);
     void ForgetEnded();
-    void ReportEvent(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const;
+    bool IsLeftOut(const Process& process, bool told);
+    void Tell(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const;
 
+    const ProcessLogSettings settings_;
     std::unordered_map<int, Process> processes_;
     std::unordered_set<int> own_;  // this process's children and theirs
     std::size_t limit_ = 65536;
-    bool reports_ = false;
+    std::uint64_t leftOut_ = 0;
 };

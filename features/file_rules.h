@@ -11,7 +11,7 @@ struct FileGuard {
     std::uint32_t mask = 0;  // FAN_ bits
 };
 
-// Read a setting of the configuration, "path;option;…" (docs/FORMATS.md). Give what is wrong with it, or nothing.
+// Read a rule of a policy, "path;option;…" (docs/FORMATS.md). Give what is wrong with it, or nothing.
 std::string ParseWatch(const std::string& text, NEUtils::Monitor::FileWatchRule& rule);
 std::string ParseGuard(const std::string& text, FileGuard& guard);
 

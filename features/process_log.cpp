@@ -1,66 +1,25 @@
 #include "process_log.h"
 
+#include <fnmatch.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <vector>
+#include <algorithm>
 
+#include "describe.h"
 #include "logger.h"
 #include "process_utils.h"
 #include "report.h"
-#include "user_info.h"
 
 namespace {
 
-// Leaves room for the rest of a record.
-constexpr std::size_t kMaxCmdLine = 3500;
-
-std::string UserName(unsigned int uid)
+std::string ContainerOf(int pid)
 {
-    std::string name;
-    return NEUtils::UserInfo::GetInstance().GetUserName(uid, name) ? name : std::to_string(uid);
-}
-
-// A kernel thread has no command line but a name, and so has a process that has just ended.
-std::string Describe(int pid, const ProcessUtils::ProcessStatus& status)
-{
-    std::string cmdLine;
-    if (!ProcessUtils::GetCmdLine(pid, cmdLine, kMaxCmdLine) || cmdLine.empty()) {
-        return Printable("[" + status.name + "]");
-    }
-    return Printable(cmdLine);
+    std::string id;
+    return ProcessUtils::GetContainerId(pid, id) ? id : std::string();
 }
 
 }  // namespace
-
-// Replaces control characters, the ones from 0x80 to 0x9f in both their forms, and what is not UTF-8.
-std::string Printable(std::string text)
-{
-    unsigned int following = 0;  // bytes that the character under way still wants
-    unsigned char before = 0;
-    for (char& letter : text) {
-        const auto byte = static_cast<unsigned char>(letter);
-        const bool follows = (byte & 0xC0U) == 0x80 && following > 0 && !(before == 0xC2 && byte < 0xA0);
-        if (follows) {
-            --following;
-        } else {
-            following = byte >= 0xF0 ? 3 : byte >= 0xE0 ? 2 : byte >= 0xC0 ? 1 : 0;
-            if (byte < ' ' || (byte >= 0x7F && byte < 0xC0)) {
-                letter = '?';
-            }
-        }
-        before = byte;
-    }
-    return text;
-}
-
-void DescribeProcess(int pid, std::string& user, std::string& cmdLine)
-{
-    ProcessUtils::ProcessStatus status;
-    const bool found = ProcessUtils::GetProcessStatus(pid, status);
-    user = found ? UserName(status.uid) : "?";
-    cmdLine = found ? Describe(pid, status) : "(ended before it could be read)";
-}
 
 void ProcessLog::LoadRunningProcesses()
 {
@@ -70,8 +29,14 @@ void ProcessLog::LoadRunningProcesses()
     ProcessUtils::GetProcessIds(pids);
     for (const int pid : pids) {
         ProcessUtils::ProcessStatus status;
-        if (ProcessUtils::GetProcessStatus(pid, status)) {
-            processes_[pid] = {status.parentPid, UserName(status.uid), Describe(pid, status), status.threads};
+        if (!ProcessUtils::GetProcessStatus(pid, status)) {
+            continue;
+        }
+        if (status.parentPid == getpid()) {
+            own_.insert(pid);
+        } else {
+            processes_[pid] = {status.parentPid, UserName(status.uid), ContainerOf(pid), CmdLineOf(pid, status),
+                               status.threads};
         }
     }
 }
@@ -146,11 +111,12 @@ void ProcessLog::OnExec(int pid)
     if (ProcessUtils::GetProcessStatus(pid, status)) {
         process.parentPid = status.parentPid;
         process.user = UserName(status.uid);
-        process.cmdLine = Describe(pid, status);
+        process.container = ContainerOf(pid);
+        process.cmdLine = CmdLineOf(pid, status);
     }
-    NE_LOG(INFO, "Process executed.[pid=%d ppid=%d user=%s cmdLine=%s]", pid, process.parentPid, process.user.c_str(),
-           process.cmdLine.c_str());
-    ReportEvent(NEUtils::kProcessExecuted, pid, process, 0);
+    if (!IsLeftOut(process, settings_.executed)) {
+        Tell(NEUtils::kProcessExecuted, pid, process, 0);
+    }
 }
 
 // A process ends with its last thread, which need not be its first.
@@ -173,31 +139,53 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     } else if (thread != pid) {
         return;
     }
+    if (IsLeftOut(process, settings_.ended)) {
+        return;
+    }
     const int status = static_cast<int>(waitStatus);
     if (WIFSIGNALED(status)) {
-        NE_LOG(INFO, "Process killed.[pid=%d ppid=%d user=%s signal=%d cmdLine=%s]", pid, process.parentPid,
-               process.user.c_str(), WTERMSIG(status), process.cmdLine.c_str());
-        ReportEvent(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
+        Tell(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
     } else {
-        NE_LOG(INFO, "Process exited.[pid=%d ppid=%d user=%s exitCode=%d cmdLine=%s]", pid, process.parentPid,
-               process.user.c_str(), WEXITSTATUS(status), process.cmdLine.c_str());
-        ReportEvent(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
+        Tell(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
     }
 }
 
-void ProcessLog::ReportEvent(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const
+bool ProcessLog::IsLeftOut(const Process& process, bool told)
 {
-    if (!reports_) {
-        return;
+    const auto matches = [&process](const std::string& pattern) {
+        return fnmatch(pattern.c_str(), process.cmdLine.c_str(), 0) == 0;
+    };
+    const bool isLeftOut = !told || std::any_of(settings_.excludes.begin(), settings_.excludes.end(), matches);
+    leftOut_ += isLeftOut ? 1 : 0;
+    return isLeftOut;
+}
+
+// A log record and a report. The command line stands last, since a process chooses it freely.
+void ProcessLog::Tell(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const
+{
+    const bool started = event == NEUtils::kProcessExecuted;
+    const bool exited = event == NEUtils::kProcessExited;
+    std::string more;
+    if (!started) {
+        more = (exited ? " exitCode=" : " signal=") + std::to_string(code);
     }
-    Report report(NEUtils::kMsgProcess);
+    if (!process.container.empty()) {
+        more += " container=" + process.container;
+    }
+    NE_LOG(INFO, "Process %s.[pid=%d ppid=%d user=%s%s cmdLine=%s]",
+           started  ? "executed"
+           : exited ? "exited"
+                    : "killed",
+           pid, process.parentPid, process.user.c_str(), more.c_str(), process.cmdLine.c_str());
+    NEUtils::Report report(NEUtils::kMsgProcess);
     report.Add(NEUtils::kTagEvent, static_cast<int>(event))
         .Add(NEUtils::kTagPid, pid)
         .Add(NEUtils::kTagParentPid, process.parentPid)
         .Add(NEUtils::kTagUser, process.user)
+        .Add(NEUtils::kTagContainer, process.container)
         .Add(NEUtils::kTagCmdLine, process.cmdLine);
-    if (event != NEUtils::kProcessExecuted) {
-        report.Add(event == NEUtils::kProcessExited ? NEUtils::kTagExitCode : NEUtils::kTagSignal, code);
+    if (!started) {
+        report.Add(exited ? NEUtils::kTagExitCode : NEUtils::kTagSignal, code);
     }
     report.Push();
 }

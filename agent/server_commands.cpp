@@ -1,0 +1,168 @@
+#include "server_commands.h"
+
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "basecomm.h"
+#include "logger.h"
+#include "report_messages.h"
+#include "thread_pool.h"
+#include "tlv.h"
+
+using namespace NEUtils;
+
+namespace {
+
+constexpr std::size_t kMaxCommands = 16;
+constexpr std::size_t kMaxBody = std::size_t{128} << 10U;
+constexpr std::uint32_t kTypes[] = {kMsgPolicy, kMsgStatus};
+
+TLVValue ResultItem(int result)
+{
+    TLVValue item;
+    item.Init(kTagResult, result);
+    return item;
+}
+
+FeatureHost::Outcome Malformed(const char* reason)
+{
+    return {kCommandMalformed, reason};
+}
+
+}  // namespace
+
+bool ServerCommands::Start()
+{
+    job_.Start(ThreadPool::GetInstance(), "command", [this] { CarryOut(); });
+    bool registered = true;
+    for (const std::uint32_t type : kTypes) {
+        registered = RegisterControlMsgHandler(type, &ServerCommands::OnMessage, this) && registered;
+    }
+    return registered;
+}
+
+void ServerCommands::OnMessage(std::uint32_t type, void* message, void* self)
+{
+    SentrelAgentMsg header;
+    std::memcpy(&header, message, sizeof(header));
+    const char* body = static_cast<const char*>(message) + sizeof(header);
+    Command command = {type, header.seq, {}};
+    auto& own = *static_cast<ServerCommands*>(self);
+    if (header.length > kMaxBody) {
+        own.Answer(command, Malformed("it is longer than 128 KiB"), {});
+        return;
+    }
+    command.body.assign(body, header.length);
+    own.Queue(std::move(command));
+}
+
+void ServerCommands::Queue(Command command)
+{
+    bool full = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        full = commands_.size() >= kMaxCommands;
+        if (!full) {
+            commands_.push_back(command);
+        }
+    }
+    if (full) {
+        Answer(command, {kCommandBusy, "16 commands wait already"}, {});
+    } else {
+        job_.Request();
+    }
+}
+
+void ServerCommands::CarryOut()
+{
+    for (Command command; Take(command);) {
+        const FeatureHost::Outcome outcome = command.type == kMsgPolicy ? Apply(command) : FeatureHost::Outcome();
+        Answer(command, outcome, status_());
+    }
+}
+
+bool ServerCommands::Take(Command& command)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_ || commands_.empty()) {
+        return false;
+    }
+    command = std::move(commands_.front());
+    commands_.pop_front();
+    if (command.type == kMsgPolicy) {
+        applying_ = std::this_thread::get_id();
+    }
+    return true;
+}
+
+FeatureHost::Outcome ServerCommands::Apply(Command& command)
+{
+    const struct Applying {  // also where it throws
+        ServerCommands& own;
+        ~Applying()
+        {
+            const std::lock_guard<std::mutex> lock(own.mutex_);
+            own.applying_ = {};
+            own.applied_.notify_all();
+        }
+    } applying{*this};
+    TLVAnalyzer items(reinterpret_cast<unsigned char*>(command.body.data()), static_cast<int>(command.body.size()));
+    std::string feature;
+    std::string text;
+    int enable = -1;
+    if (!items.Analyze(kSwapReport)) {
+        return Malformed("it is not made of whole items");
+    }
+    if (!items[kTagFeature].AsString(feature)) {
+        return Malformed("it names no feature");
+    }
+    if (!items[kTagEnable].AsInt(enable) || enable < 0 || enable > 1) {
+        return Malformed("it says neither on nor off");
+    }
+    const bool hasText = items.JoinText(kTagPolicy, text);
+    if (text.find('\0') != std::string::npos) {
+        return Malformed("its policy holds a zero byte");
+    }
+    NE_LOG(INFO, "Policy has come from the server.[feature=%s enable=%d size=%zu]", Printable(feature).c_str(), enable,
+           text.size());
+    FeatureHost::Outcome outcome =
+        features_.Apply(feature, enable == 1, hasText ? std::optional<std::string>(text) : std::nullopt);
+    if (outcome.result != kCommandDone) {
+        NE_LOG(ERROR, "Policy of the server has failed.[feature=%s reason=%s]", Printable(feature).c_str(),
+               outcome.reason.c_str());
+    }
+    return outcome;
+}
+
+// Whether it arrives is the server's to see: it has the channel's other end.
+void ServerCommands::Answer(const Command& command, const FeatureHost::Outcome& outcome, const std::string& status)
+{
+    TLVPacker items;
+    items.Add(ResultItem(outcome.result));
+    items.AddText(kTagReason, outcome.reason);
+    items.AddText(kTagStatus, status);
+    if (items.Pack(kSwapReport) != 0 || items.GetSize() > kMaxMsgBody) {
+        NE_LOG(ERROR, "Command cannot be answered.[type=%u size=%u]", command.type, items.GetSize());
+        return;
+    }
+    const SentrelAgentMsg header = {kMsgVersion, ResponseType(command.type), command.seq, items.GetSize()};
+    std::string message(reinterpret_cast<const char*>(&header), sizeof(header));
+    message.append(reinterpret_cast<const char*>(items.GetBuffer()), items.GetSize());
+    SendControlMsg(message.data(), static_cast<unsigned int>(message.size()));
+}
+
+void ServerCommands::StopApplying()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    stopping_ = true;
+    applied_.wait(lock, [this] { return applying_ == std::thread::id() || applying_ == std::this_thread::get_id(); });
+}
+
+void ServerCommands::Stop()
+{
+    for (const std::uint32_t type : kTypes) {
+        UnregisterControlMsgHandler(type, &ServerCommands::OnMessage);
+    }
+    job_.Stop();
+}

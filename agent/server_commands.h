@@ -1,0 +1,57 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "feature_host.h"
+#include "pool_job.h"
+
+// What the server orders: policies and questions for the status. A handler of the channel only queues them; one
+// job of the pool carries them out, in their order, and answers.
+//
+// Threads  all but the job: the main thread, and on a crash whichever that had it.
+// Limits   16 commands that wait, of 128 KiB each; the one above is answered at once.
+class ServerCommands {
+public:
+    using Status = std::function<std::string()>;  // the agent's status, one JSON object
+
+    ServerCommands(FeatureHost& features, Status status) : features_(features), status_(std::move(status)) {}
+
+    // Before the channel is started.
+    bool Start();
+
+    // From here on no policy is applied. Waits for the one under way, not for its answer.
+    void StopApplying();
+
+    // After the channel has been stopped: an answer may be on its way until then.
+    void Stop();
+
+private:
+    struct Command {
+        std::uint32_t type = 0;
+        std::uint32_t seq = 0;
+        std::string body;
+    };
+
+    static void OnMessage(std::uint32_t type, void* message, void* self);
+    void Queue(Command command);
+    void CarryOut();
+    bool Take(Command& command);
+    FeatureHost::Outcome Apply(Command& command);
+    void Answer(const Command& command, const FeatureHost::Outcome& outcome, const std::string& status);
+
+    FeatureHost& features_;
+    const Status status_;
+    NEUtils::PoolJob job_;
+
+    std::mutex mutex_;
+    std::condition_variable applied_;
+    std::deque<Command> commands_;
+    std::thread::id applying_;  // who applies a policy at the moment
+    bool stopping_ = false;
+};

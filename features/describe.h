@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+
+#include "process_utils.h"
+
+// The name of a user, or the number.
+std::string UserName(unsigned int uid);
+
+// The command line of a process without what could steer a terminal. A kernel thread has none but a name, and
+// so has a process that has just ended: "[name]".
+std::string CmdLineOf(int pid, const ProcessUtils::ProcessStatus& status);
+
+// User and command line of a process, as far as they can be read.
+void DescribeProcess(int pid, std::string& user, std::string& cmdLine);

@@ -1,0 +1,163 @@
+// The feature process_watch: tells of every program that starts or ends on the host.
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "entry.h"
+#include "feature_counters.h"
+#include "logger.h"
+#include "policy_text.h"
+#include "process_log.h"
+#include "process_monitor.h"
+
+namespace {
+
+constexpr char kFeature[] = "process_watch";
+
+bool IsFirstNamespace(const char* path, const char* first)
+{
+    char link[64] = {};
+    return readlink(path, link, sizeof(link) - 1) < 0 || std::strcmp(link, first) == 0;
+}
+
+// What the process connector needs and this process lacks; null if nothing. The kernel numbers its first
+// namespaces always the same. In another one its ids would name other processes, or nothing comes at all.
+const char* Missing()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1U << CAP_NET_ADMIN)) == 0) {
+        return "CAP_NET_ADMIN";
+    }
+    if (!IsFirstNamespace("/proc/self/ns/user", "user:[4026531837]")) {
+        return "first user namespace";
+    }
+    return IsFirstNamespace("/proc/self/ns/pid", "pid:[4026531836]") ? nullptr : "first pid namespace";
+}
+
+std::string TakeEvents(const std::string& value, ProcessLogSettings& settings)
+{
+    settings.executed = value == "start" || value == "start,end";
+    settings.ended = value == "end" || value == "start,end";
+    return settings.executed || settings.ended ? "" : "is not one of start, end, start,end";
+}
+
+std::string TakeExclude(const std::string& value, ProcessLogSettings& settings)
+{
+    if (settings.excludes.size() == kMaxPolicyRules) {
+        return "is one pattern too many";
+    }
+    settings.excludes.push_back(value);
+    return value.empty() ? "is not a shell pattern" : "";
+}
+
+// Watches as long as it lives. There is one at a time.
+class ProcessWatch {
+public:
+    explicit ProcessWatch(ProcessLogSettings settings) : log_(std::move(settings))
+    {
+        log_.LoadRunningProcesses();
+        monitor_.SetEventKinds(ProcessLog::kEventKinds);
+        s_watch = this;
+        monitor_.AddProcessEventCallback(&ProcessWatch::OnEvent);
+        monitor_.StartProcessMonitor();
+        counters_.watches = 1;
+    }
+    ~ProcessWatch()
+    {
+        monitor_.StopProcessMonitor();
+        Count();
+        counters_.watches = 0;
+    }
+    ProcessWatch(const ProcessWatch&) = delete;
+    ProcessWatch& operator=(const ProcessWatch&) = delete;
+
+private:
+    // The seen, filtered and lost events of one start.
+    struct Figures {
+        std::uint64_t seen = 0;
+        std::uint64_t filtered = 0;
+        std::uint64_t lost = 0;
+    };
+
+    static void OnEvent(proc_event* event) { s_watch->Handle(*event); }
+
+    void Handle(const proc_event& event)
+    {
+        if (monitor_.GetLostEventCount() != counted_.lost) {  // who has ended since is not known any more
+            log_.LoadRunningProcesses();
+        }
+        log_.Handle(event);
+        Count();
+    }
+
+    void Count()
+    {
+        const Figures now = {monitor_.GetEventCount(), monitor_.GetFilteredEventCount() + log_.GetLeftOutCount(),
+                             monitor_.GetLostEventCount()};
+        counters_.seen += now.seen - counted_.seen;
+        counters_.filtered += now.filtered - counted_.filtered;
+        counters_.lost += now.lost - counted_.lost;
+        counted_ = now;
+    }
+
+    static ProcessWatch* s_watch;  // callbacks get no argument of their own
+
+    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeature);
+    Figures counted_;
+    ProcessLog log_;
+    NEUtils::ProcessMonitor monitor_;
+};
+
+ProcessWatch* ProcessWatch::s_watch = nullptr;
+
+std::unique_ptr<ProcessWatch> g_watch;
+
+bool Start(const std::string& policy)
+{
+    g_watch.reset();
+    ProcessLogSettings settings;
+    const std::string fault =
+        ReadPolicy(policy, {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
+                            {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }}});
+    if (!fault.empty()) {
+        LogRefusal(kFeature, fault);
+        return false;
+    }
+    if (const char* missing = Missing(); missing != nullptr) {
+        NE_LOG(ERROR, "Process events are not watched.[missing=%s]", missing);
+        return false;
+    }
+    g_watch = std::make_unique<ProcessWatch>(std::move(settings));
+    return true;
+}
+
+}  // namespace
+
+int InitModule(void)
+{
+    return 1;
+}
+
+int StartModule(const char* policy)
+{
+    return RunEntry(kFeature, [policy] { return Start(policy); });
+}
+
+int StopModule(const char*)
+{
+    return RunEntry(kFeature, [] {
+        g_watch.reset();
+        return true;
+    });
+}
+
+int DeinitModule(void)
+{
+    return 1;
+}

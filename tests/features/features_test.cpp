@@ -1,0 +1,179 @@
+// The feature libraries as an agent uses them: loaded, given policies, stopped, unloaded.
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/stat.h>
+
+#include "feature_counters.h"
+#include "hips_guard.h"
+#include "module_manager.h"
+#include "monitor.h"
+#include "monitor_manager.h"
+#include "tests/support/support.h"
+#include "thread_pool.h"
+
+using Manager::Policy;
+using Policies = std::map<std::string, Policy>;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kHeapIsOurs = false;
+#else
+constexpr bool kHeapIsOurs = true;
+#endif
+
+struct FeaturesTest : testing::Test {
+    FeaturesTest()
+    {
+        for (const char* feature : {"process_watch", "file_integrity", "file_access"}) {
+            const std::string name = std::string("lib") + feature + ".so";
+            fs::copy_file(FEATURE_DIR + name, dir_ / name);
+            chmod((dir_ / name).c_str(), 0755);
+        }
+        fs::create_directory(tree_);
+        Write(guarded_, "");
+        InitHipsGuard(0, 0, 0);
+        ThreadPool::GetInstance().Start(1, 3);
+        Monitor::InitFileMonitor();
+        manager_.SetModulePrefix(dir_ / "");
+    }
+    ~FeaturesTest() override
+    {
+        manager_.StopAndDeinitAllModule();
+        Monitor::DeInitFileMonitor();
+        ThreadPool::GetInstance().Stop();
+        UninitHipsGuard();
+    }
+    static std::uint64_t Seen(const char* feature) { return FeatureCounters::Of(feature).seen; }
+
+    const TempDir dir_;
+    const std::string tree_ = dir_ / "tree";
+    const std::string guarded_ = dir_ / "guarded";
+    Manager::ModuleManager manager_;
+};
+
+// What a process holds, of all that a feature may leave behind.
+struct Held {
+    static std::ptrdiff_t Entries(const char* folder)
+    {
+        return std::distance(fs::directory_iterator(folder), fs::directory_iterator());
+    }
+    std::ptrdiff_t descriptors = Entries("/proc/self/fd");
+    std::ptrdiff_t threads = Entries("/proc/self/task");
+    std::size_t watches = MonitorManager::GetInstance().GetInotifyMonitor().GetWatchCount();
+    std::size_t heap = kHeapIsOurs ? mallinfo2().uordblks : 0;
+};
+
+}  // namespace
+
+// A policy that is half understood would leave an administrator in the belief that something is watched.
+TEST_F(FeaturesTest, PoliciesThatCannotBeTakenAreRefusedWithAReason)
+{
+    const std::string rows[][3] = {
+        {"process_watch", "# fine\n\nevents start", "line 3: 'events start' has no '='"},
+        {"process_watch", "evens=start", "line 1: unknown key 'evens'"},
+        {"process_watch", "events=start,stop", "line 1: events: 'start,stop' is not one of start, end, start,end"},
+        {"process_watch", "exclude=", "line 1: exclude: '' is not a shell pattern"},
+        {"file_integrity", "", "it has no watch"},
+        {"file_integrity", "digest_max_bytes=1", "it has no watch"},
+        {"file_integrity", "watch=etc", "line 1: watch: 'etc' is not an absolute path"},
+        {"file_integrity", "watch=/x\r", "line 1: watch: '/x?' holds a control character"},
+        {"file_integrity", "watch=/x;events=write,touch",
+         "line 1: watch: '/x;events=write,touch' has an unknown event 'touch'"},
+        {"file_integrity", "watch=/x\ndigest_max_bytes=-1",
+         "line 2: digest_max_bytes: '-1' is not a number from 0 to 1099511627776"},
+        {"file_access", "guard=", "line 1: guard: '' is not an absolute path"},
+        {"file_access", "guard=/x;recursive", "line 1: guard: '/x;recursive' has an unknown option 'recursive'"},
+    };
+    Records records;
+    for (const auto& [feature, policy, fault] : rows) {
+        manager_.UpdateModulePolicy({{feature, {true, policy, ""}}});
+        EXPECT_TRUE(records.Has("ERROR Policy is refused.[feature=" + feature + " reason=" + fault + "]")) << fault;
+        EXPECT_EQ(manager_.GetModuleStatus(feature), Manager::kFailed);
+        manager_.DestroyModule(feature);
+    }
+    manager_.UpdateModulePolicy({{"file_integrity", {true, "watch=/none", ""}}});
+    EXPECT_FALSE(manager_.IsRunable("file_integrity"));  // there is nothing that it could watch
+}
+
+// Digests of files above the limit would hold the pool up, and one under way the stop.
+TEST_F(FeaturesTest, DigestsKeepToTheirLimitAndNeverHoldAStop)
+{
+    Records records;
+    const std::string watch = "watch=" + tree_ + ";recursive\ndigest_max_bytes=";
+    manager_.UpdateModulePolicy({{"file_integrity", {true, watch + "5", ""}}});
+    Write(tree_ + "/large", "larger");
+    Write(tree_ + "/small", "small");
+    const auto told = [&](const std::string& name) {
+        return std::ranges::any_of(records.Lines(), [&](const std::string& line) {
+            return line.starts_with("INFO File digest.[sha256=") && line.ends_with(" path=" + tree_ + name + "]");
+        });
+    };
+    EXPECT_TRUE(Eventually([&] { return told("/small"); }));
+    EXPECT_FALSE(told("/large"));
+    manager_.UpdateModulePolicy({{"file_integrity", {true, watch + "1099511627776", ""}}});
+    Write(tree_ + "/endless", "");
+    ASSERT_EQ(truncate((tree_ + "/endless").c_str(), std::int64_t{1} << 40), 0);  // some minutes of reading
+    chmod((tree_ + "/endless").c_str(), 0640);
+    Write(tree_ + "/other", "");
+    const auto digesting = [] {
+        for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+            if (Read(task.path() / "comm") == "T-file-digest\n") {
+                return true;
+            }
+        }
+        return false;
+    };
+    EXPECT_TRUE(Eventually(digesting));
+    manager_.UpdateModulePolicy({});
+    EXPECT_FALSE(told("/endless"));
+}
+
+// Each round that left a thread, a watch, a descriptor or memory behind would end an agent that lives for years.
+TEST_F(FeaturesTest, RoundsOfPoliciesUnderLoadLeaveNothing)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "process events need CAP_NET_ADMIN, fanotify CAP_SYS_ADMIN";
+    }
+    const auto policies = [this](const std::string& events) {
+        return Policies{{"process_watch", {true, "events=" + events + "\nexclude=*none*", ""}},
+                        {"file_integrity", {true, "watch=" + tree_ + ";recursive;exclude=" + events, ""}},
+                        {"file_access", {true, "guard=" + guarded_ + ";events=open\n#" + events, ""}}};
+    };
+    std::jthread load([this](const std::stop_token& stop) {
+        for (int i = 0; !stop.stop_requested(); ++i) {
+            Write(tree_ + "/" + std::to_string(i % 50), std::to_string(i));
+            Wait(Fork([this] { return open(guarded_.c_str(), O_RDONLY) < 0 ? 1 : 0; }));
+        }
+    });
+    manager_.UpdateModulePolicy(policies("start"));
+    for (const char* feature : {"process_watch", "file_integrity", "file_access"}) {
+        ASSERT_TRUE(Eventually([feature] { return Seen(feature) > 0; })) << feature;
+    }
+    manager_.UpdateModulePolicy({});
+    const Held before;
+    for (int round = 0; round < 100; ++round) {
+        manager_.UpdateModulePolicy(policies("start"));
+        manager_.UpdateModulePolicy(policies(round % 2 == 0 ? "end" : "start"));
+        manager_.UpdateModulePolicy({});
+        if (round % 10 == 0) {
+            manager_.DestroyModule(round % 20 == 0 ? "file_integrity" : "process_watch");
+        }
+    }
+    const Held after;
+    EXPECT_LE(after.descriptors, before.descriptors + 1);  // the load's own
+    EXPECT_LE(after.threads, before.threads + 2);          // the pool's workers
+    EXPECT_EQ(after.watches, before.watches);
+    EXPECT_LE(after.heap, before.heap + 300000);
+    const std::uint64_t seen = Seen("file_integrity");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(Seen("file_integrity"), seen);
+    manager_.UpdateModulePolicy(policies("end"));
+    EXPECT_TRUE(Eventually([&] { return Seen("file_integrity") > seen; }));
+    load.request_stop();
+    load.join();
+    for (const char* feature : {"process_watch", "file_integrity", "file_access"}) {
+        manager_.DestroyModule(feature);
+    }
+    EXPECT_FALSE(Contains(Read("/proc/self/maps"), dir_.Path()));
+}
