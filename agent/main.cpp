@@ -23,6 +23,7 @@
 
 #include "agent_config.h"
 #include "config.h"
+#include "feature_commands.h"
 #include "feature_counters.h"
 #include "feature_host.h"
 #include "hips_guard.h"
@@ -31,7 +32,6 @@
 #include "monitor.h"
 #include "my_program.h"
 #include "report_queue.h"
-#include "server_commands.h"
 #include "server_link.h"
 #include "status.h"
 #include "status_socket.h"
@@ -114,9 +114,9 @@ const Status& OwnStatus()
     return status;
 }
 
-ServerCommands& Commands()
+FeatureCommands& Commands()
 {
-    static auto& commands = *new ServerCommands(Features(), [] { return OwnStatus().ToJson(); });
+    static auto& commands = *new FeatureCommands(Features(), [] { return OwnStatus().ToJson(); });
     return commands;
 }
 
@@ -274,7 +274,7 @@ bool StartThreads()
     return true;
 }
 
-// The channel last: until it is up, reports wait, and no command can meet the features' start.
+// The channel last: until it is up, reports wait.
 bool StartFeatures()
 {
     if (g_config.reportsToServer) {
@@ -284,8 +284,11 @@ bool StartFeatures()
         }
     }
     g_watching = NEUtils::Monitor::InitFileMonitor();
-    Features().Start();
-    if (g_linked && Commands().Start()) {
+    Commands().Start();
+    if (g_linked && !Commands().Listen()) {
+        NE_LOG(ERROR, "Commands of the server are not taken.");
+    }
+    if (g_linked) {
         RunEvery(1, &CheckServer, "server-check", true);  // it may wait for a connection
     }
     return true;

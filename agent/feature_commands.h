@@ -11,19 +11,23 @@
 #include "feature_host.h"
 #include "pool_job.h"
 
-// What the server orders: policies and questions for the status. A handler of the channel only queues them; one
-// job of the pool carries them out, in their order, and answers.
+// What is to be done with the features: first what the kept policies want, then what the server orders, and its
+// questions for the status. A handler of the channel only queues commands; one job of the pool carries them out,
+// in their order, and answers. So a feature that takes its time holds up neither the channel nor a stop signal.
 //
 // Threads  all but the job: the main thread, and on a crash whichever that had it.
 // Limits   16 commands that wait, of 128 KiB each; the one above is answered at once.
-class ServerCommands {
+class FeatureCommands {
 public:
     using Status = std::function<std::string()>;  // the agent's status, one JSON object
 
-    ServerCommands(FeatureHost& features, Status status) : features_(features), status_(std::move(status)) {}
+    FeatureCommands(FeatureHost& features, Status status) : features_(features), status_(std::move(status)) {}
 
-    // Before the channel is started.
-    bool Start();
+    // Begins with the kept policies.
+    void Start();
+
+    // Takes commands too; before the channel is started. False if the channel does not hand them on.
+    bool Listen();
 
     // From here on no policy is applied. Waits for the one under way, not for its answer.
     void StopApplying();
@@ -33,7 +37,7 @@ public:
 
 private:
     struct Command {
-        std::uint32_t type = 0;
+        std::uint32_t type = 0;  // 0: the kept policies
         std::uint32_t seq = 0;
         std::string body;
     };
@@ -43,6 +47,7 @@ private:
     void CarryOut();
     bool Take(Command& command);
     FeatureHost::Outcome Apply(Command& command);
+    FeatureHost::Outcome ApplyPolicy(Command& command);
     void Answer(const Command& command, const FeatureHost::Outcome& outcome, const std::string& status);
 
     FeatureHost& features_;

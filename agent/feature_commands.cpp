@@ -1,4 +1,4 @@
-#include "server_commands.h"
+#include "feature_commands.h"
 
 #include <cstring>
 #include <optional>
@@ -32,23 +32,28 @@ FeatureHost::Outcome Malformed(const char* reason)
 
 }  // namespace
 
-bool ServerCommands::Start()
+void FeatureCommands::Start()
 {
-    job_.Start(ThreadPool::GetInstance(), "command", [this] { CarryOut(); });
+    job_.Start(ThreadPool::GetInstance(), "features", [this] { CarryOut(); });
+    Queue({});
+}
+
+bool FeatureCommands::Listen()
+{
     bool registered = true;
     for (const std::uint32_t type : kTypes) {
-        registered = RegisterControlMsgHandler(type, &ServerCommands::OnMessage, this) && registered;
+        registered = RegisterControlMsgHandler(type, &FeatureCommands::OnMessage, this) && registered;
     }
     return registered;
 }
 
-void ServerCommands::OnMessage(std::uint32_t type, void* message, void* self)
+void FeatureCommands::OnMessage(std::uint32_t type, void* message, void* self)
 {
     SentrelAgentMsg header;
     std::memcpy(&header, message, sizeof(header));
     const char* body = static_cast<const char*>(message) + sizeof(header);
     Command command = {type, header.seq, {}};
-    auto& own = *static_cast<ServerCommands*>(self);
+    auto& own = *static_cast<FeatureCommands*>(self);
     if (header.length > kMaxBody) {
         own.Answer(command, Malformed("it is longer than 128 KiB"), {});
         return;
@@ -57,7 +62,7 @@ void ServerCommands::OnMessage(std::uint32_t type, void* message, void* self)
     own.Queue(std::move(command));
 }
 
-void ServerCommands::Queue(Command command)
+void FeatureCommands::Queue(Command command)
 {
     bool full = false;
     {
@@ -74,15 +79,17 @@ void ServerCommands::Queue(Command command)
     }
 }
 
-void ServerCommands::CarryOut()
+void FeatureCommands::CarryOut()
 {
     for (Command command; Take(command);) {
-        const FeatureHost::Outcome outcome = command.type == kMsgPolicy ? Apply(command) : FeatureHost::Outcome();
-        Answer(command, outcome, status_());
+        const FeatureHost::Outcome outcome = command.type == kMsgStatus ? FeatureHost::Outcome() : Apply(command);
+        if (command.type != 0) {
+            Answer(command, outcome, status_());
+        }
     }
 }
 
-bool ServerCommands::Take(Command& command)
+bool FeatureCommands::Take(Command& command)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_ || commands_.empty()) {
@@ -90,16 +97,16 @@ bool ServerCommands::Take(Command& command)
     }
     command = std::move(commands_.front());
     commands_.pop_front();
-    if (command.type == kMsgPolicy) {
+    if (command.type != kMsgStatus) {
         applying_ = std::this_thread::get_id();
     }
     return true;
 }
 
-FeatureHost::Outcome ServerCommands::Apply(Command& command)
+FeatureHost::Outcome FeatureCommands::Apply(Command& command)
 {
     const struct Applying {  // also where it throws
-        ServerCommands& own;
+        FeatureCommands& own;
         ~Applying()
         {
             const std::lock_guard<std::mutex> lock(own.mutex_);
@@ -107,6 +114,15 @@ FeatureHost::Outcome ServerCommands::Apply(Command& command)
             own.applied_.notify_all();
         }
     } applying{*this};
+    if (command.type == 0) {
+        features_.Start();
+        return {};
+    }
+    return ApplyPolicy(command);
+}
+
+FeatureHost::Outcome FeatureCommands::ApplyPolicy(Command& command)
+{
     TLVAnalyzer items(reinterpret_cast<unsigned char*>(command.body.data()), static_cast<int>(command.body.size()));
     std::string feature;
     std::string text;
@@ -136,7 +152,7 @@ FeatureHost::Outcome ServerCommands::Apply(Command& command)
 }
 
 // Whether it arrives is the server's to see: it has the channel's other end.
-void ServerCommands::Answer(const Command& command, const FeatureHost::Outcome& outcome, const std::string& status)
+void FeatureCommands::Answer(const Command& command, const FeatureHost::Outcome& outcome, const std::string& status)
 {
     TLVPacker items;
     items.Add(ResultItem(outcome.result));
@@ -152,17 +168,17 @@ void ServerCommands::Answer(const Command& command, const FeatureHost::Outcome& 
     SendControlMsg(message.data(), static_cast<unsigned int>(message.size()));
 }
 
-void ServerCommands::StopApplying()
+void FeatureCommands::StopApplying()
 {
     std::unique_lock<std::mutex> lock(mutex_);
     stopping_ = true;
     applied_.wait(lock, [this] { return applying_ == std::thread::id() || applying_ == std::this_thread::get_id(); });
 }
 
-void ServerCommands::Stop()
+void FeatureCommands::Stop()
 {
     for (const std::uint32_t type : kTypes) {
-        UnregisterControlMsgHandler(type, &ServerCommands::OnMessage);
+        UnregisterControlMsgHandler(type, &FeatureCommands::OnMessage);
     }
     job_.Stop();
 }
