@@ -59,10 +59,10 @@ void FeatureCommands::OnMessage(std::uint32_t type, void* message, void* self)
         return;
     }
     command.body.assign(body, header.length);
-    own.Queue(std::move(command));
+    own.Queue(command);
 }
 
-void FeatureCommands::Queue(Command command)
+void FeatureCommands::Queue(const Command& command)
 {
     bool full = false;
     {

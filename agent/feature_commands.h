@@ -43,7 +43,7 @@ private:
     };
 
     static void OnMessage(std::uint32_t type, void* message, void* self);
-    void Queue(Command command);
+    void Queue(const Command& command);
     void CarryOut();
     bool Take(Command& command);
     FeatureHost::Outcome Apply(Command& command);

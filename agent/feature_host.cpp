@@ -129,10 +129,10 @@ FeatureHost::Outcome FeatureHost::Enable(const std::string& feature, const Polic
     if (manager_.IsRunable(feature)) {
         return {};
     }
-    std::string reason = reasons.GetText();
+    Outcome refused = {NEUtils::kCommandRefused, reasons.GetText()};
     manager_.DestroyModule(feature);
     manager_.UpdateModulePolicy(former);
-    return {NEUtils::kCommandRefused, reason};
+    return refused;
 }
 
 void FeatureHost::Disable(const std::string& feature, const Policy& policy)
@@ -154,6 +154,7 @@ std::vector<FeatureHost::State> FeatureHost::GetStates() const
         names.insert(policy.first);
     }
     std::vector<State> states;
+    states.reserve(names.size());
     for (const std::string& name : names) {
         states.push_back({name, NameOf(manager_.GetModuleStatus(name))});
     }

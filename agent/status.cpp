@@ -3,9 +3,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "feature_counters.h"
@@ -40,12 +41,10 @@ double CpuSeconds()
 
 long MemoryKiB()
 {
-    std::string statm;
-    long pages = 0;
-    if (ReadFile("/proc/self/statm", 4096, statm).empty()) {
-        static_cast<void>(std::sscanf(statm.c_str(), "%*d %ld", &pages));
-    }
-    return pages * (sysconf(_SC_PAGESIZE) / 1024);
+    std::string pages;  // all of them, the resident ones, and more
+    ReadFile("/proc/self/statm", 4096, pages);
+    return std::strtol(pages.substr(std::min(pages.find(' '), pages.size())).c_str(), nullptr, 10) *
+           (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 void AddProblem(Json& problems, bool isOne, const std::string& text)

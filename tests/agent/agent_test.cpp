@@ -1,5 +1,8 @@
 // The agent as a whole: a real process below an install root of its own.
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 
 #include "tests/support/support.h"
 
@@ -287,6 +290,103 @@ TEST_F(AgentTest, TellsChangesOfFilesAndWhoTouchesThem)
         Eventually([&] { return Logged("File accessed.[action=open pid=" + std::to_string(guest) + " user=root "); }));
     EXPECT_FALSE(Logged("path=" + (root_ / "tree/x.tmp")) || Logged("path=" + log_ + "]"));
     EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// Policies of a server hold from then on, over a restart too; one that fails leaves everything as it was.
+TEST_F(AgentTest, CarriesOutWhatTheServerOrdersAndKeepsIt)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "the features need CAP_NET_ADMIN and CAP_SYS_ADMIN";
+    }
+    const std::string got = root_ / "got";
+    const std::string control = root_ / "control";
+    const std::string tree = root_ / "tree";
+    fs::create_directory(tree);
+    fs::remove(PolicyFile("process_watch"));
+    Write(root_ / "guarded", "");
+    Write(root_ / "files", "watch=" + tree + ";recursive\n");
+    Write(root_ / "wrong", "watch=" + tree + "\nwach=/x\n");
+    Write(root_ / "guard", "guard=" + (root_ / "guarded") + ";events=open\n");
+    Write(config_, "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\nREPORT_SECONDS=0\n");
+    mkfifo(control.c_str(), 0600);
+    const pid_t collector = Fork([&] {
+        const std::string command = std::string("exec ") + COLLECTOR_PROGRAM + " --listen unix:" + (root_ / "socket") +
+                                    " --control - <" + control + " >" + got + " 2>&1";
+        return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    });
+    std::ofstream orders(control);
+    const auto arrives = [&](const std::string& text) { return Eventually([&] { return Contains(Read(got), text); }); };
+    const auto answers = [&](const std::string& order, const std::string& answer) {
+        orders << order << std::endl;
+        return arrives(answer);
+    };
+    StartAgent();
+    ASSERT_TRUE(arrives("connected from"));
+    EXPECT_TRUE(answers("policy file_integrity on",
+                        "on: refused: Policy is refused.[feature=file_integrity reason=it "
+                        "has no watch]"));
+    EXPECT_TRUE(answers("policy file_integrity on " + (root_ / "files"),
+                        "policy file_integrity on: done; file_access=off file_integrity=started process_watch=off\n"));
+    EXPECT_TRUE(answers("policy process_watch on", "policy process_watch on: done; "));
+    EXPECT_TRUE(answers("policy file_access on " + (root_ / "guard"),
+                        "file_access on: done; file_access=started file_integrity=started process_watch=started\n"));
+    Write(tree + "/new", "hello\n");
+    EXPECT_TRUE(arrives(" file action=create path=" + tree + "/new"));
+    EXPECT_TRUE(arrives(" sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 "));
+    EXPECT_TRUE(Eventually([&] {
+        Wait(Fork([&] { return execlp("sh", "sh", "-c", ("exec <" + (root_ / "guarded")).c_str(), nullptr); }));
+        const std::string all = Read(got);
+        return Contains(all, " access pid=") && Contains(all, " exited pid=");
+    }));
+    EXPECT_TRUE(answers("policy file_integrity on " + (root_ / "wrong"),
+                        "refused: Policy is refused.[feature="
+                        "file_integrity reason=line 2: unknown key"));
+    EXPECT_TRUE(answers("policy nothing on", "policy nothing on: unknown: there is no such feature\n"));
+    EXPECT_TRUE(answers("policy file_access off", "file_access off: done; file_access=off file_integrity=started "));
+    EXPECT_TRUE(answers("status", "agent 1 status {"));
+    Write(tree + "/more", "");
+    EXPECT_TRUE(arrives(" file action=create path=" + tree + "/more"));  // by the policy that held before
+
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_EQ(Read(PolicyFile("file_integrity")), "enable=on\n" + Read(root_ / "files"));
+    EXPECT_EQ(Read(PolicyFile("file_access")), "enable=off\n" + Read(root_ / "guard"));
+    EXPECT_EQ(fs::status(PolicyFile("file_access")).permissions(), fs::perms(0600));
+    agent_ = Start(run_);
+    const std::string features =
+        "\"features\":[{\"name\":\"file_access\",\"status\":\"off\"},"
+        "{\"name\":\"file_integrity\",\"status\":\"started\",\"watches\":1,";
+    EXPECT_TRUE(Eventually([&] { return Contains(Run(run_ + " --status --json"), features); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    kill(collector, SIGTERM);
+    EXPECT_EQ(Wait(collector), 0);
+}
+
+// An agent that is not well must not look so, and nobody else may ask.
+TEST_F(AgentTest, TellsHowItIs)
+{
+    SetPolicy("file_integrity", "enable=on\nnonsense\n");
+    SetPolicy("gone", "enable=on\n");
+    Write(PolicyFile("broken"), "on\n");
+    Write(root_ / "conf/agent.sock", "left by one that was killed");
+    StartAgent();
+    ASSERT_TRUE(Eventually([&] { return Contains(Run(run_ + " --status"), "feature gone has failed"); }));
+    const std::string text = Run(run_ + " --status");
+    for (const std::string piece : {"3 sentrel-agent ", ": NOT WELL\nproblems  feature file_integrity has failed\n",
+                                    "\nserver    off, queued 0, dropped 0\n", " file_access       off\n",
+                                    "\nthreads   ", "TaskManager       last beat ", "\ntasks     self-usage\n"}) {
+        EXPECT_TRUE(Contains(text, piece)) << piece << text;
+    }
+    EXPECT_TRUE(Logged("Kept policy cannot be used.[file=broken.policy reason=does not begin with enable=on or"));
+    const std::string socket = root_ / "conf/agent.sock";
+    EXPECT_EQ(fs::status(socket).permissions(), fs::perms(0600));
+    const int silent = ::socket(AF_UNIX, SOCK_STREAM, 0);  // asks and never reads
+    sockaddr_un address = {AF_UNIX, {}};
+    socket.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_TRUE(Contains(Run(run_ + " --status --json"), "3 {\"version\":\""));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    close(silent);
+    EXPECT_FALSE(fs::exists(socket));
 }
 
 // What would leave the agent running without a log ends it with a reason instead.
