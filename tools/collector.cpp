@@ -25,7 +25,11 @@ void Complain(const std::string& text)
 }
 
 Collector::Collector(CollectorOptions options)
-    : options_(std::move(options)), base_(event_base_new()), started_(std::chrono::steady_clock::now())
+    : options_(std::move(options)),
+      base_(event_base_new()),
+      commands_(*this),
+      control_(*this, commands_),
+      started_(std::chrono::steady_clock::now())
 {
 }
 
@@ -35,13 +39,24 @@ bool Collector::Start()
         Complain("no event loop");
         return false;
     }
+    const bool ready = ListenAll() && (!options_.takesInput || control_.ReadInput());
+    Flush();
+    return ready && !failed_;
+}
+
+bool Collector::ListenAll()
+{
     for (const Endpoint& endpoint : options_.endpoints) {
-        if (!Listen(endpoint)) {
+        if (!Listen(endpoint, &OnAccept, "listening")) {
             return false;
         }
     }
-    Flush();
-    return !failed_;
+    for (const Endpoint& endpoint : options_.controls) {
+        if (!Listen(endpoint, &OnAcceptClient, "control")) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool Collector::StartEvents()
@@ -59,14 +74,14 @@ bool Collector::StartEvents()
            (options_.seconds == 0 || evtimer_add(expiry_.get(), &limit) == 0);
 }
 
-bool Collector::Listen(const Endpoint& endpoint)
+bool Collector::Listen(const Endpoint& endpoint, evconnlistener_cb onAccept, const char* what)
 {
     Listener& listener = listeners_.emplace_back();
     std::string fault = listener.socket.Open(endpoint);
     const std::string name = listener.socket.GetName();
     if (fault.empty()) {
         listener.events.reset(
-            evconnlistener_new(base_.get(), &OnAccept, this, LEV_OPT_CLOSE_ON_EXEC, 0, listener.socket.GetFd()));
+            evconnlistener_new(base_.get(), onAccept, this, LEV_OPT_CLOSE_ON_EXEC, 0, listener.socket.GetFd()));
         fault = listener.events == nullptr ? "no listener" : "";
     }
     if (!fault.empty()) {
@@ -74,9 +89,8 @@ bool Collector::Listen(const Endpoint& endpoint)
         return false;
     }
     evconnlistener_set_error_cb(listener.events.get(), &OnAcceptError);
-    Print(options_.json
-              ? nlohmann::json{{"listening", name}}.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace)
-              : "listening on " + name);
+    Print(options_.json ? nlohmann::json{{what, name}}.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace)
+                        : std::string(what) + " on " + name);
     return true;
 }
 
@@ -91,6 +105,11 @@ ExitStatus Collector::Run()
 void Collector::OnAccept(evconnlistener*, int fd, sockaddr* address, int length, void* self)
 {
     static_cast<Collector*>(self)->Accept(fd, address, static_cast<socklen_t>(length));
+}
+
+void Collector::OnAcceptClient(evconnlistener*, int fd, sockaddr*, int, void* self)
+{
+    static_cast<Collector*>(self)->control_.Accept(fd);
 }
 
 // Without descriptors, for example, the same connection would come up again at once.
@@ -141,7 +160,11 @@ void Collector::Accept(int fd, const sockaddr* address, socklen_t length)
 std::string Collector::Take(const Sender& sender, const NEUtils::SentrelAgentMsg& header, unsigned char* body)
 {
     if (NEUtils::IsResponseMessage(header.type)) {
-        ++ignored_;
+        if (!commands_.Expects(sender, header)) {
+            ++ignored_;
+        } else if (std::string fault = commands_.TakeAnswer(sender, header, body); !fault.empty()) {
+            return fault;
+        }
     } else {
         Report report;
         std::string fault = ReadReport(header, body, report);
@@ -191,12 +214,33 @@ void Collector::Refuse(Connection& connection, const std::string& why)
     connection.Finish();
 }
 
+void Collector::Forget(const Sender& sender)
+{
+    commands_.Forget(sender);
+}
+
 void Collector::Remove(const Connection& connection)
 {
     connections_.erase(connection.GetSender().number);
-    if (stopping_ && connections_.empty()) {
+    EndIfIdle();
+}
+
+void Collector::EndIfIdle()
+{
+    if (stopping_ && IsIdle()) {
         event_base_loopbreak(base_.get());
     }
+}
+
+std::set<std::uint64_t> Collector::Broadcast(const std::string& message)
+{
+    std::set<std::uint64_t> reached;
+    for (auto& [number, connection] : connections_) {
+        if (connection.SendCommand(message)) {
+            reached.insert(reached.end(), number);
+        }
+    }
+    return reached;
 }
 
 void Collector::Stop()
@@ -206,7 +250,8 @@ void Collector::Stop()
     }
     stopping_ = true;
     listeners_.clear();
-    event_base_loopexit(base_.get(), connections_.empty() ? nullptr : &kStopLimit);
+    control_.Stop();
+    event_base_loopexit(base_.get(), IsIdle() ? nullptr : &kStopLimit);
     for (auto next = connections_.begin(); next != connections_.end();) {
         (next++)->second.Finish();
     }

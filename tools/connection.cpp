@@ -1,6 +1,5 @@
 #include "connection.h"
 
-#include <event2/buffer.h>
 #include <sys/time.h>
 
 #include <cstdint>
@@ -38,12 +37,20 @@ Connection::Connection(Collector& collector, Sender sender, EventPtr<bufferevent
     bufferevent_enable(buffers_.get(), EV_READ);
 }
 
+// Commands alone never fill what may be pending, so they do not keep the agent's messages from being read.
+bool Connection::SendCommand(const std::string& message)
+{
+    return !finishing_ && !mute_ && CountPending() + message.size() < kMaxPending &&
+           bufferevent_write(buffers_.get(), message.data(), message.size()) == 0;
+}
+
 void Connection::Finish()
 {
     if (finishing_) {
         return;
     }
     finishing_ = true;
+    collector_.Forget(sender_);
     if (mute_ || CountPending() == 0) {
         collector_.Remove(*this);
         return;

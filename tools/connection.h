@@ -1,5 +1,6 @@
 #pragma once
 
+#include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/listener.h>
@@ -18,6 +19,7 @@ struct EventFree {
     void operator()(event* timer) const { event_free(timer); }
     void operator()(evconnlistener* listener) const { evconnlistener_free(listener); }
     void operator()(bufferevent* buffers) const { bufferevent_free(buffers); }
+    void operator()(evbuffer* bytes) const { evbuffer_free(bytes); }
 };
 
 template <class T>
@@ -30,6 +32,9 @@ public:
     Connection(Collector& collector, Sender sender, EventPtr<bufferevent> buffers);
 
     const Sender& GetSender() const { return sender_; }
+
+    // A whole request for the agent. False, and nothing is sent, if it takes no more or too much is pending.
+    bool SendCommand(const std::string& message);
 
     // Reads no more and ends as soon as what is pending has been sent.
     void Finish();

@@ -21,9 +21,13 @@ struct ItemKind {
 
 // In the order of printing: a command line may imitate whatever would follow it.
 constexpr ItemKind kItemKinds[] = {
-    {kTagTime, "time", 8},       {kTagEvent, "event", 4},   {kTagCount, "count", 8},       {kTagPid, "pid", 4},
-    {kTagParentPid, "ppid", 4},  {kTagUser, "user", 0},     {kTagExitCode, "exitCode", 4}, {kTagSignal, "signal", 4},
-    {kTagAction, "action", 0},   {kTagChange, "change", 0}, {kTagOldPath, "oldPath", 0},   {kTagPath, "path", 0},
+    {kTagTime, "time", 8},           {kTagEvent, "event", 4},
+    {kTagCount, "count", 8},         {kTagPid, "pid", 4},
+    {kTagParentPid, "ppid", 4},      {kTagUser, "user", 0},
+    {kTagContainer, "container", 0}, {kTagExitCode, "exitCode", 4},
+    {kTagSignal, "signal", 4},       {kTagAction, "action", 0},
+    {kTagDigest, "sha256", 0},       {kTagChange, "change", 0},
+    {kTagOldPath, "oldPath", 0},     {kTagPath, "path", 0},
     {kTagCmdLine, "cmdLine", 0},
 };
 static_assert(std::tuple_size_v<decltype(Report::items)> == std::size(kItemKinds) + 1);
@@ -116,21 +120,6 @@ std::size_t LetterLength(std::string_view text)
     return code >= kLeast[length - 2] && code <= 0x10FFFF && !surrogate ? length : 0;
 }
 
-void AppendPrintable(std::string& line, std::string_view text)
-{
-    while (!text.empty()) {
-        const std::size_t length = LetterLength(text);
-        line.append(length == 0 ? "?" : text.substr(0, length));
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
-}
-
-std::int64_t NowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
-
 std::string LocalTime(std::int64_t timeMs)
 {
     const int milliseconds = static_cast<int>((timeMs % 1000 + 1000) % 1000);
@@ -195,8 +184,7 @@ std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Repor
 std::string ReportText(const Sender& sender, const Report& report)
 {
     const std::int64_t* timeMs = Number(report, kTagTime);
-    std::string line = LocalTime(timeMs == nullptr ? NowMs() : *timeMs);
-    line.append(" agent ").append(std::to_string(sender.number)).append(" ");
+    std::string line = LineStart(sender, timeMs == nullptr ? NowMs() : *timeMs);
     if (report.type == nullptr) {
         line.append("type=").append(std::to_string(report.header.type));
         line.append(" seq=").append(std::to_string(report.header.seq));
@@ -234,4 +222,24 @@ std::string ReportJson(const Sender& sender, const Report& report)
     }
     // Only ASCII: other control characters than the first 32 would stay as they are.
     return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::int64_t NowMs()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+std::string LineStart(const Sender& sender, std::int64_t timeMs)
+{
+    return LocalTime(timeMs) + " agent " + std::to_string(sender.number) + " ";
+}
+
+void AppendPrintable(std::string& line, std::string_view text)
+{
+    while (!text.empty()) {
+        const std::size_t length = LetterLength(text);
+        line.append(length == 0 ? "?" : text.substr(0, length));
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
 }

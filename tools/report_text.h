@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include "basecomm.h"
@@ -18,7 +19,7 @@ struct Sender {
 struct Report {
     NEUtils::SentrelAgentMsg header = {};
     const char* type = nullptr;                                                     // null: unknown
-    std::array<std::variant<std::monostate, std::int64_t, std::string>, 14> items;  // by tag
+    std::array<std::variant<std::monostate, std::int64_t, std::string>, 16> items;  // by tag
 };
 
 // The body must be the header's length. Gives what is wrong with it, or nothing.
@@ -27,3 +28,8 @@ std::string ReadReport(const NEUtils::SentrelAgentMsg& header, unsigned char* bo
 // One line, without its end. What came from the agent cannot steer a terminal.
 std::string ReportText(const Sender& sender, const Report& report);
 std::string ReportJson(const Sender& sender, const Report& report);
+
+// What such lines are made of.
+std::int64_t NowMs();
+std::string LineStart(const Sender& sender, std::int64_t timeMs);
+void AppendPrintable(std::string& line, std::string_view text);

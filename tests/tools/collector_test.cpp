@@ -1,7 +1,9 @@
 // The collector as agents meet it: a real process on real sockets.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <cstring>
@@ -13,6 +15,30 @@
 #include "util/unique_fd.h"
 
 namespace {
+
+std::string Item(std::uint16_t tag, const std::string& value)
+{
+    const auto length = static_cast<std::uint16_t>(value.size());
+    std::string item(4, '\0');
+    std::memcpy(item.data(), &tag, 2);
+    std::memcpy(&item[2], &length, 2);
+    return item + value;
+}
+
+std::string Int(std::uint32_t value)
+{
+    return {reinterpret_cast<const char*>(&value), sizeof(value)};
+}
+
+std::string Text(const std::string& text)
+{
+    return text + '\0';
+}
+
+const std::string kTime = Item(kTagTime, std::string(8, '\0'));
+const std::string kExit = kTime + Item(kTagEvent, Int(kProcessExited)) + Item(kTagPid, Int(42)) +
+                          Item(kTagContainer, "f00d") + Item(kTagExitCode, Int(3)) +
+                          Item(kTagCmdLine, std::string("a\x1b[1m\x9b\xff\n\"b\0", 12));
 
 class CollectorTest : public testing::Test {
 protected:
@@ -45,12 +71,13 @@ protected:
     {
         return Eventually([&] { return Contains(Read(err_), text); });
     }
-    UniqueFd Connect() const
+    UniqueFd Connect() const { return Connect(path_); }
+    static UniqueFd Connect(const std::string& path)
     {
         UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
         EXPECT_EQ(connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
         const timeval limit = {20, 0};
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
@@ -76,30 +103,36 @@ protected:
         return Send(fd, request) && Receive(fd, 16) == Message(2, static_cast<unsigned char>(request[8]), "");
     }
 
+    UniqueFd ConnectAgent() const  // which the collector has noticed
+    {
+        UniqueFd agent = Connect();
+        EXPECT_TRUE(IsAnswered(agent, Message(1, 1, kExit)));
+        return agent;
+    }
+    // What a control client is told, up to an end or, without one, until the collector hangs up.
+    static std::string Told(const UniqueFd& client, const std::string& end = {})
+    {
+        std::string text;
+        for (char byte = 0; (end.empty() || !text.ends_with(end)) && recv(client.Get(), &byte, 1, 0) == 1;) {
+            text.push_back(byte);
+        }
+        return text;
+    }
+    std::string Ask(const std::string& lines) const
+    {
+        const UniqueFd client = Connect(control_);
+        EXPECT_TRUE(Send(client, lines));
+        shutdown(client.Get(), SHUT_WR);
+        return Told(client);
+    }
+
     const TempDir folder_;
     const std::string path_ = folder_ / "socket";
+    const std::string control_ = folder_ / "control";
     const std::string out_ = folder_ / "out";
     const std::string err_ = folder_ / "err";
     pid_t pid_ = 0;
 };
-
-std::string Item(std::uint16_t tag, const std::string& value)
-{
-    const auto length = static_cast<std::uint16_t>(value.size());
-    std::string item(4, '\0');
-    std::memcpy(item.data(), &tag, 2);
-    std::memcpy(&item[2], &length, 2);
-    return item + value;
-}
-
-std::string Int(std::uint32_t value)
-{
-    return {reinterpret_cast<const char*>(&value), sizeof(value)};
-}
-
-const std::string kTime = Item(kTagTime, std::string(8, '\0'));
-const std::string kExit = kTime + Item(kTagEvent, Int(kProcessExited)) + Item(kTagPid, Int(42)) +
-                          Item(kTagExitCode, Int(3)) + Item(kTagCmdLine, std::string("a\x1b[1m\x9b\xff\n\"b\0", 12));
 
 }  // namespace
 
@@ -114,9 +147,12 @@ TEST_F(CollectorTest, PrintsAndAnswersWholeMessages)
     EXPECT_EQ(Receive(agent, 16), Message(2, 7, ""));
     ASSERT_TRUE(Send(agent, Message(4, 8, "") + Message(99, 9, "?")));  // a response; a type that nobody knows
     EXPECT_EQ(Receive(agent, 16), Message(100, 9, ""));
-    EXPECT_TRUE(IsAnswered(agent, Message(1, 1, kExit)));
+    const std::string digest = Item(kTagPath, "/x") + Item(kTagDigest, "12") + Item(kTagAction, "digest");
+    ASSERT_TRUE(Send(agent, Message(kMsgFile, 10, digest)));
+    EXPECT_EQ(Receive(agent, 16), Message(6, 10, ""));
     EXPECT_EQ(End(), 0);
-    EXPECT_TRUE(Prints(" exited pid=42 exitCode=3 cmdLine=a?[1m???\"b\n")) << Read(out_);
+    EXPECT_TRUE(Prints(" file action=digest sha256=12 path=/x\n"));
+    EXPECT_TRUE(Prints(" exited pid=42 container=f00d exitCode=3 cmdLine=a?[1m???\"b\n")) << Read(out_);
     EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=3 ")) << Read(out_);
     EXPECT_FALSE(fs::exists(path_));
 
@@ -204,6 +240,8 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
         {"--listen unix:" + std::string(108, 'x'), "2 sentrel-collector: "},
         {"--listen http:x", "2 sentrel-collector: --listen 'http:x' "},
         {"--listen unix:x --count many", "2 sentrel-collector: --count 'many' "},
+        {"--control tcp:127.0.0.1:1", "2 sentrel-collector: --control 'tcp:127.0.0.1:1' "},
+        {"--listen unix:x --control - <&-", "1 sentrel-collector: --control -: standard input is closed"},
         {"--listen unix:" + folder_.Path(), "1 sentrel-collector: "},
         {"--listen tcp:192.0.2.1:1", "1 sentrel-collector: "},
     };
@@ -220,4 +258,193 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
     ASSERT_EQ(bind(stale.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     Listen("");  // over the socket that nobody listens on
     EXPECT_EQ(End(), 0);
+}
+
+TEST_F(CollectorTest, CommandsReachEveryAgentAndTheirAnswersWhoAsked)
+{
+    const std::string policy = folder_ / "a policy";
+    const std::string text(3000, 'p');
+    Write(policy, text);
+    const std::string request = Item(kTagFeature, Text("file_access")) + Item(kTagEnable, Int(1));
+    const std::string pieces = Item(kTagPolicy, text.substr(0, 2048)) + Item(kTagPolicy, text.substr(2048));
+    const std::string status =
+        R"({"pid":7,"features":[{"name":"a","status":"started"},7,{"name":"b","status":"x\ny"}]})";
+    const std::string parts = Item(kTagStatus, status.substr(0, 20)) + Item(kTagStatus, status.substr(20));
+    for (const std::string json : {"", "--json "}) {
+        Listen(json + "--control unix:" + control_);
+        EXPECT_EQ(fs::status(control_).permissions(), fs::perms(0600));
+        const UniqueFd agents[] = {ConnectAgent(), ConnectAgent()};
+        const UniqueFd client = Connect(control_);
+        ASSERT_TRUE(Send(client, "policy file_access on " + policy + "\npolicy file_access off\r\nstatus\n"));
+        for (const UniqueFd& agent : agents) {
+            const std::string off = Item(kTagFeature, Text("file_access")) + Item(kTagEnable, Int(0));
+            const std::string all = Message(9, 1, request + pieces) + Message(9, 2, off) + Message(11, 3, "");
+            EXPECT_EQ(Receive(agent, all.size()), all);
+            ASSERT_TRUE(Send(agent, Message(12, 3, parts + Item(kTagResult, Int(0)))));
+            ASSERT_TRUE(Send(agent, Message(10, 1, Item(kTagResult, Int(0)) + parts)));
+            ASSERT_TRUE(Send(agent, Message(10, 2, Item(kTagResult, Int(3)) + Item(kTagReason, "no\x1b"))));
+        }
+        const std::string done = json.empty() ? "done: sent=2 answered=2\n"
+                                              : R"({"command":"done","sent":2,"answered":2})"
+                                                "\n";
+        const std::string told = Told(client, done) + Told(client, done) + Told(client, done);
+        EXPECT_EQ(End(), 0);
+        for (
+            const std::string& line :
+            json.empty()
+                ? Strings{" agent 2 policy file_access on: done; a=started b=x?y\n",
+                          " agent 2 policy file_access off: refused: no?\n", " agent 1 status " + status + "\n"}
+                : Strings{
+                      R"("type":"answer","command":"status","result":0,"status":{"features":[{"name":"a",)",
+                      R"("command":"policy","feature":"file_access","enable":false,"result":3,"reason":"no\u001b"})"}) {
+            EXPECT_TRUE(Contains(told, line) && Prints(line)) << line << told;
+        }
+        EXPECT_TRUE(Prints(json.empty() ? "messages=2 ignored=0" : R"("messages":2,"ignored":0)"));
+    }
+}
+
+// Whoever asks is told what is wrong, each line by itself, and nothing of it is sent.
+TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
+{
+    const auto file = [this](const std::string& name, const std::string& content) {
+        Write(folder_ / name, content);
+        return "policy a on " + folder_ / name;
+    };
+    const std::string fifo = folder_ / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::pair<std::string, std::string> rows[] = {
+        {"# frob", ""},
+        {" ", ""},
+        {"frob\x1b[1m", "'frob?[1m' is no command, help lists them"},
+        {"status now", "status takes nothing, but 'now' follows"},
+        {Text("status"), "the line has a NUL byte"},
+        {std::string(9000, 'x'), "a line has more than 4096 bytes"},
+        {"policy a", "policy needs a FEATURE and on or off"},
+        {"policy a/b on", "'a/b' is no feature: 1 to 64 letters, digits, _ and -"},
+        {"policy " + std::string(65, 'a') + " on",
+         "'" + std::string(65, 'a') + "' is no feature: 1 to 64 letters, digits, _ and -"},
+        {"policy a maybe", "'maybe' is neither on nor off"},
+        {"policy a on /none", "cannot take '/none': No such file or directory"},
+        {"policy a on " + fifo, "cannot take '" + fifo + "': it is not a regular file"},
+        {file("big", std::string(60001, 'x')), "cannot take '" + folder_ / "big" + "': it has more than 60000 bytes"},
+        {file("nul", Text("x")), "cannot take '" + folder_ / "nul" + "': it has a NUL byte"},
+        {file("empty", ""), "cannot take '" + folder_ / "empty" + "': it is empty"},
+    };
+    std::string lines;
+    std::string expected;
+    for (const auto& [line, fault] : rows) {
+        lines += line + "\n";
+        expected += fault.empty() ? "" : "error: " + fault + "\n";
+    }
+    lines += "status";  // the last one needs no end
+    expected += "done: sent=0 answered=0\n";
+    Write(folder_ / "lines", lines);
+    const UniqueFd pipe(open(fifo.c_str(), O_RDWR));
+    const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_TRUE(grantpt(terminal.Get()) == 0 && unlockpt(terminal.Get()) == 0);
+    int sockets[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    const UniqueFd ends[] = {UniqueFd(sockets[0]), UniqueFd(sockets[1])};
+    for (const std::string& input : {folder_ / "lines", fifo, std::string(ptsname(terminal.Get())),
+                                     "&" + std::to_string(sockets[1]), std::string("/dev/null")}) {
+        Listen("--control - --control unix:" + control_ + " <" + input);
+        if (input == fifo || input[0] == '&') {
+            ASSERT_EQ(write(input == fifo ? pipe.Get() : sockets[0], (lines + "\n").data(), lines.size() + 1),
+                      static_cast<ssize_t>(lines.size() + 1));
+        }
+        EXPECT_TRUE(input.starts_with("/dev/") || Says(expected)) << input << Read(err_);
+        const UniqueFd agent = ConnectAgent();  // an end of the input is none of the collector
+        if (input.starts_with("/dev/pts")) {
+            ASSERT_EQ(write(terminal.Get(), "status\n", 7), 7);
+            EXPECT_EQ(Receive(agent, 16), Message(11, 1, ""));
+        }
+        EXPECT_EQ(End(), 0);
+    }
+    Listen("--control unix:" + control_);
+    EXPECT_EQ(Ask(lines), expected);
+    EXPECT_TRUE(Contains(Ask("help\n"), "policy FEATURE on|off [FILE]"));
+    EXPECT_EQ(End(), 0);
+}
+
+TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
+{
+    Listen("--control unix:" + control_);
+    const std::string good = Item(kTagResult, Int(0));
+    const auto deep = [&good](const std::string& open, const std::string& close) {
+        std::string pieces = good;
+        for (std::string text = open + std::string(30000, '[') + std::string(30000, ']') + close; !text.empty();) {
+            pieces += Item(kTagStatus, text.substr(0, 2048));
+            text.erase(0, 2048);
+        }
+        return pieces;
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {"", "the body is empty or not made of whole items"},
+        {good + "x", "the body is empty or not made of whole items"},
+        {Item(kTagStatus, "{}"), "result is missing"},
+        {Item(kTagResult, "xx"), "result has 2 bytes"},
+        {good, "status is missing"},
+        {good + Item(kTagStatus, "[]"), "status is no JSON object"},
+        {good + Item(kTagStatus, R"({"a":1e999})"), "status is no JSON object"},
+        {good + Item(kTagStatus, "{\"a\":\"\xff\"}"), "status is no JSON object"},
+        {deep("", ""), "status is nested too deeply"},
+        {deep("{\"a\":", "}"), "status is nested too deeply"},
+        {deep("{\"a\":\"", std::string(9000, 'x') + "\"}"), "status has more than 65536 bytes"},
+    };
+    std::uint32_t seq = 0;
+    for (const auto& [body, fault] : rows) {
+        const UniqueFd agent = ConnectAgent();
+        const UniqueFd client = Connect(control_);
+        ASSERT_TRUE(Send(client, "status\n"));
+        EXPECT_EQ(Receive(agent, 16), Message(11, ++seq, ""));
+        ASSERT_TRUE(Send(agent, Message(12, seq, body)));
+        EXPECT_EQ(Told(client, "\n"), "done: sent=1 answered=0\n");
+        EXPECT_TRUE(Says(") refused: " + fault)) << fault << Read(err_);
+        EXPECT_EQ(Receive(agent, 1), "");
+    }
+    const UniqueFd silent = ConnectAgent();
+    const UniqueFd agent = ConnectAgent();
+    UniqueFd dying = ConnectAgent();
+    const UniqueFd gone = Connect(control_);
+    const UniqueFd client = Connect(control_);
+    ASSERT_TRUE(Send(client, "policy a on\n") && Receive(agent, 4 + 16 + 6 + 4).size() == 30);
+    const std::string answer = good + Item(kTagStatus, R"({"features":[{"name":7,"status":"x"},[],{"name":"a"}]})");
+    for (const auto& [type, number] : {std::pair(10U, seq + 2), {12U, seq + 1}, {10U, seq + 1}, {10U, seq + 1}}) {
+        ASSERT_TRUE(Send(agent, Message(type, number, answer)));
+    }
+    ASSERT_TRUE(Send(gone, "status\n") && Receive(dying, 30 + 16).size() == 46);
+    shutdown(gone.Get(), SHUT_RDWR);
+    dying.Reset();
+    EXPECT_TRUE(Told(client, "\n").ends_with(" policy a on: done\n"));
+    EXPECT_EQ(Told(client, "\n"), "done: sent=3 answered=1\n");  // after the time that the silent one has
+    EXPECT_TRUE(IsAnswered(silent, Message(1, 1, kExit)) || true);
+    EXPECT_EQ(End(), 0);
+    EXPECT_TRUE(Prints(" ignored=3 ") && Prints(" refused=11 ")) << Read(out_);
+}
+
+// Neither side makes the collector wait, or keep more than so much.
+TEST_F(CollectorTest, StalledClientsAndAgentsHoldNothingUp)
+{
+    Write(folder_ / "policy", std::string(60000, 'p'));
+    Listen("--control unix:" + control_);
+    std::vector<UniqueFd> clients;
+    for (int i = 0; i < 16; ++i) {
+        clients.push_back(Connect(control_));
+    }
+    EXPECT_EQ(Told(Connect(control_)), "error: too many clients\n");
+    std::string helps;
+    for (int i = 0; i < 1000; ++i) {
+        helps += "help\n";
+    }
+    while (send(clients[0].Get(), helps.data(), helps.size(), MSG_NOSIGNAL) > 0) {  // until it is dropped
+    }
+    const UniqueFd agent = ConnectAgent();
+    std::string policies;
+    for (int i = 0; i < 16; ++i) {
+        policies += "policy a on " + folder_ / "policy" + "\n";
+    }
+    ASSERT_TRUE(Send(clients[1], policies));
+    EXPECT_EQ(Told(clients[1], "\n"), "done: sent=0 answered=0\n");
+    EXPECT_EQ(End(), 0);
+    EXPECT_TRUE(Told(clients[1]).ends_with("done: sent=1 answered=0\n"));
 }

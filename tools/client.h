@@ -1,0 +1,36 @@
+#pragma once
+
+#include <event2/buffer.h>
+#include <event2/event.h>
+
+#include <cstddef>
+
+#include "commands.h"
+#include "connection.h"
+
+// Reads commands, a line each, and runs a few of them at a time.
+class Client : public Asker {
+public:
+    Client(Collector& collector, Commands& commands);
+    void OnCommandEnded() override;
+
+protected:
+    virtual void Serve() = 0;      // takes what has come
+    void ServeSoon();              // from the event loop
+    void TakeLines(evbuffer* in);  // runs them while it may
+    bool HasRoom() const;          // for one more command
+    bool IsDone() const { return ended_ && underWay_ == 0; }
+
+    bool ended_ = false;  // no more will come
+
+private:
+    static void OnResume(int fd, short what, void* self);
+
+    bool TakeLine(evbuffer* in);
+    bool SkipLongLine(evbuffer* in, std::size_t length, std::size_t end);
+
+    Commands& commands_;
+    EventPtr<event> resume_;
+    std::size_t underWay_ = 0;
+    bool skipping_ = false;  // the rest of a line that is too long
+};

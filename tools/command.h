@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// What the agents are told to do.
+struct Command {
+    std::uint32_t type = 0;  // 0: nothing for them
+    bool isHelp = false;
+    std::string feature;  // of kMsgPolicy, as what follows
+    bool enable = false;
+    std::string policy;  // empty: none
+};
+
+inline constexpr std::size_t kMaxCommandLine = 4096;
+
+// Reads a line, without its end, and the file that it may name. Gives what is wrong with it, or nothing.
+std::string ParseCommand(const std::string& line, Command& command);
+
+// The request for the agents.
+std::string CommandMessage(const Command& command, std::uint32_t seq);
+
+// As in the line that it came from, without the file.
+std::string CommandName(const Command& command);

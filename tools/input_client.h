@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "client.h"
+
+// Standard input, of whatever kind; is answered on standard error.
+class InputClient final : public Client {
+public:
+    InputClient(Collector& collector, Commands& commands);
+    ~InputClient() override;
+
+    // Gives why it cannot be read, or nothing.
+    std::string Open(event_base* base);
+    void Finish();  // runs no more commands
+
+    void Say(const std::string& line) override;
+
+private:
+    static void OnReady(int fd, short what, void* self);
+
+    void Serve() override;
+    void Close();
+    bool Wait();
+    void ReadSome();
+    ssize_t Read(char* bytes, std::size_t size) const;
+
+    EventPtr<evbuffer> in_;
+    EventPtr<event> ready_;
+    int fd_ = -1;
+    bool isSocket_ = false;
+    bool isWaitable_ = false;
+};
