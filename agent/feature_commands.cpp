@@ -74,8 +74,8 @@ void FeatureCommands::Queue(const Command& command)
     }
     if (full) {
         Answer(command, {kCommandBusy, "16 commands wait already"}, {});
-    } else {
-        job_.Request();
+    } else if (!job_.Request()) {
+        NE_LOG(WARN, "The pool takes no more jobs, commands wait.");  // for the next one
     }
 }
 
@@ -136,7 +136,10 @@ FeatureHost::Outcome FeatureCommands::ApplyPolicy(Command& command)
     if (!items[kTagEnable].AsInt(enable) || enable < 0 || enable > 1) {
         return Malformed("it says neither on nor off");
     }
-    const bool hasText = items.JoinText(kTagPolicy, text);
+    const bool hasText = items.Has(kTagPolicy);
+    if (hasText && !items.JoinText(kTagPolicy, text)) {
+        return Malformed("an item of its policy is longer than 2048 bytes");
+    }
     if (text.find('\0') != std::string::npos) {
         return Malformed("its policy holds a zero byte");
     }

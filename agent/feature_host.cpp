@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <set>
 #include <utility>
 
@@ -31,10 +32,12 @@ public:
     static void OnRecord(const NENormalLog& record)
     {
         constexpr std::size_t kMost = 4096;
-        const std::string content = record.content;
-        const bool isReason = record.level >= WARN || content.compare(0, 16, "Try load library") == 0;
-        if (t_reasons != nullptr && isReason && t_reasons->size() < kMost) {
-            t_reasons->append(t_reasons->empty() ? "" : "; ").append(content);
+        constexpr char kLoader[] = "Try load library.";
+        if (t_reasons == nullptr || t_reasons->size() >= kMost) {
+            return;
+        }
+        if (record.level >= WARN || std::strncmp(record.content, kLoader, sizeof(kLoader) - 1) == 0) {
+            t_reasons->append(t_reasons->empty() ? "" : "; ").append(record.content);
         }
     }
 
@@ -42,8 +45,11 @@ private:
     std::string text_;
 };
 
-const char* NameOf(NEUtils::Manager::ModuleStatus status)
+const char* NameOf(NEUtils::Manager::ModuleStatus status, bool wanted)
 {
+    if (wanted && status != NEUtils::Manager::kStarted && status != NEUtils::Manager::kFailed) {
+        return "starting";
+    }
     constexpr const char* kNames[] = {"off", "loaded", "started", "stopped", "failed"};
     return kNames[status];
 }
@@ -58,10 +64,12 @@ FeatureHost::FeatureHost(const std::string& root) : folder_(root + "/lib/feature
 void FeatureHost::Start()
 {
     NEUtils::MessageBus::Subscribe(NEUtils::kNormalLog, kCollectorName, &Reasons::OnRecord);
-    auto policies = store_.Load();
+    std::vector<std::string> unusable;
+    auto policies = store_.Load(unusable);
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         policies_ = policies;
+        unusable_ = std::move(unusable);
     }
     manager_.UpdateModulePolicy(policies);
 }
@@ -130,8 +138,15 @@ FeatureHost::Outcome FeatureHost::Enable(const std::string& feature, const Polic
         return {};
     }
     Outcome refused = {NEUtils::kCommandRefused, reasons.GetText()};
+    if (refused.reason.empty()) {
+        refused.reason = "it does not start and says nothing";
+    }
     manager_.DestroyModule(feature);
     manager_.UpdateModulePolicy(former);
+    const auto before = former.find(feature);
+    if (before != former.end() && before->second.enable && !manager_.IsRunable(feature)) {
+        refused.reason += "; and with the former policy it does not start either";
+    }
     return refused;
 }
 
@@ -143,6 +158,12 @@ void FeatureHost::Disable(const std::string& feature, const Policy& policy)
     manager_.DestroyModule(feature);
 }
 
+std::vector<std::string> FeatureHost::GetUnusable() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return unusable_;
+}
+
 std::vector<FeatureHost::State> FeatureHost::GetStates() const
 {
     std::set<std::string> names;
@@ -150,13 +171,16 @@ std::vector<FeatureHost::State> FeatureHost::GetStates() const
         names.insert(Between(file, kPrefix, kSuffix));
     }
     names.erase("");
-    for (const auto& policy : Policies()) {
+    const auto policies = Policies();
+    for (const auto& policy : policies) {
         names.insert(policy.first);
     }
     std::vector<State> states;
     states.reserve(names.size());
     for (const std::string& name : names) {
-        states.push_back({name, NameOf(manager_.GetModuleStatus(name))});
+        const auto policy = policies.find(name);
+        const bool wanted = policy != policies.end() && policy->second.enable;
+        states.push_back({name, NameOf(manager_.GetModuleStatus(name), wanted)});
     }
     return states;
 }

@@ -11,10 +11,11 @@
 
 // The agent's features: which there are, what their policies are, and how one is changed.
 //
-// A policy that fails leaves everything as it was: the feature runs on with the former one. A feature that
+// A policy that fails is undone: the feature is started again with the former one. What happens between its stop
+// and that start it does not see. A feature that
 // is switched off is unloaded, so that the file that is there by then comes into use with the next policy.
 //
-// Threads  Start, Apply and Stop: one at a time. GetStates: any.
+// Threads  Start, Apply and Stop: one at a time. The rest: any.
 // Blocks   as long as the features' entry points do.
 class FeatureHost {
 public:
@@ -24,7 +25,7 @@ public:
     };
     struct State {
         std::string name;
-        std::string status;  // off, loaded, started, stopped or failed
+        std::string status;  // off, starting, started, failed, and in passing loaded or stopped
     };
 
     // Libraries and policies: <root>/lib/features, <root>/conf/policies.
@@ -35,6 +36,8 @@ public:
 
     // Without a text the former one goes on to hold. What succeeds is kept for the next start.
     Outcome Apply(const std::string& feature, bool enable, const std::optional<std::string>& text);
+
+    std::vector<std::string> GetUnusable() const;  // kept policies
 
     // Of all that are installed, loaded or have a policy.
     std::vector<State> GetStates() const;
@@ -50,4 +53,5 @@ private:
     NEUtils::Manager::ModuleManager manager_;
     mutable std::mutex mutex_;
     PolicyStore::Policies policies_;  // that hold; under mutex_
+    std::vector<std::string> unusable_;
 };

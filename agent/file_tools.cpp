@@ -44,6 +44,16 @@ std::string WriteNew(int folder, const std::string& name, const std::string& tex
     return fault;
 }
 
+// As far as it can: what is in the folder counts more.
+void SyncFolder(const std::string& folder)
+{
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+}
+
 std::string Replace(int folder, const std::string& name, const std::string& text)
 {
     const std::string beside = name + ".new";
@@ -96,7 +106,9 @@ std::string Between(const std::string& text, const std::string& before, const st
 
 std::string ReplaceFile(const std::string& folder, const std::string& name, const std::string& text)
 {
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (mkdir(folder.c_str(), 0700) == 0) {
+        SyncFolder(folder + "/..");
+    } else if (errno != EEXIST) {
         return folder + Fault(" cannot be made", errno);
     }
     const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

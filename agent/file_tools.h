@@ -14,5 +14,5 @@ std::vector<std::string> ListFolder(const std::string& path);
 std::string Between(const std::string& text, const std::string& before, const std::string& after);
 
 // Replaces a file in one step, with mode 0600: written beside it, synced, renamed, and the folder synced.
-// Gives what went wrong, or nothing; then the old file is still there.
+// Gives what went wrong, or nothing. A crash leaves the old or the new one; so does a fault.
 std::string ReplaceFile(const std::string& folder, const std::string& name, const std::string& text);

@@ -52,6 +52,7 @@ constexpr int kExitUsage = 2;
 constexpr int kExitNotWell = 3;
 constexpr unsigned int kLeastPoolThreads = 3;  // the server's check, policies and digests: none waits for another
 constexpr unsigned int kStopLimitSeconds = 10;
+constexpr int kRetryMs = 1000;
 constexpr char kRootVariable[] = "RUNTIME_CENTER_PATH";
 constexpr char kLogName[] = "AgentLog";
 constexpr char kConsoleName[] = "AgentConsole";
@@ -110,7 +111,8 @@ FeatureHost& Features()
 
 const Status& OwnStatus()
 {
-    static const auto& status = *new Status(Features(), Server(), Tasks());
+    static const auto& status =
+        *new Status(Features(), Server(), Tasks(), g_config.memoryLimitKiB, g_config.cpuLimitPercent);
     return status;
 }
 
@@ -307,10 +309,14 @@ void ServeStatus(int signals)
 {
     pollfd wanted[] = {{signals, POLLIN, 0}, {Listener().GetFd(), POLLIN, 0}};
     while (wanted[0].revents == 0) {
-        const int ready = poll(wanted, std::size(wanted), -1);
-        const int client = ready > 0 && wanted[1].revents != 0 ? Listener().Accept() : -1;
+        if (poll(wanted, std::size(wanted), -1) <= 0 || wanted[1].revents == 0) {
+            continue;
+        }
+        const int client = Listener().Accept();
         if (client >= 0) {
             StatusSocket::Send(client, OwnStatus().ToJson());
+        } else {  // no descriptors left, say: whoever asks would be there again at once
+            poll(wanted, 1, kRetryMs);
         }
     }
 }
@@ -363,11 +369,11 @@ int AgentStop()
         signal(signo, SIG_IGN);
     }
     alarm(kStopLimitSeconds);  // a stop that hangs still ends
-    Commands().StopApplying();
-    Features().Stop();
-    if (g_watching) {
+    if (g_watching) {          // first: it ends the walk through a large tree that a feature may be waiting for
         NEUtils::Monitor::DeInitFileMonitor();
     }
+    Commands().StopApplying();
+    Features().Stop();
     if (g_linked) {
         Server().Stop();
     }

@@ -32,7 +32,7 @@ std::string Read(const std::string& path, NEUtils::Manager::Policy& policy)
 
 }  // namespace
 
-PolicyStore::Policies PolicyStore::Load() const
+PolicyStore::Policies PolicyStore::Load(std::vector<std::string>& unusable) const
 {
     Policies policies;
     for (const std::string& name : ListFolder(folder_)) {
@@ -45,6 +45,7 @@ PolicyStore::Policies PolicyStore::Load() const
         if (fault.empty()) {
             policies[feature] = std::move(policy);
         } else {
+            unusable.push_back(name);
             NE_LOG(ERROR, "Kept policy cannot be used.[file=%s reason=%s]", name.c_str(), fault.c_str());
         }
     }

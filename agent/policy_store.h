@@ -3,6 +3,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "module_manager.h"
 
@@ -14,8 +15,8 @@ public:
 
     explicit PolicyStore(std::string folder) : folder_(std::move(folder)) {}
 
-    // A file that cannot be used is one ERROR record.
-    Policies Load() const;
+    // A file that cannot be used is one ERROR record, and its name added.
+    Policies Load(std::vector<std::string>& unusable) const;
 
     // Replaces the file in one step; a crash leaves the old or the new one. Gives what went wrong, or nothing.
     std::string Save(const std::string& feature, const NEUtils::Manager::Policy& policy) const;

@@ -47,34 +47,57 @@ long MemoryKiB()
            (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-void AddProblem(Json& problems, bool isOne, const std::string& text)
-{
-    if (isOne) {
-        problems.push_back(text);
+// What is not well, in sentences.
+class Problems {
+public:
+    void AddIf(bool isOne, const std::string& text)
+    {
+        if (isOne) {
+            list_.push_back(text);
+        }
     }
+    Json Take() { return std::move(list_); }
+
+private:
+    Json list_ = Json::array();
+};
+
+std::string Count(std::uint64_t count, const char* of)
+{
+    return std::to_string(count) + of;
 }
 
-Json Features(const FeatureHost& features, Json& problems)
+Json Feature(const FeatureHost::State& state, Problems& problems)
 {
-    Json list = Json::array();
+    problems.AddIf(state.status == "failed", "feature " + state.name + " has failed");
+    Json feature = {{"name", state.name}, {"status", state.status}};
     const auto counters = FeatureCounters::All();
+    if (const auto found = counters.find(state.name); found != counters.end()) {
+        const FeatureCounters& own = *found->second;
+        const std::uint64_t lacking = own.lacking;
+        feature["watches"] = own.watches.load();
+        feature["lacking"] = lacking;
+        feature["seen"] = own.seen.load();
+        feature["filtered"] = own.filtered.load();
+        feature["lost"] = own.lost.load();
+        problems.AddIf(lacking > 0, "feature " + state.name + " cannot watch " + Count(lacking, " of its paths"));
+    }
+    return feature;
+}
+
+Json Features(const FeatureHost& features, Problems& problems)
+{
+    for (const std::string& file : features.GetUnusable()) {
+        problems.AddIf(true, "policy " + file + " cannot be used");
+    }
+    Json list = Json::array();
     for (const FeatureHost::State& state : features.GetStates()) {
-        Json feature = {{"name", state.name}, {"status", state.status}};
-        AddProblem(problems, state.status == "failed", "feature " + state.name + " has failed");
-        if (const auto found = counters.find(state.name); found != counters.end()) {
-            const FeatureCounters& own = *found->second;
-            const std::uint64_t lost = own.lost;
-            feature.update(
-                {{"watches", own.watches.load()}, {"seen", own.seen.load()}, {"filtered", own.filtered.load()}});
-            feature["lost"] = lost;
-            AddProblem(problems, lost > 0, "feature " + state.name + " has lost " + std::to_string(lost) + " events");
-        }
-        list.push_back(std::move(feature));
+        list.push_back(Feature(state, problems));
     }
     return list;
 }
 
-Json Threads(Json& problems)
+Json Threads(Problems& problems)
 {
     Json list = Json::array();
     // The guard runs, so this only looks it up.
@@ -85,9 +108,8 @@ Json Threads(Json& problems)
                         {"does", thread->GetRuntimeName()},
                         {"lastBeatSeconds", beat},
                         {"missedBeats", missed}});
-        AddProblem(
-            problems, missed >= kBadMisses,
-            "thread " + thread->GetName() + " has not come round for " + std::to_string(std::lround(beat)) + " s");
+        problems.AddIf(missed >= kBadMisses, "thread " + thread->GetName() + " has not come round for " +
+                                                 std::to_string(std::lround(beat)) + " s");
     }
     return list;
 }
@@ -101,50 +123,81 @@ Json Tasks(NEUtils::TaskManager& tasks)
     return list;
 }
 
-Json Queue(Json& problems)
+// Of all features together.
+Json Events()
 {
-    auto& reports = NEUtils::ReportQueue::GetInstance();
-    const std::uint64_t dropped = reports.GetDroppedCount();
-    AddProblem(problems, dropped > 0, std::to_string(dropped) + " reports were dropped");
-    return {{"reports", reports.GetCount()}, {"dropped", dropped}};
+    std::uint64_t seen = 0;
+    std::uint64_t filtered = 0;
+    std::uint64_t lost = 0;
+    for (const auto& [name, counters] : FeatureCounters::All()) {
+        seen += counters->seen;
+        filtered += counters->filtered;
+        lost += counters->lost;
+    }
+    return {{"seen", seen}, {"filtered", filtered}, {"lost", lost}};
 }
 
-// Events of all features together, and what the kernel's watches are.
-void AddSums(Json& status)
+Json Inotify(Problems& problems)
 {
-    Json events = {{"seen", 0}, {"filtered", 0}, {"lost", 0}};
-    for (const auto& [name, counters] : FeatureCounters::All()) {
-        events["seen"] = events["seen"].get<std::uint64_t>() + counters->seen;
-        events["filtered"] = events["filtered"].get<std::uint64_t>() + counters->filtered;
-        events["lost"] = events["lost"].get<std::uint64_t>() + counters->lost;
-    }
     auto& files = NEUtils::MonitorManager::GetInstance().GetInotifyMonitor();
-    status["events"] = std::move(events);
-    status["inotify"] = {{"watches", files.GetWatchCount()}, {"overflows", files.GetOverflowCount()}};
+    const std::size_t lacking = files.GetLackingCount();
+    problems.AddIf(lacking > 0, Count(lacking, " directories cannot be watched"));
+    return {{"watches", files.GetWatchCount()}, {"lacking", lacking}, {"overflows", files.GetOverflowCount()}};
 }
 
 }  // namespace
 
+// A loss stays a problem for an hour after it was first told, so that an alarm can end.
+bool Status::IsNews(const std::string& what, std::uint64_t count) const
+{
+    constexpr std::chrono::hours kNews{1};
+    const auto now = Steady::now();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Loss& loss = losses_[what];
+    if (count != loss.count) {
+        loss = {count, now};
+    }
+    return count > 0 && now - loss.since < kNews;
+}
+
 std::string Status::ToJson() const
 {
-    using std::chrono::duration_cast;
-    const auto uptime = duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_);
-    Json problems = Json::array();
+    Problems problems;
     const std::string channel = server_.GetState();
-    AddProblem(problems, channel == "down", "no connection to the server");
-    Json queue = Queue(problems);
+    problems.AddIf(channel == "down", "no connection to the server");
+    auto& reports = NEUtils::ReportQueue::GetInstance();
+    const std::uint64_t dropped = reports.GetDroppedCount();
+    problems.AddIf(IsNews("reports", dropped), Count(dropped, " reports were dropped"));
+    for (const auto& [name, counters] : FeatureCounters::All()) {
+        const std::uint64_t lost = counters->lost;
+        problems.AddIf(IsNews(name, lost), "feature " + name + " has lost " + Count(lost, " events"));
+    }
+    const long memoryKiB = MemoryKiB();
+    const double cpuPercent = Rounded(GetCpuUsage());
+    problems.AddIf(memoryLimitKiB_ > 0 && memoryKiB > memoryLimitKiB_, "memory is above GUARD_MEMORY_KIB");
+    problems.AddIf(cpuLimitPercent_ > 0 && cpuPercent > cpuLimitPercent_, "processor time is above GUARD_CPU_PERCENT");
     Json features = Features(features_, problems);
+    Json inotify = Inotify(problems);
     Json threads = Threads(problems);
-    Json status = {{"version", AGENT_VERSION},        {"pid", getpid()},
-                   {"uptimeSeconds", uptime.count()}, {"well", problems.empty()},
-                   {"problems", std::move(problems)}, {"channel", channel},
-                   {"queue", std::move(queue)},       {"features", std::move(features)}};
-    AddSums(status);
-    status["threads"] = std::move(threads);
-    status["tasks"] = Tasks(tasks_);
-    status["self"] = {{"cpuPercent", Rounded(GetCpuUsage())},
-                      {"cpuSeconds", Rounded(CpuSeconds())},
-                      {"memoryKiB", MemoryKiB()},
-                      {"descriptors", ListFolder("/proc/self/fd").size() - 1}};  // but for the one that lists
+    Json list = problems.Take();
+    const Json status = {
+        {"version", AGENT_VERSION},
+        {"pid", getpid()},
+        {"uptimeSeconds", std::chrono::duration_cast<std::chrono::seconds>(Steady::now() - started_).count()},
+        {"well", list.empty()},
+        {"problems", std::move(list)},
+        {"channel", channel},
+        {"queue", {{"reports", reports.GetCount()}, {"dropped", dropped}}},
+        {"features", std::move(features)},
+        {"events", Events()},
+        {"inotify", std::move(inotify)},
+        {"threads", std::move(threads)},
+        {"tasks", Tasks(tasks_)},
+        {"self",
+         {{"cpuPercent", cpuPercent},
+          {"cpuSeconds", Rounded(CpuSeconds())},
+          {"memoryKiB", memoryKiB},
+          {"descriptors", ListFolder("/proc/self/fd").size() - 1}}},  // but for the one that lists
+    };
     return status.dump(-1, ' ', true, Json::error_handler_t::replace);
 }

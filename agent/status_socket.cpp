@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -119,7 +120,9 @@ std::string StatusSocket::Ask(const std::string& folder, std::string& text)
 {
     const Place place(folder);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answered = fd >= 0 && place.Connect(fd) && ReadAll(fd, text);
+    const timeval limit = {std::chrono::seconds(kAnswerLimit).count(), 0};  // also of a connect that has to wait
+    const bool answered = fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0 &&
+                          place.Connect(fd) && ReadAll(fd, text);
     const int error = errno;
     if (fd >= 0) {
         close(fd);
@@ -127,6 +130,9 @@ std::string StatusSocket::Ask(const std::string& folder, std::string& text)
     if (answered) {
         return {};
     }
-    const bool absent = error == ENOENT || error == ECONNREFUSED;
-    return absent ? "no agent runs from there" : "the agent does not answer: " + std::string(std::strerror(error));
+    if (error == ENOENT || error == ECONNREFUSED) {
+        return "no agent runs from there";
+    }
+    const bool late = error == EAGAIN || error == ETIMEDOUT;
+    return late ? "the agent does not answer" : "the agent cannot be asked: " + std::string(std::strerror(error));
 }

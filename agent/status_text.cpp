@@ -40,8 +40,9 @@ void AddFeatures(std::string& text, const Json& features)
         line.resize(line.size() < 18 ? 18 : line.size() + 1, ' ');
         line += Word(feature, "status");
         if (feature.contains("seen")) {
-            line += "  watches " + Word(feature, "watches") + ", seen " + Word(feature, "seen") + ", filtered " +
-                    Word(feature, "filtered") + ", lost " + Word(feature, "lost");
+            line += "  watches " + Word(feature, "watches") + ", lacks " + Word(feature, "lacking") + ", seen " +
+                    Word(feature, "seen") + ", filtered " + Word(feature, "filtered") + ", lost " +
+                    Word(feature, "lost");
         }
         AddLine(text, section, line);
     }
@@ -87,7 +88,8 @@ void AddAll(std::string& text, const Json& status)
         "seen " + Word(events, "seen") + ", filtered " + Word(events, "filtered") + ", lost " + Word(events, "lost"));
     const Json& inotify = status.at("inotify");
     AddLine(text, section = "inotify",
-            "watches " + Word(inotify, "watches") + ", overflows " + Word(inotify, "overflows"));
+            "watches " + Word(inotify, "watches") + ", lacks " + Word(inotify, "lacking") + ", overflows " +
+                Word(inotify, "overflows"));
     AddThreads(text, status.at("threads"));
     AddTasks(text, status.at("tasks"));
     const Json& self = status.at("self");

@@ -200,18 +200,21 @@ bool TLVAnalyzer::Analyze(bool swap)
 
 bool TLVAnalyzer::JoinText(std::uint16_t tag, std::string& text) const
 {
+    std::string joined;
     const auto [first, last] = offsets_.equal_range(tag);
-    if (first == last) {
-        return false;
-    }
-    text.clear();
     for (auto offset = first; offset != last; ++offset) {
         const TLVValue value = ParseTLV(data_ + offset->second);
+        if (value.GetTag() != tag) {
+            return false;
+        }
         if (value.GetData() != nullptr) {
-            text.append(reinterpret_cast<const char*>(value.GetData()), value.GetLength());
+            joined.append(reinterpret_cast<const char*>(value.GetData()), value.GetLength());
         }
     }
-    return true;
+    if (first != last) {
+        text = std::move(joined);
+    }
+    return first != last;
 }
 
 TLVValue TLVAnalyzer::operator[](std::uint16_t tag) const

@@ -56,6 +56,7 @@ public:
             close(stopEvent_);
         }
         counters_.watches = 0;
+        counters_.lacking = 0;
     }
     FileAccess(const FileAccess&) = delete;
     FileAccess& operator=(const FileAccess&) = delete;
@@ -66,22 +67,30 @@ public:
         const auto onAccess = [this](int pid, const std::string& path, std::uint64_t mask, bool) {
             Handle(pid, path, mask);
         };
-        if (!watcher_.Init(onAccess)) {
-            NE_LOG(ERROR, "Guarded files are not watched.[missing=CAP_SYS_ADMIN]");
+        if (!watcher_.Init(onAccess)) {  // for want of CAP_SYS_ADMIN, as a rule
+            NE_LOG(ERROR, "Guarded files are not watched.[errorInfo=%s]", std::strerror(errno));
             return false;
         }
         for (const FileGuard& guard : guards) {
-            if (watcher_.AddWatch(guard.path, guard.mask)) {
-                ++counters_.watches;
-                NE_LOG(INFO, "File is guarded.[path=%s]", guard.path.c_str());
-            } else {
-                NE_LOG(ERROR, "File cannot be guarded.[path=%s]", guard.path.c_str());
-            }
+            ++(Mark(guard) ? counters_.watches : counters_.lacking);
         }
         return counters_.watches > 0 && StartThread();
     }
 
 private:
+    // Each record about the agent's own log would be the next use of it, which the watcher tells by itself.
+    bool Mark(const FileGuard& guard) const
+    {
+        const bool isOwn = ownLog_.IsIn(guard.path);
+        if (!isOwn && watcher_.AddWatch(guard.path, guard.mask)) {
+            NE_LOG(INFO, "File is guarded.[path=%s]", guard.path.c_str());
+            return true;
+        }
+        NE_LOG(ERROR, "File cannot be guarded.[path=%s reason=%s]", guard.path.c_str(),
+               isOwn ? "the agent's own log is there" : std::strerror(errno));
+        return false;
+    }
+
     bool StartThread()
     {
         stopEvent_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

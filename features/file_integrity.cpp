@@ -24,7 +24,7 @@ using NEUtils::Monitor::FileWatchRule;
 
 constexpr char kFeature[] = "file_integrity";
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U;
-constexpr std::uint32_t kContentChange = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE;
+constexpr std::uint32_t kContentChange = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO;
 
 struct Settings {
     std::vector<FileWatchRule> rules;
@@ -68,6 +68,7 @@ public:
         }
         digests_.Stop();
         counters_.watches = 0;
+        counters_.lacking = 0;
     }
     FileIntegrity(const FileIntegrity&) = delete;
     FileIntegrity& operator=(const FileIntegrity&) = delete;
@@ -84,6 +85,7 @@ public:
             }
         }
         counters_.watches = watched_.size();
+        counters_.lacking = settings_.rules.size() - watched_.size();
         return !watched_.empty();
     }
 
@@ -107,7 +109,8 @@ private:
             .Add(NEUtils::kTagOldPath, event.oldPath)
             .Add(NEUtils::kTagPath, event.path)
             .Push();
-        const bool hasContent = !event.isDirectory && event.oldPath.empty() && (event.mask & kContentChange) != 0;
+        // A file is often replaced by renaming a new one.
+        const bool hasContent = !event.isDirectory && (event.mask & kContentChange) != 0;
         if (hasContent && settings_.digestMaxBytes > 0 && !digests_.Add(event.path)) {
             ++counters_.lost;
         }

@@ -19,6 +19,13 @@ OwnLog::OwnLog()
     }
 }
 
+bool OwnLog::IsIn(const std::string& path) const
+{
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+    return real != nullptr && !path_.empty() &&
+           (path_ == real.get() || path_.substr(0, path_.rfind('/')) == real.get());
+}
+
 bool OwnLog::Holds(const std::string& path) const
 {
     return !path_.empty() && path.compare(0, path_.size(), path_) == 0 &&

@@ -7,11 +7,11 @@
 
 namespace {
 
-// What a message may repeat of a text: a short piece, printable.
-std::string Shown(const std::string& text)
+// What a message may repeat of a text: a short piece.
+std::string Quoted(const std::string& text)
 {
     constexpr std::size_t kMost = 60;
-    return NEUtils::Printable(text.size() > kMost ? text.substr(0, kMost) + "..." : text);
+    return std::string("'").append(text, 0, kMost).append(text.size() > kMost ? "...'" : "'");
 }
 
 std::string ReadLine(const std::string& line, const PolicyKeys& keys)
@@ -21,15 +21,15 @@ std::string ReadLine(const std::string& line, const PolicyKeys& keys)
     }
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) {
-        return "'" + Shown(line) + "' has no '='";
+        return Quoted(line) + " has no '='";
     }
     const std::string value = line.substr(equals + 1);
     const auto key = keys.find(line.substr(0, equals));
     if (key == keys.end()) {
-        return "unknown key '" + Shown(line.substr(0, equals)) + "'";
+        return std::string("unknown key ").append(Quoted(line.substr(0, equals)));
     }
     const std::string fault = key->second(value);
-    return fault.empty() ? fault : key->first + ": '" + Shown(value) + "' " + fault;
+    return fault.empty() ? fault : key->first + ": " + Quoted(value) + " " + fault;
 }
 
 }  // namespace
@@ -59,5 +59,5 @@ std::string ReadNumber(const std::string& value, std::uint64_t most, std::uint64
 
 void LogRefusal(const char* feature, const std::string& reason)
 {
-    NE_LOG(ERROR, "Policy is refused.[feature=%s reason=%s]", feature, reason.c_str());
+    NE_LOG(ERROR, "Policy is refused.[feature=%s reason=%s]", feature, NEUtils::Printable(reason).c_str());
 }

@@ -88,6 +88,7 @@ void ProcessLog::OnFork(int parent, int child)
     }
     process.parentPid = parent;
     process.threads = 1;
+    process.certainIn = generation_;
     Remember(child) = std::move(process);
 }
 
@@ -106,6 +107,7 @@ void ProcessLog::OnExec(int pid)
     }
     Process& process = Remember(pid);
     process.threads = 1;  // the others have ended
+    process.certainIn = generation_;
     process.cmdLine = Process().cmdLine;
     ProcessUtils::ProcessStatus status;
     if (ProcessUtils::GetProcessStatus(pid, status)) {
@@ -131,7 +133,7 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     const auto found = processes_.find(pid);
     Process process;
     if (found != processes_.end()) {
-        if (--found->second.threads > 0) {
+        if (!HasEnded(thread, pid, found->second)) {
             return;
         }
         process = std::move(found->second);
@@ -148,6 +150,21 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     } else {
         Tell(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
     }
+}
+
+// Where its threads were not all counted, /proc is asked: a thread may have begun while the process was looked at,
+// or its beginning or end may be among the lost events.
+bool ProcessLog::HasEnded(int thread, int pid, Process& process) const
+{
+    process.threads -= process.threads > 0 ? 1 : 0;
+    if (process.certainIn == generation_ || (process.threads > 0 && thread != pid)) {
+        return process.threads == 0;
+    }
+    ProcessUtils::ProcessStatus status;
+    const bool isThere = ProcessUtils::GetProcessStatus(pid, status);
+    const unsigned int ended = status.state == 'Z' && status.threads > 0 ? 1 : 0;  // the first, still counted
+    process.threads = isThere ? status.threads - ended : 0;
+    return process.threads == 0;
 }
 
 bool ProcessLog::IsLeftOut(const Process& process, bool told)

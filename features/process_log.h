@@ -36,8 +36,11 @@ public:
 
     explicit ProcessLog(ProcessLogSettings settings) : settings_(std::move(settings)) {}
 
-    // Takes up the processes there are, and forgets all others: at the start, and after lost events.
+    // Takes up the processes there are, and forgets all others: at the start, and some time after lost events.
     void LoadRunningProcesses();
+
+    // Events were lost: what threads the known processes have is not certain any more.
+    void DoubtCounts() { ++generation_; }
 
     void Handle(const proc_event& event);
 
@@ -50,12 +53,14 @@ private:
         std::string container = {};
         std::string cmdLine = "(ended before it could be read)";
         unsigned int threads = 1;
+        unsigned int certainIn = 0;  // the generation in which all its threads were counted
     };
 
     void OnFork(int parent, int child);
     void OnNewThread(int pid);
     void OnExec(int pid);
     void OnThreadExit(int thread, int pid, unsigned int waitStatus);
+    bool HasEnded(int thread, int pid, Process& process) const;
     Process& Remember(int pid);
     void ForgetEnded();
     bool IsLeftOut(const Process& process, bool told);
@@ -65,5 +70,6 @@ private:
     std::unordered_map<int, Process> processes_;
     std::unordered_set<int> own_;  // this process's children and theirs
     std::size_t limit_ = 65536;
+    unsigned int generation_ = 1;
     std::uint64_t leftOut_ = 0;
 };

@@ -3,9 +3,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "entry.h"
@@ -17,7 +19,11 @@
 
 namespace {
 
+using NEUtils::ProcessMonitor;
+
 constexpr char kFeature[] = "process_watch";
+constexpr int kStartMs = 2000;
+constexpr std::chrono::seconds kQuiet{1};
 
 bool IsFirstNamespace(const char* path, const char* first)
 {
@@ -59,15 +65,7 @@ std::string TakeExclude(const std::string& value, ProcessLogSettings& settings)
 // Watches as long as it lives. There is one at a time.
 class ProcessWatch {
 public:
-    explicit ProcessWatch(ProcessLogSettings settings) : log_(std::move(settings))
-    {
-        log_.LoadRunningProcesses();
-        monitor_.SetEventKinds(ProcessLog::kEventKinds);
-        s_watch = this;
-        monitor_.AddProcessEventCallback(&ProcessWatch::OnEvent);
-        monitor_.StartProcessMonitor();
-        counters_.watches = 1;
-    }
+    explicit ProcessWatch(ProcessLogSettings settings) : log_(std::move(settings)) {}
     ~ProcessWatch()
     {
         monitor_.StopProcessMonitor();
@@ -77,7 +75,29 @@ public:
     ProcessWatch(const ProcessWatch&) = delete;
     ProcessWatch& operator=(const ProcessWatch&) = delete;
 
+    // False, with a record, if the kernel does not send events.
+    bool Start()
+    {
+        monitor_.SetEventKinds(ProcessLog::kEventKinds);
+        monitor_.StartProcessMonitor();
+        for (int ms = 0; monitor_.GetPhase() == ProcessMonitor::kStarting && ms < kStartMs; ++ms) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (monitor_.GetPhase() != ProcessMonitor::kListening) {
+            NE_LOG(ERROR, "Process events are not watched.[missing=the kernel's process connector]");
+            return false;
+        }
+        // While it searches for its white list, events wait: no process that begins now is missed.
+        log_.LoadRunningProcesses();
+        s_watch = this;
+        monitor_.AddProcessEventCallback(&ProcessWatch::OnEvent);
+        counters_.watches = 1;
+        return true;
+    }
+
 private:
+    using Steady = std::chrono::steady_clock;
+
     // The seen, filtered and lost events of one start.
     struct Figures {
         std::uint64_t seen = 0;
@@ -89,8 +109,12 @@ private:
 
     void Handle(const proc_event& event)
     {
-        if (monitor_.GetLostEventCount() != counted_.lost) {  // who has ended since is not known any more
-            log_.LoadRunningProcesses();
+        if (monitor_.GetLostEventCount() != counted_.lost) {
+            log_.DoubtCounts();
+            lossAt_ = Steady::now();
+        } else if (lossAt_ != Steady::time_point() && Steady::now() - lossAt_ > kQuiet) {
+            log_.LoadRunningProcesses();  // takes a while, in which more would be lost
+            lossAt_ = {};
         }
         log_.Handle(event);
         Count();
@@ -110,8 +134,9 @@ private:
 
     NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeature);
     Figures counted_;
+    Steady::time_point lossAt_;
     ProcessLog log_;
-    NEUtils::ProcessMonitor monitor_;
+    ProcessMonitor monitor_;
 };
 
 ProcessWatch* ProcessWatch::s_watch = nullptr;
@@ -133,7 +158,11 @@ bool Start(const std::string& policy)
         NE_LOG(ERROR, "Process events are not watched.[missing=%s]", missing);
         return false;
     }
-    g_watch = std::make_unique<ProcessWatch>(std::move(settings));
+    auto watch = std::make_unique<ProcessWatch>(std::move(settings));
+    if (!watch->Start()) {
+        return false;
+    }
+    g_watch = std::move(watch);
     return true;
 }
 

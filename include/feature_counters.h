@@ -18,6 +18,7 @@ struct FeatureCounters {
     std::atomic<std::uint64_t> filtered{0};  // of these, those that it left out
     std::atomic<std::uint64_t> lost{0};      // events that it knows it did not get
     std::atomic<std::uint64_t> watches{0};   // what it watches at the moment
+    std::atomic<std::uint64_t> lacking{0};   // what it should watch besides, and cannot
 
     // The counters of a feature, made where there are none; valid for good.
     NEUTILS_API static FeatureCounters& Of(const std::string& feature);

@@ -31,7 +31,8 @@ public:
     bool RemoveRule(const Monitor::FileWatchRule& rule) override;
     void ReadEvent() override;  // returns at once where there was no Init
 
-    std::size_t GetWatchCount();  // of the kernel's watches
+    std::size_t GetWatchCount();    // of the kernel's watches
+    std::size_t GetLackingCount();  // of directories that rules lack a watch for
 
     // How often the kernel's queue has overflowed since Init.
     std::uint64_t GetOverflowCount();

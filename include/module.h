@@ -62,7 +62,8 @@ public:
     // failed module stays as it is.
     void AdjustModule(const std::string& directory, bool enable, const Policy& policy);
 
-    // Stops it if it is started, with the policy of its start, and deinitialises it if it was initialised.
+    // Stops it if it is started, with the policy of its start, and deinitialises it if it was initialised. A
+    // failed module stays failed.
     void StopAndDeinit();
 
     // The same, then closes the library: status 0, failed or not. It can be loaded again.

@@ -6,7 +6,8 @@
 // once it is loaded, and one without all four is closed again.
 //
 // Order    InitModule, any number of StartModule and StopModule in turn, DeinitModule; and again.
-// Threads  any, one call at a time.
+// Threads  any, one call at a time. After a crash StopModule and DeinitModule run in the signal handler of the
+//          thread that had it, which may be the module's own: it must not wait for itself.
 // Owns     the policy text belongs to the caller and is valid during the call only.
 // Errors   InitModule and StartModule give 0 on failure and have then left nothing behind. What the other
 //          two give is not looked at. No exception may leave them.

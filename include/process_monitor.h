@@ -53,6 +53,9 @@ public:
 
     static constexpr std::uint32_t kAllEventKinds = 0xFFFFFFFFU;
 
+    // What its thread is at. Events that happen from kListening on are handed over, once the white list is made.
+    enum Phase { kIdle, kStarting, kListening, kEnded };
+
     ProcessMonitor();
     ~ProcessMonitor();  // stops it if it runs
     ProcessMonitor(const ProcessMonitor&) = delete;
@@ -65,6 +68,8 @@ public:
     void SetEventKinds(std::uint32_t mask);
 
     void StartProcessMonitor();
+
+    Phase GetPhase() const { return phase_; }  // kEnded also after a setup that failed
 
     // Called from within a callback it cannot wait for the thread: that is logged, and the next start,
     // stop or the destructor waits instead.
@@ -120,6 +125,7 @@ private:
     pthread_t thread_{};
     bool joinable_ = false;
     std::atomic<bool> running_{false};
+    std::atomic<Phase> phase_{kIdle};
     std::atomic<std::uint32_t> eventKinds_{kAllEventKinds};
     std::atomic<std::uint64_t> lostEvents_{0};
     std::atomic<std::uint64_t> events_{0};

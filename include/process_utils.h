@@ -19,6 +19,7 @@ struct ProcessStatus {
     unsigned int uid = 0;           // real user id
     unsigned int effectiveUid = 0;  // differs in a set-user-id program
     unsigned int threads = 0;
+    char state = '?';  // as in /proc: R, S, D, T, Z (its first thread has ended) and others
     std::string name;  // 15 bytes, more for a kernel worker
 };
 

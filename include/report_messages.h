@@ -14,8 +14,9 @@ inline constexpr std::uint32_t kMsgDroppedReports = 3;  // reports that the agen
 inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched file
 inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
 
-// Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and kTagStatus.
-inline constexpr std::uint32_t kMsgPolicy = 9;   // kTagFeature, kTagEnable and kTagPolicy
+// Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and
+// kTagStatus, but for commands that are too long or too many.
+inline constexpr std::uint32_t kMsgPolicy = 9;   // kTagFeature, kTagEnable and, where a new one is to hold, kTagPolicy
 inline constexpr std::uint32_t kMsgStatus = 11;  // no items
 
 inline constexpr std::uint32_t ResponseType(std::uint32_t request)

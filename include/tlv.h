@@ -97,7 +97,10 @@ public:
     // The first item with the tag, in the order of the buffer; an empty value where there is none.
     TLVValue operator[](std::uint16_t tag) const;
 
-    // All items with the tag, joined in the order of the buffer; false where there is none.
+    bool Has(std::uint16_t tag) const { return offsets_.count(tag) != 0; }
+
+    // All items with the tag, joined in the order of the buffer. False where there is none, or one that is
+    // longer than a TLVValue may be.
     bool JoinText(std::uint16_t tag, std::string& text) const;
 
     // An item by its place in the order of tags, and among equal tags of the buffer; empty beyond the

@@ -176,7 +176,11 @@ void Module::StopAndDeinit()
         StopModule(policy_);
     }
     if (initialised_) {
+        const bool failed = status_ == kFailed;
         DeinitModule();
+        if (failed) {
+            SetFailed();  // policies go on to leave it alone
+        }
     }
 }
 

@@ -87,6 +87,12 @@ std::size_t InotifyMonitor::GetWatchCount()
     return session == nullptr ? 0 : session->GetWatchCount();
 }
 
+std::size_t InotifyMonitor::GetLackingCount()
+{
+    const auto session = Session();
+    return session == nullptr ? 0 : session->GetLackingCount();
+}
+
 std::uint64_t InotifyMonitor::GetOverflowCount()
 {
     const auto session = Session();

@@ -222,6 +222,16 @@ bool InotifySession::AddRule(const Rule& rule)
     return settled;
 }
 
+std::size_t InotifySession::GetLackingCount()
+{
+    std::size_t lacking = 0;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const WatchingPtr& watching : rules_) {
+        lacking += watching->lacking;
+    }
+    return lacking;
+}
+
 bool InotifySession::RemoveRule(const Rule& rule)
 {
     WatchingPtr removed;

@@ -42,6 +42,7 @@ public:
     void Run();   // until Stop
     void Stop();  // for good
     std::size_t GetWatchCount() const { return watcher_.GetWatchCount(); }
+    std::size_t GetLackingCount();
     std::uint64_t GetOverflowCount() const { return watcher_.GetOverflowCount(); }
 
 private:

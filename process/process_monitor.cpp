@@ -128,6 +128,7 @@ void ProcessMonitor::StartProcessMonitor()
         return;
     }
     running_ = true;
+    phase_ = kStarting;
     int result;
     {
         const StopSignalsBlocked blocked;
@@ -136,6 +137,7 @@ void ProcessMonitor::StartProcessMonitor()
     if (result != 0) {
         NE_LOG(ERROR, "Fail to create process monitor thread.");
         running_ = false;  // there is nothing that a stop could wait for
+        phase_ = kEnded;
         return;
     }
     joinable_ = true;
@@ -209,6 +211,7 @@ void* ProcessMonitor::MonitorProcessThread(void* monitor)
         NE_LOG(ERROR, "The process event detection has failed.[what=%s]", error.what());
     }
     t_monitor = nullptr;
+    self->phase_ = kEnded;
     return nullptr;
 }
 
@@ -226,6 +229,7 @@ void ProcessMonitor::MonitorProcessEvent()
             std::memset(block.get(), 0, kDatagramSize);
             auto& header = *static_cast<nlmsghdr*>(block.get());
             if (SendConnectorMode(fd.Get(), PROC_CN_MCAST_LISTEN, header)) {
+                phase_ = kListening;
                 ReceiveEvents(fd.Get());
                 SendConnectorMode(fd.Get(), PROC_CN_MCAST_IGNORE, header);
             }

@@ -86,13 +86,15 @@ bool GetProcessStatus(int pid, ProcessStatus& status)
     std::string_view parent;
     std::string_view users;
     std::string_view threads;
+    std::string_view state;
     if (!FindField(text, "Name", name) || !FindField(text, "PPid", parent) || !FindField(text, "Uid", users) ||
-        !FindField(text, "Threads", threads)) {
+        !FindField(text, "Threads", threads) || !FindField(text, "State", state) || state.empty()) {
         return false;
     }
     ProcessStatus found;
     found.pid = pid;
     found.name = name;
+    found.state = state[0];
     if (!TakeNumber(parent, found.parentPid) || !TakeNumber(users, found.uid) ||
         !TakeNumber(users, found.effectiveUid) || !TakeNumber(threads, found.threads)) {
         return false;

@@ -1,10 +1,9 @@
 // The agent as a whole: a real process below an install root of its own.
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 
-#include "tests/support/support.h"
+#include "report_messages.h"
+#include "tests/comm/peer.h"
 
 struct AgentTest : testing::Test {
     AgentTest()
@@ -269,7 +268,7 @@ TEST_F(AgentTest, TellsChangesOfFilesAndWhoTouchesThem)
     SetPolicy("file_integrity", "enable=on\nwatch=" + root_.Path() + ";recursive;exclude=*.tmp\nwatch=/none\n");
     SetPolicy("file_access", "enable=on\nguard=" + (root_ / "guarded") + ";events=open\n");
     StartAgent();
-    ASSERT_TRUE(Eventually([this] { return Logged("File is guarded."); }));
+    ASSERT_TRUE(Eventually([this] { return Logged("File is guarded.") && Logged("Files are watched."); }));
     Write(root_ / "tree/x.tmp", "");
     Write(root_ / "tree/file", "");
     const std::string path = root_ / "tree/file";
@@ -344,6 +343,11 @@ TEST_F(AgentTest, CarriesOutWhatTheServerOrdersAndKeepsIt)
     EXPECT_TRUE(answers("policy nothing on", "policy nothing on: unknown: there is no such feature\n"));
     EXPECT_TRUE(answers("policy file_access off", "file_access off: done; file_access=off file_integrity=started "));
     EXPECT_TRUE(answers("status", "agent 1 status {"));
+    fs::rename(root_ / "conf/policies", root_ / "conf/aside");
+    Write(root_ / "conf/policies", "no folder");
+    EXPECT_TRUE(answers("policy process_watch off", "failed: it holds, but is not kept for the next start: "));
+    fs::remove(root_ / "conf/policies");
+    fs::rename(root_ / "conf/aside", root_ / "conf/policies");
     Write(tree + "/more", "");
     EXPECT_TRUE(arrives(" file action=create path=" + tree + "/more"));  // by the policy that held before
 
@@ -361,6 +365,58 @@ TEST_F(AgentTest, CarriesOutWhatTheServerOrdersAndKeepsIt)
     EXPECT_EQ(Wait(collector), 0);
 }
 
+// What a wrong server sends changes nothing, and is answered like the rest.
+TEST_F(AgentTest, AnswersCommandsThatItCannotCarryOut)
+{
+    Peer server(root_ / "socket");
+    Write(config_, "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\nREPORT_SECONDS=0\n");
+    fs::remove(PolicyFile("process_watch"));
+    StartAgent();
+    ASSERT_TRUE(server.Accept());
+    const std::string feature("\x10\0\6\0nobody", 10);
+    const std::string on("\x11\0\4\0\1\0\0\0", 8);
+    const std::pair<std::string, std::string> rows[] = {
+        {"", "it is not made of whole items"},
+        {on, "it names no feature"},
+        {feature, "it says neither on nor off"},
+        {feature + std::string("\x11\0\4\0\2\0\0\0", 8), "it says neither on nor off"},
+        {feature + on + std::string("\x12\0\xb8\x0b", 4) + std::string(3000, 'x'),
+         "an item of its policy is longer than 2048 bytes"},
+        {feature + on + std::string("\x12\0\3\0a\0b", 7), "its policy holds a zero byte"},
+        {std::string(200000, 'x'), "it is longer than 128 KiB"},
+        {feature + on, "there is no such feature"},
+    };
+    std::uint32_t seq = 0;
+    for (const auto& [body, reason] : rows) {
+        EXPECT_TRUE(server.Send(Message(kMsgPolicy, ++seq, body)));
+        const std::string answer = server.ReceiveMessage();
+        EXPECT_TRUE(HeaderOf(answer).type == kMsgPolicy + 1 && HeaderOf(answer).seq == seq);
+        EXPECT_TRUE(Contains(answer, reason)) << reason;
+    }
+    std::string flood;
+    for (int i = 0; i < 100; ++i) {
+        flood += Message(kMsgStatus, ++seq);
+    }
+    EXPECT_TRUE(server.Send(flood));
+    int busy = 0;
+    for (int i = 0; i < 100; ++i) {
+        busy += Contains(server.ReceiveMessage(), "16 commands wait already") ? 1 : 0;
+    }
+    EXPECT_TRUE(busy > 0 && busy < 100) << busy;
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_FALSE(Logged("Policy is refused.") || fs::exists(PolicyFile("nobody")));
+}
+
+// A feature that takes its time must not take the stop's.
+TEST_F(AgentTest, StopsWhileAPolicyIsApplied)
+{
+    SetPolicy("file_integrity", "enable=on\nwatch=/usr;recursive\n");
+    StartAgent();
+    ASSERT_TRUE(Eventually([this] { return Logged("Start module.[feature=file_integrity]."); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_TRUE(Logged("Agent stopped."));
+}
+
 // An agent that is not well must not look so, and nobody else may ask.
 TEST_F(AgentTest, TellsHowItIs)
 {
@@ -371,7 +427,7 @@ TEST_F(AgentTest, TellsHowItIs)
     StartAgent();
     ASSERT_TRUE(Eventually([&] { return Contains(Run(run_ + " --status"), "feature gone has failed"); }));
     const std::string text = Run(run_ + " --status");
-    for (const std::string piece : {"3 sentrel-agent ", ": NOT WELL\nproblems  feature file_integrity has failed\n",
+    for (const std::string piece : {"3 sentrel-agent ", ": NOT WELL\nproblems  policy broken.policy cannot be used\n",
                                     "\nserver    off, queued 0, dropped 0\n", " file_access       off\n",
                                     "\nthreads   ", "TaskManager       last beat ", "\ntasks     self-usage\n"}) {
         EXPECT_TRUE(Contains(text, piece)) << piece << text;
@@ -384,6 +440,12 @@ TEST_F(AgentTest, TellsHowItIs)
     socket.copy(address.sun_path, sizeof(address.sun_path) - 1);
     EXPECT_EQ(connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     EXPECT_TRUE(Contains(Run(run_ + " --status --json"), "3 {\"version\":\""));
+    kill(agent_, SIGSTOP);  // as if it hung: more ask than may wait
+    std::vector<pid_t> askers(12);
+    std::ranges::generate(askers, [&] { return Start(run_ + " --status"); });
+    EXPECT_TRUE(std::ranges::all_of(askers, [](pid_t asker) { return WEXITSTATUS(Wait(asker)) == 1; }));
+    EXPECT_EQ(Read(out_), "sentrel-agent: --status: the agent does not answer\n");
+    kill(agent_, SIGCONT);
     EXPECT_EQ(StopAgent(), SIGTERM);
     close(silent);
     EXPECT_FALSE(fs::exists(socket));

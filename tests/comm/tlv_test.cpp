@@ -151,3 +151,26 @@ TEST(TLVTest, AnalyzerRefusesWhatIsNotWhole)
     ASSERT_TRUE(items.Analyze(true));
     EXPECT_EQ(Bytes(items[1]), "none");
 }
+
+// A policy that lost a piece on its way would hold as another one.
+TEST(TLVTest, LongTextsArriveWholeOrNotAtAll)
+{
+    for (const std::size_t size : {1, 2048, 2049, 60000}) {
+        std::string text(size, 'x');
+        text.back() = 'y';
+        TLVPacker packer;
+        packer.AddText(7, text);
+        packer.Add(Item(8, "other"));
+        packer.AddText(9, "");
+        ASSERT_EQ(packer.Pack(false), 0);
+        std::string bytes = Packed(packer);
+        TLVAnalyzer items = Analyzer(bytes);
+        std::string joined;
+        EXPECT_TRUE(items.Analyze(false) && items.JoinText(7, joined) && joined == text);
+        EXPECT_TRUE(items.Has(8) && !items.Has(9) && !items.JoinText(9, joined) && joined == text);
+    }
+    std::string bytes = std::string("\7\0\1\0x\7\0\xb8\x0b", 9) + std::string(3000, 'z');  // the second is too long
+    TLVAnalyzer items = Analyzer(bytes);
+    std::string joined = "untouched";
+    EXPECT_TRUE(items.Analyze(false) && items.Has(7) && !items.JoinText(7, joined) && joined == "untouched");
+}

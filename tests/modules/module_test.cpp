@@ -143,6 +143,8 @@ TEST_F(ModuleTest, FailuresAreFinalForPoliciesAndDestroyingUndoesThem)
     EXPECT_EQ(records_.Lines().end()[-2], "INFO Start module failed.[feature=f].");
     EXPECT_EQ(records_.Lines().back(), "ERROR Start new module failed.[module=f]");
     Update(true, "good");
+    manager_.StopAndDeinitAllModule();
+    Update(true, "good");
     EXPECT_EQ(Status(), kFailed);
     manager_.DestroyModule("f");
     Update(true, "good");
