@@ -1,36 +1,39 @@
 #!/usr/bin/env bash
-# What an agent takes that has next to nothing to do: memory, processor time, wake-ups of each thread.
+# What the agent takes, with all features on, while next to nothing happens: memory, processor time, wake-ups; beside
+# it the programs that one would run instead.
 # Usage: agent_idle.sh ROOT [SECONDS]   ROOT is an installed agent, SECONDS the window (20).
 set -eu
 root=${1:?usage: agent_idle.sh ROOT [SECONDS]}
 window=${2:-20}
-[ -x "$root/bin/sentrel-agent" ] || { echo "$root/bin/sentrel-agent is missing: cmake --install it first" >&2; exit 2; }
+folder=$(mktemp -d)
+# shellcheck source-path=SCRIPTDIR
+. "$(dirname "$0")/agent_lib.sh"
+trap 'kill $agent $collector "${tools[@]}" 2>/dev/null || :; rm -rf "$folder"' EXIT
 
-"$root/bin/sentrel-agent" --root "$root" &
-pid=$!
-trap 'kill -INT $pid 2>/dev/null || :' EXIT
-sleep 5 # its search of the process table at the start is over
-kill -0 $pid 2>/dev/null || { echo "the agent has ended" >&2; exit 1; }
-
-cpuNs() { cat /proc/$pid/task/*/schedstat | awk '{sum += $1} END {printf "%d\n", sum}'; }
-ticks() { sed 's/.*) //' /proc/$pid/stat | awk '{print $12 + $13}'; }
-waits() { awk '/^voluntary_ctxt_switches/ {print FILENAME, $2}' /proc/$pid/task/*/status; }
-lines() { wc -l <"$root/log/agent.log"; }
-
-ns=$(cpuNs) ticks=$(ticks) lines=$(lines) waits=$(waits)
-sleep "$window"
-nsAfter=$(cpuNs) ticksAfter=$(ticks) linesAfter=$(lines) waitsAfter=$(waits)
-
-awk '/^VmRSS/ {printf "resident memory    %d KiB (aim: below 6144)\n", $2}' /proc/$pid/status
-awk -v ns=$((nsAfter - ns)) -v ticks=$((ticksAfter - ticks)) -v hz="$(getconf CLK_TCK)" -v s="$window" 'BEGIN {
-    printf "processor time     %.3f ms a second by schedstat, %.1f ms by utime and stime, over %d s\n", ns / 1e6 / s,
-        ticks * 1000 / hz / s, s }'
-echo "log records        $((linesAfter - lines)) in the window (0: nothing ran on the host but this script)"
-join <(echo "$waits") <(echo "$waitsAfter") | while read -r status before after; do
-    printf 'wake-ups a second  %s  %s\n' "$(awk -v n=$((after - before)) -v s="$window" 'BEGIN {printf "%.2f", n / s}')" \
-        "$(cat "${status%status}comm")"
+need_install
+make_files
+for i in {0..999}; do
+    echo "$i" >"$tree/d$((i % 100))/f$i"
 done
+start_agent
+start_tools
 
-trap - EXIT
-kill -INT $pid
-wait $pid || : # it ends by SIGTERM
+records() { wc -l <"$root/log/agent.log"; }
+records=$(records)
+sleep 1 # for its own events to be over
+toolsBefore=$(threads "${tools[@]}") before=$(threads "$agent")
+sleep "$window"
+after=$(threads "$agent") toolsAfter=$(threads "${tools[@]}") recordsAfter=$(records)
+own=$(spent "$before" "$after") others=$(spent "$toolsBefore" "$toolsAfter")
+
+sums() { awk -v s="$window" '{ns += $2; waits += $3} END {print ns / 1e6 / s, waits / s}'; }
+printf '%-26s %10s %10s %10s\n' "idle, $window s" agent 'the three' ratio
+paste -d ' ' <(memory "$agent" | tr ' ' '\n'; sums <<<"$own" | tr ' ' '\n') \
+    <(memory "${tools[@]}" | tr ' ' '\n'; sums <<<"$others" | tr ' ' '\n') |
+    awk 'BEGIN {split("resident KiB;anonymous KiB;proportional KiB;processor ms a second;wake-ups a second", name, ";")}
+        {printf "%-26s %10.2f %10.2f %10.2f\n", name[NR], $1, $2, $1 / ($2 > 0 ? $2 : 1)}'
+echo "aims: resident below 12288 KiB, processor below 2 ms a second"
+awk -v s="$window" '{printf "wake-ups a second %6.2f  %s, %.3f ms\n", $3 / s, $1, $2 / 1e6 / s}' <<<"$own"
+echo "log records in the window: $((recordsAfter - records)) (ten or so are this script's)"
+stop_tools
+stop_agent

@@ -1,14 +1,10 @@
 // What a process event costs its reader: the library's monitor, a bare netlink loop, and forkstat,
 // each during an equal burst of short processes. Processor time is the reader's alone.
 #include <fcntl.h>
-#include <linux/cn_proc.h>
-#include <linux/connector.h>
-#include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "connector.h"
 #include "process_monitor.h"
 #include "temp_folder.h"
 
@@ -169,55 +166,6 @@ Result MeasureOurs(long processes)
     return result;
 }
 
-// A listening socket of the process connector, or -1.
-int OpenConnector()
-{
-    const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR);
-    const int size = 0x8000000;
-    const timeval wait = {0, 500000};
-    sockaddr_nl address = {};
-    address.nl_family = AF_NETLINK;
-    address.nl_groups = CN_IDX_PROC;
-    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0 ||
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait)) != 0 ||
-        bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        return -1;
-    }
-    nlmsghdr header = {};
-    cn_msg connector = {};
-    const std::uint32_t mode = PROC_CN_MCAST_LISTEN;
-    header.nlmsg_len = sizeof(header) + sizeof(connector) + sizeof(mode);
-    header.nlmsg_type = NLMSG_DONE;
-    connector.id = {CN_IDX_PROC, CN_VAL_PROC};
-    connector.len = sizeof(mode);
-    iovec pieces[] = {
-        {&header, sizeof(header)}, {&connector, sizeof(connector)}, {const_cast<std::uint32_t*>(&mode), sizeof(mode)}};
-    return writev(fd, pieces, 3) < 0 ? -1 : fd;
-}
-
-void ReadBare(int fd, const std::atomic<bool>& running)
-{
-    static std::array<std::array<unsigned char, 272>, 100> data;
-    std::array<iovec, 100> pieces;
-    std::array<mmsghdr, 100> headers = {};
-    for (std::size_t i = 0; i < headers.size(); ++i) {
-        pieces[i] = {data[i].data(), data[i].size()};
-        headers[i].msg_hdr.msg_iov = &pieces[i];
-        headers[i].msg_hdr.msg_iovlen = 1;
-    }
-    while (running) {
-        const int count = recvmmsg(fd, headers.data(), headers.size(), MSG_WAITFORONE, nullptr);
-        for (int i = 0; i < count; ++i) {
-            std::uint32_t what = 0;
-            std::memcpy(&what, data[static_cast<std::size_t>(i)].data() + sizeof(nlmsghdr) + sizeof(cn_msg),
-                        sizeof(what));
-            g_bare.Count(what);
-        }
-        const timespec rest = {0, 20000000};
-        nanosleep(&rest, nullptr);
-    }
-}
-
 std::int64_t Drops(int fd)
 {
     std::uint32_t info[SK_MEMINFO_VARS] = {};
@@ -227,9 +175,9 @@ std::int64_t Drops(int fd)
 
 Result MeasureBare(long processes)
 {
-    const int fd = OpenConnector();
+    const int fd = Connector::Open();
     std::atomic<bool> running{true};
-    std::thread reader([&] { ReadBare(fd, running); });
+    std::thread reader([&] { Connector::Read(fd, running, [](std::uint32_t what) { g_bare.Count(what); }); });
     WaitKnown(g_bare);
     Result result = Measure(
         g_bare.clock, [] { return g_bare.Look(); }, processes);
@@ -315,7 +263,7 @@ int main(int argc, char** argv)
                      kDefaultProcesses);
         return 2;
     }
-    const int probe = OpenConnector();
+    const int probe = Connector::Open();
     if (probe < 0) {
         std::fprintf(stderr, "skipped: listening to process events needs CAP_NET_ADMIN, run it as root\n");
         return kExitSkipped;
