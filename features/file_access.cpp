@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "describe.h"
-#include "entry.h"
 #include "fanotify_watcher.h"
+#include "feature.h"
 #include "feature_counters.h"
 #include "file_rules.h"
 #include "hips_guard.h"
@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr char kFeature[] = "file_access";
 constexpr int kSliceUs = 10000;
 constexpr int kWaitMs = 20000;
 constexpr int kRetryMs = 1000;
@@ -163,7 +162,7 @@ private:
             .Push();
     }
 
-    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeature);
+    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);
     const OwnLog ownLog_;
     NEUtils::FanotifyWatcher watcher_;
     std::uint64_t overflows_ = 0;
@@ -173,13 +172,16 @@ private:
 
 std::unique_ptr<FileAccess> g_access;
 
-bool Start(const std::string& policy)
+}  // namespace
+
+const char kFeatureName[] = "file_access";
+
+bool StartFeature(const std::string& policy)
 {
-    g_access.reset();
     std::vector<FileGuard> guards;
     const std::string fault = ReadGuards(policy, guards);
     if (!fault.empty()) {
-        LogRefusal(kFeature, fault);
+        LogRefusal(kFeatureName, fault);
         return false;
     }
     auto access = std::make_unique<FileAccess>();
@@ -190,27 +192,7 @@ bool Start(const std::string& policy)
     return true;
 }
 
-}  // namespace
-
-int InitModule(void)
+void StopFeature()
 {
-    return 1;
-}
-
-int StartModule(const char* policy)
-{
-    return RunEntry(kFeature, [policy] { return Start(policy); });
-}
-
-int StopModule(const char*)
-{
-    return RunEntry(kFeature, [] {
-        g_access.reset();
-        return true;
-    });
-}
-
-int DeinitModule(void)
-{
-    return 1;
+    g_access.reset();
 }

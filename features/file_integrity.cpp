@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "digest_queue.h"
-#include "entry.h"
+#include "feature.h"
 #include "feature_counters.h"
 #include "file_rules.h"
 #include "logger.h"
@@ -22,7 +22,6 @@ namespace {
 using NEUtils::Monitor::FileEvent;
 using NEUtils::Monitor::FileWatchRule;
 
-constexpr char kFeature[] = "file_integrity";
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U;
 constexpr std::uint32_t kContentChange = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO;
 
@@ -126,7 +125,7 @@ private:
             .Push();
     }
 
-    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeature);
+    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);
     const OwnLog ownLog_;
     Settings settings_;
     std::vector<FileWatchRule> watched_;
@@ -135,13 +134,16 @@ private:
 
 std::unique_ptr<FileIntegrity> g_integrity;
 
-bool Start(const std::string& policy)
+}  // namespace
+
+const char kFeatureName[] = "file_integrity";
+
+bool StartFeature(const std::string& policy)
 {
-    g_integrity.reset();
     Settings settings;
     const std::string fault = ReadSettings(policy, settings);
     if (!fault.empty()) {
-        LogRefusal(kFeature, fault);
+        LogRefusal(kFeatureName, fault);
         return false;
     }
     auto integrity = std::make_unique<FileIntegrity>(std::move(settings));
@@ -152,27 +154,7 @@ bool Start(const std::string& policy)
     return true;
 }
 
-}  // namespace
-
-int InitModule(void)
+void StopFeature()
 {
-    return 1;
-}
-
-int StartModule(const char* policy)
-{
-    return RunEntry(kFeature, [policy] { return Start(policy); });
-}
-
-int StopModule(const char*)
-{
-    return RunEntry(kFeature, [] {
-        g_integrity.reset();
-        return true;
-    });
-}
-
-int DeinitModule(void)
-{
-    return 1;
+    g_integrity.reset();
 }

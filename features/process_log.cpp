@@ -111,7 +111,9 @@ void ProcessLog::OnExec(int pid)
     process.cmdLine = Process().cmdLine;
     ProcessUtils::ProcessStatus status;
     if (ProcessUtils::GetProcessStatus(pid, status)) {
-        process.parentPid = status.parentPid;
+        if (status.parentPid != 0) {  // one that is about to be gone has lost it
+            process.parentPid = status.parentPid;
+        }
         process.user = UserName(status.uid);
         process.container = ContainerOf(pid);
         process.cmdLine = CmdLineOf(pid, status);

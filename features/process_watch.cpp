@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "entry.h"
+#include "feature.h"
 #include "feature_counters.h"
 #include "logger.h"
 #include "policy_text.h"
@@ -21,7 +21,6 @@ namespace {
 
 using NEUtils::ProcessMonitor;
 
-constexpr char kFeature[] = "process_watch";
 constexpr int kStartMs = 2000;
 constexpr std::chrono::seconds kQuiet{1};
 
@@ -132,7 +131,7 @@ private:
 
     static ProcessWatch* s_watch;  // callbacks get no argument of their own
 
-    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeature);
+    NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);
     Figures counted_;
     Steady::time_point lossAt_;
     ProcessLog log_;
@@ -143,15 +142,18 @@ ProcessWatch* ProcessWatch::s_watch = nullptr;
 
 std::unique_ptr<ProcessWatch> g_watch;
 
-bool Start(const std::string& policy)
+}  // namespace
+
+const char kFeatureName[] = "process_watch";
+
+bool StartFeature(const std::string& policy)
 {
-    g_watch.reset();
     ProcessLogSettings settings;
     const std::string fault =
         ReadPolicy(policy, {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
                             {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }}});
     if (!fault.empty()) {
-        LogRefusal(kFeature, fault);
+        LogRefusal(kFeatureName, fault);
         return false;
     }
     if (const char* missing = Missing(); missing != nullptr) {
@@ -166,27 +168,7 @@ bool Start(const std::string& policy)
     return true;
 }
 
-}  // namespace
-
-int InitModule(void)
+void StopFeature()
 {
-    return 1;
-}
-
-int StartModule(const char* policy)
-{
-    return RunEntry(kFeature, [policy] { return Start(policy); });
-}
-
-int StopModule(const char*)
-{
-    return RunEntry(kFeature, [] {
-        g_watch.reset();
-        return true;
-    });
-}
-
-int DeinitModule(void)
-{
-    return 1;
+    g_watch.reset();
 }

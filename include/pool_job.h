@@ -18,8 +18,7 @@ class ThreadPool;
 // Locks    none is held while the work runs.
 // Blocks   Stop: until the work under way has returned, except where it is called from it. So the work looks
 //          at IsStopping() now and then.
-// Owns     the work until Stop. Afterwards nothing of it is left, though the pool may hold an empty job of
-//          this library for half a second more.
+// Owns     the work until Stop. Afterwards nothing of it is left, in the pool's queue neither.
 // Errors   what the work throws is told by the guard; the next request runs it again.
 class NEUTILS_API PoolJob {
 public:

@@ -45,6 +45,9 @@ public:
     // After Stop a job is queued but never runs.
     bool AddThread(void* (*func)(void*), void* arg, const char* name, std::shared_ptr<void> owner = nullptr);
 
+    // Takes back the owner's jobs that no worker has begun.
+    void DropJobs(const std::shared_ptr<void>& owner);
+
     // Releases the handles of workers that have retired.
     void CleanThread();
 

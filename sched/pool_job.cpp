@@ -19,6 +19,7 @@ struct PoolJob::State {
     bool stopping = true;
     bool requested = false;
     bool queued = false;  // the pool has a turn that will look at requested
+    std::weak_ptr<Turn> turn;
 };
 
 // A job in the pool. Also one that is dropped, or that throws, makes way for the next.
@@ -100,6 +101,7 @@ void PoolJob::Start(ThreadPool& pool, const std::string& name, std::function<voi
 
 bool PoolJob::Request()
 {
+    std::shared_ptr<Turn> turn;
     ThreadPool* pool;
     std::string name;
     {
@@ -108,13 +110,15 @@ bool PoolJob::Request()
             return false;
         }
         state_->requested = true;
-        if (std::exchange(state_->queued, true)) {
+        if (state_->queued) {
             return true;
         }
+        turn = std::make_shared<Turn>(state_);  // a pool that is full drops it
+        state_->turn = turn;
+        state_->queued = true;
         pool = state_->pool;
         name = state_->name;
     }
-    const auto turn = std::make_shared<Turn>(state_);  // dropped by a pool that is full
     return pool->AddThread(&Turn::Run, turn.get(), name.c_str(), turn);
 }
 
@@ -127,6 +131,12 @@ void PoolJob::Stop()
     state_->ended.wait(lock, [&] { return state_->worker == std::thread::id() || state_->worker == self; });
     if (state_->worker != self) {
         work.swap(state_->work);  // destroyed after the lock is gone
+    }
+    const auto turn = state_->turn.lock();
+    ThreadPool* pool = state_->pool;
+    lock.unlock();
+    if (turn != nullptr) {
+        pool->DropJobs(turn);
     }
 }
 

@@ -120,6 +120,24 @@ bool ThreadPool::Push(Job job)
     return true;
 }
 
+void ThreadPool::DropJobs(const std::shared_ptr<void>& owner)
+{
+    std::list<Job> dropped;  // destroyed after the lock is gone
+    {
+        const std::lock_guard<std::mutex> lock(queueLock_);
+        for (auto job = jobs_.begin(); job != jobs_.end();) {
+            const auto next = std::next(job);
+            if (job->owner == owner) {
+                dropped.splice(dropped.end(), jobs_, job);
+            }
+            job = next;
+        }
+    }
+    for (std::size_t i = 0; i < dropped.size() && semaphoreReady_; ++i) {
+        sem_trywait(&semaphore_);  // nobody needs to wake for it; one who has already finds nothing
+    }
+}
+
 std::size_t ThreadPool::QueuedJobs()
 {
     const std::lock_guard<std::mutex> lock(queueLock_);

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <memory>
-#include <vector>
 
 #include "util/file.h"
 #include "util/unique_fd.h"
@@ -81,13 +80,13 @@ Sha256::Result Open(const std::string& path, std::uint64_t maxSize, UniqueFd& fd
 // To the end: files of /proc do not tell their size.
 Sha256::Result Hash(int fd, std::uint64_t maxSize, Hasher& hasher, const std::function<bool()>& goOn)
 {
-    std::vector<char> piece(kPieceSize);
+    const auto piece = std::make_unique_for_overwrite<char[]>(kPieceSize);
     std::uint64_t total = 0;
     for (;;) {
         if (goOn && !goOn()) {
             return Sha256::kStopped;
         }
-        const ssize_t count = FileOperation::Read(fd, piece.data(), piece.size());
+        const ssize_t count = FileOperation::Read(fd, piece.get(), kPieceSize);
         if (count <= 0) {
             return count == 0 ? Sha256::kOk : Sha256::kUnreadable;
         }
@@ -95,7 +94,7 @@ Sha256::Result Hash(int fd, std::uint64_t maxSize, Hasher& hasher, const std::fu
         if (total > maxSize) {
             return Sha256::kTooLarge;
         }
-        hasher.Add(piece.data(), static_cast<std::size_t>(count));
+        hasher.Add(piece.get(), static_cast<std::size_t>(count));
     }
 }
 

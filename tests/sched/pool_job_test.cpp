@@ -72,6 +72,12 @@ TEST_F(PoolJobTest, StopWaitsForTheWorkAndLeavesNothingOfIt)
     job_.Request();
     job_.Stop();
     EXPECT_TRUE(inside_ == 0 && runs_ == 1 && held.use_count() == 1 && !job_.Request());
+    // A feature that starts and stops often would fill the queue with jobs that do nothing.
+    for (int i = 0; i < 6000; ++i) {
+        job_.Start(pool_, "test", [] {});
+        ASSERT_TRUE(job_.Request()) << i;
+        job_.Stop();
+    }
     job_.Start(pool_, "test", [this] { job_.Stop(), Work(); });  // does not wait for itself
     EXPECT_TRUE(job_.Request() && Eventually([this] { return runs_ == 2 && inside_ == 0; }));
 }

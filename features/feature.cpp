@@ -1,0 +1,33 @@
+#include "feature.h"
+
+#include <exception>
+
+#include "logger.h"
+#include "module_entry.h"
+
+int InitModule(void)
+{
+    return 1;
+}
+
+int StartModule(const char* policy)
+{
+    try {
+        StopFeature();
+        return StartFeature(policy) ? 1 : 0;
+    } catch (const std::exception& error) {  // memory has run out
+        NE_LOG(ERROR, "Feature has failed.[feature=%s what=%s]", kFeatureName, error.what());
+        return 0;
+    }
+}
+
+int StopModule(const char*)
+{
+    StopFeature();
+    return 1;
+}
+
+int DeinitModule(void)
+{
+    return 1;
+}
