@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t kMaxCommands = 16;
 constexpr std::size_t kMaxBody = std::size_t{128} << 10U;
+constexpr char kNoStatus[] = R"({"problems":["the status is too long to be sent"]})";
 constexpr std::uint32_t kTypes[] = {kMsgPolicy, kMsgStatus};
 
 TLVValue ResultItem(int result)
@@ -160,7 +161,7 @@ void FeatureCommands::Answer(const Command& command, const FeatureHost::Outcome&
     TLVPacker items;
     items.Add(ResultItem(outcome.result));
     items.AddText(kTagReason, outcome.reason);
-    items.AddText(kTagStatus, status);
+    items.AddText(kTagStatus, status.size() <= kMaxStatusText ? status : std::string(kNoStatus));
     if (items.Pack(kSwapReport) != 0 || items.GetSize() > kMaxMsgBody) {
         NE_LOG(ERROR, "Command cannot be answered.[type=%u size=%u]", command.type, items.GetSize());
         return;

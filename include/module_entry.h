@@ -13,7 +13,8 @@
 //          two give is not looked at. No exception may leave them.
 // Limits   the library is unmapped when it is closed: no thread, callback, task or destructor of a thread may
 //          be left by then. Build it with -fno-gnu-unique: unique symbols would keep it in memory, and a
-//          replaced file would not come into use.
+//          replaced file would not come into use. A log subscriber may be called once more after it was removed,
+//          so a module never subscribes to the log.
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace NEUtils {
@@ -58,6 +59,8 @@ enum ProcessEvent : std::int32_t {
     kProcessExited = 2,
     kProcessKilled = 3,
 };
+
+inline constexpr std::size_t kMaxStatusText = 65536;  // a longer kTagStatus is malformed
 
 enum CommandResult : std::int32_t {
     kCommandDone = 0,

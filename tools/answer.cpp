@@ -1,5 +1,6 @@
 #include "answer.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -15,7 +16,6 @@ using nlohmann::json;
 
 constexpr int kMaxDepth = 32;  // whoever prints or destroys JSON goes as deep into the stack
 constexpr std::size_t kMaxReason = 16384;
-constexpr std::size_t kMaxStatus = 65536;
 constexpr const char* kResults[] = {"done", "malformed", "unknown", "refused", "busy", "failed"};
 
 std::string ReadResult(const TLVAnalyzer& items, std::int32_t& result)
@@ -58,25 +58,47 @@ std::string ListFeatures(const json& status)
     return list;
 }
 
-// The parser itself needs no stack for what is nested, and what lies too deep is not kept.
+// How deep arrays and objects lie in one another.
+int DepthOf(const std::string& text)
+{
+    int depth = 0;
+    int deepest = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char letter = text[i];
+        if (inString) {
+            i += letter == '\\' ? 1 : 0;
+            inString = letter != '"';
+        } else {
+            inString = letter == '"';
+            depth += letter == '{' || letter == '[' ? 1 : letter == '}' || letter == ']' ? -1 : 0;
+            deepest = std::max(deepest, depth);
+        }
+    }
+    return deepest;
+}
+
 std::string ReadStatus(Answer& answer)
 {
-    bool deep = false;
-    const auto keep = [&deep](int depth, json::parse_event_t event, const json&) {
-        const bool opens = event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
-        deep = deep || (opens && depth >= kMaxDepth);
-        return !deep;
-    };
-    const json status = json::parse(answer.status, keep, false);
-    if (deep) {
+    if (DepthOf(answer.status) > kMaxDepth) {
         return "status is nested too deeply";
     }
+    const json status = json::parse(answer.status, nullptr, false);
     if (!status.is_object()) {
         return "status is no JSON object";
     }
     answer.statusJson = status.dump(-1, ' ', true, json::error_handler_t::replace);
     answer.features = ListFeatures(status);
-    return {};
+    return CheckLength("status in ASCII", answer.statusJson, kMaxStatusText);
+}
+
+// Gives what is wrong; there need not be such a text.
+std::string ReadText(const TLVAnalyzer& items, ReportTag tag, const char* name, std::size_t limit, std::string& text)
+{
+    if (items.Has(tag) && !items.JoinText(tag, text)) {
+        return std::string(name) + " has an item of more than 2048 bytes";
+    }
+    return CheckLength(name, text, limit);
 }
 
 std::string ResultName(std::int32_t result)
@@ -94,17 +116,15 @@ std::string ReadAnswer(const SentrelAgentMsg& header, unsigned char* body, Answe
         return "the body is empty or not made of whole items";
     }
     std::string fault = ReadResult(items, answer.result);
-    items.JoinText(kTagReason, answer.reason);
-    const bool hasStatus = items.JoinText(kTagStatus, answer.status);
+    if (fault.empty()) {
+        fault = ReadText(items, kTagReason, "reason", kMaxReason, answer.reason);
+    }
+    if (fault.empty()) {
+        fault = ReadText(items, kTagStatus, "status", kMaxStatusText, answer.status);
+    }
     const bool needsStatus = header.type == ResponseType(kMsgStatus) && answer.result == kCommandDone;
-    if (fault.empty()) {
-        fault = CheckLength("reason", answer.reason, kMaxReason);
-    }
-    if (fault.empty()) {
-        fault = CheckLength("status", answer.status, kMaxStatus);
-    }
-    if (fault.empty() && (hasStatus || needsStatus)) {
-        fault = hasStatus ? ReadStatus(answer) : "status is missing";
+    if (fault.empty() && (items.Has(kTagStatus) || needsStatus)) {
+        fault = items.Has(kTagStatus) ? ReadStatus(answer) : "status is missing";
     }
     return fault;
 }

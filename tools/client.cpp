@@ -46,6 +46,14 @@ void Client::TakeLines(evbuffer* in)
     }
 }
 
+void Client::DropLines(evbuffer* in)
+{
+    if (evbuffer_get_length(in) > 0) {
+        Say(commands_.FaultText("the collector ends, further commands are not carried out"));
+        evbuffer_drain(in, evbuffer_get_length(in));
+    }
+}
+
 // False without a whole line; the last one may lack its end.
 bool Client::TakeLine(evbuffer* in)
 {
@@ -62,6 +70,9 @@ bool Client::TakeLine(evbuffer* in)
     std::string line(length, '\0');
     evbuffer_remove(in, line.data(), length);
     evbuffer_drain(in, isWhole ? end : 0);
+    if (!isWhole && line.back() == '\r') {
+        line.pop_back();
+    }
     underWay_ += commands_.Run(line, *this) ? 1 : 0;
     return true;
 }

@@ -18,6 +18,7 @@ protected:
     virtual void Serve() = 0;      // takes what has come
     void ServeSoon();              // from the event loop
     void TakeLines(evbuffer* in);  // runs them while it may
+    void DropLines(evbuffer* in);  // says so
     bool HasRoom() const;          // for one more command
     bool IsDone() const { return ended_ && underWay_ == 0; }
 

@@ -92,6 +92,7 @@ void Commands::End(std::uint32_t seq)
 {
     const auto underWay = underWay_.extract(seq);  // the asker may drop out over what it is told
     if (Asker* asker = underWay.mapped().asker; asker != nullptr) {
+        collector_.Flush();  // the answers before their end
         SayDone(underWay.mapped());
         asker->OnCommandEnded();
     }
@@ -115,7 +116,7 @@ std::string Commands::TakeAnswer(const Sender& sender, const SentrelAgentMsg& he
     const std::string line = (collector_.IsJson() ? AnswerJson : AnswerText)(sender, underWay.command, answer);
     collector_.Print(line);
     if (underWay.asker != nullptr) {
-        underWay.asker->Say(line);
+        underWay.asker->SayAnswer(line);
     }
     ++underWay.answered;
     underWay.waiting.erase(sender.number);

@@ -17,6 +17,7 @@ class Asker {
 public:
     virtual ~Asker() = default;
     virtual void Say(const std::string& line) = 0;
+    virtual void SayAnswer(const std::string& line) { Say(line); }
     virtual void OnCommandEnded() = 0;  // only of one that was left under way
 };
 

@@ -40,8 +40,14 @@ Connection::Connection(Collector& collector, Sender sender, EventPtr<bufferevent
 // Commands alone never fill what may be pending, so they do not keep the agent's messages from being read.
 bool Connection::SendCommand(const std::string& message)
 {
-    return !finishing_ && !mute_ && CountPending() + message.size() < kMaxPending &&
-           bufferevent_write(buffers_.get(), message.data(), message.size()) == 0;
+    if (finishing_ || mute_) {
+        return false;
+    }
+    if (CountPending() + message.size() >= kMaxPending) {
+        Complain("agent " + std::to_string(sender_.number) + " gets no command: it does not read");
+        return false;
+    }
+    return bufferevent_write(buffers_.get(), message.data(), message.size()) == 0;
 }
 
 void Connection::Finish()

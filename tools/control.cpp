@@ -30,7 +30,7 @@ void SocketClient::Finish()
 {
     ended_ = true;
     bufferevent_disable(buffers_.get(), EV_READ);
-    evbuffer_drain(In(), evbuffer_get_length(In()));
+    DropLines(In());
     ServeSoon();
 }
 
@@ -46,6 +46,9 @@ void SocketClient::OnEvent(bufferevent*, short what, void* self)
         client.ended_ = true;
         client.Serve();
     } else {
+        if ((what & BEV_EVENT_TIMEOUT) != 0) {
+            Complain("a control client is cut off: it has not read for 60 seconds");
+        }
         client.control_.Remove(client);
     }
 }
@@ -75,6 +78,7 @@ void SocketClient::Say(const std::string& line)
     }
     if (evbuffer_get_length(Out()) > kMaxOutput) {
         dropped_ = true;
+        Complain("a control client is cut off: it does not read");
         ServeSoon();
     }
 }
@@ -95,6 +99,7 @@ void Control::Accept(int fd)
     if (clients_.size() < kMaxClients) {
         buffers.reset(bufferevent_socket_new(collector_.GetBase(), fd, BEV_OPT_CLOSE_ON_FREE));
     } else {
+        Complain("a control client is refused: there are 16");
         const std::string line = commands_.FaultText("too many clients") + "\n";
         send(fd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     }

@@ -1,6 +1,7 @@
 #include "input_client.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -16,6 +17,12 @@
 namespace {
 
 constexpr timeval kAtOnce = {0, 0};
+
+bool HasPath(int fd)
+{
+    char path[2] = {};
+    return readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, 1) == 1 && path[0] == '/';
+}
 
 }  // namespace
 
@@ -36,7 +43,9 @@ std::string InputClient::Open(event_base* base)
     }
     signal(SIGTTIN, SIG_IGN);  // reading fails in the background of a terminal, instead of stopping the process
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
-        fd_ = open("/proc/self/fd/0", O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        // A FIFO with a name has no end: it is held open for the next one who writes.
+        const bool hasName = S_ISFIFO(status.st_mode) && status.st_nlink > 0 && HasPath(STDIN_FILENO);
+        fd_ = open("/proc/self/fd/0", (hasName ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     }
     if (fd_ < 0) {
         fd_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
@@ -58,7 +67,7 @@ std::string InputClient::Open(event_base* base)
 void InputClient::Finish()
 {
     Close();
-    evbuffer_drain(in_.get(), evbuffer_get_length(in_.get()));
+    DropLines(in_.get());
 }
 
 void InputClient::Close()
@@ -113,7 +122,11 @@ void InputClient::Serve()
     }
 }
 
+// Nothing waits for who does not read standard error: what it does not take is dropped.
 void InputClient::Say(const std::string& line)
 {
-    std::fprintf(stderr, "%s\n", line.c_str());
+    pollfd out = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&out, 1, 0) == 1) {
+        std::fprintf(stderr, "%s\n", line.c_str());
+    }
 }

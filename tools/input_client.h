@@ -17,6 +17,7 @@ public:
     void Finish();  // runs no more commands
 
     void Say(const std::string& line) override;
+    void SayAnswer(const std::string&) override {}  // standard output has it
 
 private:
     static void OnReady(int fd, short what, void* self);
