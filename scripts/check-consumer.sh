@@ -18,14 +18,14 @@ bound_to_install() { [[ $(ldd "$1") == *"libneutils.so.1 => $prefix/"* ]] || fai
 
 check_program() {
     bound_to_install "$1"
-    "$1" "$scratch/consumer.log"
+    "$1" "$scratch/consumer.log" "$scratch/build/"
 }
 
 unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH
 
 step 'a first install' "$log"
 install_build
-for path in bin/sentrel-agent conf/agent.conf log include/neutils/byte_buffer.h; do
+for path in bin/sentrel-agent conf/agent.conf conf/policies/process_watch.policy log include/neutils/byte_buffer.h; do
     [[ -e $prefix/$path ]] || fail "$path: not installed"
 done
 
@@ -34,14 +34,21 @@ step 'the installed agent'
 "$prefix/bin/sentrel-agent" --root "$prefix" --check-config
 bound_to_install "$(realpath "$prefix/bin/sentrel-agent")"
 
-step 'a second install keeps an edited configuration' "$log"
-echo 'LOG_COPIES=7' >"$prefix/conf/agent.conf"
-install_build
-[[ $(<"$prefix/conf/agent.conf") == LOG_COPIES=7 ]] || fail 'conf/agent.conf was overwritten'
+for feature in process_watch file_integrity file_access; do
+    bound_to_install "$prefix/lib/features/lib$feature.so"
+done
+
+step 'a second install keeps an edited configuration and policy' "$log"
+for path in conf/agent.conf conf/policies/process_watch.policy; do
+    echo 'LOG_COPIES=7' >"$prefix/$path"
+    install_build
+    [[ $(<"$prefix/$path") == LOG_COPIES=7 ]] || fail "$path was overwritten"
+done
 
 step 'a program that finds the library with CMake' "$log"
 run_logged cmake -G Ninja -S "$root/tests/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix"
 run_logged cmake --build "$scratch/build"
+chmod go-w "$scratch/build" "$scratch/build/libhello.so"  # or the feature is refused
 check_program "$scratch/build/consumer"
 
 step 'a program that finds the library with pkg-config' "$log"
