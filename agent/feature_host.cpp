@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <set>
 #include <utility>
 
 #include "file_tools.h"
@@ -64,7 +63,7 @@ FeatureHost::FeatureHost(const std::string& root) : folder_(root + "/lib/feature
 void FeatureHost::Start()
 {
     NEUtils::MessageBus::Subscribe(NEUtils::kNormalLog, kCollectorName, &Reasons::OnRecord);
-    std::vector<std::string> unusable;
+    std::set<std::string> unusable;
     auto policies = store_.Load(unusable);
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -116,11 +115,13 @@ FeatureHost::Outcome FeatureHost::Apply(const std::string& feature, bool enable,
         const std::lock_guard<std::mutex> lock(mutex_);
         policies_[feature] = policy;
     }
-    std::string fault = store_.Save(feature, policy);
+    const std::string fault = store_.Save(feature, policy);
     if (!fault.empty()) {
         NE_LOG(ERROR, "Policy cannot be kept.[feature=%s reason=%s]", feature.c_str(), fault.c_str());
         return {NEUtils::kCommandFailed, "it holds, but is not kept for the next start: " + fault};
     }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    unusable_.erase(PolicyStore::FileOf(feature));
     return {};
 }
 
@@ -158,7 +159,7 @@ void FeatureHost::Disable(const std::string& feature, const Policy& policy)
     manager_.DestroyModule(feature);
 }
 
-std::vector<std::string> FeatureHost::GetUnusable() const
+std::set<std::string> FeatureHost::GetUnusable() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     return unusable_;

@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,7 +38,7 @@ public:
     // Without a text the former one goes on to hold. What succeeds is kept for the next start.
     Outcome Apply(const std::string& feature, bool enable, const std::optional<std::string>& text);
 
-    std::vector<std::string> GetUnusable() const;  // kept policies
+    std::set<std::string> GetUnusable() const;  // files of kept policies
 
     // Of all that are installed, loaded or have a policy.
     std::vector<State> GetStates() const;
@@ -53,5 +54,5 @@ private:
     NEUtils::Manager::ModuleManager manager_;
     mutable std::mutex mutex_;
     PolicyStore::Policies policies_;  // that hold; under mutex_
-    std::vector<std::string> unusable_;
+    std::set<std::string> unusable_;
 };

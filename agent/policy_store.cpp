@@ -32,7 +32,12 @@ std::string Read(const std::string& path, NEUtils::Manager::Policy& policy)
 
 }  // namespace
 
-PolicyStore::Policies PolicyStore::Load(std::vector<std::string>& unusable) const
+std::string PolicyStore::FileOf(const std::string& feature)
+{
+    return feature + kSuffix;
+}
+
+PolicyStore::Policies PolicyStore::Load(std::set<std::string>& unusable) const
 {
     Policies policies;
     for (const std::string& name : ListFolder(folder_)) {
@@ -45,7 +50,7 @@ PolicyStore::Policies PolicyStore::Load(std::vector<std::string>& unusable) cons
         if (fault.empty()) {
             policies[feature] = std::move(policy);
         } else {
-            unusable.push_back(name);
+            unusable.insert(name);
             NE_LOG(ERROR, "Kept policy cannot be used.[file=%s reason=%s]", name.c_str(), fault.c_str());
         }
     }
@@ -54,5 +59,5 @@ PolicyStore::Policies PolicyStore::Load(std::vector<std::string>& unusable) cons
 
 std::string PolicyStore::Save(const std::string& feature, const NEUtils::Manager::Policy& policy) const
 {
-    return ReplaceFile(folder_, feature + kSuffix, std::string(policy.enable ? kOn : kOff) + "\n" + policy.policy);
+    return ReplaceFile(folder_, FileOf(feature), std::string(policy.enable ? kOn : kOff) + "\n" + policy.policy);
 }

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "module_manager.h"
 
@@ -16,10 +16,12 @@ public:
     explicit PolicyStore(std::string folder) : folder_(std::move(folder)) {}
 
     // A file that cannot be used is one ERROR record, and its name added.
-    Policies Load(std::vector<std::string>& unusable) const;
+    Policies Load(std::set<std::string>& unusable) const;
 
     // Replaces the file in one step; a crash leaves the old or the new one. Gives what went wrong, or nothing.
     std::string Save(const std::string& feature, const NEUtils::Manager::Policy& policy) const;
+
+    static std::string FileOf(const std::string& feature);
 
 private:
     const std::string folder_;

@@ -67,11 +67,12 @@ std::string Count(std::uint64_t count, const char* of)
     return std::to_string(count) + of;
 }
 
-Json Feature(const FeatureHost::State& state, Problems& problems)
+using Counters = std::map<std::string, const FeatureCounters*>;
+
+Json Feature(const FeatureHost::State& state, const Counters& counters, Problems& problems)
 {
     problems.AddIf(state.status == "failed", "feature " + state.name + " has failed");
     Json feature = {{"name", state.name}, {"status", state.status}};
-    const auto counters = FeatureCounters::All();
     if (const auto found = counters.find(state.name); found != counters.end()) {
         const FeatureCounters& own = *found->second;
         const std::uint64_t lacking = own.lacking;
@@ -90,9 +91,10 @@ Json Features(const FeatureHost& features, Problems& problems)
     for (const std::string& file : features.GetUnusable()) {
         problems.AddIf(true, "policy " + file + " cannot be used");
     }
+    const Counters counters = FeatureCounters::All();
     Json list = Json::array();
     for (const FeatureHost::State& state : features.GetStates()) {
-        list.push_back(Feature(state, problems));
+        list.push_back(Feature(state, counters, problems));
     }
     return list;
 }

@@ -7,8 +7,11 @@
 
 namespace NEUtils {
 
-Report::Report(std::uint32_t type) : type_(type)
+Report::Report(std::uint32_t type) : type_(type), isWanted_(ReportQueue::GetInstance().IsRunning())
 {
+    if (!isWanted_) {
+        return;
+    }
     const std::int64_t ms = Clock::WallMs();
     TLVValue value;
     value.Init(kTagTime, reinterpret_cast<const unsigned char*>(&ms), sizeof(ms));
@@ -17,15 +20,17 @@ Report::Report(std::uint32_t type) : type_(type)
 
 Report& Report::Add(ReportTag tag, int number)
 {
-    TLVValue value;
-    value.Init(tag, number);
-    packer_.Add(std::move(value));
+    if (isWanted_) {
+        TLVValue value;
+        value.Init(tag, number);
+        packer_.Add(std::move(value));
+    }
     return *this;
 }
 
 Report& Report::Add(ReportTag tag, const std::string& text)
 {
-    if (!text.empty()) {
+    if (isWanted_ && !text.empty()) {
         TLVValue value;
         value.Init(tag, text.substr(0, TLVValue::kMaxLength - 1));  // with its NUL, or it would be read back as empty
         packer_.Add(std::move(value));
@@ -35,7 +40,7 @@ Report& Report::Add(ReportTag tag, const std::string& text)
 
 bool Report::Push()
 {
-    return packer_.Pack(kSwapReport) == 0 &&
+    return isWanted_ && packer_.Pack(kSwapReport) == 0 &&
            ReportQueue::GetInstance().Push(type_, packer_.GetBuffer(), packer_.GetSize());
 }
 

@@ -274,6 +274,12 @@ bool ReportQueue::Drain(unsigned int timeoutMs)
     return count_ == 0;
 }
 
+bool ReportQueue::IsRunning()
+{
+    const Lock lock(mutex_);
+    return running_;
+}
+
 std::size_t ReportQueue::GetCount()
 {
     const Lock lock(mutex_);

@@ -244,7 +244,11 @@ std::uintptr_t HipsGuard::CreateHipsThread(int (*routine)(void*), void* arg, int
         NE_LOG(ERROR, "Create thread object failed, not enough memory.");
         return 0;
     }
-    const auto instance = std::make_shared<HipsThreadInstance>(object.get(), name);
+    const std::shared_ptr<HipsThreadInstance> instance(new (std::nothrow) HipsThreadInstance(object.get(), name));
+    if (instance == nullptr) {
+        NE_LOG(ERROR, "Alloc instance memory failed.");
+        return 0;
+    }
     static_cast<void>(object.release());
     const auto handle = static_cast<std::uintptr_t>(instance->GetId());
     {

@@ -25,6 +25,7 @@ public:
 
 private:
     const std::uint32_t type_;
+    const bool isWanted_;  // otherwise there is nothing to build
     TLVPacker packer_;
 };
 

@@ -48,6 +48,7 @@ public:
     // reports may still be to come.
     bool Drain(unsigned int timeoutMs);
 
+    bool IsRunning();
     std::size_t GetCount();
     std::uint64_t GetDroppedCount();  // since the process started
 

@@ -301,7 +301,7 @@ TEST_F(AgentTest, CarriesOutWhatTheServerOrdersAndKeepsIt)
     const std::string control = root_ / "control";
     const std::string tree = root_ / "tree";
     fs::create_directory(tree);
-    fs::remove(PolicyFile("process_watch"));
+    SetPolicy("process_watch", "unusable\n");
     Write(root_ / "guarded", "");
     Write(root_ / "files", "watch=" + tree + ";recursive\n");
     Write(root_ / "wrong", "watch=" + tree + "\nwach=/x\n");
@@ -326,7 +326,10 @@ TEST_F(AgentTest, CarriesOutWhatTheServerOrdersAndKeepsIt)
                         "has no watch]"));
     EXPECT_TRUE(answers("policy file_integrity on " + (root_ / "files"),
                         "policy file_integrity on: done; file_access=off file_integrity=started process_watch=off\n"));
+    const std::string unusable = "policy process_watch.policy cannot be used";
+    EXPECT_TRUE(Contains(Run(run_ + " --status"), unusable));
     EXPECT_TRUE(answers("policy process_watch on", "policy process_watch on: done; "));
+    EXPECT_FALSE(Contains(Run(run_ + " --status"), unusable));
     EXPECT_TRUE(answers("policy file_access on " + (root_ / "guard"),
                         "file_access on: done; file_access=started file_integrity=started process_watch=started\n"));
     Write(tree + "/new", "hello\n");
