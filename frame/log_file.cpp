@@ -1,21 +1,20 @@
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <cstdlib>
-#include <cstring>
 #include <iterator>
+#include <new>
 #include <utility>
-#include <vector>
 
+#include "frame/log_roll.h"
+#include "frame/stop_deferral.h"
 #include "log_system.h"
 #include "util/bounded.h"
-#include "util/file.h"
-#include "util/text.h"
+#include "util/clock.h"
+#include "util/errno_text.h"
 
 namespace NEUtils {
 
@@ -24,33 +23,10 @@ namespace {
 constexpr unsigned int kLineSize = 4224;
 constexpr unsigned int kWritesPerSizeCheck = 49;
 constexpr mode_t kLiveMode = 0640;
-constexpr mode_t kRolledMode = 0440;
-
-std::string CopyName(const std::string& path, unsigned int number)
-{
-    return path + "." + std::to_string(number) + ".gz";
-}
-
-// Removes the copies from a number on: more than one where the limit was lowered.
-void RemoveCopiesFrom(const std::string& path, unsigned int first)
-{
-    const std::size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "./" : path.substr(0, slash + 1);
-    const std::string start = path.substr(slash == std::string::npos ? 0 : slash + 1) + ".";
-    const std::string end = ".gz";
-    std::vector<std::string> names;
-    FileOperation::ListDirectory(folder, names);
-    for (const std::string& name : names) {
-        int number = 0;
-        const bool isCopy =
-            name.size() > start.size() + end.size() && name.compare(0, start.size(), start) == 0 &&
-            name.compare(name.size() - end.size(), end.size(), end) == 0 &&
-            Convert::StringToInt(name.substr(start.size(), name.size() - start.size() - end.size()), number);
-        if (isCopy && number > 0 && static_cast<unsigned int>(number) >= first) {
-            unlink((folder + name).c_str());
-        }
-    }
-}
+constexpr std::int64_t kFirstRollPauseNs = Clock::kNsPerSecond;
+constexpr std::int64_t kLongestRollPauseNs = 60 * Clock::kNsPerSecond;
+constexpr std::int64_t kForkWaitNs = Clock::kNsPerSecond;
+constexpr std::int64_t kSlowSeconds = 10;
 
 // The open file still has a name. statx asks for the link count alone, and the next write after it
 // is cheaper than after fstat, which stands in where the kernel lacks it.
@@ -66,93 +42,7 @@ bool HasLinks(int fd)
     return fstat(fd, &plain) == 0 && plain.st_nlink > 0;
 }
 
-// Puts a line together in a buffer of the caller's. By hand, since printf would be the dearest step of
-// a record after its system calls.
-class LineWriter {
-public:
-    LineWriter(char* out, std::size_t size) : at_(out), end_(out + size) {}
-
-    void Text(const char* text)
-    {
-        const char* known = text == nullptr ? "(null)" : text;
-        Bytes(known, std::strlen(known));
-    }
-    void Byte(char byte) { Bytes(&byte, 1); }
-
-    // A decimal number, filled up with zeros in front.
-    void Number(long long value, std::size_t width)
-    {
-        char digits[24];
-        const auto length = static_cast<std::size_t>(std::to_chars(digits, std::end(digits), value).ptr - digits);
-        for (std::size_t i = length; i < width; ++i) {
-            Byte('0');
-        }
-        Bytes(digits, length);
-    }
-
-    // What has been written; null once something did not fit.
-    [[nodiscard]] const char* End() const { return at_; }
-
-private:
-    void Bytes(const char* bytes, std::size_t count)
-    {
-        if (at_ == nullptr || count > static_cast<std::size_t>(end_ - at_)) {
-            at_ = nullptr;
-            return;
-        }
-        std::memcpy(at_, bytes, count);
-        at_ += count;
-    }
-
-    char* at_;
-    char* end_;
-};
-
-void PutTime(LineWriter& line, const struct tm& time)
-{
-    line.Number(time.tm_year, 4);
-    line.Number(time.tm_mon, 2);
-    line.Number(time.tm_mday, 2);
-    line.Byte(' ');
-    line.Number(time.tm_hour, 2);
-    line.Byte(':');
-    line.Number(time.tm_min, 2);
-    line.Byte(':');
-    line.Number(time.tm_sec, 2);
-}
-
 }  // namespace
-
-unsigned int LogSystem::GetDefaultLogContent(const NENormalLog& record, char* out, unsigned int size)
-{
-    if (size < 2) {
-        return 0;
-    }
-    char thread[16] = {};
-    pthread_getname_np(pthread_self(), thread, std::size(thread));
-    LineWriter line(out, size - 1);
-    PutTime(line, *record.time);
-    line.Byte(' ');
-    line.Text(record.levelName);
-    line.Text(" [");
-    line.Text(record.fileName);
-    line.Byte(':');
-    line.Number(record.line, 1);
-    line.Text("] [");
-    line.Text(thread);
-    line.Text("] ");
-    line.Text(record.content);
-    line.Byte('\n');
-    if (line.End() == nullptr) {
-        return 0;
-    }
-    auto count = static_cast<unsigned int>(line.End() - out);
-    while (out[count - 2] == '\n') {  // the message brought its own
-        --count;
-    }
-    out[count] = '\0';
-    return count;
-}
 
 LogSystem::LogFile::LogFile(std::string filePath, unsigned int minLevel, unsigned int maxFileSize,
                             unsigned int rollCount)
@@ -162,7 +52,9 @@ LogSystem::LogFile::LogFile(std::string filePath, unsigned int minLevel, unsigne
 
 LogSystem::LogFile::~LogFile()
 {
-    CloseStream();
+    if (!abandoned_) {
+        CloseStream();
+    }
 }
 
 void LogSystem::LogFile::SetLimits(unsigned int minLevel, unsigned int maxFileSize, unsigned int rollCount)
@@ -174,6 +66,10 @@ void LogSystem::LogFile::SetLimits(unsigned int minLevel, unsigned int maxFileSi
 
 void LogSystem::LogFile::CloseRetired()
 {
+    if (abandoned_) {
+        return;
+    }
+    const StopDeferral untilClosed;
     const std::lock_guard<std::mutex> lock(fileMutex_);
     if (retired_) {  // unless it has been registered again meanwhile
         CloseStream();
@@ -212,11 +108,16 @@ void LogSystem::LogFile::WriteLog(const Formatter& formatter, const NENormalLog&
 
 bool LogSystem::LogFile::FlushLogStream(const char* data, unsigned int length)
 {
+    const StopDeferral untilWritten;
+    if (abandoned_) {
+        return false;
+    }
     const std::lock_guard<std::mutex> lock(fileMutex_);
     if (retired_) {
         return false;
     }
-    // Kept at every 50th write: the check costs a look at the path.
+    busySinceNs_ = Clock::MonotonicNs();
+    // Kept at every 50th write because the check costs a look at the path.
     if (++writeCount_ > kWritesPerSizeCheck) {
         CheckFileMaxSize();
         writeCount_ = 0;
@@ -224,13 +125,84 @@ bool LogSystem::LogFile::FlushLogStream(const char* data, unsigned int length)
     if (!IsFileStreamVaild()) {
         CloseStream();
     }
-    if (!CheckLogInfo()) {
-        return false;
+    const bool isOpen = CheckLogInfo();
+    if (isOpen) {
+        AppendLine(data, length);
+    } else {
+        CountFailure(errno);
     }
-    if (fwrite_unlocked(data, 1, length, stream_) > 0) {
-        static_cast<void>(fflush_unlocked(stream_));
+    busySinceNs_ = 0;
+    return isOpen;
+}
+
+void LogSystem::LogFile::AppendLine(const char* data, unsigned int length)
+{
+    // What the disk took of a line before must not swallow this one.
+    bool written = !endsInPiece_ || putc_unlocked('\n', stream_) != EOF;
+    written = written && fwrite_unlocked(data, 1, length, stream_) == length;
+    int error = errno;
+    if (fflush_unlocked(stream_) != 0) {
+        error = errno;
+        written = false;
     }
-    return true;
+    if (written) {
+        endsInPiece_ = false;
+        lastError_ = 0;
+        return;
+    }
+    const int fd = fileno_unlocked(stream_);
+    struct stat status = {};
+    char last = '\n';
+    endsInPiece_ =
+        fstat(fd, &status) == 0 && status.st_size > 0 && pread(fd, &last, 1, status.st_size - 1) == 1 && last != '\n';
+    clearerr_unlocked(stream_);
+    CountFailure(error);
+}
+
+void LogSystem::LogFile::CountFailure(int error)
+{
+    ++failedLines_;
+    ++LogSystem::failedLines_;
+    lastError_ = error;
+}
+
+std::uint64_t LogSystem::LogFile::GetFailedLineCount() const
+{
+    return failedLines_;
+}
+
+std::string LogSystem::LogFile::GetFault() const
+{
+    const std::int64_t since = busySinceNs_;
+    const std::int64_t seconds = since == 0 ? 0 : (Clock::MonotonicNs() - since) / Clock::kNsPerSecond;
+    if (seconds >= kSlowSeconds) {
+        return "a line has been waiting for " + std::to_string(seconds) + " s for the disk or for gzip";
+    }
+    const int error = lastError_;
+    if (error == EEXIST) {
+        return "the old file cannot be rolled away";
+    }
+    return error == 0 ? "" : ErrnoText(error).Get();
+}
+
+// For a fork: waits for the line under way, but not for a roll that hangs.
+void LogSystem::LogFile::LockForFork()
+{
+    const std::int64_t end = Clock::MonotonicNs() + kForkWaitNs;
+    while (!(forkLocked_ = fileMutex_.try_lock()) && Clock::MonotonicNs() < end) {
+        Clock::SleepNs(Clock::kNsPerMs);
+    }
+}
+
+void LogSystem::LogFile::UnlockAfterFork(bool isChild)
+{
+    if (forkLocked_) {
+        forkLocked_ = false;
+        fileMutex_.unlock();
+    } else if (isChild) {  // nobody will ever unlock it here, and its stream is in the middle of a line
+        abandoned_ = true;
+        retired_ = true;
+    }
 }
 
 bool LogSystem::LogFile::IsFileStreamVaild() const
@@ -254,13 +226,19 @@ bool LogSystem::LogFile::CheckLogInfo()
     if (stream_ != nullptr) {
         return true;
     }
+    if (LogRoll::PathFault(filePath_) != nullptr) {  // opening may roll, and the path would reach the shell
+        errno = EINVAL;
+        return false;
+    }
     // Kept exclusive: opening never appends to what is there. The same as mode "a+x", but the file has
     // its final mode from the first moment on.
     const auto create = [this]() -> std::FILE* {
         const int fd = open(filePath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, kLiveMode);
         std::FILE* stream = fd < 0 ? nullptr : fdopen(fd, "a+");
         if (fd >= 0 && stream == nullptr) {
+            const int error = errno;
             close(fd);
+            errno = error;
         }
         return stream;
     };
@@ -275,9 +253,13 @@ bool LogSystem::LogFile::CheckLogInfo()
     const int fd = fileno_unlocked(stream_);
     struct stat status = {};
     if (fstat(fd, &status) != 0 || fchmod(fd, kLiveMode) != 0) {
+        const int error = errno;
         CloseStream();
+        errno = error;
         return false;
     }
+    endsInPiece_ = false;
+    rollPauseNs_ = nextRollNs_ = 0;  // nothing is left to roll away
     fileSize_ = static_cast<std::uint64_t>(status.st_size);
     return true;
 }
@@ -289,7 +271,7 @@ void LogSystem::LogFile::RollFilesDuringRetart()
         static_cast<void>(std::remove(filePath_.c_str()));
         return;
     }
-    RollFiles(filePath_, rollCount_);
+    RollWhenDue();
 }
 
 void LogSystem::LogFile::CheckFileMaxSize()
@@ -312,29 +294,28 @@ void LogSystem::LogFile::CheckFileMaxSize()
     }
     CloseStream();
     if (count != 0) {
-        RollFiles(filePath_, count);
+        RollWhenDue();
     }
 }
 
 void LogSystem::LogFile::RollFiles(const std::string& path, unsigned int count) const
 {
-    const std::string fresh = path + ".gz";
-    unlink(fresh.c_str());
-    const std::string command = "gzip " + path;
-    // A wait status of 0 is a normal exit with status 0. Register has kept the shell's characters out of the path.
-    const int status = std::system(command.c_str());  // NOLINT(cert-env33-c)
-    if (status != 0 || chmod(fresh.c_str(), kRolledMode) != 0) {
+    static_cast<void>(LogRoll::Roll(path, count));
+}
+
+// gzip on a full disk fails after it has read the whole file, so it is not tried again with every record.
+void LogSystem::LogFile::RollWhenDue()
+{
+    if (Clock::MonotonicNs() < nextRollNs_) {
         return;
     }
-    RemoveCopiesFrom(path, count);
-    if (count == 0) {
-        unlink(fresh.c_str());
-        return;
+    bool rolled = false;
+    try {
+        rolled = LogRoll::Roll(filePath_, rollCount_);
+    } catch (const std::bad_alloc&) {
     }
-    for (unsigned int number = count; number > 1; --number) {
-        static_cast<void>(std::rename(CopyName(path, number - 1).c_str(), CopyName(path, number).c_str()));
-    }
-    static_cast<void>(std::rename(fresh.c_str(), CopyName(path, 1).c_str()));
+    rollPauseNs_ = rolled ? 0 : std::clamp(2 * rollPauseNs_, kFirstRollPauseNs, kLongestRollPauseNs);
+    nextRollNs_ = rolled ? 0 : Clock::MonotonicNs() + rollPauseNs_;
 }
 
 }  // namespace NEUtils

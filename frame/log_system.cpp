@@ -1,9 +1,12 @@
 #include "log_system.h"
 
-#include <cstring>
+#include <pthread.h>
+
 #include <utility>
 #include <vector>
 
+#include "frame/log_roll.h"
+#include "frame/stop_deferral.h"
 #include "util/clock.h"
 
 namespace NEUtils {
@@ -11,20 +14,6 @@ namespace NEUtils {
 namespace {
 
 constexpr std::int64_t kPeriodSeconds = 86399;
-
-const char* PathFault(const std::string& path)
-{
-    if (path.empty() || path[0] == '-') {
-        return "the path is empty or begins with a minus";
-    }
-    for (const char byte : path) {
-        const auto code = static_cast<unsigned char>(byte);
-        if (code <= ' ' || code == 0x7f || std::strchr("|&;<>()$`\\\"'*?[]#~!{}^", byte) != nullptr) {
-            return "the path holds a blank or a character special to the shell";
-        }
-    }
-    return nullptr;
-}
 
 }  // namespace
 
@@ -38,6 +27,8 @@ struct LogSystem::Slot {
 };
 
 std::atomic<unsigned int> LogSystem::maxLines_{0};
+std::atomic<std::uint64_t> LogSystem::failedLines_{0};
+std::atomic<std::uint64_t> LogSystem::linesOverBudget_{0};
 unsigned int LogSystem::recordLines_ = 0;
 std::int64_t LogSystem::refreshPoint_ = 0;
 std::mutex LogSystem::linesLock_;
@@ -52,15 +43,50 @@ std::array<LogSystem::Slot, 5>& LogSystem::Slots()
 // and name is taken once and never left subscribed without a place.
 std::mutex& LogSystem::RegistrationMutex()
 {
-    static auto& mutex = *new std::mutex;
+    static auto& mutex = []() -> std::mutex& {
+        // A fork takes the locks of the handlers that were added last first, and the registry's is the innermost.
+        MessageBus::GetSubMutex();
+        pthread_atfork(
+            &LockForFork, [] { UnlockAfterFork(false); }, [] { UnlockAfterFork(true); });
+        return *new std::mutex;
+    }();
     return mutex;
 }
 
-// Gives the reason of a refusal, or null.
-const char* LogSystem::TakeSlot(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
-                                Formatter formatter)
+// A child that is forked while another thread logs would find its locks held for ever.
+void LogSystem::LockForFork()
 {
+    RegistrationMutex().lock();
+    for (Slot& slot : Slots()) {
+        slot.slotMutex.lock();
+        if (slot.InUse()) {
+            slot.file->LockForFork();
+        }
+    }
+    linesLock_.lock();
+}
+
+void LogSystem::UnlockAfterFork(bool isChild)
+{
+    linesLock_.unlock();
+    for (Slot& slot : Slots()) {
+        if (slot.InUse()) {
+            slot.file->UnlockAfterFork(isChild);
+        }
+        slot.slotMutex.unlock();
+    }
+    RegistrationMutex().unlock();
+}
+
+// Gives the reason of a refusal, or null.
+const char* LogSystem::AddToSlot(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
+                                 Formatter formatter)
+{
+    const StopDeferral untilUnlocked;
     const std::lock_guard<std::mutex> registration(RegistrationMutex());
+    if (file->abandoned_) {
+        return "the file was in use elsewhere when this process was forked";
+    }
     Slot* free = nullptr;
     for (Slot& slot : Slots()) {
         const std::lock_guard<std::mutex> lock(slot.slotMutex);
@@ -98,10 +124,10 @@ bool LogSystem::Register(std::shared_ptr<LogFile> file, const std::string& kind,
     } else if (kind.empty() || name.empty()) {
         fault = "the kind or the name is empty";
     } else {
-        fault = PathFault(path);
+        fault = LogRoll::PathFault(path);
     }
     if (fault == nullptr) {
-        fault = TakeSlot(std::move(file), kind, name, std::move(formatter));
+        fault = AddToSlot(std::move(file), kind, name, std::move(formatter));
     }
     if (fault != nullptr) {
         NE_LOG(ERROR, "Unable to register log file.[kind=%s name=%s filePath=%s reason=%s]", kind.c_str(), name.c_str(),
@@ -113,6 +139,7 @@ bool LogSystem::Register(std::shared_ptr<LogFile> file, const std::string& kind,
 bool LogSystem::UpdateLogConfig(const std::string& name, unsigned int minLevel, unsigned int maxFileSize,
                                 unsigned int rollCount)
 {
+    const StopDeferral untilUnlocked;
     for (Slot& slot : Slots()) {
         const std::lock_guard<std::mutex> lock(slot.slotMutex);
         if (slot.InUse() && slot.name == name) {
@@ -129,10 +156,38 @@ void LogSystem::SetGlobalRecordLines(unsigned int lines)
     NE_LOG(INFO, "Configure the maximum number of rows.[maxLogLines = %zu]", static_cast<std::size_t>(lines));
 }
 
+bool LogSystem::Unregister(const std::string& name)
+{
+    std::shared_ptr<LogFile> file;
+    std::string kind;
+    {
+        const StopDeferral untilUnlocked;
+        const std::lock_guard<std::mutex> registration(RegistrationMutex());
+        for (Slot& slot : Slots()) {
+            const std::lock_guard<std::mutex> lock(slot.slotMutex);
+            if (file == nullptr && slot.InUse() && slot.name == name) {
+                file = std::move(slot.file);
+                kind = std::move(slot.kind);
+                slot.name.clear();
+                slot.kind.clear();
+            }
+        }
+    }
+    if (file == nullptr) {
+        return false;
+    }
+    // Outside the locks: both wait, for the lines under way and for a roll.
+    MessageBus::UnsubscribeAndWait(kind, name);
+    file->retired_ = true;
+    file->CloseRetired();
+    return true;
+}
+
 void LogSystem::CloseAllLogFile()
 {
     std::vector<std::shared_ptr<LogFile>> files;
     {
+        const StopDeferral untilUnlocked;
         const std::lock_guard<std::mutex> registration(RegistrationMutex());
         for (Slot& slot : Slots()) {
             const std::lock_guard<std::mutex> lock(slot.slotMutex);
@@ -163,10 +218,29 @@ bool LogSystem::SpendLine()
         recordLines_ = 0;
     }
     if (recordLines_ >= limit) {
+        ++linesOverBudget_;
         return false;
     }
     ++recordLines_;
     return true;
+}
+
+std::uint64_t LogSystem::GetFailedLineCount()
+{
+    return failedLines_;
+}
+
+std::uint64_t LogSystem::GetLinesOverBudget()
+{
+    return linesOverBudget_;
+}
+
+bool LogSystem::IsBudgetUsedUp()
+{
+    const unsigned int limit = maxLines_;
+    const StopDeferral untilUnlocked;
+    const std::lock_guard<std::mutex> lock(linesLock_);
+    return limit != 0 && recordLines_ >= limit && Clock::WallSeconds() - refreshPoint_ <= kPeriodSeconds;
 }
 
 }  // namespace NEUtils

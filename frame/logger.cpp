@@ -1,12 +1,17 @@
 #include "logger.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <memory>
 #include <utility>
 #include <vector>
 
+#include "frame/stop_deferral.h"
 #include "util/bounded.h"
+#include "util/call_gate.h"
 
 namespace {
 
@@ -25,6 +30,23 @@ char* CurrentMessage()
 {
     return t_nested == nullptr ? t_message : t_nested;
 }
+
+// A subscriber as the registry holds it. Its copies, one a record under way, share the callable, so that
+// UnsubscribeAndWait can wait for their calls and destroy it before its code is unloaded.
+struct GatedSubscriber {
+    struct Shared {
+        explicit Shared(NEUtils::MessageBus::Subscriber subscriber) : call(std::move(subscriber)) {}
+        NEUtils::MessageBus::Subscriber call;
+        NEUtils::CallGate gate;
+    };
+
+    void operator()(const NENormalLog& record) const
+    {
+        shared->gate.Call([&] { shared->call(record); });
+    }
+
+    std::shared_ptr<Shared> shared;
+};
 
 // The subscribers of one kind as they are now. Copying these alone shows callers the same as copying
 // the whole registry would, and they run without the lock.
@@ -121,6 +143,7 @@ void LoggerWriteLog(const char* logKind, LogLevel level, const char* fileName, u
         t_depth >= kMaxDepth) {
         return;
     }
+    const NEUtils::StopDeferral untilWritten;
     const int error = errno;
     if (const Subscribers subscribers = CopySubscribers(logKind); !subscribers.empty()) {
         errno = error;
@@ -161,10 +184,40 @@ void PrintDebugLargeLog(const std::string& text)
 
 namespace NEUtils {
 
+namespace {
+
+// Fork handlers: a child that is forked while another thread logs would find the registry locked for ever.
+void LockForFork()
+{
+    MessageBus::GetSubMutex().lock();
+}
+
+void UnlockInParent()
+{
+    MessageBus::GetSubMutex().unlock();
+}
+
+void UnlockInChild()
+{
+    for (auto& [kind, names] : MessageBus::GetSubList<const NENormalLog&>()) {
+        for (auto& [name, subscriber] : names) {
+            if (const auto* gated = subscriber.target<GatedSubscriber>()) {
+                gated->shared->gate.ForgetOtherThreads();
+            }
+        }
+    }
+    MessageBus::GetSubMutex().unlock();
+}
+
+}  // namespace
+
 std::mutex& MessageBus::GetSubMutex()
 {
     // Never destroyed: threads may log until the process is gone.
-    static std::mutex& subMtx = *new std::mutex;
+    static std::mutex& subMtx = []() -> std::mutex& {
+        pthread_atfork(&LockForFork, &UnlockInParent, &UnlockInChild);
+        return *new std::mutex;
+    }();
     return subMtx;
 }
 
@@ -179,20 +232,20 @@ template NEUTILS_API MessageBus::SubList<const NENormalLog&>& MessageBus::GetSub
 
 bool MessageBus::Subscribe(const std::string& kind, const std::string& name, Subscriber subscriber)
 {
+    GatedSubscriber gated{std::make_shared<GatedSubscriber::Shared>(std::move(subscriber))};
+    const StopDeferral untilUnlocked;
     const std::lock_guard<std::mutex> lock(GetSubMutex());
-    auto& names = GetSubList<const NENormalLog&>()[kind];
-    const bool isNew = names.count(name) == 0;
-    if (isNew) {
-        names[name] = std::move(subscriber);
-    }
-    return isNew;
+    return GetSubList<const NENormalLog&>()[kind].try_emplace(name, std::move(gated)).second;
 }
 
-bool MessageBus::Unsubscribe(const std::string& kind, const std::string& name)
+namespace {
+
+// Takes a subscriber out of the registry. The caller destroys it, without the lock: it may own a file, or log.
+bool TakeOut(const std::string& kind, const std::string& name, MessageBus::Subscriber& removed)
 {
-    Subscriber removed;  // destroyed after the lock is gone: it may own a file or log
-    const std::lock_guard<std::mutex> lock(GetSubMutex());
-    auto& list = GetSubList<const NENormalLog&>();
+    const StopDeferral untilUnlocked;
+    const std::lock_guard<std::mutex> lock(MessageBus::GetSubMutex());
+    auto& list = MessageBus::GetSubList<const NENormalLog&>();
     const auto found = list.find(kind);
     if (found == list.end()) {
         return false;
@@ -205,6 +258,28 @@ bool MessageBus::Unsubscribe(const std::string& kind, const std::string& name)
     found->second.erase(entry);
     if (found->second.empty()) {
         list.erase(found);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool MessageBus::Unsubscribe(const std::string& kind, const std::string& name)
+{
+    Subscriber removed;
+    return TakeOut(kind, name, removed);
+}
+
+bool MessageBus::UnsubscribeAndWait(const std::string& kind, const std::string& name)
+{
+    Subscriber removed;
+    if (!TakeOut(kind, name, removed)) {
+        return false;
+    }
+    const auto* gated = removed.target<GatedSubscriber>();
+    // Records under way elsewhere may still hold copies. The closed gate keeps them from the callable.
+    if (gated != nullptr && gated->shared->gate.Close() == 0) {
+        gated->shared->call = nullptr;
     }
     return true;
 }

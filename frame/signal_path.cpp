@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <iterator>
 
 #include "frame/signal_paths.h"
+#include "frame/stop_deferral.h"
 #include "my_program.h"
 #include "util/bounded.h"
 
@@ -25,8 +27,12 @@ char pidFile[PATH_MAX];
 namespace {
 
 constexpr int kMaxFrames = 10;
+constexpr int kMaxPidDigits = 9;
 constexpr std::size_t kRecordSize = 512;
 constexpr std::size_t kMapLineSize = 2048;
+
+std::atomic<int> g_stopSignal{0};
+std::atomic<int> g_reporter{0};  // the process that is writing its report for SIGUSR1
 
 ssize_t ReadAgain(int fd, void* data, std::size_t length)
 {
@@ -64,6 +70,22 @@ void CopyMapLines(int maps, int fd)
     }
 }
 
+// The process id that a file begins with; 0 for none.
+int ReadPid(const char* path)
+{
+    char text[kMaxPidDigits];
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const ssize_t length = fd < 0 ? 0 : ReadAgain(fd, text, std::size(text));
+    if (fd >= 0) {
+        close(fd);
+    }
+    int pid = 0;
+    for (ssize_t i = 0; i < length && text[i] >= '0' && text[i] <= '9'; ++i) {
+        pid = pid * 10 + (text[i] - '0');
+    }
+    return pid;
+}
+
 void CallIfSet(int (*function)())
 {
     if (function != nullptr) {
@@ -72,6 +94,15 @@ void CallIfSet(int (*function)())
 }
 
 }  // namespace
+
+void SignalPaths::RemovePidFile(const char* path, int child)
+{
+    const int pid = ReadPid(path);
+    const bool isOthers = pid > 0 && pid != getpid() && pid != child && (kill(pid, 0) == 0 || errno == EPERM);
+    if (!isOthers) {
+        unlink(path);
+    }
+}
 
 int WriteLog(int fd, const char* format, ...)
 {
@@ -88,16 +119,28 @@ int WriteLog(int fd, const char* format, ...)
 
 void MyProgram::SigActionHandler(int signo, siginfo_t*, void*)
 {
-    const int error = errno;
     // Kept because embedders switch the handling off by giving no log path: the signal is swallowed, a
     // crash signal too.
-    if (SignalPaths::crashReport[0] == '\0') {
+    if (SignalPaths::crashReport[0] == '\0' || StopDeferral::PutOff(signo)) {
         return;
     }
+    const int error = errno;
+    const int self = getpid();
+    // A flood of SIGUSR1 would nest until the stack is full. A forked child has a report of its own to write.
+    if (signo != SIGUSR1) {
+        WriteReport(signo);
+    } else if (g_reporter.exchange(self) != self) {
+        WriteReport(signo);
+        g_reporter = 0;
+    }
+    errno = error;
+}
+
+void MyProgram::WriteReport(int signo)
+{
     // Kept because a full disk must still take a report: it is written over the one before, uncut.
     const int fd = open(SignalPaths::crashReport, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) {
-        errno = error;
         return;
     }
     LogMapsInfo(getpid(), fd);
@@ -107,7 +150,6 @@ void MyProgram::SigActionHandler(int signo, siginfo_t*, void*)
     backtrace_symbols_fd(frames, backtrace(frames, kMaxFrames), fd);
     SigDeal(fd, signo);
     close(fd);
-    errno = error;
 }
 
 const char* MyProgram::ProcessTypeName()
@@ -125,12 +167,18 @@ int MyProgram::SigDeal(int fd, int signo)
     if (signo == SIGUSR1) {
         return 0;
     }
+    g_stopSignal = signo;
     DealStopSig();
     const MyProgram& program = GetInstance();
     const bool isChild = program.isDaemon_ && !program.isParent_;
-    if (program.checkSingleton_ && !isChild && SignalPaths::pidFile[0] != '\0') {
-        unlink(SignalPaths::pidFile);
+    if (program.checkSingleton_ && !isChild) {
+        SignalPaths::RemovePidFile(SignalPaths::pidFile, program.childPid_);
     }
+    // Blocked by whoever started this process, SIGTERM would not end it.
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &ending, nullptr);
     SendSignal(getpid(), SIGTERM);
     return 0;
 }
@@ -169,6 +217,16 @@ void MyProgram::LogMapsInfo(int pid, int fd)
     WriteLog(fd, "hips maps.[hipsPid=%d]\n", pid);
     CopyMapLines(maps, fd);
     close(maps);
+}
+
+int MyProgram::GetStopSignal()
+{
+    return g_stopSignal;
+}
+
+const char* MyProgram::GetReportPath()
+{
+    return SignalPaths::crashReport;
 }
 
 bool MyProgram::SendSignal(int pid, int signo)

@@ -24,11 +24,13 @@ namespace NEUtils {
 // Locks    one mutex a file, held while its line is written and while it rolls; the daily budget's and
 //          the registration's (over a place's, over the registry's) are never held together with it.
 //          Nothing is logged under any of them.
-// Blocks   a roll runs gzip on the thread whose record found the file too large. It does so through
-//          system(), so SIGINT and SIGQUIT are ignored in the whole process meanwhile: block them and
-//          take them with sigwaitinfo. SIGCHLD must not be ignored, or no roll is seen to succeed.
-// Errors   a refused registration is logged; failing writes are silent, and the next record tries again.
-//          A formatter that throws, or is empty, ends the process.
+//          A fork waits for them, so do not fork in a formatter or a signal handler. In a child that was forked
+//          while a file rolled for longer than a second, records to that file are dropped.
+// Blocks   a roll runs gzip, in the shell, on the thread whose record found the file too large. SIGCHLD must not be
+//          ignored, and nobody else may wait for that child, or no roll is seen to succeed.
+// Errors   a refused registration is logged; failing writes are silent but counted, and the next record tries
+//          again, gzip after a pause of a second that doubles up to a minute. A formatter that throws, or is empty,
+//          ends the process.
 class NEUTILS_API LogSystem {
 public:
     // Renders a record into out, of size bytes; gives the bytes written, 0 on failure.
@@ -39,10 +41,15 @@ public:
     // Puts a file in a free place and subscribes it; it is opened by its first record (or before, by
     // CheckLogInfo, to learn whether it can be). One object a path: two would roll each other away. False, with an
     // ERROR record: all five places are taken, kind and name are in use together, kind, name or file are missing, or
-    // the path is empty, begins with '-' or holds a blank or a character special to the shell (it becomes part of a
-    // command).
+    // the path is empty, begins with '-', holds a blank or a character special to the shell (it becomes part of a
+    // command), or ends in a name that gzip does not compress (.gz .z .taz .tgz -gz -z _z) or that is longer than 241
+    // bytes.
     static bool Register(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
                          Formatter formatter);
+
+    // Takes the first registered file of that name out of service: waits until no other thread writes to it or runs its
+    // formatter, closes it and frees its place. Afterwards the library holds neither. False: no such file.
+    static bool Unregister(const std::string& name);
 
     // Sets the limits of the first registered file of that name.
     static bool UpdateLogConfig(const std::string& name, unsigned int minLevel, unsigned int maxFileSize,
@@ -50,6 +57,12 @@ public:
 
     // Lines that all files together may write in 86,400 seconds of the wall clock; 0: no budget.
     static void SetGlobalRecordLines(unsigned int lines);
+
+    // For a status, since the process began: lines that could not be written to any file, and lines that the daily
+    // budget did not allow; and whether it allows none at present.
+    static std::uint64_t GetFailedLineCount();
+    static std::uint64_t GetLinesOverBudget();
+    static bool IsBudgetUsedUp();
 
     // Unsubscribes and closes every file and frees its place. A record that arrives late is dropped;
     // registering a file again opens it again.
@@ -64,10 +77,14 @@ private:
 
     static std::array<Slot, 5>& Slots();
     static std::mutex& RegistrationMutex();
-    static const char* TakeSlot(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
-                                Formatter formatter);
+    static const char* AddToSlot(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
+                                 Formatter formatter);
     static bool SpendLine();
+    static void LockForFork();
+    static void UnlockAfterFork(bool isChild);
 
+    static std::atomic<std::uint64_t> failedLines_;
+    static std::atomic<std::uint64_t> linesOverBudget_;
     static std::atomic<unsigned int> maxLines_;
     static unsigned int recordLines_;
     static std::int64_t refreshPoint_;
@@ -78,7 +95,7 @@ private:
 // <path>.<rollCount>.gz, mode 0440. A file found at open time is never appended to: it is rolled
 // away first, or removed if it is a link, a directory, hard-linked or owned by somebody else.
 //
-// The functions below WriteLog are its steps. All but FlushLogStream expect the file to be used by
+// The functions that follow WriteLog are its steps. All but FlushLogStream expect the file to be used by
 // this thread alone: before it is registered, or from within FlushLogStream, which locks it.
 class NEUTILS_API LogSystem::LogFile {
 public:
@@ -94,6 +111,11 @@ public:
     // Appends bytes and hands them to the kernel. The size is looked at with every 50th call, before it.
     bool FlushLogStream(const char* data, unsigned int length);
 
+    // For a status; neither waits for the file. The lines that could not be written to it; and why the last one could
+    // not, or for how long one has been waiting for the disk or for gzip (from 10 s on). Empty: all is well.
+    std::uint64_t GetFailedLineCount() const;
+    std::string GetFault() const;
+
     bool CheckLogInfo();             // opens the file where it is not open
     void CheckFileMaxSize();         // rolls or empties the file if it has grown too large
     void RollFilesDuringRetart();    // makes way for a new file
@@ -107,6 +129,11 @@ private:
     void SetLimits(unsigned int minLevel, unsigned int maxFileSize, unsigned int rollCount);
     void CloseRetired();
     void CloseStream();
+    void AppendLine(const char* data, unsigned int length);
+    void CountFailure(int error);
+    void RollWhenDue();
+    void LockForFork();
+    void UnlockAfterFork(bool isChild);
 
     const std::string filePath_;
     std::mutex fileMutex_;
@@ -116,7 +143,15 @@ private:
     unsigned int writeCount_ = 0;
     std::uint64_t fileSize_ = 0;
     std::FILE* stream_ = nullptr;
-    std::atomic<bool> retired_{false};  // taken out of service by CloseAllLogFile
+    bool endsInPiece_ = false;  // the last line was not written whole
+    std::int64_t rollPauseNs_ = 0;
+    std::int64_t nextRollNs_ = 0;
+    bool forkLocked_ = false;
+    std::atomic<std::uint64_t> failedLines_{0};
+    std::atomic<std::int64_t> busySinceNs_{0};  // when the write under way began; 0: none is
+    std::atomic<int> lastError_{0};             // why the last line failed; 0: it was written
+    std::atomic<bool> retired_{false};          // taken out of service
+    std::atomic<bool> abandoned_{false};        // in a forked child: its lock was held elsewhere
 };
 
 }  // namespace NEUtils

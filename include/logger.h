@@ -90,7 +90,13 @@ public:
     // Removes a subscriber; a call of it that is under way on another thread may still end later.
     static bool Unsubscribe(const std::string& kind, const std::string& name);
 
-    // The registry itself and the mutex to hold while using it.
+    // The same, and waits until no other thread is in a call of the subscriber; afterwards it is neither called nor
+    // held, and its code may be unloaded. From within its own call it does not wait for that call, and the subscriber
+    // is destroyed with it. False, without a wait: it is not subscribed. Hold no lock that the subscriber takes.
+    static bool UnsubscribeAndWait(const std::string& kind, const std::string& name);
+
+    // The registry itself and the mutex to hold while using it, but not over a fork. UnsubscribeAndWait does not wait
+    // for a subscriber that was put here directly.
     static std::mutex& GetSubMutex();
     template <typename Record>
     static SubList<Record>& GetSubList();

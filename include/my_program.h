@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string>
 
+#include "instance_lock.h"
 #include "neutils_api.h"
 
 namespace NEUtils {
@@ -15,10 +16,16 @@ namespace NEUtils {
 // Order of use: GetInstance(), SetLogPath(), RunProgram(); it returns when the main function has.
 //
 // The install root is the environment variable RUNTIME_CENTER_PATH. Below it lie the pid file,
-// conf/sentrel-agent.pid, and the executable that a second instance is known by, bin/sentrel-agent.
+// conf/sentrel-agent.pid, the lock of the one instance, conf/agent.lock, and the executable that a second instance
+// is known by, bin/sentrel-agent. The lock serves an executable of another name too (instance_lock.h).
 //
 // Handled signals: SIGINT, SIGQUIT, SIGTSTP stop; SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT report and
 // stop; SIGUSR1 only reports. A stop ends in SIGTERM to the own process, whose action stays the default.
+//
+// A stop signal that is not blocked interrupts whatever its thread does at that moment, and the stop function then
+// runs inside of it. The frame puts the signal off while that thread is in a log call. It cannot do so for other
+// locks, those of malloc among them: a stop function that needs one of these may wait for its own thread for ever.
+// So call BlockStopSignals() first in main(), and wait in WaitForStop().
 //
 // Threads  one: the main thread, before it starts others. The handler may run on any thread.
 // Limits   paths of at most 4,095 characters.
@@ -32,12 +39,32 @@ public:
 
     // The whole start sequence. As a daemon the result is true whatever mainFunc returned; in the
     // foreground it is true when mainFunc returned 0. stopFunc and parentStopFunc run in a signal
-    // handler unless the program waits for its stop signals itself and then calls SigActionHandler.
+    // handler unless the program waits in WaitForStop, or takes its signals itself and calls SigActionHandler.
     // notifyFunc is stored only, preRunFunc is for a daemon, called once it has detached. All
     // functions but mainFunc may be null.
     bool RunProgram(bool daemon, bool singleton, int (*mainFunc)(), int (*stopFunc)(), int (*preRunFunc)(),
                     int (*parentStopFunc)(), void (*notifyFunc)(int, int));
     bool RunProgramNotDaemon(bool singleton, int (*mainFunc)()) const;
+
+    // Blocks the stop signals on the calling thread, and on those that it starts from then on. They stay pending.
+    static void BlockStopSignals();
+
+    // For the main function: blocks the stop signals and waits for one, which stops the program as Handled signals
+    // says; as a rule the process ends in here. The stop function runs on this thread and outside of a handler.
+    // Another signal, SIGUSR1 among them, does not end the wait. True: the stop function has run and the program
+    // goes on, since it handles SIGTERM itself; the main function should return. False: errno says why not.
+    static bool WaitForStop();
+
+    // The same for a main function that waits for something else too: a descriptor that is readable (poll) while a
+    // stop signal waits, and the step to take then, which gives false if none waited or the frame swallowed it. The
+    // stop signals must be blocked. The descriptor is the frame's; -1, with errno set, if there is none.
+    static int GetStopDescriptor();
+    static bool HandlePendingStop();
+
+    // For the stop function, and safe in a handler: the signal that it runs for (0: none has come), and the path of
+    // the report about it.
+    static int GetStopSignal();
+    static const char* GetReportPath();
 
     // Directory of the crash report, logDir + "/coredump.log". Without it, or where it cannot be opened,
     // every handled signal is swallowed, crash signals too (a true fault then comes again at once). Not
@@ -68,7 +95,9 @@ private:
     MyProgram() = default;
     ~MyProgram();
 
+    static void WriteReport(int signo);
     static const char* ProcessTypeName();
+    bool LockInstance();
 
     // Written before the main function starts; the handler may read them on any thread.
     std::atomic<bool> isParent_{true};
@@ -81,6 +110,7 @@ private:
     std::atomic<int> childPid_{0};
     std::string pidFilePath_;
     std::string coreDumpLogPath_;
+    InstanceLock lock_;
 };
 
 // Formats at most 511 characters, cut beyond that, and writes them to a descriptor. Allocates nothing.

@@ -23,7 +23,7 @@ declare -A mayUse=(
 # The folder that each public header belongs to; one that stands nowhere here is refused.
 declare -A headersOf=(
     [util]='byte_buffer neutils_api sha256'
-    [frame]='config log_system logger my_program'
+    [frame]='config instance_lock log_system logger my_program'
     [modules]='feature_counters module module_entry module_manager'
     [guard]='hips_guard hips_instance_manager hips_resource_manager hips_thread_instance'
     [sched]='mr1w_lock pool_job task task_manager thread_pool'

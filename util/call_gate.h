@@ -1,64 +1,77 @@
 #pragma once
 
-#include <algorithm>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
-#include <vector>
+#include <atomic>
 
 namespace NEUtils {
 
-// Lets a callback be called until it is closed, after which no call of it runs any more. Its lock is not
-// held over the call.
+// Lets a callback be called until it is closed, after which no call of it runs any more. It has no lock, so a
+// callback costs two atomic steps and a child that is forked meanwhile cannot find one held.
 //
 // Threads  any, also several at once, and a call within a call.
 class CallGate {
 public:
+    CallGate() = default;
+    CallGate(const CallGate&) = delete;
+    CallGate& operator=(const CallGate&) = delete;
+
     // Calls the function unless the gate is closed. What it throws passes through.
     template <typename Function>
     void Call(Function&& function)
     {
-        if (Enter()) {
-            const Inside inside{*this};
+        const Inside inside(*this);
+        if (!closed_) {
             function();
         }
     }
 
-    // Waits for the calls under way, but for those of this very thread.
-    void Close()
+    // Waits for the calls under way, but for those of this very thread, and gives the number of these.
+    unsigned int Close()
     {
-        std::unique_lock<std::mutex> lock(mutex_);
         closed_ = true;
-        const auto own = std::count(callers_.begin(), callers_.end(), std::this_thread::get_id());
-        left_.wait(lock, [&] { return callers_.size() <= static_cast<std::size_t>(own); });
+        const unsigned int own = OwnCalls();
+        for (unsigned int calls = calls_; calls > own; calls = calls_) {
+            calls_.wait(calls);
+        }
+        return own;
     }
+
+    // In a forked child, which has this thread alone.
+    void ForgetOtherThreads() { calls_ = OwnCalls(); }
 
 private:
+    // A call under way, in the list of those of its thread.
     struct Inside {
+        explicit Inside(CallGate& entered) : gate(entered), outer(innermost_)
+        {
+            innermost_ = this;
+            ++gate.calls_;
+        }
+        ~Inside()
+        {
+            innermost_ = outer;
+            --gate.calls_;
+            gate.calls_.notify_all();
+        }
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+
         CallGate& gate;
-        ~Inside() { gate.Leave(); }
+        const Inside* outer;
     };
 
-    bool Enter()
+    [[nodiscard]] unsigned int OwnCalls() const
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (!closed_) {
-            callers_.push_back(std::this_thread::get_id());
+        unsigned int calls = 0;
+        for (const Inside* call = innermost_; call != nullptr; call = call->outer) {
+            calls += &call->gate == this ? 1 : 0;
         }
-        return !closed_;
+        return calls;
     }
 
-    void Leave()
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        callers_.erase(std::find(callers_.begin(), callers_.end(), std::this_thread::get_id()));
-        left_.notify_all();
-    }
+    static constinit inline thread_local const Inside* innermost_ = nullptr;
 
-    std::mutex mutex_;
-    std::condition_variable left_;
-    std::vector<std::thread::id> callers_;  // those inside a call
-    bool closed_ = false;
+    std::atomic<unsigned int> calls_{0};
+    std::atomic<bool> closed_{false};
 };
 
 }  // namespace NEUtils

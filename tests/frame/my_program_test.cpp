@@ -61,7 +61,7 @@ TEST_F(MyProgramTest, ForegroundRunOwnsThePidFileWhileItRuns)
     EXPECT_EQ(seen_, std::to_string(getpid()));
     EXPECT_FALSE(fs::exists(pidFile_));
     EXPECT_FALSE(Run(false, true, kOne) || Run(false, false, kOne));
-    fs::remove(root_ / "conf");
+    fs::remove_all(root_ / "conf");
     EXPECT_TRUE(Run(false, true, kZero));  // reported, and no reason not to run
     EXPECT_TRUE(
         records_.Has("ERROR Unable to set pidfile.[filePath=" + pidFile_ + " errorInfo=No such file or directory]"));
