@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "byte_buffer.h"
-#include "logger.h"
+#include "guard/check_log.h"
 #include "util/clock.h"
 #include "util/file.h"
 
@@ -50,7 +50,7 @@ bool OpenDescriptors(int& count)
         count = static_cast<int>(limit.rlim_cur);  // all in use, so there is none left to count them with
         return true;
     }
-    count = static_cast<int>(names.size()) - 1;  // one of them was the folder's own
+    count = static_cast<int>(names.size()) - 1;  // one of them was the directory's own
     return true;
 }
 
@@ -126,11 +126,11 @@ bool HipsResourceManager::Update()
     }
     for (const Report& report : reports) {
         if (report.verdict == kCrossed) {
-            NE_LOG(ERROR, "Self resource usage is above its limit.[measure=%s used=%.1f limit=%.1f mainThread=%lu]",
-                   report.name, report.used, report.limit, mainThread_);
+            CHECK_LOG(ERROR, "Self resource usage is above its limit.[measure=%s used=%.1f limit=%.1f mainThread=%lu]",
+                      report.name, report.used, report.limit, mainThread_);
         } else if (report.verdict == kBack) {
-            NE_LOG(INFO, "Self resource usage is below its limit again.[measure=%s used=%.1f limit=%.1f]", report.name,
-                   report.used, report.limit);
+            CHECK_LOG(INFO, "Self resource usage is below its limit again.[measure=%s used=%.1f limit=%.1f]",
+                      report.name, report.used, report.limit);
         }
     }
     return memoryKnown && descriptorsKnown;

@@ -1,8 +1,9 @@
 #include "hips_thread_instance.h"
 
-#include <cerrno>
-#include <csignal>
+#include <cxxabi.h>
+
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "logger.h"
@@ -29,7 +30,7 @@ int HipsThreadObject::Routine(void*)
     return 0;
 }
 
-HipsBaseInstance::HipsBaseInstance() : beatNs_(Clock::MonotonicNs()) {}
+HipsBaseInstance::HipsBaseInstance(const std::string& name) : name_(name), beatNs_(Clock::MonotonicNs()) {}
 
 void HipsBaseInstance::KeepAlive()
 {
@@ -42,15 +43,30 @@ std::int64_t HipsBaseInstance::GetBeatAgeMs() const
     return (Clock::MonotonicNs() - beatNs_) / Clock::kNsPerMs;
 }
 
+long HipsBaseInstance::NextId()
+{
+    return ++g_lastId;
+}
+
 HipsThreadInstance::HipsThreadInstance(HipsThreadObject* object, const std::string& name)
-    : object_(object), name_(name), id_(++g_lastId)
+    : HipsThreadInstance(std::unique_ptr<HipsThreadObject>(object), name)
+{
+}
+
+HipsThreadInstance::HipsThreadInstance(std::unique_ptr<HipsThreadObject> object, const std::string& name)
+    : HipsBaseInstance(name), object_(std::move(object)), id_(NextId())
 {
 }
 
 bool HipsThreadInstance::Start(HipsResourceManager*)
 {
-    // The thread owns this reference from here on; it gives it back when it ends.
-    auto self = std::make_unique<std::shared_ptr<HipsThreadInstance>>(shared_from_this());
+    // The thread's own reference, which it gives back when it ends.
+    std::unique_ptr<std::shared_ptr<HipsThreadInstance>> self(
+        new (std::nothrow) std::shared_ptr<HipsThreadInstance>(shared_from_this()));
+    if (self == nullptr) {
+        NE_LOG(ERROR, "Alloc instance memory failed.");
+        return false;
+    }
     running_ = true;
     int result;
     {
@@ -82,10 +98,10 @@ void* HipsThreadInstance::ThreadRoutine(void* instance)
     HipsThreadInstance& self = **reference;
     self.threadId_ = pthread_self();  // the creator may not have stored it yet
     t_current = &self;
-    SetThreadName(self.name_);
+    SetThreadName(self.GetName());
     self.named_ = true;
     NE_LOG(INFO, "New thread created.[tid=%lu, name=%s]", static_cast<unsigned long>(pthread_self()),
-           self.name_.c_str());
+           self.GetName().c_str());
     self.RunSlices();
     t_current = nullptr;
     {
@@ -112,7 +128,7 @@ void HipsThreadInstance::SleepThread()
 {
     std::int64_t left = object_ == nullptr ? 0 : object_->GetTimeSlice();
     if (left < 0) {
-        // Kept because callers use a negative slice for "once a second".
+        // Kept because callers pass a negative slice to mean "once a second".
         Clock::SleepNs(running_ ? Clock::kNsPerSecond : 0);
         return;
     }
@@ -135,11 +151,15 @@ int HipsThreadInstance::ExecuteThreadSlice()
     }
     const std::int64_t start = Clock::MonotonicNs();
     sliceStartNs_ = start;
-    int result = 0;  // one that throws goes on with its next slice
+    int result = 0;  // of a routine that throws: it goes on with its next slice
     try {
         result = object_->Run();
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit, which must not be caught
     } catch (const std::exception& error) {
-        NE_LOG(ERROR, "Thread routine has thrown.[name=%s what=%s]", name_.c_str(), error.what());
+        NE_LOG(ERROR, "Thread routine has thrown.[name=%s what=%s]", GetName().c_str(), error.what());
+    } catch (...) {
+        NE_LOG(ERROR, "Thread routine has thrown.[name=%s what=unknown]", GetName().c_str());
     }
     sliceStartNs_ = kNoSlice;
     const std::int64_t seconds = (Clock::MonotonicNs() - start) / Clock::kNsPerSecond;
@@ -193,7 +213,7 @@ bool HipsThreadInstance::Stop()
         LetGo();
         return true;
     }
-    if (state_ != kStarted) {  // somebody waits already, or nobody can: the end of the work is what counts
+    if (state_ != kStarted) {  // another caller joins, or the thread is let go: wait until its work is over
         changed_.wait(lock, [this] { return state_ == kJoined || (state_ == kLetGo && ended_); });
         return true;
     }
@@ -246,9 +266,10 @@ bool HipsThreadInstance::HasEnded() const
 std::string HipsThreadInstance::GetRuntimeName() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    // After the join, or once a thread that was let go has ended, its id means nothing any more.
+    // After the join, or once a thread that was let go has ended, its id may be another thread's.
     const bool alive = (state_ == kStarted || state_ == kLetGo) && !ended_ && named_;
-    return alive ? ThreadName(thread_) : name_;
+    const std::string name = alive ? ThreadName(thread_) : "";
+    return name.empty() ? GetName() : name;  // reading the name takes a descriptor, and there may be none left
 }
 
 std::int64_t HipsThreadInstance::GetSliceTimeUs() const

@@ -5,30 +5,37 @@
 
 #include "neutils_api.h"
 
-// The guard: runs the agent's long-lived threads in time slices, watches their heartbeats, ends the
-// process when one of them hangs, and watches what the process itself uses.
+// The guard: runs the agent's long-lived threads in time slices, checks their heartbeats, ends the process
+// when a thread hangs, and measures what the process itself uses.
 //
-// A guarded thread sleeps its slice, then calls its routine, and so on until the routine returns
-// non-zero. Coming round is its heartbeat. A checker thread, "CheckManager", looks every 60 s: a thread
-// that has not come round since is reported, and after more than two misses the main thread gets
-// SIGTERM. A routine that runs or waits longer than a minute by design calls KeepCurrentThreadAlive()
-// now and then.
+// A guarded thread sleeps its slice, calls its routine, and so on until the routine returns non-zero. Each
+// time it comes round is a heartbeat. Every 60 s a checker thread, "CheckManager", logs the threads that have
+// not come round since. After more than two misses in a row it ends the process: it logs that, then sends
+// SIGTERM to the main thread. A program whose main thread takes SIGTERM itself (blocked, through a signalfd,
+// or with a handler) can stop in good order then. If the process is still there 10 s later, because the main
+// thread hangs too or SIGTERM is ignored, the checker restores the signal's default action and raises it.
+// A log that hangs delays that by at most four seconds, and costs the records.
 //
-// A handle is a number that is never used twice. A stale or closed one is safe to pass and refused.
+// A routine that runs or waits longer than a minute by design calls KeepCurrentThreadAlive() now and then.
+//
+// A handle is a number that is never used twice. A closed one is safe to pass and refused.
 //
 // Threads  any. Nothing is joined under a lock.
-// Errors   0 or false, with an ERROR record, also for every call before InitHipsGuard; KeepCurrentThreadAlive
-//          alone says nothing where the caller is not a guarded thread.
+// Errors   0 or false, with an ERROR record, also for every call before InitHipsGuard. KeepCurrentThreadAlive
+//          alone logs nothing where the caller is not a guarded thread. Nothing throws, also when memory
+//          has run out.
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-// On the main thread, once. Limits of the process's own use: resident KiB, descriptors (0 or less: none)
-// and processor percent of one core; without memory and processor limit 66560 and 5.0 hold. For the role
-// "broker" (configuration key TrivaneRole) the processor limit is halved. 0: done, -1: failed.
+// On the main thread, once. The limits are of the process's own use: resident KiB, open descriptors (0 or
+// less: no limit), and processor percent of one core. Without a limit of memory or of processor time the
+// defaults 66560 and 5.0 hold for both. For the role "broker" (configuration key TrivaneRole) the processor
+// limit is halved. 0: done, -1: failed.
 NEUTILS_API int InitHipsGuard(long memLimitKiB, int fdLimit, double cpuPercent);
 
-// Stops every guarded thread and the checker and waits for them. Afterwards InitHipsGuard works again.
+// Asks all guarded threads to stop, then waits for each and for the checker. Afterwards InitHipsGuard works
+// again.
 NEUTILS_API bool UninitHipsGuard(void);
 
 // The name is cut to 15 characters. The first call of the routine comes after the first slice.
@@ -39,24 +46,35 @@ NEUTILS_API uintptr_t CreateHipsThreadEx(int (*routine)(void*), void* arg, int t
 // ever. The handle stays valid.
 NEUTILS_API bool StopHipsThreadEx(uintptr_t handle);
 
-// Clears the running flag of one thread, or of all, without waiting.
+// Ask one thread, or all, to stop, without waiting. Who stops several calls FastStopAll() first: then their
+// sleeps end side by side, and the stops that follow take no longer than the longest one. A thread that was
+// asked still runs its routine once, if it sleeps now, and is not checked any more.
 NEUTILS_API bool FastStopHipsThreadEx(uintptr_t handle);
 NEUTILS_API bool FastStopAll(void);
 
-// Releases a handle. A thread that still runs is asked to end and does so by itself; UninitHipsGuard waits
+// Releases a handle. A thread that still runs is asked to stop and ends by itself; UninitHipsGuard waits
 // for it.
 NEUTILS_API bool CloseHipsThreadHandleEx(uintptr_t handle);
 
 NEUTILS_API bool IsHipsThreadRunningEx(uintptr_t handle);
 NEUTILS_API unsigned long GetHipsThreadIdEx(uintptr_t handle);
 
-// A heartbeat, of a thread by its handle or of the guarded thread that calls.
+// A heartbeat, of the thread with the handle, or of the calling thread if it is a guarded one.
 NEUTILS_API bool KeepHipsThreadAlive(uintptr_t handle);
 NEUTILS_API bool KeepCurrentThreadAlive(void);
 
+// Supervises a thread that is not guarded, beside those that are: it stands in the list of the instance
+// manager (hips_instance_manager.h), and when it hangs the process ends as for a guarded one. The function
+// tells how many milliseconds ago the thread last came round, or -1 while there is no such thread, which
+// then is not checked. It is called from any thread, also under the guard's lock: it only reads a variable.
+// The handle is for UnwatchPlainThread alone, after which the function is not called any more; UninitHipsGuard
+// ends the supervision too. 0: failed.
+NEUTILS_API uintptr_t WatchPlainThread(const char* name, long long (*beatAgeMs)(void* arg), void* arg);
+NEUTILS_API bool UnwatchPlainThread(uintptr_t handle);
+
 NEUTILS_API bool SetResourceLimit(long memLimitKiB, int fdLimit, double cpuPercent);
 
-// As of the checker's last round, or of InitHipsGuard; 0 before.
+// What the process used in the checker's last round, or at InitHipsGuard; 0 before.
 NEUTILS_API double GetCpuUsage(void);
 NEUTILS_API long GetMemoryUsage(void);
 NEUTILS_API int GetFdUsage(void);

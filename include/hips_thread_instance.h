@@ -41,7 +41,7 @@ private:
 // A unit that the instance manager supervises through its heartbeat.
 class NEUTILS_API HipsBaseInstance {
 public:
-    HipsBaseInstance();
+    explicit HipsBaseInstance(const std::string& name = {});
     virtual ~HipsBaseInstance() = default;
 
     virtual bool Start(HipsResourceManager* resources) = 0;
@@ -52,29 +52,38 @@ public:
     virtual long GetId() const { return 0; }
     virtual void KeepAlive();
 
+    virtual std::string GetRuntimeName() const { return name_; }  // as it calls itself now; may throw std::bad_alloc
+    virtual std::int64_t GetSliceTimeUs() const { return 0; }     // since the slice in progress began; 0: none
+    virtual std::int64_t GetBeatAgeMs() const;                    // since the last heartbeat, or since it was made
+
+    const std::string& GetName() const { return name_; }
     unsigned int GetMissedBeats() const { return missedBeats_; }
-    std::int64_t GetBeatAgeMs() const;  // since the last KeepAlive, or since it was made
+
+protected:
+    static long NextId();  // a number that no other instance of the process has or had
 
 private:
+    const std::string name_;
     std::atomic<unsigned int> missedBeats_{0};
     std::atomic<std::int64_t> beatNs_{0};
 };
 
 // One guarded thread.
 //
-// The thread sleeps its slice, calls the work, and again, until the work returns non-zero or the
-// running flag is cleared. A slice above 2,999,999 us is slept in pieces of 3 s: a stop is seen at
-// their ends, and each is a heartbeat. After a stop that comes during the sleep the work still runs
-// once. A negative slice sleeps one second.
+// The thread sleeps its slice and calls the work, again and again, until the work returns non-zero or
+// somebody clears the running flag. A slice above 2,999,999 us is slept in pieces of 3 s: the thread sees
+// a stop at the end of a piece, and each piece is a heartbeat. After a stop that comes during the sleep the
+// work still runs once. A negative slice sleeps one second.
 //
-// Owns     the work object. The thread itself holds a reference to its instance, so a thread that is
-//          let go keeps what it uses until it has ended.
-// Threads  any may call; Stop joins once, a second caller waits for the first, and called on the
-//          thread itself it only clears the flag and lets the thread go.
+// Owns     the work object. The thread holds a reference to its instance, so what it uses stays until it
+//          has ended, also after LetGo.
+// Threads  any may call. Stop joins once; a second caller waits for the first. On the thread itself Stop
+//          only clears the flag and lets the thread go.
+// Errors   what the work throws is logged, and the next slice follows.
 class NEUTILS_API HipsThreadInstance final : public HipsBaseInstance,
                                              public std::enable_shared_from_this<HipsThreadInstance> {
 public:
-    // Takes the object. The id is a number of its own, never used twice in the process.
+    // Takes the object, also where it throws std::bad_alloc.
     HipsThreadInstance(HipsThreadObject* object, const std::string& name);
     ~HipsThreadInstance() override;
 
@@ -91,16 +100,15 @@ public:
     void LetGo();
 
     unsigned long GetThreadId() const;
-    bool HasEnded() const;  // the work will not be called again, and nothing of the thread is left to wait for
-    const std::string& GetName() const { return name_; }
-    std::string GetRuntimeName() const;  // what the thread calls itself at the moment
-
-    // Microseconds since the slice in progress began, 0 when none is.
-    std::int64_t GetSliceTimeUs() const;
+    bool HasEnded() const;  // the work is not called again, and there is no thread left to wait for
+    std::string GetRuntimeName() const override;
+    std::int64_t GetSliceTimeUs() const override;
 
 private:
     enum State { kNotStarted, kStarted, kJoining, kJoined, kLetGo };
     static constexpr std::int64_t kNoSlice = std::numeric_limits<std::int64_t>::min();
+
+    HipsThreadInstance(std::unique_ptr<HipsThreadObject> object, const std::string& name);
 
     static void* ThreadRoutine(void* instance);
     void RunSlices();
@@ -109,7 +117,6 @@ private:
     bool IsOwnThread() const;
 
     std::unique_ptr<HipsThreadObject> object_;
-    const std::string name_;
     const long id_;
     std::atomic<bool> running_{false};
     std::atomic<unsigned long> threadId_{0};

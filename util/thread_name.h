@@ -4,6 +4,7 @@
 
 #include <iterator>
 #include <string>
+#include <string_view>
 
 namespace NEUtils {
 
@@ -17,9 +18,12 @@ inline std::string ThreadName(pthread_t thread)
     return name;
 }
 
-inline void SetThreadName(const std::string& name)
+// Takes no memory: a thread that begins must not end for want of it.
+inline void SetThreadName(std::string_view name)
 {
-    pthread_setname_np(pthread_self(), name.substr(0, kMaxThreadName).c_str());
+    char cut[kMaxThreadName + 1] = {};
+    name.copy(cut, kMaxThreadName);
+    pthread_setname_np(pthread_self(), cut);
 }
 
 }  // namespace NEUtils
