@@ -2,32 +2,24 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <algorithm>
 #include <charconv>
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstring>
-#include <exception>
+#include <mutex>
 #include <new>
 #include <optional>
-#include <thread>
 #include <utility>
 
+#include "comm/connection.h"
+#include "comm/connection_keeper.h"
 #include "comm/message_handlers.h"
-#include "comm/message_reader.h"
 #include "comm/request_cache.h"
 #include "comm/sig_pipe.h"
 #include "config.h"
 #include "logger.h"
-#include "socket_proxy.h"
-#include "util/clock.h"
-#include "util/stop_signals.h"
-#include "util/thread_name.h"
 
 namespace NEUtils {
 
@@ -38,12 +30,9 @@ enum SocketType { kLocalSocket = 1, kNetworkSocket = 2 };
 constexpr int kConnectSeconds = 10;
 constexpr int kLocalConnectSeconds = 1;  // a full backlog must not hold a stop
 constexpr int kSendSeconds = 10;
-constexpr int kWaitMs = 1000;
 constexpr unsigned int kDeadPeerMs = 30000;  // without acknowledging what was sent
-constexpr std::int64_t kRetryPeriodNs = 3 * Clock::kNsPerSecond;
-constexpr std::size_t kRetriesAtOnce = 32;  // between two looks at what comes in, or both sides could wait to send
+constexpr std::size_t kRetriesAtOnce = 32;   // between two looks at what comes in, or both sides could wait to send
 constexpr int kMaxPort = 65535;
-constexpr std::chrono::milliseconds kCancelPeriod{50};
 
 // The process-wide order of sends; held over the send itself, so that messages stay whole.
 std::mutex g_sendMutex;
@@ -101,79 +90,24 @@ bool IsConnectedToItself(int fd)
 
 }  // namespace
 
-// One connection and its thread, which holds it until it ends.
-struct SocketComm::Connection {
-    // Marks the channel down; true for the one that does.
-    bool MarkDown() { return working.exchange(false); }
-
-    // Wakes whoever waits in this connection.
-    void Shutdown()
-    {
-        if (const int descriptor = fd; descriptor != -1) {
-            shutdown(descriptor, SHUT_RDWR);
-        }
-    }
-
-    // Waits for the end of the thread; one caller joins it and the others wait for him.
-    void Join()
-    {
-        std::unique_lock<std::mutex> lock(joinMutex);
-        if (std::exchange(joining, true)) {
-            joinEnd.wait(lock, [this] { return joined; });
-            return;
-        }
-        lock.unlock();
-        if (thread.joinable()) {
-            thread.join();
-        }
-        lock.lock();
-        joined = true;
-        joinEnd.notify_all();
-    }
-
-    SocketProxy proxy;
-    std::atomic<int> fd{-1};  // the proxy's, once it is there
-    std::atomic<bool> working{false};
-    std::thread thread;
-
-    std::atomic<bool> finished{false};       // the thread has nothing more to do
-    std::atomic<std::int64_t> sendSince{0};  // when the send under way began; 0: there is none
-
-    // Of the thread alone:
-    MessageReader reader;
-    std::vector<std::max_align_t> copy;  // the message that handlers see
-    bool discardTold = false;
-
-    std::mutex joinMutex;
-    std::condition_variable joinEnd;
-    bool joining = false;
-    bool joined = false;
-};
-
 struct SocketComm::Members {
-    std::mutex mutex;  // of the four below
-    std::shared_ptr<Connection> current;
-    std::shared_ptr<Connection> connecting;
-    std::vector<std::shared_ptr<Connection>> ended;  // stopped on a receive thread, not joined yet
-    std::uint64_t stops = 0;                         // a start that finds another one when it is done gives up
-    std::thread::id starter;                         // whose start is under way
-    std::condition_variable startEnd;
+    explicit Members(Connection::Callbacks callbacks) : keeper(std::move(callbacks)) {}
 
     RequestCache cache;
     MessageHandlers handlers;
+    ConnectionKeeper keeper;  // last: its threads use the others
 };
 
-namespace {
-
-thread_local const SocketComm* t_receiver = nullptr;  // whose receive thread this is
-
-}  // namespace
-
-SocketComm::SocketComm() : members_(std::make_unique<Members>()) {}
+SocketComm::SocketComm()
+    : members_(std::make_unique<Members>(Connection::Callbacks{
+          [this](const SentrelAgentMsg& header, void* message) { HandleMessage(header, message); },
+          [this](Connection& connection) { return RetryRequest(connection); }}))
+{
+}
 
 SocketComm::~SocketComm()
 {
-    SocketComm::Stop();
+    members_->keeper.Stop();
 }
 
 bool SocketComm::Init()
@@ -183,112 +117,14 @@ bool SocketComm::Init()
 
 bool SocketComm::Start()
 {
-    if (StatusCheck()) {
-        End(nullptr);  // what a handler has left
-        return true;
-    }
     SetSigPipeHandler();
-    const auto connection = std::make_shared<Connection>();
-    std::shared_ptr<Connection> old;
-    std::uint64_t stops = 0;
-    {
-        const std::lock_guard<std::mutex> lock(members_->mutex);
-        if (members_->current != nullptr && members_->current->working) {
-            return true;
-        }
-        if (members_->connecting != nullptr) {
-            return false;
-        }
-        members_->connecting = connection;
-        members_->starter = std::this_thread::get_id();
-        stops = members_->stops;
-        old.swap(members_->current);
-    }
-    End(old);
-    bool opened = false;
-    try {
-        opened = Open(*connection);
-    } catch (const std::exception& error) {  // no memory; the start is to end in order nevertheless
-        NE_LOG(ERROR, "Channel to the server cannot be opened.[error=%s]", error.what());
-    }
-    const bool started = Publish(connection, opened, stops);
-    members_->startEnd.notify_all();
-    if (started) {
-        NE_LOG(INFO, "Channel to the server is up.");
-    } else if (opened) {
-        NE_LOG(ERROR, "Channel to the server is not started: stopped meanwhile, or no thread to be had.");
-    }
-    return started;
-}
-
-bool SocketComm::Publish(const std::shared_ptr<Connection>& connection, bool opened, std::uint64_t stops)
-{
-    const StopSignalsBlocked inherited;
-    const std::lock_guard<std::mutex> lock(members_->mutex);
-    members_->connecting.reset();
-    if (!opened || members_->stops != stops) {
-        return false;
-    }
-    connection->working = true;
-    try {
-        // Under the lock, so that a stop finds either no connection or one whose thread can be joined.
-        connection->thread = std::thread([this, connection] { ProcessDataThread(*connection); });
-    } catch (const std::exception&) {
-        return false;
-    }
-    members_->current = connection;
-    ++connections_;
-    return true;
+    return members_->keeper.Start([this](Connection& connection) { return Open(connection); });
 }
 
 bool SocketComm::Stop()
 {
-    std::shared_ptr<Connection> current;
-    {
-        std::unique_lock<std::mutex> lock(members_->mutex);
-        ++members_->stops;
-        current.swap(members_->current);
-        // A start under way ends first. It may stand right before its connect, so it is told again.
-        while (members_->connecting != nullptr && t_receiver != this &&
-               members_->starter != std::this_thread::get_id()) {
-            const auto connecting = members_->connecting;
-            connecting->Shutdown();
-            members_->startEnd.wait_for(lock, kCancelPeriod);
-        }
-    }
-    End(current);
+    members_->keeper.Stop();
     return true;
-}
-
-// Ends a connection, if there is one, and joins what was left to be joined. On a receive thread that is only
-// what has finished: others could be the thread itself, or one that waits for it.
-void SocketComm::End(const std::shared_ptr<Connection>& connection)
-{
-    if (connection != nullptr) {
-        if (connection->MarkDown()) {
-            NE_LOG(INFO, "Channel to the server is stopped.");
-        }
-        connection->Shutdown();
-    }
-    std::vector<std::shared_ptr<Connection>> joined;
-    {
-        const std::lock_guard<std::mutex> lock(members_->mutex);
-        if (connection != nullptr) {
-            members_->ended.push_back(connection);
-        }
-        // Left in there, so that every other caller waits for them too.
-        std::copy_if(members_->ended.begin(), members_->ended.end(), std::back_inserter(joined),
-                     [this](const auto& entry) { return t_receiver != this || entry->finished; });
-    }
-    for (const auto& entry : joined) {
-        entry->Join();
-    }
-    const std::lock_guard<std::mutex> lock(members_->mutex);
-    auto& ended = members_->ended;
-    ended.erase(std::remove_if(
-                    ended.begin(), ended.end(),
-                    [&](const auto& entry) { return std::find(joined.begin(), joined.end(), entry) != joined.end(); }),
-                ended.end());
 }
 
 bool SocketComm::DeInit()
@@ -300,14 +136,13 @@ bool SocketComm::DeInit()
 
 bool SocketComm::StatusCheck()
 {
-    const auto connection = Current();
-    return connection != nullptr && connection->working;
+    const auto connection = members_->keeper.GetCurrent();
+    return connection != nullptr && connection->IsUp();
 }
 
-std::shared_ptr<SocketComm::Connection> SocketComm::Current()
+std::uint32_t SocketComm::GetConnectionCount() const
 {
-    const std::lock_guard<std::mutex> lock(members_->mutex);
-    return members_->current;
+    return members_->keeper.GetCount();
 }
 
 bool SocketComm::Open(Connection& connection)
@@ -337,12 +172,11 @@ bool SocketComm::CreateNetConnection(Connection& connection)
         NE_LOG(ERROR, "Invalid config, not a port number.[name=SERVER_PORT, value=%s]", serverPort.c_str());
         return false;
     }
-    const SocketProxy& proxy = connection.proxy;
-    if (!connection.proxy.Create(SocketProxy::PraseSocketType(kNetworkSocket, serverIp))) {
+    if (!connection.Create(SocketProxy::PraseSocketType(kNetworkSocket, serverIp))) {
         NE_LOG(ERROR, "Create socket faild.");
         return false;
     }
-    connection.fd = proxy.GetFd();
+    const SocketProxy& proxy = connection.GetSocket();
     if (!proxy.Bind(agentIp, 0)) {
         NE_LOG(ERROR, "Bind socket faild.[agentIp=%s]", agentIp.c_str());
         return false;
@@ -351,12 +185,12 @@ bool SocketComm::CreateNetConnection(Connection& connection)
         NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
         return false;
     }
-    if (IsConnectedToItself(connection.fd)) {
+    if (IsConnectedToItself(proxy.GetFd())) {
         NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
         return false;
     }
-    SetSendLimit(connection.fd, kSendSeconds);
-    setsockopt(connection.fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &kDeadPeerMs, sizeof(kDeadPeerMs));
+    SetSendLimit(proxy.GetFd(), kSendSeconds);
+    setsockopt(proxy.GetFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, &kDeadPeerMs, sizeof(kDeadPeerMs));
     return true;
 }
 
@@ -366,81 +200,27 @@ bool SocketComm::CreateDomainConnection(Connection& connection)
     if (!GetConfig("SERVER_SOCKET_PATH", path)) {
         return false;
     }
-    if (!connection.proxy.Create(AF_UNIX)) {
+    if (!connection.Create(AF_UNIX)) {
         NE_LOG(ERROR, "Create domain socket failed.");
         return false;
     }
-    connection.fd = connection.proxy.GetFd();
-    SetSendLimit(connection.fd, kLocalConnectSeconds);
-    if (!connection.proxy.Connect(path, 0, 0)) {
+    const SocketProxy& proxy = connection.GetSocket();
+    SetSendLimit(proxy.GetFd(), kLocalConnectSeconds);
+    if (!proxy.Connect(path, 0, 0)) {
         NE_LOG(ERROR, "Connect domain socket failed.[server=%s]", path.c_str());
         return false;
     }
-    SetSendLimit(connection.fd, kSendSeconds);
+    SetSendLimit(proxy.GetFd(), kSendSeconds);
     return true;
 }
 
-void SocketComm::ProcessDataThread(Connection& connection)
-{
-    SetThreadName("SocketRecv");
-    t_receiver = this;
-    std::int64_t nextRetryNs = Clock::MonotonicNs() + kRetryPeriodNs;
-    try {
-        while (connection.working) {
-            bool moreDue = false;
-            const std::int64_t now = Clock::MonotonicNs();
-            if (now >= nextRetryNs) {
-                moreDue = RetryRequest(connection);
-                nextRetryNs = moreDue ? now : now + kRetryPeriodNs;
-            }
-            pollfd wanted = {connection.fd, POLLIN, 0};
-            if (poll(&wanted, 1, moreDue ? 0 : kWaitMs) > 0) {
-                ReceiveData(connection);
-            }
-            const std::int64_t sendSince = connection.sendSince;
-            if (sendSince != 0 && now - sendSince > kSendSeconds * Clock::kNsPerSecond) {
-                Fail(connection, "a message could not be sent, or not in time");
-            }
-        }
-    } catch (const std::exception& error) {
-        Fail(connection, error.what());
-    }
-    connection.finished = true;
-}
-
-void SocketComm::ReceiveData(Connection& connection)
-{
-    MessageReader& reader = connection.reader;
-    const long count = connection.proxy.Recv(reader.Space(), static_cast<long>(reader.SpaceSize()));
-    if (count < 0) {
-        Fail(connection, "the server has closed it, or it is broken");
-        return;
-    }
-    reader.Filled(static_cast<std::size_t>(count));
-    while (connection.working) {
-        SentrelAgentMsg header;
-        const unsigned char* message = nullptr;
-        const MessageReader::Result result = reader.Next(header, message);
-        if (result == MessageReader::kMessage) {
-            HandleMessage(connection, header, message);
-            continue;
-        }
-        if (result == MessageReader::kTooLong && !std::exchange(connection.discardTold, true)) {
-            NE_LOG(ERROR, "Received message is too long, what was received is discarded.[type=%u length=%u]",
-                   header.type, header.length);
-        }
-        return;
-    }
-}
-
-void SocketComm::HandleMessage(Connection& connection, const SentrelAgentMsg& header, const unsigned char* message)
+void SocketComm::HandleMessage(const SentrelAgentMsg& header, void* message)
 {
     // Kept: its request is answered even where the version turns out to be too new.
     if (IsResponseMessage(header.type) && !UpdateRequestCache(header)) {
         return;
     }
-    const std::size_t size = sizeof(header) + header.length;
-    NE_LOG(DEBUG, "Receive Data: type [0x%x] size [%zu]", header.type, size);
+    NE_LOG(DEBUG, "Receive Data: type [0x%x] size [%zu]", header.type, sizeof(header) + header.length);
     if (header.version > kMsgVersion) {
         NE_LOG(DEBUG, "Server version: [%u], client version: [%d]", header.version, static_cast<int>(kMsgVersion));
         return;
@@ -449,11 +229,7 @@ void SocketComm::HandleMessage(Connection& connection, const SentrelAgentMsg& he
     if (handlers == nullptr) {
         return;
     }
-    auto& copy = connection.copy;
-    copy.resize(std::max(copy.size(), size / sizeof(copy[0]) + 1));  // room for a NUL
-    std::memcpy(copy.data(), message, size);
-    reinterpret_cast<char*>(copy.data())[size] = '\0';
-    MessageHandlers::Call(*handlers, header.type, copy.data());
+    MessageHandlers::Call(*handlers, header.type, message);
 }
 
 // False where there is no such request.
@@ -488,31 +264,18 @@ bool SocketComm::Send(Connection& connection, const char* message, std::size_t l
     bool sent = false;
     {
         const std::lock_guard<std::mutex> lock(g_sendMutex);
-        // Whoever waited for a send that was cut short must not go on in the middle of that message.
-        connection.sendSince = Clock::MonotonicNs();
-        sent = connection.working &&
-               connection.proxy.Send(reinterpret_cast<const unsigned char*>(message), static_cast<long>(length));
-        connection.sendSince = 0;
+        sent = connection.Send(message, length);
     }
     if (!sent) {
-        Fail(connection, "a message could not be sent, or not in time");
+        connection.Fail("a message could not be sent, or not in time");
     }
     return sent;
 }
 
-// Takes the channel down, and tells why the first time.
-void SocketComm::Fail(Connection& connection, const char* reason)
-{
-    if (connection.MarkDown()) {
-        connection.Shutdown();
-        NE_LOG(ERROR, "Channel to the server is down.[reason=%s]", reason);
-    }
-}
-
 int SocketComm::SendMessage(const char* message, unsigned int length)
 {
-    const auto connection = Current();
-    if (connection == nullptr || !connection->working) {
+    const auto connection = members_->keeper.GetCurrent();
+    if (connection == nullptr || !connection->IsUp()) {
         NE_LOG(WARN, "Net is not working");
         return kSendFailed;
     }

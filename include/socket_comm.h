@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -9,6 +8,8 @@
 #include "basecomm.h"
 
 namespace NEUtils {
+
+class Connection;
 
 // The channel to the server: a stream socket, TCP or local, that carries SentrelAgentMsg messages. Requests
 // are kept until their response comes and are sent again meanwhile, at most three times, 6 to 9 seconds
@@ -66,30 +67,20 @@ public:
     void CleanCache();
 
     // How many connections there have been: a change tells that what was under way may be lost.
-    std::uint32_t GetConnectionCount() const { return connections_; }
+    std::uint32_t GetConnectionCount() const;
 
 private:
-    struct Connection;
-
     bool Open(Connection& connection);
     bool CreateNetConnection(Connection& connection);
     bool CreateDomainConnection(Connection& connection);
-    bool Publish(const std::shared_ptr<Connection>& connection, bool opened, std::uint64_t stops);
-    void End(const std::shared_ptr<Connection>& connection);
-    std::shared_ptr<Connection> Current();
-
-    void ProcessDataThread(Connection& connection);
-    void ReceiveData(Connection& connection);
-    void HandleMessage(Connection& connection, const SentrelAgentMsg& header, const unsigned char* message);
+    void HandleMessage(const SentrelAgentMsg& header, void* message);
     bool UpdateRequestCache(const SentrelAgentMsg& header);
     bool RetryRequest(Connection& connection);
     bool IsCacheRequestMessage(const char* message, unsigned int length);
     bool Send(Connection& connection, const char* message, std::size_t length);
-    static void Fail(Connection& connection, const char* reason);
 
     struct Members;
     const std::unique_ptr<Members> members_;
-    std::atomic<std::uint32_t> connections_{0};
 };
 
 }  // namespace NEUtils

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "basecomm.h"
+#include "comm/message_reader.h"
+#include "socket_proxy.h"
+
+namespace NEUtils {
+
+// One connection to the server, from its socket to the end of the thread that receives from it. Once it is
+// down it stays down.
+//
+// Threads  any; the descriptor is closed with the object, so nobody meets its number in other hands.
+// Owns     the thread "SocketRecv"; whoever has started it joins it.
+class Connection : public std::enable_shared_from_this<Connection> {
+public:
+    // What the connection calls on its thread.
+    struct Callbacks {
+        // One whole message, aligned for any type and followed by a NUL, valid during the call.
+        std::function<void(const SentrelAgentMsg& header, void* message)> onMessage;
+        std::function<bool(Connection&)> repeatRequests;  // those that are due; true if there may be more
+    };
+
+    explicit Connection(Callbacks callbacks) : callbacks_(std::move(callbacks)) {}
+
+    bool Create(int family);  // the socket, which the caller then connects
+    const SocketProxy& GetSocket() const { return proxy_; }
+
+    // Marks the connection as up and starts its thread, which keeps the object; false where there is none to
+    // be had.
+    bool Start();
+
+    bool IsUp() const { return up_; }
+    bool IsFinished() const { return finished_; }  // the thread has nothing more to do
+
+    // Sends one message. The caller sees to it that no two send at once.
+    bool Send(const char* message, std::size_t length);
+
+    bool MarkDown() { return up_.exchange(false); }  // true for the one that does
+    void Shutdown();                                 // wakes whoever waits in this connection
+    void Fail(const char* reason);                   // takes it down, with a record the first time
+    void Join();  // waits for the end of the thread; one caller joins it and the others wait for him
+
+private:
+    void Run();
+    void Receive();
+    void HandOver(const SentrelAgentMsg& header, const unsigned char* message);
+
+    const Callbacks callbacks_;
+    SocketProxy proxy_;
+    std::atomic<int> fd_{-1};  // the proxy's, once it is there
+    std::atomic<bool> up_{false};
+    std::atomic<bool> finished_{false};
+    std::atomic<std::int64_t> sendSince_{0};  // when the send under way began; 0: there is none
+    std::thread thread_;
+
+    // Of the thread alone:
+    MessageReader reader_;
+    std::vector<std::max_align_t> copy_;  // the message that is handed over
+    bool discardLogged_ = false;
+
+    std::mutex joinMutex_;
+    std::condition_variable joinEnd_;
+    bool joining_ = false;
+    bool joined_ = false;
+};
+
+}  // namespace NEUtils
