@@ -133,7 +133,7 @@ using Work = std::function<void(clockid_t, const Progress&)>;
 void WithMonitor(const std::string& tree, Tally& tally, const Work& work)
 {
     NEUtils::InotifyMonitor monitor;
-    if (!monitor.Init() || !monitor.AddRule({tree, true, kMask, {}, &OnEvent, &tally})) {
+    if (!monitor.Init() || !monitor.AddRule({tree, true, kMask, {}, &OnEvent, &tally, false, false})) {
         Fail("monitor");
     }
     std::thread reader([&monitor] { monitor.ReadEvent(); });
@@ -409,7 +409,7 @@ Setup SetUpMonitor(const std::string& tree)
     static Tally tally;
     return SetUpIn([&] { return monitor.Init(); },
                    [&] {
-                       return monitor.AddRule({tree, true, kMask, {}, &OnEvent, &tally});
+                       return monitor.AddRule({tree, true, kMask, {}, &OnEvent, &tally, false, false});
                    });
 }
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "monitor.h"
+#include "file_watch.h"
 #include "neutils_api.h"
 
 namespace NEUtils {
@@ -29,6 +29,7 @@ public:
     void DeInit() override;
     bool AddRule(const Monitor::FileWatchRule& rule) override;
     bool RemoveRule(const Monitor::FileWatchRule& rule) override;
+    Monitor::WatchState GetWatchState(const Monitor::FileWatchRule& rule);
     void ReadEvent() override;  // returns at once where there was no Init
 
     std::size_t GetWatchCount();    // of the kernel's watches

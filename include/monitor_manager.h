@@ -4,7 +4,7 @@
 #include <set>
 
 #include "inotify_monitor.h"
-#include "monitor.h"
+#include "file_watch.h"
 #include "neutils_api.h"
 
 namespace NEUtils {

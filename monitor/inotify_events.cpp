@@ -176,7 +176,7 @@ void InotifySession::OnCreated(const std::string& path, bool isDirectory, bool m
         return;
     }
     if (silent || gone) {
-        FileEvent event = {path, {}, IN_CREATE, isDirectory, {}};
+        FileEvent event = {path, {}, IN_CREATE, isDirectory, {}, {}};
         Report(event, moved ? IN_CREATE | IN_MOVED_TO : IN_CREATE, kAll);
     }
     if (exists) {
@@ -212,7 +212,7 @@ void InotifySession::OnDeleted(const std::string& path, bool isDirectory, bool m
     for (const auto& [lost, wasDirectory] : gone) {
         for (const WatchingPtr& watching : Covering(lost)) {
             if (WantsDelete(watching->rule, lost, moved)) {
-                Call(*watching, {lost, {}, IN_DELETE, wasDirectory, {}});
+                Call(*watching, {lost, {}, IN_DELETE, wasDirectory, {}, {}});
             }
         }
     }
@@ -268,12 +268,12 @@ void InotifySession::TellRenamed(const std::vector<Renamed>& renamed)
             const bool now = Covers(rule, file.now);
             const bool isTop = &file == &renamed.front();
             if (before && now && isTop && (rule.mask & IN_MOVE) != 0) {
-                Call(*watching, {file.now, file.old, IN_MOVED_TO, file.isDirectory, {}});
+                Call(*watching, {file.now, file.old, IN_MOVED_TO, file.isDirectory, {}, {}});
             } else if (before && !now && WantsDelete(rule, file.old, true) &&
                        (isTop || file.old == rule.path || Covers(rule, renamed.front().now))) {
-                Call(*watching, {file.old, {}, IN_DELETE, file.isDirectory, {}});
+                Call(*watching, {file.old, {}, IN_DELETE, file.isDirectory, {}, {}});
             } else if (!before && now && (rule.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-                Call(*watching, {file.now, {}, IN_CREATE, file.isDirectory, {}});
+                Call(*watching, {file.now, {}, IN_CREATE, file.isDirectory, {}, {}});
             }
         }
     }
@@ -355,7 +355,7 @@ std::vector<InotifySession::Renamed> InotifySession::Rename(const std::string& f
 
 void InotifySession::OnChanged(const std::string& path, std::uint32_t mask, bool isDirectory, Audience audience)
 {
-    FileEvent event = {path, {}, mask, isDirectory, {}};
+    FileEvent event = {path, {}, mask, isDirectory, {}, {}};
     if ((mask & kChangingEvents) != 0) {
         Monitor::UpdateAttrAndLog(path, event.change);
         struct stat status = {};
@@ -428,8 +428,12 @@ void InotifySession::Report(FileEvent& event, std::uint32_t wanted, Audience aud
     }
 }
 
-void InotifySession::Call(Watching& watching, const FileEvent& event)
+void InotifySession::Call(Watching& watching, FileEvent event)
 {
+    struct stat status = {};
+    if (event.mask != IN_DELETE && lstat(event.path.c_str(), &status) == 0) {
+        event.status = status;
+    }
     try {
         watching.gate.Call([&] { watching.rule.callback(event, watching.rule.userData); });
     } catch (const std::exception& error) {

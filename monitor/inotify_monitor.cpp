@@ -74,6 +74,12 @@ bool InotifyMonitor::RemoveRule(const Monitor::FileWatchRule& rule)
     return session != nullptr && session->RemoveRule(Settled(rule));
 }
 
+Monitor::WatchState InotifyMonitor::GetWatchState(const Monitor::FileWatchRule& rule)
+{
+    const auto session = Session();
+    return session == nullptr ? Monitor::kNotWatched : session->GetState(Settled(rule));
+}
+
 void InotifyMonitor::ReadEvent()
 {
     if (const auto session = Session(); session != nullptr) {

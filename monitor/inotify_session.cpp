@@ -195,7 +195,7 @@ void InotifySession::Stop()
 bool InotifySession::AddRule(const Rule& rule)
 {
     const auto watching = std::make_shared<Watching>(rule);
-    if (!Exists(rule.path)) {
+    if (!rule.mayBeMissing && !Exists(rule.path)) {
         NE_LOG(ERROR, "Watch rule has no such path.[path=%s errorInfo=%s]", rule.path.c_str(), ErrnoText(errno).Get());
         return false;
     }
@@ -212,7 +212,7 @@ bool InotifySession::AddRule(const Rule& rule)
                 rules_.push_back(watching);
             }
         }
-        settled = added && Settle(watching, kSilent);
+        settled = added && (Settle(watching, kSilent) || (rule.mayBeMissing && !Exists(rule.path)));
     }
     if (!added) {
         NE_LOG(ERROR, "Watch rule is there already.[path=%s]", rule.path.c_str());
@@ -220,6 +220,17 @@ bool InotifySession::AddRule(const Rule& rule)
         RemoveRule(rule);
     }
     return settled;
+}
+
+Monitor::WatchState InotifySession::GetState(const Rule& rule)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const WatchingPtr& watching : rules_) {
+        if (Monitor::IsSame(watching->given, rule)) {
+            return known_.count(watching->rule.path) != 0 ? Monitor::kWatching : Monitor::kWaiting;
+        }
+    }
+    return Monitor::kNotWatched;
 }
 
 std::size_t InotifySession::GetLackingCount()
@@ -392,7 +403,7 @@ bool InotifySession::TakeUp(const std::string& top, Mode mode)
             CountLack(path);
         }
         if (finding.isNew && mode != kSilent) {
-            Monitor::FileEvent event = {path, {}, IN_CREATE, isDirectory, {}};
+            Monitor::FileEvent event = {path, {}, IN_CREATE, isDirectory, {}, {}};
             Report(event, mode == kMoved ? IN_CREATE | IN_MOVED_TO : IN_CREATE, kAll);
         } else if (finding.different != 0) {
             OnChanged(path, finding.different, isDirectory, kAll);

@@ -13,8 +13,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "file_watch.h"
 #include "inotify_watcher.h"
-#include "monitor.h"
 #include "util/call_gate.h"
 #include "util/unique_fd.h"
 
@@ -39,6 +39,7 @@ public:
     bool Init();
     bool AddRule(const Rule& rule);
     bool RemoveRule(const Rule& rule);
+    Monitor::WatchState GetState(const Rule& rule);
     void Run();   // until Stop
     void Stop();  // for good
     std::size_t GetWatchCount() const { return watcher_.GetWatchCount(); }
@@ -153,7 +154,7 @@ private:
     void Compare();
 
     void Report(Monitor::FileEvent& event, std::uint32_t wanted, Audience audience);
-    static void Call(Watching& watching, const Monitor::FileEvent& event);
+    static void Call(Watching& watching, Monitor::FileEvent event);
 
     InotifyWatcher watcher_;
     UniqueFd watcherFd_;

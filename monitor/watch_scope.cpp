@@ -19,10 +19,13 @@ std::size_t Below(const std::string& path, const std::string& top)
     return below ? top.size() + 1 : std::string::npos;
 }
 
-bool IsExcluded(const FileWatchRule& rule, const std::string& name)
+// Does a pattern leave out the entry that ends at a place of the path? A name stands from its last slash on, what is
+// below the rule's path from start on.
+bool Matches(const std::string& pattern, const std::string& path, std::size_t start, std::size_t name, std::size_t end)
 {
-    return std::any_of(rule.excludes.begin(), rule.excludes.end(),
-                       [&name](const std::string& pattern) { return fnmatch(pattern.c_str(), name.c_str(), 0) == 0; });
+    const bool byName = pattern.find('/') == std::string::npos;
+    const std::size_t from = byName ? name : pattern[0] == '/' ? 0 : start;
+    return fnmatch(pattern.c_str(), path.substr(from, end - from).c_str(), byName ? 0 : FNM_PATHNAME) == 0;
 }
 
 }  // namespace
@@ -32,16 +35,17 @@ bool Covers(const FileWatchRule& rule, const std::string& path)
     if (path == rule.path) {
         return true;
     }
-    std::size_t start = Below(path, rule.path);
+    const std::size_t start = Below(path, rule.path);
     if (start == std::string::npos || (!rule.recursive && path.find('/', start) != std::string::npos)) {
         return false;
     }
-    while (!rule.excludes.empty() && start < path.size()) {
-        const std::size_t end = std::min(path.find('/', start), path.size());
-        if (IsExcluded(rule, path.substr(start, end - start))) {
+    for (std::size_t name = start; !rule.excludes.empty() && name < path.size();) {
+        const std::size_t end = std::min(path.find('/', name), path.size());
+        if (std::any_of(rule.excludes.begin(), rule.excludes.end(),
+                        [&](const std::string& pattern) { return Matches(pattern, path, start, name, end); })) {
             return false;
         }
-        start = end + 1;
+        name = end + 1;
     }
     return true;
 }
@@ -70,7 +74,8 @@ std::string EntryOf(const std::string& directory, const std::string& name)
 bool IsSame(const FileWatchRule& one, const FileWatchRule& other)
 {
     const auto all = [](const FileWatchRule& rule) {
-        return std::tie(rule.path, rule.recursive, rule.mask, rule.excludes, rule.callback, rule.userData);
+        return std::tie(rule.path, rule.recursive, rule.mask, rule.excludes, rule.callback, rule.userData,
+                        rule.crossMounts, rule.mayBeMissing);
     };
     return all(one) == all(other);
 }

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "monitor.h"
+#include "file_watch.h"
 
 namespace NEUtils::Monitor {
 

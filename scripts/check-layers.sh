@@ -27,7 +27,7 @@ declare -A headersOf=(
     [modules]='feature_counters module module_entry module_manager'
     [guard]='hips_guard hips_instance_manager hips_resource_manager hips_thread_instance'
     [sched]='mr1w_lock pool_job task task_manager thread_pool'
-    [monitor]='attribute fanotify_watcher inotify_monitor inotify_watcher monitor monitor_manager myfanotify'
+    [monitor]='attribute fanotify_watcher file_watch inotify_monitor inotify_watcher monitor monitor_manager myfanotify'
     [comm]='base_socket basecomm ipv4_socket ipv6_socket report report_messages report_queue socket_comm
             socket_proxy tcp_socket tlv unix_socket'
     [process]='process_monitor process_utils user_info'

@@ -11,6 +11,7 @@
 
 #include "attribute.h"
 #include "hips_guard.h"
+#include "monitor.h"
 #include "monitor/watch_scope.h"
 #include "tests/support/support.h"
 
@@ -62,7 +63,7 @@ protected:
     FileWatchRule Rule(const std::string& path, bool recursive = true, std::uint32_t mask = kTreeEvents,
                        Strings excludes = {})
     {
-        return {path, recursive, mask, std::move(excludes), &Told::Take, &told_};
+        return {path, recursive, mask, std::move(excludes), &Told::Take, &told_, false, false};
     }
     // Exactly these lines come, in this order; then nothing is left over.
     void Expect(Strings lines, Told& told)
@@ -97,11 +98,12 @@ bool Known(const std::string& path)
 
 TEST(WatchScopeTest, RulesCoverWhatTheySay)
 {
-    FileWatchRule tree{"/a", true, IN_CREATE, {"*.tmp", "cache"}, nullptr, nullptr};
-    const std::tuple<std::string, bool, bool> rows[] = {
-        {"/a", true, true},           {"/ab", false, false},      {"/a/b", true, true},
-        {"/a/b/c", true, false},      {"/a/x.tmp", false, false}, {"/a/cache/x", false, false},
-        {"/a/b/cache", false, false}, {"/a/caches", true, true},  {"/", false, false}};
+    FileWatchRule tree{"/a", true, IN_CREATE, {"*.tmp", "cache"}, nullptr, nullptr, false, false};
+    const std::tuple<std::string, bool, bool> rows[] = {{"/a", true, true},           {"/ab", false, false},
+                                                        {"/ab/c", false, false},      {"/a/b", true, true},
+                                                        {"/a/b/c", true, false},      {"/a/x.tmp", false, false},
+                                                        {"/a/cache/x", false, false}, {"/a/b/cache", false, false},
+                                                        {"/a/caches", true, true},    {"/", false, false}};
     for (const auto& [path, recursive, flat] : rows) {
         tree.recursive = true;
         EXPECT_EQ(Monitor::Covers(tree, path), recursive) << path;
@@ -392,7 +394,7 @@ TEST(InotifyMonitorLimitTest, GoesOnWithThoseThatItCanHave)
     InotifyMonitor monitor;
     ASSERT_TRUE(monitor.Init());
     std::jthread reader([&] { monitor.ReadEvent(); });
-    const FileWatchRule rule{folder / "d", true, kTreeEvents, {}, &Told::Take, &told};
+    const FileWatchRule rule{folder / "d", true, kTreeEvents, {}, &Told::Take, &told, false, false};
     ASSERT_TRUE(monitor.AddRule(rule));
     Write(folder / "d/file", "");
     EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/file")); }));
@@ -440,7 +442,7 @@ TEST(FileMonitorTest, RunsOnItsGuardedThread)
     const Records records;
     const TempDir folder;
     Told told;
-    const FileWatchRule rule{folder.Path(), true, kTreeEvents, {}, &Told::Take, &told};
+    const FileWatchRule rule{folder.Path(), true, kTreeEvents, {}, &Told::Take, &told, false, false};
     EXPECT_FALSE(Monitor::InitFileMonitor());  // no guard
     EXPECT_TRUE(records.Has("ERROR Start sending message thread failed."));
     ASSERT_EQ(InitHipsGuard(0, 0, 0), 0);
