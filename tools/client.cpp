@@ -4,8 +4,6 @@
 
 #include <string>
 
-#include "collector.h"
-
 namespace {
 
 constexpr std::size_t kMaxUnderWay = 16;  // of one client
@@ -13,8 +11,7 @@ constexpr timeval kAtOnce = {0, 0};
 
 }  // namespace
 
-Client::Client(Collector& collector, Commands& commands)
-    : commands_(commands), resume_(evtimer_new(collector.GetBase(), &OnResume, this))
+Client::Client(event_base* base, Commands& commands) : commands_(commands), resume_(evtimer_new(base, &OnResume, this))
 {
 }
 

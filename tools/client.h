@@ -6,12 +6,12 @@
 #include <cstddef>
 
 #include "commands.h"
-#include "connection.h"
+#include "event_ptr.h"
 
 // Reads commands, a line each, and runs a few of them at a time.
 class Client : public Asker {
 public:
-    Client(Collector& collector, Commands& commands);
+    Client(event_base* base, Commands& commands);
     void OnCommandEnded() override;
 
 protected:

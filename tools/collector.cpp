@@ -4,243 +4,187 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "errors.h"
+
 namespace {
 
-constexpr std::size_t kMaxConnections = 1024;
-constexpr timeval kAcceptPause = {1, 0};
-constexpr timeval kStopLimit = {2, 0};
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+constexpr timeval kSecond = {1, 0};
+constexpr timeval kDispatchLimit = {0, 50000};  // of usual events, before urgent ones are looked for
+constexpr timeval kStopLimit = {1, 0};          // for agents and clients
+constexpr auto kOutputLimit = 300ms;            // for what is not written after that
+
+event_base* MakeBase()
+{
+    const EventPtr<event_config> config(event_config_new());
+    if (config == nullptr || event_config_set_max_dispatch_interval(config.get(), &kDispatchLimit, -1, kUsual) != 0) {
+        return nullptr;
+    }
+    event_base* base = event_base_new_with_config(config.get());
+    if (base != nullptr) {
+        event_base_priority_init(base, kPriorities);
+    }
+    return base;
+}
 
 }  // namespace
 
-void Complain(const std::string& text)
-{
-    std::fprintf(stderr, "sentrel-collector: %s\n", text.c_str());
-}
-
 Collector::Collector(CollectorOptions options)
     : options_(std::move(options)),
-      base_(event_base_new()),
-      commands_(*this),
-      control_(*this, commands_),
-      started_(std::chrono::steady_clock::now())
+      base_(MakeBase()),
+      printer_(lines_, options_.json),
+      commands_(base_.get(), printer_, agents_),
+      agents_(base_.get(), printer_, commands_, options_.agents,
+              [this] { event_active(change_.get(), EV_TIMEOUT, 0); }),
+      control_(base_.get(), commands_, [this] { event_active(change_.get(), EV_TIMEOUT, 0); }),
+      started_(steady_clock::now())
 {
-}
-
-bool Collector::Start()
-{
-    if (!StartEvents()) {
-        Complain("no event loop");
-        return false;
-    }
-    const bool ready = ListenAll() && (!options_.takesInput || control_.ReadInput());
-    Flush();
-    return ready && !failed_;
-}
-
-bool Collector::ListenAll()
-{
-    for (const Endpoint& endpoint : options_.endpoints) {
-        if (!Listen(endpoint, &OnAccept, "listening")) {
-            return false;
-        }
-    }
-    for (const Endpoint& endpoint : options_.controls) {
-        if (!Listen(endpoint, &OnAcceptClient, "control")) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool Collector::StartEvents()
-{
-    if (base_ == nullptr) {
-        return false;
-    }
-    interrupt_.reset(evsignal_new(base_.get(), SIGINT, &OnSignal, this));
-    terminate_.reset(evsignal_new(base_.get(), SIGTERM, &OnSignal, this));
-    expiry_.reset(evtimer_new(base_.get(), &OnExpired, this));
-    resume_.reset(evtimer_new(base_.get(), &OnResume, this));
-    const timeval limit = {static_cast<std::time_t>(options_.seconds), 0};
-    return interrupt_ != nullptr && terminate_ != nullptr && expiry_ != nullptr && resume_ != nullptr &&
-           evsignal_add(interrupt_.get(), nullptr) == 0 && evsignal_add(terminate_.get(), nullptr) == 0 &&
-           (options_.seconds == 0 || evtimer_add(expiry_.get(), &limit) == 0);
-}
-
-bool Collector::Listen(const Endpoint& endpoint, evconnlistener_cb onAccept, const char* what)
-{
-    Listener& listener = listeners_.emplace_back();
-    std::string fault = listener.socket.Open(endpoint);
-    const std::string name = listener.socket.GetName();
-    if (fault.empty()) {
-        listener.events.reset(
-            evconnlistener_new(base_.get(), onAccept, this, LEV_OPT_CLOSE_ON_EXEC, 0, listener.socket.GetFd()));
-        fault = listener.events == nullptr ? "no listener" : "";
-    }
-    if (!fault.empty()) {
-        Complain("cannot listen on " + name + ": " + fault);
-        return false;
-    }
-    evconnlistener_set_error_cb(listener.events.get(), &OnAcceptError);
-    Print(options_.json ? nlohmann::json{{what, name}}.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace)
-                        : std::string(what) + " on " + name);
-    return true;
 }
 
 ExitStatus Collector::Run()
 {
-    event_base_dispatch(base_.get());
-    PrintSummary();
-    Flush();
-    return failed_ ? kExitFailed : expired_ ? kExitExpired : kExitDone;
+    const bool hasStarted = Start();
+    if (hasStarted) {
+        event_base_dispatch(base_.get());
+        PrintSummary();
+    }
+    const bool isWritten = CloseOutput();
+    return !hasStarted || !isWritten ? kExitFailed : expired_ ? kExitExpired : kExitDone;
 }
 
-void Collector::OnAccept(evconnlistener*, int fd, sockaddr* address, int length, void* self)
+bool Collector::Start()
 {
-    static_cast<Collector*>(self)->Accept(fd, address, static_cast<socklen_t>(length));
+    if (base_ == nullptr || !lines_.Start("OutputWriter") || !AddEvents()) {
+        Complain("no event loop or no thread");
+        return false;
+    }
+    return ListenAll() && (!options_.takesInput || control_.ReadInput());
 }
 
-void Collector::OnAcceptClient(evconnlistener*, int fd, sockaddr*, int, void* self)
+bool Collector::AddEvents()
 {
-    static_cast<Collector*>(self)->control_.Accept(fd);
+    event_base* base = base_.get();
+    interrupt_.reset(evsignal_new(base, SIGINT, &OnSignal, this));
+    terminate_.reset(evsignal_new(base, SIGTERM, &OnSignal, this));
+    second_.reset(event_new(base, -1, EV_PERSIST, &OnSecond, this));
+    written_.reset(event_new(base, lines_.GetWakeFd(), EV_READ | EV_PERSIST, &OnOutput, this));
+    expiry_.reset(evtimer_new(base, &OnExpired, this));
+    stopLimit_.reset(evtimer_new(base, &OnStopLimit, this));
+    change_.reset(evtimer_new(base, &OnChange, this));
+    for (const auto* urgent : {&interrupt_, &terminate_, &second_, &written_, &expiry_, &stopLimit_, &change_}) {
+        if (*urgent == nullptr || event_priority_set(urgent->get(), kUrgent) != 0) {
+            return false;
+        }
+    }
+    const timeval limit = {static_cast<std::time_t>(options_.seconds), 0};
+    return event_add(interrupt_.get(), nullptr) == 0 && event_add(terminate_.get(), nullptr) == 0 &&
+           event_add(second_.get(), &kSecond) == 0 && event_add(written_.get(), nullptr) == 0 &&
+           (options_.seconds == 0 || event_add(expiry_.get(), &limit) == 0);
 }
 
-// Without descriptors, for example, the same connection would come up again at once.
-void Collector::OnAcceptError(evconnlistener* listener, void* self)
+bool Collector::ListenAll()
 {
-    Complain(std::string("cannot accept for now: ") + std::strerror(errno));
-    evconnlistener_disable(listener);
-    evtimer_add(static_cast<Collector*>(self)->resume_.get(), &kAcceptPause);
+    const auto acceptAgent = [this](int fd, const sockaddr* address, socklen_t length) {
+        agents_.Accept(fd, address, length);
+    };
+    const auto acceptClient = [this](int fd, const sockaddr*, socklen_t) { control_.Accept(fd); };
+    for (const Endpoint& endpoint : options_.endpoints) {
+        if (!Listen(endpoint, acceptAgent)) {
+            return false;
+        }
+    }
+    for (const Endpoint& endpoint : options_.controls) {
+        if (!Listen(endpoint, acceptClient)) {
+            return false;
+        }
+    }
+    PrintEndpoints();
+    return true;
 }
 
-void Collector::OnResume(int, short, void* self)
+bool Collector::Listen(const Endpoint& endpoint, const Listener::OnAccept& onAccept)
 {
-    for (const Listener& listener : static_cast<Collector*>(self)->listeners_) {
-        evconnlistener_enable(listener.events.get());
+    Listener& listener = listeners_.emplace_back(base_.get(), endpoint, onAccept);
+    const std::string fault = listener.Open();
+    const std::string name = listener.GetName();
+    if (!fault.empty()) {
+        Complain("cannot listen on " + name + ": " + fault);
+        return false;
+    }
+    return true;
+}
+
+// Not before all are open, since whoever reads this may connect to any of them.
+void Collector::PrintEndpoints()
+{
+    std::size_t i = 0;
+    for (const Listener& listener : listeners_) {
+        const char* what = i++ < options_.endpoints.size() ? "listening" : "control";
+        const std::string name = listener.GetName();
+        printer_.Print(options_.json
+                           ? nlohmann::json{{what, name}}.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace)
+                           : std::string(what) + " on " + name);
+    }
+}
+
+void Collector::OnSecond(int, short, void* self)
+{
+    auto& collector = *static_cast<Collector*>(self);
+    collector.printer_.CheckStall();
+    collector.agents_.CheckTime();
+    for (Listener& listener : collector.listeners_) {
+        listener.Check();
+    }
+}
+
+void Collector::OnOutput(int, short, void* self)
+{
+    auto& collector = *static_cast<Collector*>(self);
+    collector.lines_.ClearWake();
+    collector.agents_.AnswerWritten(collector.printer_.Update());
+    if (collector.printer_.HasFailed()) {
+        collector.Stop();
     }
 }
 
 void Collector::OnExpired(int, short, void* self)
 {
     auto& collector = *static_cast<Collector*>(self);
-    collector.expired_ = collector.options_.count > 0 && !collector.IsDone();
+    collector.expired_ = collector.options_.agents.messages > 0 && !collector.agents_.IsDone();
     collector.Stop();
 }
 
 void Collector::OnSignal(int, short, void* self)
 {
-    static_cast<Collector*>(self)->Stop();
-}
-
-void Collector::Accept(int fd, const sockaddr* address, socklen_t length)
-{
-    std::string peer = PeerName(fd, address, length);
-    EventPtr<bufferevent> buffers;
-    if (connections_.size() < kMaxConnections) {
-        buffers.reset(bufferevent_socket_new(base_.get(), fd, BEV_OPT_CLOSE_ON_FREE));
+    auto& collector = *static_cast<Collector*>(self);
+    if (collector.stopping_) {
+        collector.hurries_ = true;
+        event_base_loopbreak(collector.base_.get());
     }
-    if (buffers == nullptr) {
-        close(fd);
-        ++refused_;
-        Complain("connection from " + peer + " refused: " + std::to_string(connections_.size()) + " are open");
-        return;
+    collector.Stop();
+}
+
+void Collector::OnStopLimit(int, short, void* self)
+{
+    event_base_loopbreak(static_cast<Collector*>(self)->base_.get());
+}
+
+// Asked for by agents and clients, and done here since none of them is in the middle of something.
+void Collector::OnChange(int, short, void* self)
+{
+    auto& collector = *static_cast<Collector*>(self);
+    if (collector.agents_.IsDone()) {
+        collector.Stop();
     }
-    const Sender sender = {++agents_, std::move(peer)};
-    connections_.try_emplace(agents_, *this, sender, std::move(buffers));
-    Note(sender, "connected from " + sender.peer);
-}
-
-std::string Collector::Take(const Sender& sender, const NEUtils::SentrelAgentMsg& header, unsigned char* body)
-{
-    if (NEUtils::IsResponseMessage(header.type)) {
-        if (!commands_.Expects(sender, header)) {
-            ++ignored_;
-        } else if (std::string fault = commands_.TakeAnswer(sender, header, body); !fault.empty()) {
-            return fault;
-        }
-    } else {
-        Report report;
-        std::string fault = ReadReport(header, body, report);
-        if (!fault.empty()) {
-            return fault;
-        }
-        ++messages_;
-        Print(options_.json ? ReportJson(sender, report) : ReportText(sender, report));
+    if (collector.stopping_ && collector.IsIdle()) {
+        event_base_loopbreak(collector.base_.get());
     }
-    bytes_ += sizeof(header) + header.length;
-    return {};
-}
-
-void Collector::Print(std::string line)
-{
-    line.push_back('\n');
-    if (!failed_ && std::fwrite(line.data(), line.size(), 1, stdout) != 1) {
-        Fail();
-    }
-}
-
-void Collector::Flush()
-{
-    if (!failed_ && std::fflush(stdout) != 0) {
-        Fail();
-    }
-}
-
-void Collector::Fail()
-{
-    Complain(std::string("standard output: ") + std::strerror(errno));
-    failed_ = true;
-}
-
-void Collector::Note(const Sender& sender, const std::string& what) const
-{
-    if (!options_.json) {
-        Complain("agent " + std::to_string(sender.number) + " " + what);
-    }
-}
-
-void Collector::Refuse(Connection& connection, const std::string& why)
-{
-    const Sender& sender = connection.GetSender();
-    ++refused_;
-    Complain("agent " + std::to_string(sender.number) + " (" + sender.peer + ") refused: " + why);
-    connection.Finish();
-}
-
-void Collector::Forget(const Sender& sender)
-{
-    commands_.Forget(sender);
-}
-
-void Collector::Remove(const Connection& connection)
-{
-    connections_.erase(connection.GetSender().number);
-    EndIfIdle();
-}
-
-void Collector::EndIfIdle()
-{
-    if (stopping_ && IsIdle()) {
-        event_base_loopbreak(base_.get());
-    }
-}
-
-std::set<std::uint64_t> Collector::Broadcast(const std::string& message)
-{
-    std::set<std::uint64_t> reached;
-    for (auto& [number, connection] : connections_) {
-        if (connection.SendCommand(message)) {
-            reached.insert(reached.end(), number);
-        }
-    }
-    return reached;
 }
 
 void Collector::Stop()
@@ -249,28 +193,50 @@ void Collector::Stop()
         return;
     }
     stopping_ = true;
+    event_add(stopLimit_.get(), &kStopLimit);
     listeners_.clear();
     control_.Stop();
-    event_base_loopexit(base_.get(), IsIdle() ? nullptr : &kStopLimit);
-    for (auto next = connections_.begin(); next != connections_.end();) {
-        (next++)->second.Finish();
+    agents_.FinishAll();
+    event_active(change_.get(), EV_TIMEOUT, 0);
+}
+
+// False if lines are left that standard output has not taken. Their reports are not answered, so that the
+// agents still have them.
+bool Collector::CloseOutput()
+{
+    const auto limit = hurries_ ? 0ms : kOutputLimit;
+    const bool isWritten = lines_.WaitUntilWritten(steady_clock::now() + limit);
+    const bool hasEnded = lines_.Stop();
+    printer_.Update();
+    const std::uint64_t unwritten = lines_.CountAdded() - lines_.GetProgress().written + printer_.GetLost();
+    if (unwritten > 0) {
+        Complain(std::to_string(unwritten) + " lines are not written to standard output");
     }
+    if (!hasEnded) {
+        Complain("standard output hangs in the kernel");
+        StopErrorLog();
+        _exit(kExitFailed);
+    }
+    return isWritten && unwritten == 0;
 }
 
 void Collector::PrintSummary()
 {
-    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - started_;
+    const std::chrono::duration<double> seconds = steady_clock::now() - started_;
+    const Figures& figures = agents_.GetFigures();
     const nlohmann::ordered_json summary = {
-        {"messages", messages_}, {"ignored", ignored_}, {"agents", agents_},
-        {"refused", refused_},   {"bytes", bytes_},     {"seconds", std::round(seconds.count() * 1000) / 1000},
+        {"messages", figures.messages},     {"ignored", figures.ignored},
+        {"agents", figures.agents},         {"refused", figures.refused},
+        {"bytes", figures.bytes},           {"seconds", std::round(seconds.count() * 1000) / 1000},
+        {"unanswered", figures.unanswered},
     };
     if (options_.json) {
-        Print(nlohmann::ordered_json{{"summary", summary}}.dump());
+        printer_.Print(nlohmann::ordered_json{{"summary", summary}}.dump());
         return;
     }
     std::string line = "summary:";
     for (const auto& [name, value] : summary.items()) {
         line.append(" ").append(name).append("=").append(value.dump());
     }
-    Print(line);
+    printer_.Print(line);
 }

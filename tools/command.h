@@ -13,6 +13,13 @@ struct Command {
     std::string policy;  // empty: none
 };
 
+// The commands that a line may hold, as --help and the command help list them.
+inline constexpr const char* kCommandHelp[] = {
+    "policy FEATURE on|off [FILE]  start or stop a feature, with the policy that the file holds",
+    "status                        how the agents and their features are",
+    "help                          list the commands",
+};
+
 inline constexpr std::size_t kMaxCommandLine = 4096;
 
 // Reads a line, without its end, and the file that it may name. Gives what is wrong with it, or nothing.

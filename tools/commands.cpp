@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "answer.h"
-#include "collector.h"
 
 namespace {
 
@@ -14,11 +13,6 @@ using namespace NEUtils;
 using nlohmann::ordered_json;
 
 constexpr timeval kAnswerLimit = {10, 0};
-constexpr const char* kCommands[] = {
-    "policy FEATURE on|off [FILE]  start or stop a feature, with the policy that the file holds",
-    "status                        how the agents and their features are",
-    "help                          this",
-};
 
 }  // namespace
 
@@ -38,16 +32,16 @@ bool Commands::Run(const std::string& line, Asker& asker)
 
 std::string Commands::FaultText(const std::string& fault) const
 {
-    return collector_.IsJson() ? ordered_json{{"error", fault}}.dump(-1, ' ', true) : "error: " + fault;
+    return printer_.IsJson() ? ordered_json{{"error", fault}}.dump(-1, ' ', true) : "error: " + fault;
 }
 
 void Commands::SayHelp(Asker& asker) const
 {
-    if (collector_.IsJson()) {
-        asker.Say(ordered_json{{"help", kCommands}}.dump());
+    if (printer_.IsJson()) {
+        asker.Say(ordered_json{{"help", kCommandHelp}}.dump());
         return;
     }
-    for (const char* line : kCommands) {
+    for (const char* line : kCommandHelp) {
         asker.Say(line);
     }
 }
@@ -55,7 +49,7 @@ void Commands::SayHelp(Asker& asker) const
 bool Commands::Send(Command command, Asker& asker)
 {
     const std::uint32_t seq = ++seq_;
-    std::set<std::uint64_t> agents = collector_.Broadcast(CommandMessage(command, seq));
+    std::set<std::uint64_t> agents = agents_.Broadcast(CommandMessage(command, seq));
     const std::size_t sent = agents.size();
     command.policy.clear();
     UnderWay made = {*this, seq, std::move(command), &asker, std::move(agents), sent};
@@ -70,7 +64,7 @@ bool Commands::Send(Command command, Asker& asker)
 
 bool Commands::Watch(UnderWay& underWay) const
 {
-    underWay.limit.reset(evtimer_new(collector_.GetBase(), &OnLimit, &underWay));
+    underWay.limit.reset(evtimer_new(base_, &OnLimit, &underWay));
     return underWay.limit != nullptr && evtimer_add(underWay.limit.get(), &kAnswerLimit) == 0;
 }
 
@@ -84,15 +78,14 @@ void Commands::SayDone(const UnderWay& underWay) const
 {
     const std::string sent = std::to_string(underWay.sent);
     const std::string answered = std::to_string(underWay.answered);
-    underWay.asker->Say(collector_.IsJson() ? R"({"command":"done","sent":)" + sent + R"(,"answered":)" + answered + "}"
-                                            : "done: sent=" + sent + " answered=" + answered);
+    underWay.asker->Say(printer_.IsJson() ? R"({"command":"done","sent":)" + sent + R"(,"answered":)" + answered + "}"
+                                          : "done: sent=" + sent + " answered=" + answered);
 }
 
 void Commands::End(std::uint32_t seq)
 {
     const auto underWay = underWay_.extract(seq);  // the asker may drop out over what it is told
     if (Asker* asker = underWay.mapped().asker; asker != nullptr) {
-        collector_.Flush();  // the answers before their end
         SayDone(underWay.mapped());
         asker->OnCommandEnded();
     }
@@ -113,8 +106,8 @@ std::string Commands::TakeAnswer(const Sender& sender, const SentrelAgentMsg& he
         return fault;
     }
     UnderWay& underWay = underWay_.at(header.seq);
-    const std::string line = (collector_.IsJson() ? AnswerJson : AnswerText)(sender, underWay.command, answer);
-    collector_.Print(line);
+    const std::string line = (printer_.IsJson() ? AnswerJson : AnswerText)(sender, underWay.command, answer);
+    printer_.Print(line);
     if (underWay.asker != nullptr) {
         underWay.asker->SayAnswer(line);
     }

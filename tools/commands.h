@@ -9,7 +9,8 @@
 
 #include "basecomm.h"
 #include "command.h"
-#include "connection.h"
+#include "event_ptr.h"
+#include "printer.h"
 #include "report_text.h"
 
 // Who gives commands. Is told what the agents answer, and when a command has ended.
@@ -21,11 +22,23 @@ public:
     virtual void OnCommandEnded() = 0;  // only of one that was left under way
 };
 
+// The agents that commands go to.
+class AgentGroup {
+public:
+    // Sends a request to all of them. Gives the numbers of those who get it.
+    virtual std::set<std::uint64_t> Broadcast(const std::string& message) = 0;
+
+protected:
+    ~AgentGroup() = default;
+};
+
 // The commands that are under way: to every agent that is connected, until all have answered or are gone, or
 // the time is over.
 class Commands {
 public:
-    explicit Commands(Collector& collector) : collector_(collector) {}
+    Commands(event_base* base, Printer& printer, AgentGroup& agents) : base_(base), printer_(printer), agents_(agents)
+    {
+    }
 
     // Does what a line says, or says what is wrong with it. True if a command is under way then.
     bool Run(const std::string& line, Asker& asker);
@@ -59,7 +72,9 @@ private:
     void SayDone(const UnderWay& underWay) const;
     void End(std::uint32_t seq);
 
-    Collector& collector_;
+    event_base* base_;
+    Printer& printer_;
+    AgentGroup& agents_;
     std::map<std::uint32_t, UnderWay> underWay_;  // by seq
     std::uint32_t seq_ = 0;
 };

@@ -1,19 +1,16 @@
 #include "connection.h"
 
-#include <sys/time.h>
-
-#include <cstdint>
 #include <utility>
-
-#include "collector.h"
 
 namespace {
 
 using namespace NEUtils;
+using std::chrono::steady_clock;
 
-constexpr timeval kStallLimit = {60, 0};
-constexpr timeval kFinishLimit = {2, 0};
+constexpr std::chrono::seconds kFinishLimit{2};
 constexpr std::size_t kMaxRead = std::size_t{128} << 10U;
+constexpr std::size_t kMaxPending = std::size_t{256} << 10U;
+constexpr std::size_t kMaxUnanswered = 1000;
 
 std::string CheckHeader(const SentrelAgentMsg& header)
 {
@@ -26,11 +23,21 @@ std::string CheckHeader(const SentrelAgentMsg& header)
     return {};
 }
 
+void DropReference(const void*, std::size_t, void* message)
+{
+    delete static_cast<std::shared_ptr<const std::string>*>(message);
+}
+
 }  // namespace
 
-Connection::Connection(Collector& collector, Sender sender, EventPtr<bufferevent> buffers)
-    : collector_(collector), sender_(std::move(sender)), buffers_(std::move(buffers))
+Connection::Connection(ConnectionOwner& owner, Sender sender, EventPtr<bufferevent> buffers)
+    : owner_(owner),
+      sender_(std::move(sender)),
+      buffers_(std::move(buffers)),
+      markTime_(steady_clock::now()),
+      lastMessage_(markTime_)
 {
+    bufferevent_priority_set(buffers_.get(), kUsual);
     bufferevent_setcb(buffers_.get(), &OnRead, &OnDrained, &OnEvent, this);
     bufferevent_setwatermark(buffers_.get(), EV_READ, 0, kMaxMsgSize);
     bufferevent_set_max_single_read(buffers_.get(), kMaxRead);
@@ -38,16 +45,31 @@ Connection::Connection(Collector& collector, Sender sender, EventPtr<bufferevent
 }
 
 // Commands alone never fill what may be pending, so they do not keep the agent's messages from being read.
-bool Connection::SendCommand(const std::string& message)
+bool Connection::SendCommand(const std::shared_ptr<const std::string>& message)
 {
-    if (finishing_ || mute_) {
+    if (!TakesCommands() || CountPending() + message->size() >= kMaxPending) {
         return false;
     }
-    if (CountPending() + message.size() >= kMaxPending) {
-        Complain("agent " + std::to_string(sender_.number) + " gets no command: it does not read");
+    auto reference = std::make_unique<std::shared_ptr<const std::string>>(message);
+    if (evbuffer_add_reference(bufferevent_get_output(buffers_.get()), message->data(), message->size(), &DropReference,
+                               reference.get()) != 0) {
         return false;
     }
-    return bufferevent_write(buffers_.get(), message.data(), message.size()) == 0;
+    static_cast<void>(reference.release());
+    queued_ += message->size();
+    return true;
+}
+
+// What follows from it comes with the next turn of the event loop, since it may destroy this connection.
+void Connection::Answer(const SentrelAgentMsg& request)
+{
+    --unanswered_;
+    Send(request);
+    if (finishing_ && HasNothingToSend()) {
+        bufferevent_trigger(buffers_.get(), EV_WRITE, BEV_TRIG_DEFER_CALLBACKS);
+    } else if (!finishing_ && !reading_ && HasRoom()) {
+        bufferevent_trigger(buffers_.get(), EV_READ, BEV_TRIG_DEFER_CALLBACKS);
+    }
 }
 
 void Connection::Finish()
@@ -56,26 +78,30 @@ void Connection::Finish()
         return;
     }
     finishing_ = true;
-    collector_.Forget(sender_);
-    if (mute_ || CountPending() == 0) {
-        collector_.Remove(*this);
+    evbuffer_drain(bufferevent_get_input(buffers_.get()), CountUnfinished());
+    owner_.OnFinishing(*this);
+    if (HasNothingToSend()) {
+        owner_.Remove(*this);
         return;
     }
     bufferevent_disable(buffers_.get(), EV_READ);
-    bufferevent_set_timeouts(buffers_.get(), nullptr, &kFinishLimit);
+    finishBy_ = steady_clock::now() + kFinishLimit;
 }
 
 void Connection::OnRead(bufferevent*, void* self)
 {
-    static_cast<Connection*>(self)->TakeMessages();
+    auto& connection = *static_cast<Connection*>(self);
+    if (!connection.finishing_) {
+        connection.TakeMessages();
+    }
 }
 
 void Connection::OnDrained(bufferevent*, void* self)
 {
     auto& connection = *static_cast<Connection*>(self);
-    if (connection.finishing_) {
-        connection.collector_.Remove(connection);
-    } else if (!connection.reading_) {
+    if (connection.finishing_ && connection.HasNothingToSend()) {
+        connection.owner_.Remove(connection);
+    } else if (!connection.finishing_ && !connection.reading_) {
         connection.TakeMessages();
     }
 }
@@ -84,41 +110,29 @@ void Connection::OnEvent(bufferevent*, short what, void* self)
 {
     auto& connection = *static_cast<Connection*>(self);
     if (connection.finishing_) {
-        connection.collector_.Remove(connection);
+        connection.owner_.Remove(connection);
     } else if ((what & BEV_EVENT_WRITING) != 0) {  // what it had sent before may still be here
         connection.mute_ = true;
         connection.TakeMessages();
-    } else if ((what & BEV_EVENT_TIMEOUT) != 0) {
-        connection.collector_.Refuse(connection, "no more of an incomplete message for 60 seconds");
+    } else if (connection.incomplete_) {
+        connection.owner_.Refuse(connection, "closed in the middle of a message");
     } else {
-        connection.OnPeerGone();
+        connection.owner_.OnClosed(connection);
     }
 }
 
-void Connection::OnPeerGone()
-{
-    if (incomplete_) {
-        collector_.Refuse(*this, "closed in the middle of a message");
-        return;
-    }
-    collector_.Note(sender_, "disconnected");
-    Finish();  // it may have closed its own direction only
-}
-
-// The last calls may destroy this connection.
+// The last call may destroy this connection.
 void Connection::TakeMessages()
 {
-    Collector& collector = collector_;
-    while (HasRoom() && !collector.IsDone() && TakeMessage()) {
+    std::size_t taken = 0;
+    while (HasRoom() && owner_.TakesMore() && TakeMessage()) {
+        ++taken;
     }
-    collector.Flush();
     if (fault_.empty()) {
-        Settle();
+        UpdateReading(taken);
+        owner_.OnServed(*this);
     } else {
-        collector.Refuse(*this, fault_);
-    }
-    if (collector.IsDone()) {
-        collector.Stop();
+        owner_.Refuse(*this, fault_);
     }
 }
 
@@ -136,39 +150,67 @@ bool Connection::TakeMessage()
         return false;
     }
     unsigned char* message = evbuffer_pullup(input, static_cast<ev_ssize_t>(size));
-    fault_ = message == nullptr ? "no memory" : collector_.Take(sender_, header, message + sizeof(header));
+    if (message == nullptr) {
+        fault_ = "no memory";
+        return false;
+    }
+    const Verdict verdict = owner_.Take(*this, header, message + sizeof(header));
+    fault_ = verdict.fault;
     if (!fault_.empty()) {
         return false;
     }
     evbuffer_drain(input, size);
-    if (IsRequestMessage(header.type)) {
-        Send({kMsgVersion, ResponseType(header.type), header.seq, 0});
+    if (verdict.answer == Verdict::kNow && IsRequestMessage(header.type)) {
+        Send(header);
     }
+    unanswered_ += verdict.answer == Verdict::kLater ? 1 : 0;
     return true;
 }
 
-void Connection::Send(const SentrelAgentMsg& header)
+// The answer to a request.
+void Connection::Send(const SentrelAgentMsg& request)
 {
-    if (!mute_) {
-        bufferevent_write(buffers_.get(), &header, sizeof(header));
+    const SentrelAgentMsg answer = {kMsgVersion, request.type + 1, request.seq, 0};
+    if (!mute_ && bufferevent_write(buffers_.get(), &answer, sizeof(answer)) == 0) {
+        queued_ += sizeof(answer);
     }
 }
 
-// Reads on or waits for the agent to read, and watches the time only while a message is incomplete.
-void Connection::Settle()
+// Reads on or waits until answers have left. The time of a message runs from its first byte, and stands still
+// while nothing is read.
+void Connection::UpdateReading(std::size_t taken)
 {
     if (reading_ != HasRoom()) {
         reading_ = !reading_;
         (reading_ ? bufferevent_enable : bufferevent_disable)(buffers_.get(), EV_READ);
     }
-    const bool incomplete = reading_ && evbuffer_get_length(bufferevent_get_input(buffers_.get())) > 0;
-    if (incomplete_ != incomplete) {
-        incomplete_ = incomplete;
-        bufferevent_set_timeouts(buffers_.get(), incomplete ? &kStallLimit : nullptr, nullptr);
+    const Time now = steady_clock::now();
+    const bool wasIncomplete = std::exchange(incomplete_, reading_ && CountUnfinished() > 0);
+    if (!wasIncomplete || taken > 0) {
+        messageBegin_ = now;
+    }
+    if (taken > 0) {
+        lastMessage_ = now;
     }
 }
 
-std::size_t Connection::CountPending() const
+bool Connection::HasRoom() const
 {
-    return evbuffer_get_length(bufferevent_get_output(buffers_.get()));
+    return unanswered_ < kMaxUnanswered && (mute_ || CountPending() < kMaxPending);
+}
+
+std::string Connection::CheckTime(Time now, std::chrono::seconds patience)
+{
+    const std::size_t pending = CountPending();
+    if (pending == 0 || queued_ - pending >= mark_) {
+        mark_ = queued_;
+        markTime_ = now;
+    }
+    if (now - markTime_ > patience) {
+        return "what was sent to it is not read for " + std::to_string(patience.count()) + " seconds";
+    }
+    if (incomplete_ && now - messageBegin_ > patience) {
+        return "a message is incomplete for " + std::to_string(patience.count()) + " seconds";
+    }
+    return {};
 }

@@ -1,43 +1,81 @@
 #pragma once
 
-#include <event2/buffer.h>
-#include <event2/bufferevent.h>
-#include <event2/event.h>
-#include <event2/listener.h>
-
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "basecomm.h"
+#include "event_ptr.h"
 #include "report_text.h"
 
-class Collector;
+class Connection;
 
-struct EventFree {
-    void operator()(event_base* base) const { event_base_free(base); }
-    void operator()(event* timer) const { event_free(timer); }
-    void operator()(evconnlistener* listener) const { evconnlistener_free(listener); }
-    void operator()(bufferevent* buffers) const { bufferevent_free(buffers); }
-    void operator()(evbuffer* bytes) const { evbuffer_free(bytes); }
+// What becomes of a message.
+struct Verdict {
+    enum Answer {
+        kNow,
+        kLater,  // the owner calls Connection::Answer once it may leave
+        kNever,
+    };
+    std::string fault;  // what is wrong with the message, or nothing
+    Answer answer = kNow;
 };
 
-template <class T>
-using EventPtr = std::unique_ptr<T, EventFree>;
+// Who has the connections, and destroys them.
+class ConnectionOwner {
+public:
+    // A whole message, whose body is as long as the header says.
+    virtual Verdict Take(Connection& connection, const NEUtils::SentrelAgentMsg& header, unsigned char* body) = 0;
+    virtual bool TakesMore() const = 0;
 
-// The conversation with one agent. Tells its collector of every message and when it has ended, upon which
-// the collector destroys it.
+    // All that has come is taken. May refuse the connection, which destroys it.
+    virtual void OnServed(Connection& connection) = 0;
+
+    // The agent has closed the connection, in order or not; or it broke a rule.
+    virtual void OnClosed(Connection& connection) = 0;
+    virtual void Refuse(Connection& connection, const std::string& why) = 0;
+
+    virtual void OnFinishing(Connection& connection) = 0;  // it takes no more commands
+    virtual void Remove(Connection& connection) = 0;       // destroys it
+
+protected:
+    ~ConnectionOwner() = default;
+};
+
+// The conversation with one agent.
+//
+// Threads  the event loop's only.
+// Limits   256 KiB of answers and commands that the agent does not read, and 1,000 requests whose answers must
+//          not leave yet: beyond that nothing more is read.
 class Connection {
 public:
-    Connection(Collector& collector, Sender sender, EventPtr<bufferevent> buffers);
+    using Time = std::chrono::steady_clock::time_point;
+
+    Connection(ConnectionOwner& owner, Sender sender, EventPtr<bufferevent> buffers);
 
     const Sender& GetSender() const { return sender_; }
+    Time GetLastMessage() const { return lastMessage_; }
 
-    // A whole request for the agent. False, and nothing is sent, if it takes no more or too much is pending.
-    bool SendCommand(const std::string& message);
+    bool TakesCommands() const { return !finishing_ && !mute_; }
 
-    // Reads no more and ends as soon as what is pending has been sent.
+    // A whole request for the agent, of which connections share one copy. False, and nothing is sent, if it
+    // takes no more or too much is pending.
+    bool SendCommand(const std::shared_ptr<const std::string>& message);
+
+    // To a request whose answer was to come later.
+    void Answer(const NEUtils::SentrelAgentMsg& request);
+
+    // Reads no more and ends as soon as all answers are sent, or after two seconds.
     void Finish();
+
+    // Looks at the clock. What took longer than patience is the agent's fault, and is given; or nothing.
+    std::string CheckTime(Time now, std::chrono::seconds patience);
+    bool IsOverdue(Time now) const { return finishing_ && now >= finishBy_; }
+
+    // Bytes that have come and could not be taken yet.
+    std::size_t CountUnfinished() const { return evbuffer_get_length(bufferevent_get_input(buffers_.get())); }
 
 private:
     static void OnRead(bufferevent* buffers, void* self);
@@ -47,18 +85,23 @@ private:
     void TakeMessages();
     bool TakeMessage();
     void Send(const NEUtils::SentrelAgentMsg& header);
-    void Settle();
-    void OnPeerGone();
-    bool HasRoom() const { return mute_ || CountPending() < kMaxPending; }
-    std::size_t CountPending() const;
+    void UpdateReading(std::size_t taken);
+    bool HasRoom() const;
+    bool HasNothingToSend() const { return unanswered_ == 0 && (mute_ || CountPending() == 0); }
+    std::size_t CountPending() const { return evbuffer_get_length(bufferevent_get_output(buffers_.get())); }
 
-    static constexpr std::size_t kMaxPending = std::size_t{256} << 10U;
-
-    Collector& collector_;
+    ConnectionOwner& owner_;
     Sender sender_;
     EventPtr<bufferevent> buffers_;
-    std::string fault_;        // why it is refused
-    bool reading_ = true;      // not held up by answers that the agent does not read
+    std::string fault_;           // why it is refused
+    std::size_t unanswered_ = 0;  // requests whose answers come later
+    std::uint64_t queued_ = 0;    // bytes that were ever to be sent
+    std::uint64_t mark_ = 0;      // as many of them are to be gone some time after markTime_
+    Time markTime_;
+    Time messageBegin_;  // of the message that is incomplete
+    Time lastMessage_;   // when the last whole one came, or the connection
+    Time finishBy_;
+    bool reading_ = true;      // not held up by answers that the agent does not read, or must not get yet
     bool incomplete_ = false;  // a part of a message has come
     bool mute_ = false;        // the agent takes no more answers
     bool finishing_ = false;

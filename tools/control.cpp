@@ -6,7 +6,7 @@
 
 #include <utility>
 
-#include "collector.h"
+#include "errors.h"
 
 namespace {
 
@@ -17,8 +17,8 @@ constexpr timeval kStallLimit = {60, 0};
 
 }  // namespace
 
-SocketClient::SocketClient(Control& control, Collector& collector, Commands& commands, EventPtr<bufferevent> buffers)
-    : Client(collector, commands), control_(control), buffers_(std::move(buffers))
+SocketClient::SocketClient(Control& control, event_base* base, Commands& commands, EventPtr<bufferevent> buffers)
+    : Client(base, commands), control_(control), buffers_(std::move(buffers))
 {
     bufferevent_setcb(buffers_.get(), &OnChange, &OnChange, &OnEvent, this);
     bufferevent_setwatermark(buffers_.get(), EV_READ, 0, kMaxInput);
@@ -85,8 +85,8 @@ void SocketClient::Say(const std::string& line)
 
 bool Control::ReadInput()
 {
-    input_ = std::make_unique<InputClient>(collector_, commands_);
-    const std::string fault = input_->Open(collector_.GetBase());
+    input_ = std::make_unique<InputClient>(base_, commands_);
+    const std::string fault = input_->Open();
     if (!fault.empty()) {
         Complain("cannot read standard input: " + fault);
     }
@@ -97,7 +97,7 @@ void Control::Accept(int fd)
 {
     EventPtr<bufferevent> buffers;
     if (clients_.size() < kMaxClients) {
-        buffers.reset(bufferevent_socket_new(collector_.GetBase(), fd, BEV_OPT_CLOSE_ON_FREE));
+        buffers.reset(bufferevent_socket_new(base_, fd, BEV_OPT_CLOSE_ON_FREE));
     } else {
         Complain("a control client is refused: there are 16");
         const std::string line = commands_.FaultText("too many clients") + "\n";
@@ -107,14 +107,16 @@ void Control::Accept(int fd)
         close(fd);
         return;
     }
-    clients_.emplace_back(*this, collector_, commands_, std::move(buffers));
+    clients_.emplace_back(*this, base_, commands_, std::move(buffers));
 }
 
 void Control::Remove(const SocketClient& client)
 {
     commands_.Forget(client);
     clients_.remove_if([&client](const SocketClient& other) { return &other == &client; });
-    collector_.EndIfIdle();
+    if (clients_.empty()) {
+        onChange_();
+    }
 }
 
 void Control::Stop()

@@ -3,6 +3,7 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -15,7 +16,7 @@ class Control;
 // Of a control socket.
 class SocketClient final : public Client {
 public:
-    SocketClient(Control& control, Collector& collector, Commands& commands, EventPtr<bufferevent> buffers);
+    SocketClient(Control& control, event_base* base, Commands& commands, EventPtr<bufferevent> buffers);
 
     // Runs no more commands; ends when those under way have, and all is sent.
     void Finish();
@@ -38,7 +39,11 @@ private:
 // Where commands come from.
 class Control {
 public:
-    Control(Collector& collector, Commands& commands) : collector_(collector), commands_(commands) {}
+    // onChange is called when the last client has gone.
+    Control(event_base* base, Commands& commands, std::function<void()> onChange)
+        : base_(base), commands_(commands), onChange_(std::move(onChange))
+    {
+    }
 
     bool ReadInput();     // false with a complaint
     void Accept(int fd);  // takes it
@@ -47,8 +52,9 @@ public:
     bool IsIdle() const { return clients_.empty(); }
 
 private:
-    Collector& collector_;
+    event_base* base_;
     Commands& commands_;
+    const std::function<void()> onChange_;
     std::unique_ptr<InputClient> input_;
     std::list<SocketClient> clients_;
 };

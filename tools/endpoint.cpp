@@ -138,11 +138,22 @@ std::string PeerName(int fd, const sockaddr* address, socklen_t length)
     return "pid=" + std::to_string(peer.pid) + " uid=" + std::to_string(peer.uid);
 }
 
-// The file goes first: while the socket is open no other file can have its inode.
-ListenSocket::~ListenSocket()
+// While the socket is open no other file can have its inode.
+ListenSocket::FileState ListenSocket::CheckFile() const
 {
     struct stat status = {};
-    if (inode_ != 0 && lstat(Path(endpoint_), &status) == 0 && status.st_ino == inode_ && status.st_dev == device_) {
+    if (inode_ == 0) {
+        return kInPlace;
+    }
+    if (lstat(Path(endpoint_), &status) != 0) {
+        return errno == ENOENT ? kRemoved : kInPlace;
+    }
+    return status.st_ino == inode_ && status.st_dev == device_ ? kInPlace : kReplaced;
+}
+
+ListenSocket::~ListenSocket()
+{
+    if (inode_ != 0 && CheckFile() == kInPlace) {
         unlink(Path(endpoint_));
     }
     if (fd_ >= 0) {

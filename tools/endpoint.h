@@ -31,6 +31,9 @@ public:
     // Once. Gives why it could not be opened, or nothing.
     std::string Open(const Endpoint& endpoint);
 
+    enum FileState { kInPlace, kRemoved, kReplaced };
+    FileState CheckFile() const;  // where its file was; kInPlace without one
+
     int GetFd() const { return fd_; }
     std::string GetName() const { return EndpointName(endpoint_); }  // with the port that the kernel chose
 

@@ -1,7 +1,6 @@
 #include "input_client.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,10 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
-#include "collector.h"
+#include "errors.h"
 
 namespace {
 
@@ -26,8 +24,6 @@ bool HasPath(int fd)
 
 }  // namespace
 
-InputClient::InputClient(Collector& collector, Commands& commands) : Client(collector, commands), in_(evbuffer_new()) {}
-
 InputClient::~InputClient()
 {
     Close();
@@ -35,7 +31,7 @@ InputClient::~InputClient()
 
 // Opened anew where that is possible: others share the one of the shell, so that it cannot be made
 // non-blocking, and one of them may take what has come. A file goes on where it stands.
-std::string InputClient::Open(event_base* base)
+std::string InputClient::Open()
 {
     struct stat status = {};
     if (fstat(STDIN_FILENO, &status) != 0) {
@@ -57,7 +53,7 @@ std::string InputClient::Open(event_base* base)
     isWaitable_ = isSocket_ || S_ISFIFO(status.st_mode) || isatty(fd_) == 1;
     // A file is always ready, which epoll does not tell: the next piece is read with the next turn of the loop.
     ready_.reset(
-        event_new(base, isWaitable_ ? fd_ : -1, static_cast<short>(isWaitable_ ? EV_READ : 0), &OnReady, this));
+        event_new(base_, isWaitable_ ? fd_ : -1, static_cast<short>(isWaitable_ ? EV_READ : 0), &OnReady, this));
     if (in_ == nullptr || ready_ == nullptr || !Wait()) {
         return "no event";
     }
@@ -122,11 +118,7 @@ void InputClient::Serve()
     }
 }
 
-// Nothing waits for who does not read standard error: what it does not take is dropped.
 void InputClient::Say(const std::string& line)
 {
-    pollfd out = {STDERR_FILENO, POLLOUT, 0};
-    if (poll(&out, 1, 0) == 1) {
-        std::fprintf(stderr, "%s\n", line.c_str());
-    }
+    SayError(line);
 }

@@ -9,11 +9,11 @@
 // Standard input, of whatever kind; is answered on standard error.
 class InputClient final : public Client {
 public:
-    InputClient(Collector& collector, Commands& commands);
+    InputClient(event_base* base, Commands& commands) : Client(base, commands), base_(base), in_(evbuffer_new()) {}
     ~InputClient() override;
 
     // Gives why it cannot be read, or nothing.
-    std::string Open(event_base* base);
+    std::string Open();
     void Finish();  // runs no more commands
 
     void Say(const std::string& line) override;
@@ -28,6 +28,7 @@ private:
     void ReadSome();
     ssize_t Read(char* bytes, std::size_t size) const;
 
+    event_base* base_;
     EventPtr<evbuffer> in_;
     EventPtr<event> ready_;
     int fd_ = -1;

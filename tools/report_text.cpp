@@ -224,6 +224,13 @@ std::string ReportJson(const Sender& sender, const Report& report)
     return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
 }
 
+std::string EventJson(const Sender& sender, const char* type, const std::string& text)
+{
+    const nlohmann::ordered_json object = {
+        {"agent", sender.number}, {"peer", sender.peer}, {"type", type}, {"text", text}, {"received", NowMs()}};
+    return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 std::int64_t NowMs()
 {
     using namespace std::chrono;

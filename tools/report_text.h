@@ -29,6 +29,9 @@ std::string ReadReport(const NEUtils::SentrelAgentMsg& header, unsigned char* bo
 std::string ReportText(const Sender& sender, const Report& report);
 std::string ReportJson(const Sender& sender, const Report& report);
 
+// That something has happened to a connection.
+std::string EventJson(const Sender& sender, const char* type, const std::string& text);
+
 // What such lines are made of.
 std::int64_t NowMs();
 std::string LineStart(const Sender& sender, std::int64_t timeMs);

@@ -42,23 +42,23 @@ const std::string kExit = kTime + Item(kTagEvent, Int(kProcessExited)) + Item(kT
 
 class CollectorTest : public testing::Test {
 protected:
-    pid_t Start(const std::string& options) const
+    pid_t Start(const std::string& options, const std::string& out) const
     {
-        fs::remove(out_);
+        fs::remove(out);
         return Fork([&] {
             const std::string command =
-                std::string("exec ") + COLLECTOR_PROGRAM + " " + options + " >" + out_ + " 2>" + err_;
+                std::string("exec ") + COLLECTOR_PROGRAM + " " + options + " >" + out + " 2>" + err_;
             return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         });
     }
     std::string Run(const std::string& options) const
     {
-        const int status = Wait(Start(options));
+        const int status = Wait(Start(options, folder_ / "unused"));
         return std::to_string(WEXITSTATUS(status)) + " " + Read(err_);
     }
     void Listen(const std::string& options)
     {
-        pid_ = Start("--listen unix:" + path_ + " " + options);
+        pid_ = Start("--listen unix:" + path_ + " " + options, out_);
         ASSERT_TRUE(Eventually([this] { return Prints("listening"); }));
     }
     int End() const
@@ -207,7 +207,7 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
 
 TEST_F(CollectorTest, ServesManyAgentsOverTheNetworkToo)
 {
-    pid_ = Start("--listen tcp:127.0.0.1:0 --listen tcp:[::1]:0 --listen unix:" + path_);
+    pid_ = Start("--listen tcp:127.0.0.1:0 --listen tcp:[::1]:0 --listen unix:" + path_, out_);
     ASSERT_TRUE(Eventually([this] { return Prints("listening on unix"); }));
     const std::string out = Read(out_);
     const auto port = static_cast<std::uint16_t>(std::stoi(out.substr(out.find("[::1]:") + 6)));
