@@ -36,7 +36,6 @@ FeatureHost::Outcome Malformed(const char* reason)
 void FeatureCommands::Start()
 {
     job_.Start(ThreadPool::GetInstance(), "features", [this] { CarryOut(); });
-    Queue({});
 }
 
 bool FeatureCommands::Listen()

@@ -23,8 +23,10 @@ public:
 
     FeatureCommands(FeatureHost& features, Status status) : features_(features), status_(std::move(status)) {}
 
-    // Begins with the kept policies.
     void Start();
+
+    // Has the kept policies applied.
+    void ApplyKept() { Queue({}); }
 
     // Takes commands too; before the channel is started. False if the channel does not hand them on.
     bool Listen();
