@@ -10,7 +10,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 declare -A mayUse=(
     [util]=''
     [frame]=''
-    [modules]='frame'
+    [modules]='frame guard sched'
     [guard]='frame'
     [sched]='guard frame'
     [monitor]='guard frame'
@@ -24,7 +24,7 @@ declare -A mayUse=(
 declare -A headersOf=(
     [util]='byte_buffer neutils_api sha256'
     [frame]='config instance_lock log_system logger my_program'
-    [modules]='feature_counters module module_entry module_manager'
+    [modules]='event_file feature_counters module module_entry module_manager'
     [guard]='hips_guard hips_instance_manager hips_resource_manager hips_thread_instance'
     [sched]='mr1w_lock pool_job task task_manager thread_pool'
     [monitor]='attribute fanotify_watcher file_watch inotify_monitor inotify_watcher monitor monitor_manager myfanotify'
@@ -149,7 +149,8 @@ bad frame/a.cpp "../util/file.h"
 bad frame/a.cpp "comm/a.h"
 bad frame/a.cpp NAME
 good modules/a.cpp "util/file.h"
-bad modules/a.cpp "guard/a.h"
+good modules/a.cpp "guard/a.h"
+bad modules/a.cpp "monitor/a.h"
 good guard/a.cpp "frame/a.h"
 bad guard/a.cpp "socket_comm.h"
 bad guard/a.cpp "sched/a.h"
