@@ -7,15 +7,11 @@
 
 namespace NEUtils {
 
-Report::Report(std::uint32_t type) : type_(type), isWanted_(ReportQueue::GetInstance().IsRunning())
+Report::Report(std::uint32_t type) : Report(type, Clock::WallMs()) {}
+
+Report::Report(std::uint32_t type, std::int64_t timeMs) : type_(type), isWanted_(ReportQueue::GetInstance().IsRunning())
 {
-    if (!isWanted_) {
-        return;
-    }
-    const std::int64_t ms = Clock::WallMs();
-    TLVValue value;
-    value.Init(kTagTime, reinterpret_cast<const unsigned char*>(&ms), sizeof(ms));
-    packer_.Add(std::move(value));
+    AddLong(kTagTime, static_cast<std::uint64_t>(timeMs));
 }
 
 Report& Report::Add(ReportTag tag, int number)
@@ -23,6 +19,16 @@ Report& Report::Add(ReportTag tag, int number)
     if (isWanted_) {
         TLVValue value;
         value.Init(tag, number);
+        packer_.Add(std::move(value));
+    }
+    return *this;
+}
+
+Report& Report::AddLong(ReportTag tag, std::uint64_t number)
+{
+    if (isWanted_) {
+        TLVValue value;
+        value.Init(tag, reinterpret_cast<const unsigned char*>(&number), sizeof(number));
         packer_.Add(std::move(value));
     }
     return *this;

@@ -14,6 +14,7 @@ inline constexpr std::uint32_t kMsgProcess = 1;         // a process event
 inline constexpr std::uint32_t kMsgDroppedReports = 3;  // reports that the agent had no room for
 inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched file
 inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
+inline constexpr std::uint32_t kMsgRepeats = 13;        // process events that were only counted
 
 // Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and
 // kTagStatus, but for commands that are too long or too many.
@@ -39,7 +40,7 @@ enum ReportTag : std::uint16_t {
     kTagCmdLine = 6,     // text, with its NUL cut at 2048 bytes
     kTagExitCode = 7,    // 4 bytes, of kProcessExited
     kTagSignal = 8,      // 4 bytes, of kProcessKilled
-    kTagCount = 9,       // 8 bytes, how many reports were dropped since the last such message
+    kTagCount = 9,       // 8 bytes, of how many reports or events the message tells
     kTagAction = 10,     // text: what was done, such as "write"; several with a comma between them
     kTagPath = 11,       // text
     kTagOldPath = 12,    // text, of a rename
@@ -52,6 +53,9 @@ enum ReportTag : std::uint16_t {
     kTagResult = 19,     // 4 bytes: 0 done, otherwise a CommandResult
     kTagReason = 20,     // long text: why it could not be done
     kTagStatus = 21,     // long text: the agent's status, one JSON object
+    kTagMode = 22,       // text: the permissions of a file in octal, such as "4755"
+    kTagOwner = 23,      // text: its user
+    kTagProgram = 24,    // text: a command line without its arguments
 };
 
 enum ProcessEvent : std::int32_t {
