@@ -12,6 +12,8 @@ constexpr std::size_t kMaxCmdLine = 3400;
 
 }  // namespace
 
+const char kUnread[] = "(ended before it could be read)";
+
 std::string UserName(unsigned int uid)
 {
     std::string name;
@@ -32,5 +34,5 @@ void DescribeProcess(int pid, std::string& user, std::string& cmdLine)
     ProcessUtils::ProcessStatus status;
     const bool found = ProcessUtils::GetProcessStatus(pid, status);
     user = found ? UserName(status.uid) : "?";
-    cmdLine = found ? CmdLineOf(pid, status) : "(ended before it could be read)";
+    cmdLine = found ? CmdLineOf(pid, status) : kUnread;
 }

@@ -4,11 +4,14 @@
 
 #include "process_utils.h"
 
+// Stands for the command line of a process that had ended before it could be read.
+extern const char kUnread[];
+
 // The name of a user, or the number.
 std::string UserName(unsigned int uid);
 
-// The command line of a process without what could steer a terminal. A kernel thread has none but a name, and
-// so has a process that has just ended: "[name]".
+// The command line of a process without control characters. A kernel thread has only a name, and so has a process
+// that has just ended: "[name]".
 std::string CmdLineOf(int pid, const ProcessUtils::ProcessStatus& status);
 
 // User and command line of a process, as far as they can be read.

@@ -16,6 +16,7 @@
 #include "own_log.h"
 #include "policy_text.h"
 #include "report.h"
+#include "util/key_lines.h"
 
 namespace {
 
@@ -43,7 +44,7 @@ std::string ReadSettings(const std::string& policy, Settings& settings)
     const std::string fault = ReadPolicy(
         policy, {{"watch", [&](const auto& value) { return TakeWatch(value, settings); }},
                  {"digest_max_bytes",
-                  [&](const auto& value) { return ReadNumber(value, kMostBytes, settings.digestMaxBytes); }}});
+                  [&](const auto& value) { return NEUtils::ReadNumber(value, kMostBytes, settings.digestMaxBytes); }}});
     return fault.empty() && settings.rules.empty() ? "it has no watch" : fault;
 }
 

@@ -6,10 +6,9 @@
 
 #include <algorithm>
 
-#include "describe.h"
-#include "logger.h"
+#include "event.h"
 #include "process_utils.h"
-#include "report.h"
+#include "util/clock.h"
 
 namespace {
 
@@ -17,6 +16,31 @@ std::string ContainerOf(int pid)
 {
     std::string id;
     return ProcessUtils::GetContainerId(pid, id) ? id : std::string();
+}
+
+// A time of the kernel's monotonic clock as milliseconds since 1970. One that is still to come cannot be right.
+std::int64_t WallMsOf(std::int64_t monotonicNs)
+{
+    const std::int64_t age = NEUtils::Clock::MonotonicNs() - monotonicNs;
+    return NEUtils::Clock::WallMs() - (monotonicNs > 0 && age > 0 ? age / NEUtils::Clock::kNsPerMs : 0);
+}
+
+// A command line without its arguments.
+std::string ProgramOf(const std::string& cmdLine)
+{
+    return cmdLine == kUnread ? cmdLine : cmdLine.substr(0, cmdLine.find(' '));
+}
+
+Event::Kind KindOf(NEUtils::ProcessEvent event)
+{
+    switch (event) {
+    case NEUtils::kProcessExecuted:
+        return {NEUtils::kMsgProcess, "executed", "Process executed."};
+    case NEUtils::kProcessExited:
+        return {NEUtils::kMsgProcess, "exited", "Process exited."};
+    default:
+        return {NEUtils::kMsgProcess, "killed", "Process killed."};
+    }
 }
 
 }  // namespace
@@ -43,6 +67,8 @@ void ProcessLog::LoadRunningProcesses()
 
 void ProcessLog::Handle(const proc_event& event)
 {
+    timeNs_ = static_cast<std::int64_t>(event.timestamp_ns);
+    timeMs_ = WallMsOf(timeNs_);
     switch (static_cast<std::uint32_t>(event.what)) {
     case NEUtils::kForkEvent: {
         const auto& fork = event.event_data.fork;
@@ -154,8 +180,8 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     }
 }
 
-// Where its threads were not all counted, /proc is asked: a thread may have begun while the process was looked at,
-// or its beginning or end may be among the lost events.
+// Where not all its threads were counted, /proc decides: a thread may have begun while the process was read, or its
+// start or end may be among the lost events.
 bool ProcessLog::HasEnded(int thread, int pid, Process& process) const
 {
     process.threads -= process.threads > 0 ? 1 : 0;
@@ -169,44 +195,46 @@ bool ProcessLog::HasEnded(int thread, int pid, Process& process) const
     return process.threads == 0;
 }
 
-bool ProcessLog::IsLeftOut(const Process& process, bool told)
+bool ProcessLog::IsLeftOut(const Process& process, bool isWanted)
 {
     const auto matches = [&process](const std::string& pattern) {
         return fnmatch(pattern.c_str(), process.cmdLine.c_str(), 0) == 0;
     };
-    const bool isLeftOut = !told || std::any_of(settings_.excludes.begin(), settings_.excludes.end(), matches);
+    const bool isLeftOut = !isWanted || std::any_of(settings_.excludes.begin(), settings_.excludes.end(), matches);
     leftOut_ += isLeftOut ? 1 : 0;
     return isLeftOut;
 }
 
-// A log record and a report. The command line stands last, since a process chooses it freely.
-void ProcessLog::Tell(NEUtils::ProcessEvent event, int pid, const Process& process, int code) const
+// The command line is the free text, since a process chooses it.
+void ProcessLog::Tell(NEUtils::ProcessEvent event, int pid, const Process& process, int code)
 {
-    const bool started = event == NEUtils::kProcessExecuted;
-    const bool exited = event == NEUtils::kProcessExited;
-    std::string more;
-    if (!started) {
-        more = (exited ? " exitCode=" : " signal=") + std::to_string(code);
+    if (!repeats_.Admit({event, process.parentPid, ProgramOf(process.cmdLine), process.user, 0, timeMs_}, timeNs_)) {
+        return;
     }
-    if (!process.container.empty()) {
-        more += " container=" + process.container;
+    Event record(KindOf(event), timeMs_);
+    record.AddToReport(NEUtils::kTagEvent, event)
+        .Add("pid", NEUtils::kTagPid, pid)
+        .Add("ppid", NEUtils::kTagParentPid, process.parentPid)
+        .Add("user", NEUtils::kTagUser, process.user);
+    if (event == NEUtils::kProcessExited) {
+        record.Add("exitCode", NEUtils::kTagExitCode, code);
+    } else if (event == NEUtils::kProcessKilled) {
+        record.Add("signal", NEUtils::kTagSignal, code);
     }
-    NE_LOG(INFO, "Process %s.[pid=%d ppid=%d user=%s%s cmdLine=%s]",
-           started  ? "executed"
-           : exited ? "exited"
-                    : "killed",
-           pid, process.parentPid, process.user.c_str(), more.c_str(), process.cmdLine.c_str());
-    NEUtils::Report report(NEUtils::kMsgProcess);
-    report.Add(NEUtils::kTagEvent, static_cast<int>(event))
-        .Add(NEUtils::kTagPid, pid)
-        .Add(NEUtils::kTagParentPid, process.parentPid)
-        .Add(NEUtils::kTagUser, process.user)
-        .Add(NEUtils::kTagContainer, process.container)
-        .Add(NEUtils::kTagCmdLine, process.cmdLine);
-    if (!started) {
-        report.Add(exited ? NEUtils::kTagExitCode : NEUtils::kTagSignal, code);
+    record.Add("container", NEUtils::kTagContainer, process.container)
+        .Tell("cmdLine", NEUtils::kTagCmdLine, process.cmdLine);
+}
+
+void ProcessLog::TellRepeats()
+{
+    for (const Repeats::Sum& sum : repeats_.Take()) {
+        Event({NEUtils::kMsgRepeats, "repeats", "Process repeated."}, sum.lastMs)
+            .Add("action", NEUtils::kTagAction, KindOf(sum.event).type)
+            .AddCount(sum.count)
+            .Add("ppid", NEUtils::kTagParentPid, sum.parentPid)
+            .Add("user", NEUtils::kTagUser, sum.user)
+            .Tell("program", NEUtils::kTagProgram, sum.program);
     }
-    report.Push();
 }
 
 ProcessLog::Process& ProcessLog::Remember(int pid)
@@ -217,7 +245,7 @@ ProcessLog::Process& ProcessLog::Remember(int pid)
     return processes_[pid];
 }
 
-// Exits that the kernel could not deliver would otherwise stay for good.
+// Processes whose exits the kernel could not deliver would otherwise stay for good.
 void ProcessLog::ForgetEnded()
 {
     std::vector<int> pids;

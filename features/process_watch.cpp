@@ -1,4 +1,4 @@
-// The feature process_watch: tells of every program that starts or ends on the host.
+// The feature process_watch: logs and reports every program that starts or ends on the host.
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,15 +13,19 @@
 #include "feature.h"
 #include "feature_counters.h"
 #include "logger.h"
+#include "loop_thread.h"
 #include "policy_text.h"
 #include "process_log.h"
 #include "process_monitor.h"
+#include "util/key_lines.h"
 
 namespace {
 
 using NEUtils::ProcessMonitor;
 
 constexpr int kStartMs = 2000;
+constexpr int kRepeatsMs = 1000;
+constexpr std::uint64_t kMostRepeats = 1000000;
 constexpr std::chrono::seconds kQuiet{1};
 
 bool IsFirstNamespace(const char* path, const char* first)
@@ -68,6 +72,8 @@ public:
     ~ProcessWatch()
     {
         monitor_.StopProcessMonitor();
+        ticker_.Stop();
+        log_.TellRepeats();
         Count();
         counters_.watches = 0;
     }
@@ -91,7 +97,10 @@ public:
         s_watch = this;
         monitor_.AddProcessEventCallback(&ProcessWatch::OnEvent);
         counters_.watches = 1;
-        return true;
+        return ticker_.Start("ProcessRepeats", [this](int stopFd) {
+            WaitFor(stopFd, kRepeatsMs);
+            log_.TellRepeats();
+        });
     }
 
 private:
@@ -135,6 +144,7 @@ private:
     Figures counted_;
     Steady::time_point lossAt_;
     ProcessLog log_;
+    LoopThread ticker_;
     ProcessMonitor monitor_;
 };
 
@@ -149,9 +159,11 @@ const char kFeatureName[] = "process_watch";
 bool StartFeature(const std::string& policy)
 {
     ProcessLogSettings settings;
-    const std::string fault =
-        ReadPolicy(policy, {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
-                            {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }}});
+    const std::string fault = ReadPolicy(
+        policy,
+        {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
+         {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }},
+         {"repeats", [&](const auto& value) { return NEUtils::ReadNumber(value, kMostRepeats, settings.repeats); }}});
     if (!fault.empty()) {
         LogRefusal(kFeatureName, fault);
         return false;

@@ -1,0 +1,111 @@
+#include "event.h"
+
+#include <algorithm>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+#include "event_file.h"
+#include "logger.h"
+
+namespace {
+
+bool IsPlain(char letter)
+{
+    const auto byte = static_cast<unsigned char>(letter);
+    return byte > ' ' && byte != '"' && byte != '\\' && byte != ']' && byte != '=' && byte != 0x7F;
+}
+
+// Only ASCII: neither bytes that are not UTF-8 nor control characters reach a terminal.
+std::string Json(const std::string& text)
+{
+    return nlohmann::json(text).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+std::string Quoted(const std::string& text)
+{
+    const std::string printable = NEUtils::Printable(text);
+    if (std::all_of(printable.begin(), printable.end(), &IsPlain)) {
+        return printable;
+    }
+    std::string quoted = "\"";
+    for (const char letter : printable) {
+        quoted.append(letter == '"' || letter == '\\' ? "\\" : "").push_back(letter);
+    }
+    return quoted + "\"";
+}
+
+std::string TimeText(std::int64_t timeMs)
+{
+    const std::time_t seconds = timeMs / 1000;
+    std::tm local = {};
+    char date[40] = "?";
+    char zone[8] = "";
+    if (localtime_r(&seconds, &local) != nullptr) {
+        std::strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &local);
+        std::strftime(zone, sizeof(zone), "%z", &local);
+    }
+    return std::string(date) + "." + std::to_string(1000 + timeMs % 1000).substr(1) + zone;
+}
+
+Event::Event(const Kind& kind, std::int64_t timeMs, std::source_location place)
+    : kind_(kind),
+      timeMs_(timeMs),
+      place_(place),
+      hasFile_(NEUtils::EventFile::GetInstance().IsOpen()),
+      report_(kind.message, timeMs)
+{
+}
+
+Event& Event::Add(const char* name, NEUtils::ReportTag tag, int number)
+{
+    report_.Add(tag, number);
+    AddItem(name, std::to_string(number));
+    return *this;
+}
+
+Event& Event::Add(const char* name, NEUtils::ReportTag tag, const std::string& text)
+{
+    if (!text.empty()) {
+        report_.Add(tag, text);
+        AddItem(name, hasFile_ ? Json(text) : Quoted(text));
+    }
+    return *this;
+}
+
+Event& Event::AddCount(std::uint64_t count)
+{
+    report_.AddLong(NEUtils::kTagCount, count);
+    AddItem("count", std::to_string(count));
+    return *this;
+}
+
+Event& Event::AddToReport(NEUtils::ReportTag tag, int number)
+{
+    report_.Add(tag, number);
+    return *this;
+}
+
+void Event::AddItem(const char* name, const std::string& value)
+{
+    if (hasFile_) {
+        items_.append(",\"").append(name).append("\":").append(value);
+    } else {
+        items_.append(name).append("=").append(value).append(" ");
+    }
+}
+
+void Event::Tell(const char* name, NEUtils::ReportTag tag, const std::string& text)
+{
+    report_.Add(tag, text).Push();
+    if (hasFile_) {
+        AddItem(name, Json(text));
+        NEUtils::EventFile::GetInstance().Write("{\"type\":" + Json(kind_.type) +
+                                                ",\"time\":" + std::to_string(timeMs_) + items_ + "}");
+        return;
+    }
+    NEUtils::LoggerWriteLog(NEUtils::kNormalLog, INFO, NEUtils::BaseName(place_.file_name()), place_.line(),
+                            "%s[%stime=%s %s=%s]", kind_.title, items_.c_str(), TimeText(timeMs_).c_str(), name,
+                            NEUtils::Printable(text).c_str());
+}

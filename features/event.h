@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <source_location>
+#include <string>
+
+#include "report.h"
+
+// One event of a feature on its way out: as a report to the server, and as a line of the event file, or as a log
+// record where there is no such file. All of them have the same items, under the same names as the collector's.
+//
+// In the record each text that others chose stands in quotes unless it is a plain word, so that it cannot forge
+// another item. One text may be free: the last.
+//
+// Threads  one.
+class Event {
+public:
+    struct Kind {
+        std::uint32_t message;  // a report of report_messages.h
+        const char* type;       // in the event file
+        const char* title;      // of the record
+    };
+
+    // The time is the event's own, or when the agent read of it: milliseconds since 1970.
+    Event(const Kind& kind, std::int64_t timeMs, std::source_location place = std::source_location::current());
+
+    // Items in the order of the record. A text that is empty is left out.
+    Event& Add(const char* name, NEUtils::ReportTag tag, int number);
+    Event& Add(const char* name, NEUtils::ReportTag tag, const std::string& text);
+    Event& AddCount(std::uint64_t count);
+    Event& AddToReport(NEUtils::ReportTag tag, int number);  // what the title says already
+
+    // Ends it with the free text, which may hold anything, and sends it off.
+    void Tell(const char* name, NEUtils::ReportTag tag, const std::string& text);
+
+private:
+    void AddItem(const char* name, const std::string& value);
+
+    const Kind kind_;
+    const std::int64_t timeMs_;
+    const std::source_location place_;
+    const bool hasFile_;
+    std::string items_;  // so far, in the form of the event file or of the record
+    NEUtils::Report report_;
+};
+
+// A text for a record: without control characters, and in quotes unless it is a plain word.
+std::string Quoted(const std::string& text);
+
+// Milliseconds since 1970 as local time, such as 2026-11-21T15:33:41.606+0100.
+std::string TimeText(std::int64_t timeMs);

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "report_messages.h"
+
+// Sums up process events of one program by one parent that come faster than a rate, so that a loop of /bin/true
+// cannot push all else out of the log. Nothing is lost from the count: each event is either told by itself or counted
+// in one sum.
+//
+// Threads  any.
+// Limits   10,000 programs and parents at a time; what is beyond them is told one by one.
+class Repeats {
+public:
+    struct Sum {
+        NEUtils::ProcessEvent event = NEUtils::kProcessExecuted;
+        int parentPid = 0;
+        std::string program;
+        std::string user;  // of the first one
+        std::uint64_t count = 0;
+        std::int64_t lastMs = 0;  // when the last one happened
+    };
+
+    // The most that are told by themselves in a second; 0: all are.
+    explicit Repeats(std::uint64_t limit) : limit_(limit) {}
+
+    // False: the event is counted. Once a second has brought too many, all are counted until one has not. Times are
+    // the events' own.
+    bool Admit(const Sum& event, std::int64_t timeNs);
+
+    // Takes what was counted since the last call; to be called about once a second.
+    std::vector<Sum> Take();
+
+private:
+    struct Entry {
+        Sum sum;
+        std::int64_t secondStart = 0;
+        std::uint64_t inSecond = 0;
+        bool isFlood = false;
+        bool isIdle = false;  // nothing came since the last Take
+    };
+
+    const std::uint64_t limit_;
+    std::mutex mutex_;
+    std::map<std::tuple<int, int, std::string>, Entry> entries_;  // by event, parent and program
+};
