@@ -38,7 +38,7 @@ configure_package_config_file(cmake/NEUtilsConfig.cmake.in ${PROJECT_BINARY_DIR}
                               INSTALL_DESTINATION ${packageDir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/NEUtilsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/NEUtilsConfig.cmake ${PROJECT_BINARY_DIR}/NEUtilsConfigVersion.cmake
-        DESTINATION ${packageDir})
+        cmake/NEUtilsFeature.cmake DESTINATION ${packageDir})
 
 # The file finds its prefix by its own place, so an install root can be moved.
 file(RELATIVE_PATH pcUpwards /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

@@ -1,9 +1,12 @@
 #include "config.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <utility>
 
 #include "logger.h"
 #include "util/file.h"
@@ -18,6 +21,13 @@ constexpr std::size_t kMaxConfigSize = 64U << 20;
 
 bool ReadText(int fd, std::string& text)
 {
+    struct stat status = {};
+    if (fstat(fd, &status) != 0) {
+        return false;
+    }
+    if (S_ISREG(status.st_mode) && status.st_size > 0 && static_cast<std::uint64_t>(status.st_size) <= kMaxConfigSize) {
+        text.reserve(static_cast<std::size_t>(status.st_size));  // growing step by step would hold it twice
+    }
     char piece[16384];
     for (;;) {
         const ssize_t count = FileOperation::Read(fd, piece, sizeof(piece));
@@ -56,29 +66,37 @@ std::mutex& Config::Mutex()
     return mutex;
 }
 
+void Config::Store(std::string_view line, bool asInteger, const std::map<std::string, std::string>& keyNames)
+{
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos) {
+        return;
+    }
+    // Kept untrimmed, a carriage return included, because a value may end in a blank that counts.
+    std::string key(line.substr(0, equals));
+    std::string value(line.substr(equals + 1));
+    const auto renamed = keyNames.find(key);
+    if (renamed != keyNames.end()) {
+        key = renamed->second;
+    }
+    int number = 0;
+    const bool isNumber = asInteger && Convert::StringToInt(value, number);
+    const std::lock_guard<std::mutex> lock(Mutex());
+    if (isNumber) {
+        GetConfigMap<int>()[key] = number;
+    } else {
+        GetConfigMap<std::string>()[key] = std::move(value);
+    }
+}
+
 bool Config::ParseConfig(const std::string& text, bool asInteger, const std::map<std::string, std::string>& keyNames)
 {
-    for (const std::string& line : StringProcess::StrSplit(text, "\n")) {
-        const std::size_t equals = line.find('=');
-        if (equals == std::string::npos) {
-            continue;
-        }
-        // Kept untrimmed, a carriage return included: a value may end in a blank that counts.
-        std::string key = line.substr(0, equals);
-        const std::string value = line.substr(equals + 1);
-        const auto renamed = keyNames.find(key);
-        if (renamed != keyNames.end()) {
-            key = renamed->second;
-        }
-        int number = 0;
-        const bool isNumber = asInteger && Convert::StringToInt(value, number);
-        const std::lock_guard<std::mutex> lock(Mutex());
-        if (isNumber) {
-            GetConfigMap<int>()[key] = number;
-        } else {
-            GetConfigMap<std::string>()[key] = value;
-        }
+    // One line after the other: a list of all would take many times the text.
+    std::string_view rest = text;
+    for (std::size_t end; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
+        Store(rest.substr(0, end), asInteger, keyNames);
     }
+    Store(rest, asInteger, keyNames);
     return true;
 }
 

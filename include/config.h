@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "neutils_api.h"
@@ -16,7 +17,7 @@ namespace NEUtils {
 // of a key wins.
 //
 // Threads  any. Each entry is stored under the tables' mutex, so two texts parsed at once interleave.
-// Limits   a file of at most 64 MiB.
+// Limits   a file of at most 64 MiB; reading one takes its size beside the entries.
 // Errors   false, with an ERROR record, for a file that cannot be opened or read.
 class NEUTILS_API Config {
 public:
@@ -36,6 +37,7 @@ public:
     static std::unordered_map<std::string, Value>& GetConfigMap();
 
 private:
+    static void Store(std::string_view line, bool asInteger, const std::map<std::string, std::string>& keyNames);
     static std::mutex& Mutex();
 };
 

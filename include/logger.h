@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "neutils_api.h"
@@ -19,8 +20,22 @@
 // Limits   4,096 characters a message; a longer one is cut and ends in "...".
 // Errors   none to the caller; errno is preserved.
 
-// The value is also the index of the level's name; pass no others.
-// The names are plain enumerators: a macro called DEBUG or ERROR must not be defined.
+// A build may define macros of the levels' names, -DDEBUG above all. They are put aside here.
+#pragma push_macro("DEBUG")
+#pragma push_macro("INFO")
+#pragma push_macro("WARN")
+#pragma push_macro("ERROR")
+#pragma push_macro("FATAL")
+#pragma push_macro("UNKNOWN")
+#undef DEBUG
+#undef INFO
+#undef WARN
+#undef ERROR
+#undef FATAL
+#undef UNKNOWN
+
+// The value is also the index of the level's name; pass no others. Where a macro has the name of a level, NE_LOG
+// still means the level; elsewhere write the number, LogLevel(0).
 enum LogLevel {
     DEBUG = 0,
     INFO = 1,
@@ -104,6 +119,18 @@ public:
 
 extern template NEUTILS_API MessageBus::SubList<const NENormalLog&>& MessageBus::GetSubList<const NENormalLog&>();
 
+// The level that a text names, otherwise the value.
+constexpr LogLevel LevelOf(std::string_view text, int value)
+{
+    return text == "DEBUG"     ? DEBUG
+           : text == "INFO"    ? INFO
+           : text == "WARN"    ? WARN
+           : text == "ERROR"   ? ERROR
+           : text == "FATAL"   ? FATAL
+           : text == "UNKNOWN" ? UNKNOWN
+                               : static_cast<LogLevel>(value);
+}
+
 // The file name of a source path, for compilers that do not tell it themselves.
 constexpr const char* BaseName(const char* path)
 {
@@ -124,6 +151,19 @@ constexpr const char* BaseName(const char* path)
 #define NEUTILS_FILE_NAME ::NEUtils::BaseName(__FILE__)
 #endif
 
-// Logs to the normal log kind with the place it stands at: NE_LOG(WARN, "Disk is full.[path=%s]", path);
-#define NE_LOG(level, ...) \
+#pragma pop_macro("DEBUG")
+#pragma pop_macro("INFO")
+#pragma pop_macro("WARN")
+#pragma pop_macro("ERROR")
+#pragma pop_macro("FATAL")
+#pragma pop_macro("UNKNOWN")
+
+#define NEUTILS_LOG(level, ...) \
     ::LoggerWriteLog(::NEUtils::kNormalLog, level, NEUTILS_FILE_NAME, static_cast<unsigned int>(__LINE__), __VA_ARGS__)
+
+// Logs to the normal log kind with the place it stands at: NE_LOG(WARN, "Disk is full.[path=%s]", path);
+#if defined(DEBUG) || defined(INFO) || defined(WARN) || defined(ERROR) || defined(FATAL) || defined(UNKNOWN)
+#define NE_LOG(level, ...) NEUTILS_LOG(::NEUtils::LevelOf(#level, level + 0), __VA_ARGS__)
+#else
+#define NE_LOG(level, ...) NEUTILS_LOG(level, __VA_ARGS__)
+#endif

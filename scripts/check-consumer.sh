@@ -21,6 +21,9 @@ check_program() {
     "$1" "$scratch/consumer.log" "$scratch/build/"
 }
 
+# A unique symbol keeps a library in memory after it is closed.
+no_unique_symbols() { [[ $(readelf -sW --dyn-syms "$1") != *' UNIQUE '* ]] || fail "$1: has unique symbols"; }
+
 unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH
 
 step 'a first install' "$log"
@@ -36,6 +39,7 @@ bound_to_install "$(realpath "$prefix/bin/sentrel-agent")"
 
 for feature in process_watch file_integrity file_access; do
     bound_to_install "$prefix/lib/features/lib$feature.so"
+    no_unique_symbols "$prefix/lib/features/lib$feature.so"
 done
 
 step 'a second install keeps an edited configuration and policy' "$log"
@@ -55,7 +59,21 @@ step 'a program that finds the library with pkg-config' "$log"
 export PKG_CONFIG_PATH
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name neutils.pc)")
 read -ra flags < <(pkg-config --cflags --libs neutils)
-libraries=$(pkg-config --variable=libdir neutils)
-run_logged "${CXX:-g++}" -std=c++17 -Wall -Wextra -Werror -o "$scratch/consumer" "$root/tests/consumer/main.cpp" \
-    "${flags[@]}" -Wl,-rpath,"$(realpath "$libraries")"
-check_program "$scratch/consumer"
+flags+=(-std=c++17 -Wall -Wextra -Werror -Wl,-rpath,"$(realpath "$(pkg-config --variable=libdir neutils)")")
+for compiler in g++ clang++; do
+    if ! command -v "$compiler" >/dev/null; then
+        echo "    without $compiler, which is not installed"
+        continue
+    fi
+    rm "$scratch/build/libhello.so" "$scratch/consumer.log"*
+    variable=feature_cflags
+    [[ $compiler == clang++ ]] || variable+=_gcc
+    read -ra featureFlags < <(pkg-config --variable="$variable" neutils)
+    run_logged "$compiler" -shared -o "$scratch/build/libhello.so" "$root/tests/consumer/hello.cpp" \
+        "${featureFlags[@]}" "${flags[@]}"
+    chmod go-w "$scratch/build/libhello.so"
+    no_unique_symbols "$scratch/build/libhello.so"
+    run_logged "$compiler" -DDEBUG -o "$scratch/consumer" "$root/tests/consumer/main.cpp" \
+        -I"$root/tests/consumer/own" "${flags[@]}"
+    check_program "$scratch/consumer"
+done

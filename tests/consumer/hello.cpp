@@ -1,6 +1,6 @@
 // The smallest feature there is, as the README shows it.
-#include "logger.h"
-#include "module_entry.h"
+#include <neutils/logger.h>
+#include <neutils/module_entry.h>
 
 int InitModule(void)
 {
