@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 
 #include "util/unique_fd.h"
 
@@ -145,17 +146,19 @@ bool FileOperation::WriteByDirect(const std::string& path, const void* data, std
 
 bool FileOperation::ListDirectory(const std::string& path, std::vector<std::string>& names)
 {
-    DIR* directory = opendir(path.c_str());
+    struct Close {
+        void operator()(DIR* stream) const { closedir(stream); }
+    };
+    const std::unique_ptr<DIR, Close> directory(opendir(path.c_str()));
     if (directory == nullptr) {
         return false;
     }
-    while (const dirent* entry = readdir(directory)) {
+    while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
         if (name != "." && name != "..") {
             names.push_back(name);
         }
     }
-    closedir(directory);
     return true;
 }
 
