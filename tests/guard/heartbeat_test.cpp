@@ -161,7 +161,11 @@ TEST(HeartbeatCheckerTest, HungThreadEndsTheProcess)
              signal(SIGTERM, SIG_IGN);
              Hang();
          }},
-        {"the main thread takes it and stops", 5 << 8, takeSignal},
+        {"the main thread takes it and stops", 5 << 8,
+         [&] {
+             Clock::sleepDivisor = 100;
+             takeSignal();
+         }},
         {"it takes it and waits for the hung thread", SIGTERM, [&] { takeSignal(), UninitHipsGuard(); }},
         {"the log hangs", SIGTERM,
          [] {
