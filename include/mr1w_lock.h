@@ -7,14 +7,14 @@
 
 namespace NEUtils {
 
-// Guards a table that many threads read and one rebuilds now and then. A writer gives up after a
-// timeout instead of waiting for ever, and while it waits it holds new readers back, so that readers
-// cannot starve it.
+// Guards a table that many threads read and one rebuilds now and then. A writer gives up after a timeout
+// instead of waiting for ever. While it waits it keeps new readers out, so that readers cannot starve it.
 //
-// Threads  any; a reader must not ask for the write lock (it waits for itself and fails), and may nest
-//          read locks only while no writer can come in between.
+// Threads  any. A reader must not ask for the write lock: it waits for itself and fails. It may nest read locks
+//          only while no writer can come in between.
 // Locks    writer mutex before count mutex.
-// Units    milliseconds; readers are polled every 100, so a budget of 150 looks once, waits once, fails.
+// Units    milliseconds. The writer looks every 100, and never after the last wait: with a timeout of 150 it
+//          looks once, waits once and fails.
 // Blocks   a second writer waits for the first without limit, and that wait is not counted.
 // Errors   LockForWrite false: timed out, not held. A failing mutex throws system_error.
 class NEUTILS_API MR1WLock {
@@ -24,7 +24,7 @@ public:
     MR1WLock& operator=(const MR1WLock&) = delete;
 
     void LockForRead();
-    void UnlockForRead();  // without a matching lock it has no effect
+    void UnlockForRead();  // no effect without a matching lock
     bool LockForWrite(unsigned int timeoutMs);
     void UnlockForWrite();
 

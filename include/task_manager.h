@@ -17,19 +17,24 @@ namespace NEUtils {
 
 // Runs registered jobs on a timetable: once, at an interval, at a time of day, or when asked.
 //
-// A guarded thread, "TaskManager", looks about once a second (a tick). A due task with createThread goes
-// to the pool; the others wait in a queue of at most 100, of which each tick runs one on the schedule
-// thread: a long inline job delays the next tick, and one above a minute calls KeepCurrentThreadAlive().
+// A guarded thread, "TaskManager", looks about once a second for tasks that are due (a tick). A due task with
+// createThread goes to the pool. The others wait in a queue of at most 100 launches, of which each tick runs
+// one on the schedule thread: a long inline job delays the next tick, and one that takes more than a minute
+// calls KeepCurrentThreadAlive().
 //
 // Use      Start, RegisterTask; to remove a task PauseAndWaitForEnd, then UnregisterTask; Stop last.
 // Threads  any may register, launch, pause and unregister; Start, Stop and the destructor are the owner's.
-// Locks    task lock, then a task's state lock or the inline queue's. Nothing is run or logged under them.
-// Blocks   PauseAndWaitForEnd polls once a second until the task's runs have ended: a task that waits for
-//          itself waits for ever. Stop waits for the tick under way, but not for runs on the pool; called
-//          from an inline job it does not wait, and the manager must then outlive that tick.
+// Locks    task lock, then a task's state lock or the inline queue's. Nothing runs or is logged under them.
+// Blocks   PauseAndWaitForEnd looks once a second until the task's runs have ended: a task that waits for
+//          itself waits for ever. Stop waits for the tick in progress (at most a second and one inline job),
+//          but not for runs on the pool. From an inline job it does not wait, and the manager must then
+//          outlive that tick.
+// Errors   0 or false, with a record, also when memory has run out.
 class NEUTILS_API TaskManager {
 public:
-    TaskManager() = default;
+    TaskManager();
+    // Ends the schedule thread. Tasks that are still registered are neither cancelled nor destroyed: call Stop
+    // first.
     ~TaskManager();
     TaskManager(const TaskManager&) = delete;
     TaskManager& operator=(const TaskManager&) = delete;
@@ -42,22 +47,23 @@ public:
     std::uint32_t RegisterTask(TASKTYPE type, TASK_CONDITION condition, void* (*func)(void*), void* arg,
                                const std::string& memo);
 
-    // Launches a task at the next tick, whatever its timetable, unless it is paused. False if unknown.
+    // Launches a task at the next tick, whatever its timetable, unless it is paused. False if unknown. A one-shot
+    // task stays registered until the last of its launches is over.
     bool MakeTaskLaunch(std::uint32_t id);
 
     // Ends the task's launches for good and waits for its runs.
     void PauseAndWaitForEnd(std::uint32_t id);
 
-    // Forgets the task; it is destroyed once none of its runs is under way.
+    // Forgets the task, also those of its launches that wait. It is destroyed once it does not run.
     void UnregisterTask(std::uint32_t id);
 
-    // Destroys what is unregistered and not running; gives how many had to stay.
+    // Destroys the unregistered tasks that do not run, and gives the number of those that do.
     std::uint32_t CleanTask();
     std::uint32_t CleanRegisterTask() { return CleanTask(); }
 
     std::uint32_t GenerateId();
-    Task* GetTask(std::uint32_t id);  // the caller holds the task lock, or is alone
-    std::vector<std::shared_ptr<Task>> GetTasks();
+    Task* GetTask(std::uint32_t id);                // without the task lock: for a caller that is the only one
+    std::vector<std::shared_ptr<Task>> GetTasks();  // throws std::bad_alloc
     void PushTaskToCleanList(std::shared_ptr<Task> task);
 
     // One tick and its two halves.
@@ -80,7 +86,7 @@ private:
     std::mutex cleanLock_;
     std::list<TaskPtr> cleanList_;
     std::mutex inlineLock_;
-    std::list<TaskPtr> inlineQueue_;
+    std::list<std::unique_ptr<Task::Launch>> inlineQueue_;
     std::size_t inlineLimit_ = 0;
     std::size_t inlineDiscard_ = 0;
     std::atomic<bool> running_{false};

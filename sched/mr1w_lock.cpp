@@ -28,7 +28,7 @@ void MR1WLock::UnlockForRead()
 bool MR1WLock::LockForWrite(unsigned int timeoutMs)
 {
     std::unique_lock<std::mutex> writer(writerMutex_);
-    // Kept: the last wait is never followed by a look.
+    // Kept because callers' time limits are set by it: the last wait is never followed by a look.
     for (unsigned int left = timeoutMs; HasReaders(); left -= kPollMs) {
         if (left <= kPollMs) {
             return false;

@@ -1,13 +1,22 @@
 #include "pool_job.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <utility>
 
+#include "hips_guard.h"
 #include "thread_pool.h"
 
 namespace NEUtils {
+
+namespace {
+
+constexpr std::chrono::seconds kBeatPeriod{10};
+
+}  // namespace
 
 struct PoolJob::State {
     std::mutex mutex;
@@ -15,14 +24,14 @@ struct PoolJob::State {
     ThreadPool* pool = nullptr;
     std::string name;
     std::function<void()> work;
-    std::thread::id worker;  // who works at the moment
+    std::thread::id worker;  // the thread that runs the work now
     bool stopping = true;
     bool requested = false;
-    bool queued = false;  // the pool has a turn that will look at requested
+    bool queued = false;  // the pool has a turn, which will look at requested
     std::weak_ptr<Turn> turn;
 };
 
-// A job in the pool. Also one that is dropped, or that throws, makes way for the next.
+// A job in the pool. The next request makes a new one, also after one that the pool dropped or that threw.
 struct PoolJob::Turn {
     explicit Turn(std::shared_ptr<State> ofJob) : state(std::move(ofJob)) {}
     ~Turn()
@@ -55,6 +64,7 @@ void PoolJob::Turn::RunRequests()
         state->requested = false;
         state->worker = std::this_thread::get_id();
         lock.unlock();
+        KeepCurrentThreadAlive();
         Work();
         lock.lock();
     }
@@ -63,7 +73,7 @@ void PoolJob::Turn::RunRequests()
 
 void PoolJob::Turn::Work() const
 {
-    const struct Working {  // also where it throws
+    const struct Working {  // its end is noted also where the work throws
         State& state;
         ~Working()
         {
@@ -72,10 +82,10 @@ void PoolJob::Turn::Work() const
             state.ended.notify_all();
         }
     } working{*state};
-    state->work();  // only a stop changes it, and that waits
+    state->work();  // only a stop changes it, and a stop waits
 }
 
-// Under the lock: whoever asks from now on makes a new turn.
+// Under the lock: a request from now on makes a new turn.
 void PoolJob::Turn::End()
 {
     over = true;
@@ -91,21 +101,19 @@ PoolJob::~PoolJob()
 
 void PoolJob::Start(ThreadPool& pool, const std::string& name, std::function<void()> work)
 {
+    std::string ownName = name;
     const std::lock_guard<std::mutex> lock(state_->mutex);
     state_->pool = &pool;
-    state_->name = name;
-    state_->work = std::move(work);
+    state_->name.swap(ownName);
+    state_->work.swap(work);
     state_->stopping = false;
     state_->requested = false;
 }
 
 bool PoolJob::Request()
 {
-    std::shared_ptr<Turn> turn;
-    ThreadPool* pool;
-    std::string name;
-    {
-        const std::lock_guard<std::mutex> lock(state_->mutex);
+    try {
+        std::unique_lock<std::mutex> lock(state_->mutex);
         if (state_->stopping) {
             return false;
         }
@@ -113,13 +121,16 @@ bool PoolJob::Request()
         if (state_->queued) {
             return true;
         }
-        turn = std::make_shared<Turn>(state_);  // a pool that is full drops it
+        const std::string name = state_->name;
+        const auto turn = std::make_shared<Turn>(state_);
         state_->turn = turn;
         state_->queued = true;
-        pool = state_->pool;
-        name = state_->name;
+        ThreadPool* pool = state_->pool;
+        lock.unlock();
+        return pool->AddThread(&Turn::Run, turn.get(), name.c_str(), turn);  // a pool that is full drops it
+    } catch (const std::bad_alloc&) {
+        return false;
     }
-    return pool->AddThread(&Turn::Run, turn.get(), name.c_str(), turn);
 }
 
 void PoolJob::Stop()
@@ -128,7 +139,10 @@ void PoolJob::Stop()
     std::unique_lock<std::mutex> lock(state_->mutex);
     state_->stopping = true;
     const auto self = std::this_thread::get_id();
-    state_->ended.wait(lock, [&] { return state_->worker == std::thread::id() || state_->worker == self; });
+    const auto isOver = [&] { return state_->worker == std::thread::id() || state_->worker == self; };
+    while (!state_->ended.wait_for(lock, kBeatPeriod, isOver)) {
+        KeepCurrentThreadAlive();  // the caller does not hang: where the work does, its worker is found
+    }
     if (state_->worker != self) {
         work.swap(state_->work);  // destroyed after the lock is gone
     }

@@ -1,8 +1,11 @@
 #include "task.h"
 
 #include <cstdlib>
+#include <memory>
+#include <new>
 
 #include "logger.h"
+#include "sched/launch.h"
 #include "thread_pool.h"
 
 namespace NEUtils {
@@ -11,8 +14,8 @@ namespace {
 
 constexpr long long kMaxUsecApart = 999999;
 
-// Broken down once a second and thread: localtime_r takes the time zone's lock, and a tick asks for
-// every task.
+// Broken down once a second on each thread: localtime_r takes the time zone's lock, and a tick asks for every
+// task.
 const struct tm& LocalTime(time_t second)
 {
     thread_local time_t known = -1;
@@ -104,7 +107,8 @@ bool Task::MatchOneShot(std::int64_t nowMs)
     }
     if (condition_.firstDelayMs < remaining) {  // the wall clock went back
         condition_.firstLaunchTime = nowMs + condition_.firstDelayMs;
-        // Kept because stored timetables show it: the same goes into the interval, which nothing uses here.
+        // Kept because callers store and compare timetables: the interval gets the same value, though a one-shot
+        // task does not use it.
         condition_.intervalMs = condition_.firstLaunchTime;
     }
     return false;
@@ -134,8 +138,8 @@ bool Task::MatchFixedInterval(std::int64_t nowMs)
     return false;
 }
 
-// Kept because timetables are set by it: a tick that skips the second misses the day, and two ticks
-// inside it launch twice.
+// Kept because callers rely on a launch inside its second or not at all: a tick that skips the second misses
+// the day, and two ticks inside it launch twice.
 bool Task::MatchFixedTime(const timeval& now) const
 {
     const struct tm& local = LocalTime(now.tv_sec);
@@ -160,17 +164,13 @@ void Task::RunTask()
         createThread = condition_.createThread;
     }
     // Whether this launch holds the lock travels with it: the timetable may change before it runs.
-    const bool holdsRunLock = !overlap;
+    bool holdsRunLock = !overlap;
     if (holdsRunLock && runLock_.exchange(true)) {
         return;
     }
     if (!createThread) {
         Run(holdsRunLock);
-        return;
-    }
-    const bool queued = pool_ != nullptr && pool_->AddThread(holdsRunLock ? &Task::LockedTaskThread : &Task::TaskThread,
-                                                             this, memo_.c_str(), shared_from_this());
-    if (!queued) {
+    } else if (!HandToPool(holdsRunLock)) {
         if (holdsRunLock) {
             runLock_ = false;
         }
@@ -178,15 +178,21 @@ void Task::RunTask()
     }
 }
 
+// Takes the run lock over, where it gets as far as that.
+bool Task::HandToPool(bool& holdsRunLock)
+{
+    try {
+        const auto launch = std::make_shared<Launch>(shared_from_this(), holdsRunLock);
+        holdsRunLock = false;
+        return pool_ != nullptr && pool_->AddThread(&Launch::RunInPool, launch.get(), memo_.c_str(), launch);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void* Task::TaskThread(void* task)
 {
     static_cast<Task*>(task)->Run(false);
-    return nullptr;
-}
-
-void* Task::LockedTaskThread(void* task)
-{
-    static_cast<Task*>(task)->Run(true);
     return nullptr;
 }
 

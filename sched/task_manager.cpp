@@ -7,6 +7,8 @@
 
 #include "hips_guard.h"
 #include "logger.h"
+#include "sched/launch.h"
+#include "sched/task_ids.h"
 #include "thread_pool.h"
 #include "util/clock.h"
 
@@ -19,21 +21,40 @@ constexpr char kThreadName[] = "TaskManager";
 constexpr std::size_t kInlineLimit = 100;
 constexpr std::uint32_t kTicksPerClean = 4;
 
-// Shared by all managers, so that an id means one task in the whole process. Kept at 1: the first is 2.
-std::atomic<std::uint32_t> g_lastTaskId{1};
-std::atomic<std::uint32_t> g_ticks{0};
+std::atomic<std::uint32_t> g_ticks{0};  // of all managers
 
-std::uint32_t NextId()
+// Kept because callers hold tasks beyond a manager that was never stopped: what is left of one goes here, and
+// is never destroyed.
+struct LeftTasks {
+    std::mutex mutex;
+    std::multimap<std::uint32_t, std::shared_ptr<Task>> tasks;
+    std::list<std::shared_ptr<Task>> unregistered;
+};
+
+LeftTasks& Left()
 {
-    const std::uint32_t id = ++g_lastTaskId;
-    return id == 0 ? ++g_lastTaskId : id;
+    static auto& left = *new LeftTasks;
+    return left;
 }
 
 }  // namespace
 
+TaskManager::TaskManager()
+{
+    Left();  // takes its memory here: the destructor must not fail for want of it
+}
+
 TaskManager::~TaskManager()
 {
-    Stop();
+    if (!running_) {
+        return;
+    }
+    running_ = false;
+    StopAllThreads();
+    LeftTasks& left = Left();
+    const std::lock_guard<std::mutex> lock(left.mutex);
+    left.tasks.merge(tasks_);
+    left.unregistered.splice(left.unregistered.end(), cleanList_);
 }
 
 bool TaskManager::Start(ThreadPool* pool)
@@ -47,7 +68,7 @@ bool TaskManager::Start(ThreadPool* pool)
         inlineDiscard_ = 0;
     }
     pool_ = pool;
-    // Kept set after a failure, so that registrations go on succeeding.
+    // Kept set after a failure because callers register their tasks all the same.
     running_ = true;
     scheduleThread_ = CreateHipsThreadEx(&TaskManager::ScheduleThread, this, kTickUs, kThreadName);
     if (scheduleThread_ == 0) {
@@ -70,10 +91,10 @@ void TaskManager::Stop()
         tasks.swap(tasks_);
     }
     for (const auto& [id, task] : tasks) {
-        task->CancelTask();  // one that waits in the pool must not run any more
+        task->CancelTask();  // a launch that waits in the pool does not run any more
     }
     tasks.clear();
-    std::list<TaskPtr> waiting;
+    std::list<std::unique_ptr<Task::Launch>> waiting;
     {
         const std::lock_guard<std::mutex> lock(inlineLock_);
         waiting.swap(inlineQueue_);
@@ -104,24 +125,23 @@ std::uint32_t TaskManager::RegisterTask(TASKTYPE type, TASK_CONDITION condition,
         NE_LOG(ERROR, "No available taskId.");
         return 0;
     }
-    const TaskPtr task(new (std::nothrow) Task(id, type, condition, func, arg, memo, pool_));
-    if (task == nullptr) {
-        NE_LOG(ERROR, "New task failed.[memo=%s]", memo.c_str());
-        return 0;
-    }
     bool running;
-    {
+    try {
+        const auto task = std::make_shared<Task>(id, type, condition, func, arg, memo, pool_);
         const std::lock_guard<std::mutex> lock(taskLock_);
         running = running_;
         if (running) {
             tasks_[id] = task;
         }
+    } catch (const std::bad_alloc&) {
+        NE_LOG(ERROR, "New task failed.[memo=%s]", memo.c_str());
+        return 0;
     }
     if (!running) {  // stopped meanwhile
         NE_LOG(ERROR, "Task manager is not running.");
         return 0;
     }
-    // Kept as it is spelled: log readers look for it. One-shot tasks are frequent, so one level lower.
+    // Kept as it is spelled because log readers search for it. One-shot tasks are frequent, so one level lower.
     LoggerWriteLog(kNormalLog, type == TASK_ONE_SHOT ? DEBUG : INFO, NEUTILS_FILE_NAME, __LINE__,
                    "Register task succecss.[taskId=%u type=%d memo=%s]", id, static_cast<int>(type), memo.c_str());
     return id;
@@ -130,10 +150,10 @@ std::uint32_t TaskManager::RegisterTask(TASKTYPE type, TASK_CONDITION condition,
 std::uint32_t TaskManager::GenerateId()
 {
     const std::lock_guard<std::mutex> lock(taskLock_);
-    const std::uint32_t first = NextId();
+    const std::uint32_t first = TaskIds::Next();
     std::uint32_t id = first;
     while (tasks_.count(id) != 0) {
-        id = NextId();
+        id = TaskIds::Next();
         if (id == first) {
             return 0;
         }
@@ -189,18 +209,25 @@ void TaskManager::PauseAndWaitForEnd(std::uint32_t id)
 
 void TaskManager::UnregisterTask(std::uint32_t id)
 {
-    TaskPtr task;
+    std::list<TaskPtr> entry;  // of the clean list: its memory first
+    try {
+        entry.emplace_back();
+    } catch (const std::bad_alloc&) {
+        NE_LOG(ERROR, "Unregister task failed, not enough memory.[taskId=%u]", id);
+        return;
+    }
     {
         const std::lock_guard<std::mutex> lock(taskLock_);
         const auto found = tasks_.find(id);
         if (found == tasks_.end()) {
             return;
         }
-        task = std::move(found->second);
+        found->second->CancelTask();
+        entry.front() = std::move(found->second);
         tasks_.erase(found);
-        task->CancelTask();
     }
-    PushTaskToCleanList(std::move(task));
+    const std::lock_guard<std::mutex> lock(cleanLock_);
+    cleanList_.splice(cleanList_.end(), entry);
 }
 
 void TaskManager::PushTaskToCleanList(std::shared_ptr<Task> task)
@@ -265,9 +292,9 @@ void TaskManager::DoSchedule()
         for (auto entry = tasks_.begin(); entry != tasks_.end();) {
             const auto current = entry++;
             Task& task = *current->second;
-            if (task.NeedToClean()) {
-                task.CancelTask();  // a second launch that still waits has nobody to wait for it
-                PushTaskToCleanList(std::move(current->second));
+            // A launch that still waits keeps its task here, where PauseAndWaitForEnd finds it.
+            if (task.NeedToClean() && task.launches_ == 0) {
+                PushTaskToCleanList(current->second);
                 tasks_.erase(current);
                 continue;
             }
@@ -291,7 +318,8 @@ void TaskManager::DoSchedule()
     }
 }
 
-// Kept: with nothing to discard, a launch that finds the queue full is dropped in silence.
+// Kept because a task that is due too often must not fill the log: with a discard count of 0, a launch that
+// finds the queue full is dropped without a record.
 void TaskManager::QueueInline(const TaskPtr& task)
 {
     const std::lock_guard<std::mutex> lock(inlineLock_);
@@ -302,22 +330,22 @@ void TaskManager::QueueInline(const TaskPtr& task)
         const auto count = static_cast<std::ptrdiff_t>(std::min(inlineDiscard_, inlineQueue_.size()));
         inlineQueue_.erase(inlineQueue_.begin(), std::next(inlineQueue_.begin(), count));
     }
-    inlineQueue_.push_back(task);
+    inlineQueue_.push_back(std::make_unique<Task::Launch>(task));
 }
 
-// Kept: one inline run a tick, so that the next tick is not far.
+// Kept because the schedule thread must not be late: one inline run a tick.
 int TaskManager::LinerProc()
 {
-    TaskPtr task;
+    std::unique_ptr<Task::Launch> launch;
     {
         const std::lock_guard<std::mutex> lock(inlineLock_);
         if (!inlineQueue_.empty()) {
-            task = std::move(inlineQueue_.front());
+            launch = std::move(inlineQueue_.front());
             inlineQueue_.pop_front();
         }
     }
-    if (task != nullptr) {
-        task->RunTask();
+    if (launch != nullptr) {
+        launch->task->RunTask();
     }
     return 0;
 }

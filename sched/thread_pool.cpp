@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <utility>
-#include <vector>
 
 #include "hips_guard.h"
 #include "hips_thread_instance.h"
@@ -46,24 +46,16 @@ bool ThreadPool::Start(unsigned int minThreads, unsigned int maxThreads)
         }
         semaphoreReady_ = true;
     }
-    while (sem_trywait(&semaphore_) == 0) {
-    }
-    std::list<Job> old;  // of before a stop: they never run
-    {
-        const std::lock_guard<std::mutex> lock(queueLock_);
-        old.swap(jobs_);
-        queueLimit_ = kQueueLimit;
-        // Kept at 0: a full queue refuses the new job and keeps the old ones.
-        discardCount_ = 0;
-    }
+    std::list<Job> old;  // destroyed after the locks are gone
     bool made = true;
     {
         const std::lock_guard<std::mutex> lock(threadLock_);
+        OpenQueue(old);
         minThreads_ = std::max(minThreads, 1U);
         maxThreads_ = std::max(maxThreads, minThreads_);
         running_ = true;
-        for (unsigned int number = 0; made && number < minThreads_; ++number) {
-            made = AddWorker(number);
+        while (made && alive_.size() < minThreads_) {
+            made = AddWorker();
         }
     }
     if (!made) {
@@ -72,21 +64,37 @@ bool ThreadPool::Start(unsigned int minThreads, unsigned int maxThreads)
     return made;
 }
 
-// Under the thread lock, after a look at the running flag there: a stop cannot miss the new worker.
-bool ThreadPool::AddWorker(unsigned int number)
+// Under the thread lock. Jobs from before a stop never run.
+void ThreadPool::OpenQueue(std::list<Job>& old)
 {
-    const std::string name = kWorkerName + std::to_string(number);
-    const std::uintptr_t handle = CreateHipsThreadEx(&ThreadPool::WorkerThread, this, kSliceUs, name.c_str());
-    if (handle == 0) {
+    const std::lock_guard<std::mutex> lock(queueLock_);
+    queueLimit_ = kQueueLimit;
+    // Kept at 0 because callers count on queued jobs: a full queue refuses the new job and keeps the old ones.
+    discardCount_ = 0;
+    if (!running_) {
+        old.swap(jobs_);
+        while (sem_trywait(&semaphore_) == 0) {
+        }
+    }
+}
+
+// Under the thread lock, after a look at the running flag there: a stop cannot miss the new worker.
+bool ThreadPool::AddWorker()
+{
+    try {
+        std::set<std::uintptr_t> entry = {0};  // its memory first: a worker that runs is always in the set
+        auto node = entry.extract(entry.begin());
+        const std::string name = kWorkerName + std::to_string(alive_.size());
+        node.value() = CreateHipsThreadEx(&ThreadPool::WorkerThread, this, kSliceUs, name.c_str());
+        return node.value() != 0 && alive_.insert(std::move(node)).inserted;
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    alive_.insert(handle);
-    return true;
 }
 
 bool ThreadPool::AddThread(void* (*func)(void*), void* arg, const char* name, std::shared_ptr<void> owner)
 {
-    if (!semaphoreReady_ || !Push({func, arg, name == nullptr ? "" : name, std::move(owner)})) {
+    if (!semaphoreReady_ || !Push(func, arg, name, std::move(owner))) {
         NE_LOG(ERROR, "Push thread task to queue failed.");
         return false;
     }
@@ -94,9 +102,9 @@ bool ThreadPool::AddThread(void* (*func)(void*), void* arg, const char* name, st
     bool made = true;
     {
         const std::lock_guard<std::mutex> lock(threadLock_);
-        // Kept: at most one worker a call, named by the number of those alive.
+        // Kept because operators know the names: at most one worker a call, numbered by those alive.
         if (running_ && busyCount_ + QueuedJobs() > alive_.size() && alive_.size() < maxThreads_) {
-            made = AddWorker(static_cast<unsigned int>(alive_.size()));
+            made = AddWorker();
         }
     }
     if (!made) {
@@ -105,8 +113,14 @@ bool ThreadPool::AddThread(void* (*func)(void*), void* arg, const char* name, st
     return true;
 }
 
-bool ThreadPool::Push(Job job)
+bool ThreadPool::Push(void* (*func)(void*), void* arg, const char* name, std::shared_ptr<void> owner)
 {
+    std::list<Job> added;
+    try {
+        added.push_back({func, arg, name == nullptr ? "" : name, std::move(owner)});
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     std::list<Job> dropped;  // destroyed after the lock is gone: it may hold the last reference to its owner
     const std::lock_guard<std::mutex> lock(queueLock_);
     if (jobs_.size() >= queueLimit_) {
@@ -116,7 +130,7 @@ bool ThreadPool::Push(Job job)
         const auto count = static_cast<std::ptrdiff_t>(std::min(discardCount_, jobs_.size()));
         dropped.splice(dropped.end(), jobs_, jobs_.begin(), std::next(jobs_.begin(), count));
     }
-    jobs_.push_back(std::move(job));
+    jobs_.splice(jobs_.end(), added);
     return true;
 }
 
@@ -134,7 +148,7 @@ void ThreadPool::DropJobs(const std::shared_ptr<void>& owner)
         }
     }
     for (std::size_t i = 0; i < dropped.size() && semaphoreReady_; ++i) {
-        sem_trywait(&semaphore_);  // nobody needs to wake for it; one who has already finds nothing
+        sem_trywait(&semaphore_);  // no worker needs to wake for it; one that has woken finds nothing
     }
 }
 
@@ -157,15 +171,13 @@ bool ThreadPool::TakeJob(Job& job)
 
 void ThreadPool::CleanThread()
 {
-    std::vector<std::uintptr_t> ended;
+    std::set<std::uintptr_t> ended;
     {
         const std::lock_guard<std::mutex> lock(threadLock_);
         for (auto handle = exiting_.begin(); handle != exiting_.end();) {
-            if (IsHipsThreadRunningEx(*handle)) {
-                ++handle;
-            } else {
-                ended.push_back(*handle);
-                handle = exiting_.erase(handle);
+            const auto current = handle++;
+            if (!IsHipsThreadRunningEx(*current)) {
+                ended.insert(exiting_.extract(current));
             }
         }
     }
@@ -176,19 +188,17 @@ void ThreadPool::CleanThread()
 
 void ThreadPool::Stop()
 {
-    std::vector<std::uintptr_t> handles;
+    std::set<std::uintptr_t> handles;
     std::size_t aliveCount = 0;
     {
         const std::lock_guard<std::mutex> lock(threadLock_);
         if (!running_) {
             return;
         }
-        running_ = false;  // before the posts below, so that no woken worker takes a job
+        running_ = false;  // before the posts below: no worker that they wake takes a job
         aliveCount = alive_.size();
-        handles.assign(alive_.begin(), alive_.end());
-        handles.insert(handles.end(), exiting_.begin(), exiting_.end());
-        alive_.clear();
-        exiting_.clear();
+        handles.merge(alive_);
+        handles.merge(exiting_);
     }
     NE_LOG(INFO, "Stop threads.Pool alive count.[count=%zu]", aliveCount);
     for (const std::uintptr_t handle : handles) {
@@ -242,14 +252,14 @@ int ThreadPool::WorkerProc()
     return Retire() ? -1 : 0;
 }
 
-// The pool is being stopped, or this worker is.
+// Somebody stops the pool, or this worker.
 bool ThreadPool::IsEnding() const
 {
     HipsThreadInstance* worker = HipsThreadInstance::Current();
     return !running_ || (worker != nullptr && !worker->IsRunning());
 }
 
-// Waits about a minute at most; idle on purpose, so each attempt is a heartbeat.
+// Waits at most about a minute, and beats while it does.
 void ThreadPool::WaitForWork()
 {
     for (int attempt = 0; attempt < kWaitAttempts && !IsEnding() && sem_trywait(&semaphore_) != 0; ++attempt) {
@@ -260,7 +270,7 @@ void ThreadPool::WaitForWork()
 
 void ThreadPool::RunJob(const Job& job)
 {
-    // Counted down again also when the job throws; the guard reports what it was.
+    // Counted down again also when the job throws; the guard logs what it threw.
     struct Busy {
         explicit Busy(ThreadPool& owner) : pool(owner)
         {
@@ -279,11 +289,13 @@ void ThreadPool::RunJob(const Job& job)
         ThreadPool& pool;
     };
     const Busy busy(*this);
-    SetCurrentThreadName("T-" + job.name);
+    char name[kMaxThreadName + 1] = "T-";
+    job.name.copy(name + 2, kMaxThreadName - 2);
+    SetThreadName(name);
     job.func(job.arg);
 }
 
-// The wait was in vain: a worker above the minimum goes. The thread ends by itself, CleanThread follows.
+// No job came: a worker above the minimum ends, and CleanThread releases its handle.
 bool ThreadPool::Retire()
 {
     const std::lock_guard<std::mutex> lock(threadLock_);
@@ -292,8 +304,7 @@ bool ThreadPool::Retire()
     }
     const std::uintptr_t own = GetCurrentThreadHandle();
     if (own != 0) {
-        alive_.erase(own);
-        exiting_.insert(own);
+        exiting_.insert(alive_.extract(own));
     }
     return true;
 }
