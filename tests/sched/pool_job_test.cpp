@@ -1,6 +1,7 @@
 #include "pool_job.h"
 
 #include "hips_guard.h"
+#include "hips_instance_manager.h"
 #include "tests/support/support.h"
 #include "thread_pool.h"
 
@@ -80,6 +81,23 @@ TEST_F(PoolJobTest, StopWaitsForTheWorkAndLeavesNothingOfIt)
     }
     job_.Start(pool_, "test", [this] { job_.Stop(), Work(); });  // does not wait for itself
     EXPECT_TRUE(job_.Request() && Eventually([this] { return runs_ == 2 && inside_ == 0; }));
+}
+
+// Work that is asked for without end must not look like a worker that hangs: the guard would end the agent.
+TEST_F(PoolJobTest, EachCallOfTheWorkIsAHeartbeat)
+{
+    const Records records;
+    hold_ = false;
+    Start([this] { Work(), job_.Request(); });
+    EXPECT_TRUE(job_.Request());
+    for (int round = 0; round < 5; ++round) {
+        const int before = runs_;
+        ASSERT_TRUE(Eventually([&] { return runs_ > before + 1; }));
+        EXPECT_TRUE(HipsInstanceManager::CreateInstance(0, false, 0)->CheckInstanceList());
+    }
+    EXPECT_FALSE(std::ranges::any_of(records.Lines(), [](const std::string& line) {
+        return Contains(line, "Check instance heart beat failed.[runtimeName=T-test");
+    }));
 }
 
 // One turn that never ends in order would be the last.

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "hips_guard.h"
+#include "sched/task_ids.h"
 #include "tests/support/support.h"
 #include "thread_pool.h"
 #include "util/clock.h"
@@ -182,15 +183,84 @@ TEST_F(TaskManagerTest, RunsThatMayNotOverlapAreSkippedAndUnregisteringWaitsForT
     manager_.DoSchedule();
     condition.allowOverlap = true;  // the first run gives back what it took, not what the new timetable says
     manager_.GetTask(id)->SetTaskCondition(TASK_ON_DEMAND, condition);
-    std::thread waiter([&] { manager_.PauseAndWaitForEnd(id); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    manager_.UnregisterTask(id);
-    EXPECT_EQ(manager_.GetTask(id), nullptr);
+    std::jthread waiter([&] {
+        manager_.PauseAndWaitForEnd(id);
+        EXPECT_FALSE(g_hold);  // the run is over
+        manager_.MakeTaskLaunch(id);
+    });
+    const std::uint32_t other = Register(TASK_ON_DEMAND, condition);
+    manager_.MakeTaskLaunch(other);
+    manager_.DoSchedule();
+    ASSERT_TRUE(Eventually([] { return g_runs == 2; }));
+    manager_.UnregisterTask(other);
+    EXPECT_EQ(manager_.GetTask(other), nullptr);
     EXPECT_EQ(manager_.CleanTask(), 1U);
     g_hold = false;
     waiter.join();
     EXPECT_TRUE(Eventually([this] { return manager_.CleanTask() == 0; }));
-    EXPECT_EQ(g_runs, 1);
+    EXPECT_EQ(RunsAfterTick(), 0);  // a pause is final
+}
+
+// A launch that was asked for must run, also where the one before has ended the task.
+TEST_F(TaskManagerTest, OneShotStaysUntilTheLastOfItsLaunchesIsOver)
+{
+    for (const bool createThread : {true, false}) {
+        pool_.Start(1, 1);
+        g_runs = 0;
+        TASK_CONDITION condition = After(3600000);
+        condition.createThread = createThread;
+        condition.allowOverlap = true;
+        const std::uint32_t id = Register(TASK_ONE_SHOT, condition);
+        for (int i = 0; i < 3; ++i) {
+            manager_.MakeTaskLaunch(id);
+            manager_.DoSchedule();
+        }
+        EXPECT_TRUE(Eventually([this] { return RunsAfterTick() >= 0 && g_runs == 3; })) << createThread;
+        EXPECT_TRUE(Eventually([&] { return RunsAfterTick() == 0 && manager_.GetTask(id) == nullptr; }));
+    }
+}
+
+// A launch that the pool drops must not keep the task from ever running again.
+TEST_F(TaskManagerTest, DroppedLaunchGivesItsRunLockBack)
+{
+    TASK_CONDITION condition = {};
+    condition.createThread = true;
+    const std::uint32_t id = Register(TASK_ON_DEMAND, condition);
+    pool_.Stop();
+    manager_.MakeTaskLaunch(id);
+    manager_.DoSchedule();  // queued where nobody takes it
+    pool_.Start(1, 1);
+    manager_.MakeTaskLaunch(id);
+    manager_.DoSchedule();
+    EXPECT_TRUE(Eventually([] { return g_runs == 1; }));
+}
+
+TEST_F(TaskManagerTest, IdsInUseAreSkippedAndWrapWithoutZero)
+{
+    const std::uint32_t used = Register(TASK_ON_DEMAND, {});
+    TaskIds::last = used - 1;
+    EXPECT_EQ(Register(TASK_ON_DEMAND, {}), used + 1);
+    TaskIds::last = 0xFFFFFFFFU;
+    EXPECT_EQ(Register(TASK_ON_DEMAND, {}), 1U);
+}
+
+// Kept: the destructor leaves registered tasks and their launches alone. A stop leaves none.
+TEST_F(TaskManagerTest, StopDestroysTasksTheDestructorDoesNot)
+{
+    for (const bool stop : {true, false}) {
+        auto manager = std::make_unique<TaskManager>();
+        manager->Start(&pool_);
+        manager->StopAllThreads();
+        manager->MakeTaskLaunch(manager->RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, "inline"));
+        manager->DoSchedule();  // waits in the inline queue
+        const std::weak_ptr<Task> task = manager->GetTasks()[0];
+        if (stop) {
+            manager->Stop();
+            EXPECT_TRUE(task.expired());
+        }
+        manager.reset();
+        EXPECT_EQ(task.expired(), stop);
+    }
 }
 
 TEST_F(TaskManagerTest, RegistersLaunchesAndUnregistersFromManyThreadsUntilStopped)

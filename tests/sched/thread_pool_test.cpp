@@ -8,6 +8,9 @@
 #include <thread>
 
 #include "hips_guard.h"
+#include "pool_job.h"
+#include "task_manager.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/support.h"
 #include "util/clock.h"
 
@@ -64,8 +67,8 @@ TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
     ASSERT_TRUE(Eventually([] { return g_started == 1; }));
     for (int i = 0; i < 5; ++i) {
         EXPECT_TRUE(pool_.AddThread(&Job, nullptr, nullptr));
+        EXPECT_EQ(Workers("1"), 1);  // from the first on: the only worker is busy
     }
-    EXPECT_EQ(Workers("1"), 1);
     EXPECT_EQ(Workers("2"), 1);
     EXPECT_EQ(Workers("3"), 0);
     ASSERT_TRUE(Eventually([] { return g_started == 3; }));
@@ -119,6 +122,23 @@ TEST_F(ThreadPoolTest, StopIsPromptAndLeavesQueuedJobsUnrun)
     EXPECT_LT(NEUtils::Clock::MonotonicNs() - start, 10 * NEUtils::Clock::kNsPerSecond);
 }
 
+// Queued jobs are the callers' and must not vanish because somebody starts the pool again.
+TEST_F(ThreadPoolTest, StartOfARunningPoolKeepsJobsAndMakesMissingWorkers)
+{
+    ASSERT_TRUE(pool_.Start(1, 1));
+    g_hold = true;
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_TRUE(pool_.AddThread(&Job, nullptr, "kept"));
+    }
+    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    EXPECT_TRUE(pool_.Start(3, 5));
+    EXPECT_TRUE(Workers("0") == 1 && Workers("1") == 1 && Workers("2") == 1 && Workers("3") == 0);
+    g_hold = false;
+    EXPECT_TRUE(Eventually([] { return g_started == 10; }));
+    pool_.Stop();
+    EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=3]"));
+}
+
 TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
 {
     ASSERT_TRUE(pool_.Start(1, 2));
@@ -127,17 +147,80 @@ TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
     ASSERT_TRUE(Eventually([] { return g_started == 1; }));
     EXPECT_TRUE(Eventually([this] { return Workers("1") == 1; }));
     NEUtils::Clock::sleepDivisor = 100;  // the idle wait is a minute
+    const auto start = NEUtils::Clock::MonotonicNs();
     const auto released = [this] {
         pool_.CleanThread();
-        for (const std::string& line : records_.Lines()) {
-            if (line.find("INFO Delete instance.[instanceName=T-Thread") == 0) {
-                return true;
-            }
-        }
-        return false;
+        return std::ranges::count_if(records_.Lines(), [](const std::string& line) {
+            return line.starts_with("INFO Delete instance.[instanceName=T-Thread");
+        });
     };
-    EXPECT_TRUE(Eventually(released));
+    EXPECT_TRUE(Eventually([&] { return released() == 1; }));
+    EXPECT_GT(NEUtils::Clock::MonotonicNs() - start, 400 * NEUtils::Clock::kNsPerMs);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // another idle wait
+    EXPECT_EQ(released(), 1);
     NEUtils::Clock::sleepDivisor = 1;
     EXPECT_TRUE(pool_.AddThread(&Job, nullptr, "still served"));
     EXPECT_TRUE(Eventually([] { return g_started == 2; }));
+}
+
+TEST(SchedMemoryTest, EveryAllocationMayFail)
+{
+    using FailingAllocations::InTurn;
+    using FailingAllocations::Mode;
+    const std::string name = "a name that needs memory of its own";
+    InitHipsGuard(0, 0, 0);
+    for (const Mode mode : {Mode::kOne, Mode::kAllFromThere}) {
+        ThreadPool pool;
+        bool done = false;
+        EXPECT_GT(InTurn(
+                      mode, [&] { done = pool.Start(2, 2); },
+                      [&](int) {
+                          EXPECT_TRUE(pool.Start(2, 2));
+                          pool.Stop();
+                      }),
+                  4);
+        EXPECT_TRUE(done && pool.Start(1, 9));
+        g_started = 0;
+        int accepted = 0;
+        EXPECT_GT(InTurn(
+                      mode, [&] { done = pool.AddThread(&Job, nullptr, name.c_str()); },
+                      [&](int) { accepted += done ? 1 : 0; }),
+                  1);
+        EXPECT_TRUE(Eventually([&] { return g_started == accepted; }));
+
+        NEUtils::PoolJob job;
+        std::atomic<int> worked = 0;
+        job.Start(pool, name, [&worked] { ++worked; });
+        EXPECT_GT(InTurn(
+                      mode, [&] { done = job.Request(); },
+                      [&](int) {
+                          ASSERT_TRUE(job.Request() && Eventually([&] { return worked > 0; }));
+                          worked = 0;
+                      }),
+                  2);
+        job.Stop();
+
+        NEUtils::TaskManager manager;
+        ASSERT_TRUE(manager.Start(&pool));
+        NEUtils::TASK_CONDITION condition = {};
+        condition.createThread = true;
+        std::uint32_t id = 0;
+        EXPECT_GT(InTurn(
+                      mode, [&] { id = manager.RegisterTask(NEUtils::TASK_ON_DEMAND, condition, &Job, nullptr, name); },
+                      [&](int) { EXPECT_EQ(manager.GetTask(id) == nullptr, id == 0); }),
+                  2);
+        EXPECT_GT(InTurn(mode, [&] { manager.GetTask(id)->RunTask(); }), 2);
+        // What did not run has given its lock back.
+        EXPECT_TRUE(Eventually([&] {
+            g_started = 0;
+            manager.GetTask(id)->RunTask();
+            return Eventually([] { return g_started > 0; }, 1);
+        }));
+        InTurn(
+            mode, [&] { manager.UnregisterTask(id); },
+            [&](int number) { EXPECT_EQ(manager.GetTask(id) == nullptr, number == 1); });
+        manager.Stop();
+        pool.Stop();
+    }
+    UninitHipsGuard();
 }
