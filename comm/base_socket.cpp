@@ -1,19 +1,23 @@
 #include "base_socket.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 
 #include "logger.h"
+#include "util/clock.h"
 
 namespace NEUtils {
 
 namespace {
 
 constexpr int kBacklog = 511;
+constexpr std::int64_t kLookMs = 1000;  // at the clock
 
 }  // namespace
 
@@ -55,6 +59,33 @@ bool BaseSocket::Send(const unsigned char* data, long length) const
         }
         data += sent;
         length -= sent;
+    }
+    return true;
+}
+
+bool BaseSocket::SendWithin(const unsigned char* data, long length, int limitMs) const
+{
+    if (fd == -1 || length <= 0) {
+        return false;
+    }
+    const std::int64_t end = Clock::MonotonicNs() + std::int64_t{limitMs} * Clock::kNsPerMs;
+    while (length > 0) {
+        const ssize_t sent = send(fd, data, static_cast<std::size_t>(length), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const int error = errno;
+        if (sent > 0) {
+            data += sent;
+            length -= sent;
+            continue;
+        }
+        if (sent == -1 && error != EAGAIN && error != EINTR) {
+            return false;
+        }
+        const std::int64_t restMs = (end - Clock::MonotonicNs()) / Clock::kNsPerMs;
+        if (restMs <= 0) {
+            return false;
+        }
+        pollfd wanted = {fd, POLLOUT, 0};
+        poll(&wanted, 1, static_cast<int>(std::min<std::int64_t>(restMs, kLookMs)));
     }
     return true;
 }

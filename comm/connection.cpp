@@ -16,9 +16,7 @@ namespace NEUtils {
 
 namespace {
 
-constexpr int kSendSeconds = 10;
 constexpr int kWaitMs = 1000;
-constexpr std::int64_t kRepeatPeriodNs = 3 * Clock::kNsPerSecond;
 
 }  // namespace
 
@@ -47,28 +45,31 @@ bool Connection::Start()
 void Connection::Run()
 {
     SetThreadName("SocketRecv");
-    std::int64_t nextRepeatNs = Clock::MonotonicNs() + kRepeatPeriodNs;
     try {
         while (up_) {
-            bool moreDue = false;
-            const std::int64_t now = Clock::MonotonicNs();
-            if (now >= nextRepeatNs) {
-                moreDue = callbacks_.repeatRequests(*this);
-                nextRepeatNs = moreDue ? now : now + kRepeatPeriodNs;
-            }
-            pollfd wanted = {fd_, POLLIN, 0};
-            if (poll(&wanted, 1, moreDue ? 0 : kWaitMs) > 0) {
-                Receive();
-            }
-            const std::int64_t sendSince = sendSince_;
-            if (sendSince != 0 && now - sendSince > kSendSeconds * Clock::kNsPerSecond) {
-                Fail("a message could not be sent, or not in time");
-            }
+            RunOnce();
         }
     } catch (const std::exception& error) {
         Fail(error.what());
     }
     finished_ = true;
+}
+
+// Both sides could wait for each other to read, so a request is repeated only when the socket takes it.
+void Connection::RunOnce()
+{
+    const std::int64_t now = Clock::MonotonicNs();
+    const bool isDue = now >= nextRepeatNs_;
+    pollfd wanted = {fd_, static_cast<short>(isDue ? POLLIN | POLLOUT : POLLIN), 0};
+    if (poll(&wanted, 1, kWaitMs) <= 0) {
+        return;
+    }
+    if ((wanted.revents & ~POLLOUT) != 0) {
+        Receive();
+    }
+    if (up_ && (wanted.revents & POLLOUT) != 0) {
+        nextRepeatNs_ = now + callbacks_.repeatRequest(*this) * Clock::kNsPerMs;
+    }
 }
 
 void Connection::Receive()
@@ -104,12 +105,15 @@ void Connection::HandOver(const SentrelAgentMsg& header, const unsigned char* me
     callbacks_.onMessage(header, copy_.data());
 }
 
-bool Connection::Send(const char* message, std::size_t length)
+bool Connection::Send(const char* messages, std::size_t length, std::int64_t endNs)
 {
+    const std::int64_t limitMs = std::max<std::int64_t>((endNs - Clock::MonotonicNs()) / Clock::kNsPerMs, 0);
     // Whoever waited for a send that was cut short must not go on in the middle of that message.
-    sendSince_ = Clock::MonotonicNs();
-    const bool sent = up_ && proxy_.Send(reinterpret_cast<const unsigned char*>(message), static_cast<long>(length));
-    sendSince_ = 0;
+    const bool sent = up_ && proxy_.SendWithin(reinterpret_cast<const unsigned char*>(messages),
+                                               static_cast<long>(length), static_cast<int>(limitMs));
+    if (!sent) {
+        Fail("a message could not be sent, or not in time");
+    }
     return sent;
 }
 

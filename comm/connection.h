@@ -28,7 +28,9 @@ public:
     struct Callbacks {
         // One whole message, aligned for any type and followed by a NUL, valid during the call.
         std::function<void(const SentrelAgentMsg& header, void* message)> onMessage;
-        std::function<bool(Connection&)> repeatRequests;  // those that are due; true if there may be more
+        // Repeats a request that is due, when the socket can take it. Gives after how many milliseconds it is
+        // to be called again.
+        std::function<int(Connection&)> repeatRequest;
     };
 
     explicit Connection(Callbacks callbacks) : callbacks_(std::move(callbacks)) {}
@@ -43,8 +45,9 @@ public:
     bool IsUp() const { return up_; }
     bool IsFinished() const { return finished_; }  // the thread has nothing more to do
 
-    // Sends one message. The caller sees to it that no two send at once.
-    bool Send(const char* message, std::size_t length);
+    // Sends whole messages until a point of the monotonic clock at the latest. A failure takes the connection
+    // down, since part of a message may be on its way. The caller sees to it that no two send at once.
+    bool Send(const char* messages, std::size_t length, std::int64_t endNs);
 
     bool MarkDown() { return up_.exchange(false); }  // true for the one that does
     void Shutdown();                                 // wakes whoever waits in this connection
@@ -53,6 +56,7 @@ public:
 
 private:
     void Run();
+    void RunOnce();
     void Receive();
     void HandOver(const SentrelAgentMsg& header, const unsigned char* message);
 
@@ -61,13 +65,13 @@ private:
     std::atomic<int> fd_{-1};  // the proxy's, once it is there
     std::atomic<bool> up_{false};
     std::atomic<bool> finished_{false};
-    std::atomic<std::int64_t> sendSince_{0};  // when the send under way began; 0: there is none
     std::thread thread_;
 
     // Of the thread alone:
     MessageReader reader_;
     std::vector<std::max_align_t> copy_;  // the message that is handed over
     bool discardLogged_ = false;
+    std::int64_t nextRepeatNs_ = 0;
 
     std::mutex joinMutex_;
     std::condition_variable joinEnd_;

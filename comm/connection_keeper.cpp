@@ -23,7 +23,7 @@ ConnectionKeeper::ConnectionKeeper(Connection::Callbacks callbacks)
                      t_receiver = this;
                      onMessage(header, message);
                  },
-                 std::move(callbacks.repeatRequests)}
+                 std::move(callbacks.repeatRequest)}
 {
 }
 
@@ -131,6 +131,12 @@ ConnectionKeeper::ConnectionPtr ConnectionKeeper::GetCurrent()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     return current_;
+}
+
+ConnectionKeeper::ConnectionPtr ConnectionKeeper::GetCurrent(std::uint32_t number)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return number == count_ ? current_ : nullptr;
 }
 
 std::uint32_t ConnectionKeeper::GetCount()

@@ -29,7 +29,8 @@ public:
     void Stop();
 
     std::shared_ptr<Connection> GetCurrent();
-    std::uint32_t GetCount();  // how many connections there have been
+    std::shared_ptr<Connection> GetCurrent(std::uint32_t number);  // only if it is the one that GetCount counted
+    std::uint32_t GetCount();                                      // how many connections there have been
 
 private:
     using ConnectionPtr = std::shared_ptr<Connection>;

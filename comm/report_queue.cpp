@@ -1,16 +1,23 @@
 #include "report_queue.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
+#include <new>
+#include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
+#include "comm/report_channel.h"
+#include "comm/report_message.h"
+#include "comm/report_store.h"
+#include "comm/server_watch.h"
 #include "logger.h"
 #include "report_messages.h"
-#include "tlv.h"
 #include "util/clock.h"
+#include "util/rate_limiter.h"
 #include "util/stop_signals.h"
 #include "util/thread_name.h"
 
@@ -18,14 +25,61 @@ namespace NEUtils {
 
 namespace {
 
-constexpr std::size_t kMostUnanswered = 200;
-// The channel repeats a request three times, each at most 9 s after the last, and that one has as long.
-constexpr std::int64_t kAnswerLimitNs = 36 * Clock::kNsPerSecond;
-constexpr std::int64_t kDropRecordPeriodNs = 60 * Clock::kNsPerSecond;
-constexpr std::chrono::seconds kLookPeriod{1};  // at the channel, while something is in the queue
-constexpr std::chrono::milliseconds kDrainLook{50};
+using std::chrono::milliseconds;
+
+constexpr std::int64_t kDropRecordPeriodMs = 60000;
+constexpr milliseconds kLookPeriod{1000};     // at the channel and the clock
+constexpr milliseconds kRest{10};             // of a sender that was idle, so that reports join the first one
+constexpr std::size_t kRestEnd = 100;         // so many reports need not wait
+constexpr std::size_t kWindowHalfOpen = 100;  // so many unanswered ones let the sender go on
+constexpr milliseconds kSendPatience{500};    // of a stop with a send under way
+constexpr milliseconds kDrainLook{50};
+constexpr std::int64_t kDrainSilenceNs = 500 * Clock::kNsPerMs;
 
 }  // namespace
+
+struct ReportQueue::Members {
+    using Lock = std::unique_lock<std::mutex>;
+
+    bool Add(std::shared_ptr<std::string> message);
+    bool Refuse(std::uint64_t ReportAccount::*reason);
+    void LogDrop(Lock& lock);
+    void Answer(std::uint32_t seq);
+
+    void Run();
+    void RunOnce(Lock& lock);
+    void Wait(Lock& lock);
+    void FollowChannel(std::int64_t now);
+    void AddNotice();
+    bool SendReports(Lock& lock, std::int64_t now);
+    bool SendHeartbeat(Lock& lock);
+    template <typename Function>
+    bool SendUnlocked(Lock& lock, Function send);
+
+    std::mutex mutex;
+    std::condition_variable changed;   // for the sender
+    std::condition_variable answered;  // for Drain
+    std::condition_variable sent;      // for Stop
+    ReportStore store;
+    ServerWatch watch{0};
+    RateLimiter dropRecords{kDropRecordPeriodMs};
+    std::uint32_t connections = 0;  // the channel's count when last looked at
+    bool running = false;
+    bool idle = false;  // the sender waits for reports
+    bool resting = false;
+    bool draining = false;
+    bool sending = false;
+
+    std::unique_ptr<ReportChannel> channel;
+    std::thread sender;
+};
+
+ReportQueue::ReportQueue() : members_(std::make_unique<Members>()) {}
+
+ReportQueue::~ReportQueue()
+{
+    Stop();
+}
 
 ReportQueue& ReportQueue::GetInstance()
 {
@@ -35,261 +89,304 @@ ReportQueue& ReportQueue::GetInstance()
 
 bool ReportQueue::Start(std::shared_ptr<SocketComm> channel, std::size_t maxCount, std::size_t maxBytes)
 {
+    Members& own = *members_;
     const StopSignalsBlocked inherited;
-    const Lock lock(mutex_);
-    if (running_ || channel == nullptr) {
+    const Members::Lock lock(own.mutex);
+    if (own.running || channel == nullptr) {
         return false;
     }
-    channel_ = std::move(channel);
-    waiting_.splice(waiting_.begin(), unanswered_);
-    maxCount_ = maxCount;
-    maxBytes_ = maxBytes;
+    const auto onAnswer = [](std::uint32_t seq, void* members) { static_cast<Members*>(members)->Answer(seq); };
+    own.channel = std::make_unique<ReportChannel>(std::move(channel), onAnswer, &own);
+    own.connections = own.channel->Get().GetConnectionCount() - 1;  // any other number
+    own.store.SetLimits(maxCount, maxBytes);
     try {
-        sender_ = std::thread([this] { Run(); });
+        own.sender = std::thread([&own] { own.Run(); });
     } catch (const std::system_error&) {
         return false;
     }
-    running_ = true;
+    own.running = true;
     return true;
 }
 
 void ReportQueue::Stop()
 {
+    Members& own = *members_;
+    bool isSending = false;
+    std::uint32_t connection = 0;
     {
-        const Lock lock(mutex_);
-        running_ = false;
+        Members::Lock lock(own.mutex);
+        own.running = false;
+        own.changed.notify_all();
+        own.answered.notify_all();
+        if (own.sender.get_id() == std::this_thread::get_id()) {
+            return;  // a crash on the sender, which ends the process
+        }
+        isSending = !own.sent.wait_for(lock, kSendPatience, [&own] { return !own.sending; });
+        connection = own.connections;
     }
-    changed_.notify_all();
-    empty_.notify_all();
-    if (sender_.get_id() == std::this_thread::get_id()) {
-        return;  // a crash on the sender, which ends the process
+    if (isSending) {
+        own.channel->Get().GiveUp(connection, "the report queue is stopped while a send is under way");
     }
-    if (sender_.joinable()) {
-        sender_.join();
+    if (own.sender.joinable()) {
+        own.sender.join();
     }
-    for (const std::uint32_t type : std::exchange(types_, {})) {
-        channel_->UnregisterMsgHandler(type, &OnResponse);
+    std::unique_ptr<ReportChannel> channel;
+    {
+        const Members::Lock lock(own.mutex);
+        channel.swap(own.channel);
+        if (channel != nullptr) {
+            channel->DropRequests(own.store.TakeBackAll());
+        }
     }
-}
-
-ReportQueue::ReportPtr ReportQueue::Make(std::uint32_t type, const void* body, std::size_t length)
-{
-    const SentrelAgentMsg header = {kMsgVersion, type, 0, static_cast<std::uint32_t>(length)};
-    auto report = std::make_shared<Report>();
-    report->message.reserve(sizeof(header) + length);
-    report->message.append(reinterpret_cast<const char*>(&header), sizeof(header));
-    report->message.append(static_cast<const char*>(body), length);
-    return report;
 }
 
 bool ReportQueue::Push(std::uint32_t type, const void* body, std::size_t length)
 {
-    if (!IsRequestMessage(type) || length > kMaxMsgBody || (body == nullptr && length > 0)) {
+    Members& own = *members_;
+    if (!IsRequestMessage(type) || (body == nullptr && length > 0)) {
         NE_LOG(ERROR, "Invalid report.[type=%u length=%zu]", type, length);
+        return own.Refuse(&ReportAccount::droppedInvalid);
+    }
+    if (length > kMaxMsgBody) {
+        NE_LOG(ERROR, "Invalid report.[type=%u length=%zu]", type, length);
+        return own.Refuse(&ReportAccount::droppedTooLarge);
+    }
+    auto message = MakeMessage(type, body, length);
+    return message == nullptr ? own.Refuse(&ReportAccount::droppedNoMemory) : own.Add(std::move(message));
+}
+
+bool ReportQueue::Members::Refuse(std::uint64_t ReportAccount::*reason)
+{
+    {
+        const Lock lock(mutex);
+        store.CountDrop(reason);
+    }
+    changed.notify_one();  // the server is to know
+    return false;
+}
+
+bool ReportQueue::Members::Add(std::shared_ptr<std::string> message)
+{
+    Lock lock(mutex);
+    if (!running) {
+        lock.unlock();
+        return Refuse(&ReportAccount::droppedStopped);
+    }
+    bool added = false;
+    try {
+        added = store.Add(std::move(message));
+    } catch (const std::bad_alloc&) {
+        store.CountDrop(&ReportAccount::droppedNoMemory);
+    }
+    if (!added) {
+        LogDrop(lock);
         return false;
     }
-    ReportPtr report = Make(type, length > 0 ? body : "", length);
-    Lock lock(mutex_);
-    if (!running_) {
-        return false;
-    }
-    if (count_ >= maxCount_ || report->message.size() > maxBytes_ - std::min(bytes_, maxBytes_)) {
-        Drop(lock);
-        return false;
-    }
-    ++count_;
-    bytes_ += report->message.size();
-    waiting_.push_back(std::move(report));
-    const bool wake = std::exchange(idle_, false);
+    const bool wake = std::exchange(idle, false) || (resting && store.GetCount() >= kRestEnd);
     lock.unlock();
     if (wake) {
-        changed_.notify_one();
+        changed.notify_one();
     }
     return true;
 }
 
-// Counts a report that finds no room, and tells the log from time to time.
-void ReportQueue::Drop(Lock& lock)
+void ReportQueue::Members::LogDrop(Lock& lock)
 {
-    ++dropped_;
-    const std::int64_t now = Clock::MonotonicNs();
-    const bool told = dropRecordNs_ != 0 && now - dropRecordNs_ < kDropRecordPeriodNs;
-    if (!told) {
-        dropRecordNs_ = now;
-    }
-    const std::uint64_t dropped = dropped_;
-    const std::size_t count = count_;
-    const std::size_t bytes = bytes_;
-    const bool wake = std::exchange(idle_, false);  // a report too large for an empty queue is to be told too
+    const ReportAccount account = store.GetAccount();
+    const std::size_t bytes = store.GetBytes();
     lock.unlock();
-    if (wake) {
-        changed_.notify_one();
-    }
-    if (!told) {
-        NE_LOG(WARN, "Report queue is full, reports are dropped.[count=%zu bytes=%zu dropped=%llu]", count, bytes,
-               static_cast<unsigned long long>(dropped));
+    changed.notify_one();  // the server is to know, also of a report that is too large for an empty queue
+    if (dropRecords.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
+        NE_LOG(WARN, "Report queue is full, reports are dropped.[count=%llu bytes=%zu dropped=%llu]",
+               static_cast<unsigned long long>(account.waiting + account.unanswered), bytes,
+               static_cast<unsigned long long>(account.GetDropped()));
     }
 }
 
-void ReportQueue::Run()
+void ReportQueue::Members::Run()
 {
     SetThreadName("ReportSender");
-    Lock lock(mutex_);
-    while (running_) {
+    Lock lock(mutex);
+    while (running) {
         try {
             RunOnce(lock);
         } catch (const std::exception&) {  // no memory: later, perhaps
             if (!lock.owns_lock()) {
                 lock.lock();
             }
-            changed_.wait_for(lock, kLookPeriod);
+            changed.wait_for(lock, kLookPeriod);
         }
     }
 }
 
-// Sends one report, or waits until something has changed.
-void ReportQueue::RunOnce(Lock& lock)
+// Sends what is to be sent, or waits until something has changed.
+void ReportQueue::Members::RunOnce(Lock& lock)
 {
-    const bool up = channel_->StatusCheck();
-    TakeBack();  // after the look: what an earlier connection has lost goes first on a new one
-    if (up) {
-        AddDropNotice();
-        if (!waiting_.empty() && unanswered_.size() < kMostUnanswered && SendNext(lock)) {
+    const std::int64_t now = Clock::MonotonicNs();
+    const bool isUp = channel->Get().StatusCheck();
+    FollowChannel(now);  // after the look: what an earlier connection has lost goes first on a new one
+    if (isUp) {
+        if (watch.IsSilent(now)) {
+            store.Hold();
+            lock.unlock();
+            channel->Get().GiveUp(connections, "the server has answered nothing for 30 seconds");
+            lock.lock();
+            return;
+        }
+        AddNotice();
+        if (SendReports(lock, now) || (watch.IsHeartbeatDue(now, store.GetUnanswered() == 0) && SendHeartbeat(lock))) {
             return;
         }
     }
-    idle_ = waiting_.empty();
-    if (count_ > 0 || dropped_ > droppedTold_) {
-        changed_.wait_for(lock, kLookPeriod);
-    } else {
-        changed_.wait(lock);
-    }
-    idle_ = false;
+    Wait(lock);
 }
 
-// What was lost with its connection, or is not repeated any more, is to be sent anew, before all others.
-void ReportQueue::TakeBack()
+void ReportQueue::Members::Wait(Lock& lock)
 {
-    const std::uint32_t connections = channel_->GetConnectionCount();
-    const bool all = std::exchange(connections_, connections) != connections;
-    const std::int64_t now = Clock::MonotonicNs();
-    auto end = unanswered_.begin();
-    for (; end != unanswered_.end() && (all || now - (*end)->sentNs > kAnswerLimitNs); ++end) {
-        channel_->DropRequest((*end)->seq);
-    }
-    waiting_.splice(waiting_.begin(), unanswered_, unanswered_.begin(), end);
-}
-
-void ReportQueue::AddDropNotice()
-{
-    if (notice_ != nullptr || dropped_ == droppedTold_) {
+    if (!running) {
         return;
     }
-    const std::uint64_t count = dropped_ - droppedTold_;
-    const std::int64_t time = Clock::WallMs();
-    TLVValue items[2];
-    items[0].Init(kTagTime, reinterpret_cast<const unsigned char*>(&time), sizeof(time));
-    items[1].Init(kTagCount, reinterpret_cast<const unsigned char*>(&count), sizeof(count));
-    TLVPacker packer;
-    packer.Add(std::move(items[0]));
-    packer.Add(std::move(items[1]));
-    if (packer.Pack(kSwapReport) != 0) {
+    idle = !store.IsWaiting();
+    const bool wasIdle = idle;
+    changed.wait_for(lock, kLookPeriod);
+    idle = false;
+    if (wasIdle && store.IsWaiting()) {
+        resting = true;
+        changed.wait_for(lock, kRest, [this] { return !running || draining || store.GetCount() >= kRestEnd; });
+        resting = false;
+    }
+}
+
+// Takes back what was lost with its connection, or is repeated no more.
+void ReportQueue::Members::FollowChannel(std::int64_t now)
+{
+    const std::uint32_t count = channel->Get().GetConnectionCount();
+    if (std::exchange(connections, count) == count) {
+        channel->DropRequests(store.TakeBackOverdue(now));
         return;
     }
-    ReportPtr notice = Make(kMsgDroppedReports, packer.GetBuffer(), packer.GetSize());
-    waiting_.push_back(notice);
-    ++count_;
-    bytes_ += notice->message.size();
-    notice_ = std::move(notice);
-    droppedTold_ = dropped_;
-}
-
-// False if it was not sent: it is the first of those that wait again.
-bool ReportQueue::SendNext(Lock& lock)
-{
-    const ReportPtr report = waiting_.front();
-    const auto place = waiting_.begin();
-    report->seq = NextMsgSeq();
-    report->sentNs = Clock::MonotonicNs();
-    std::memcpy(&report->message[offsetof(SentrelAgentMsg, seq)], &report->seq, sizeof(report->seq));
-    unanswered_.splice(unanswered_.end(), waiting_, place);
-    lock.unlock();
-    const bool sent = Send(*report);
-    lock.lock();
-    if (!sent && !unanswered_.empty() && unanswered_.back() == report) {  // not answered meanwhile
-        waiting_.splice(waiting_.begin(), unanswered_, std::prev(unanswered_.end()));
-        channel_->DropRequest(report->seq);
+    channel->DropRequests(store.TakeBackAll());
+    if (const auto heartbeat = watch.GetHeartbeat()) {
+        channel->DropRequests({*heartbeat});
     }
-    return sent;
+    watch.OnConnected(now);
 }
 
-bool ReportQueue::Send(const Report& report)
+void ReportQueue::Members::AddNotice()
 {
-    SentrelAgentMsg header;
-    std::memcpy(&header, report.message.data(), sizeof(header));
-    const std::uint32_t response = ResponseType(header.type);
-    if (types_.count(response) == 0) {
-        if (!channel_->RegisterMsgHandler(response, &OnResponse, this)) {
-            return false;
+    const std::uint64_t count = store.GetDropsToReport();
+    if (count == 0) {
+        return;
+    }
+    if (auto message = MakeDropNotice(count, store.GetAccount().GetDropped())) {
+        store.AddNotice(std::move(message));
+    }
+}
+
+// False if nothing was sent.
+bool ReportQueue::Members::SendReports(Lock& lock, std::int64_t now)
+{
+    const ReportStore::Batch batch = store.TakeNext(now);
+    if (batch.empty()) {
+        return false;
+    }
+    const bool done = SendUnlocked(lock, [&] { return channel->Send(batch); });
+    if (!done) {
+        store.PutBack(batch);
+        for (const auto& report : batch) {
+            channel->DropRequests({report->seq});
         }
-        types_.insert(response);
     }
-    return channel_->SendMessage(report.message.data(), static_cast<unsigned int>(report.message.size())) == kSendDone;
+    return done;
 }
 
-void ReportQueue::OnResponse(std::uint32_t /*type*/, void* message, void* queue)
+bool ReportQueue::Members::SendHeartbeat(Lock& lock)
 {
-    static_cast<ReportQueue*>(queue)->Answered(static_cast<const SentrelAgentMsg*>(message)->seq);
+    const std::uint32_t seq = NextMsgSeq();
+    watch.OnHeartbeat(seq);
+    return SendUnlocked(lock, [&] { return channel->SendHeartbeat(seq); });
 }
 
-void ReportQueue::Answered(std::uint32_t seq)
+template <typename Function>
+bool ReportQueue::Members::SendUnlocked(Lock& lock, Function send)
 {
-    const Lock lock(mutex_);
-    const auto found = std::find_if(unanswered_.begin(), unanswered_.end(),
-                                    [seq](const ReportPtr& report) { return report->seq == seq; });
-    if (found == unanswered_.end()) {
+    sending = true;
+    lock.unlock();
+    const bool done = send();
+    lock.lock();
+    sending = false;
+    sent.notify_all();
+    return done;
+}
+
+void ReportQueue::Members::Answer(std::uint32_t seq)
+{
+    const Lock lock(mutex);
+    const bool wasFull = store.GetUnanswered() >= kWindowHalfOpen;
+    if (!watch.TakeHeartbeat(seq) && !store.Answer(seq)) {
         return;
     }
-    --count_;
-    bytes_ -= (*found)->message.size();
-    if (*found == notice_) {
-        notice_.reset();
+    watch.OnAnswer(Clock::MonotonicNs());
+    const bool wasHeld = store.EndHold();
+    if (wasHeld || (wasFull && store.GetUnanswered() < kWindowHalfOpen)) {
+        changed.notify_one();
     }
-    unanswered_.erase(found);
-    if (unanswered_.size() == kMostUnanswered - 1) {  // there was no room before
-        changed_.notify_one();
-    }
-    if (count_ == 0) {
-        empty_.notify_all();
-    }
+    answered.notify_all();
 }
 
 bool ReportQueue::Drain(unsigned int timeoutMs)
 {
-    const std::int64_t end = Clock::MonotonicNs() + std::int64_t{timeoutMs} * Clock::kNsPerMs;
-    Lock lock(mutex_);
-    while (count_ > 0 && running_ && Clock::MonotonicNs() < end && channel_->StatusCheck()) {
-        empty_.wait_for(lock, kDrainLook);
+    Members& own = *members_;
+    const std::int64_t start = Clock::MonotonicNs();
+    const std::int64_t end = start + std::int64_t{timeoutMs} * Clock::kNsPerMs;
+    std::int64_t progress = start;
+    Members::Lock lock(own.mutex);
+    own.draining = true;
+    own.changed.notify_one();
+    std::uint64_t acknowledged = own.store.GetAccount().acknowledged;
+    while (!own.store.IsDone() && own.running && own.channel->Get().StatusCheck()) {
+        own.answered.wait_for(lock, kDrainLook);
+        const std::int64_t now = Clock::MonotonicNs();
+        if (std::exchange(acknowledged, own.store.GetAccount().acknowledged) != acknowledged) {
+            progress = now;
+        }
+        if (now >= end || now - progress > kDrainSilenceNs) {
+            break;
+        }
     }
-    return count_ == 0;
+    own.draining = false;
+    return own.store.IsDone();
 }
 
 bool ReportQueue::IsRunning()
 {
-    const Lock lock(mutex_);
-    return running_;
+    const Members::Lock lock(members_->mutex);
+    return members_->running;
+}
+
+bool ReportQueue::IsServerAnswering()
+{
+    Members& own = *members_;
+    const Members::Lock lock(own.mutex);
+    return own.running && own.channel->Get().StatusCheck() &&
+           own.channel->Get().GetConnectionCount() == own.connections && own.watch.IsAnswering(Clock::MonotonicNs());
+}
+
+ReportAccount ReportQueue::GetAccount()
+{
+    const Members::Lock lock(members_->mutex);
+    return members_->store.GetAccount();
 }
 
 std::size_t ReportQueue::GetCount()
 {
-    const Lock lock(mutex_);
-    return count_;
+    const Members::Lock lock(members_->mutex);
+    return members_->store.GetCount();
 }
 
 std::uint64_t ReportQueue::GetDroppedCount()
 {
-    const Lock lock(mutex_);
-    return dropped_;
+    return GetAccount().GetDropped();
 }
 
 }  // namespace NEUtils

@@ -10,12 +10,10 @@ namespace NEUtils {
 namespace {
 
 constexpr std::size_t kMostExhausted = 200;
-constexpr unsigned int kMostRetries = 2;
-constexpr std::int64_t kRetryAfterSeconds = 5;
 
 bool IsExhausted(unsigned int retries)
 {
-    return retries > kMostRetries;
+    return retries >= RequestCache::kRetries;
 }
 
 }  // namespace

@@ -16,6 +16,12 @@ namespace NEUtils {
 // Limits   exhausted requests stay, but above 200 in all the oldest of them go; others are never dropped.
 class RequestCache {
 public:
+    static constexpr unsigned int kRetries = 3;
+    static constexpr std::int64_t kRetryAfterSeconds = 5;  // after more than that a request is sent again
+    static constexpr std::int64_t kLookSeconds = 3;        // how often its owner asks for what is due
+    // After this time a request has been sent for the last time, and waited as long for its response.
+    static constexpr std::int64_t kLifeSeconds = (kRetries + 1) * (kRetryAfterSeconds + 1 + kLookSeconds);
+
     using Bytes = std::shared_ptr<const std::string>;
     struct Due {
         std::uint32_t seq;

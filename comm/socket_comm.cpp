@@ -8,7 +8,6 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <utility>
@@ -17,9 +16,11 @@
 #include "comm/connection_keeper.h"
 #include "comm/message_handlers.h"
 #include "comm/request_cache.h"
+#include "comm/send_mutex.h"
 #include "comm/sig_pipe.h"
 #include "config.h"
 #include "logger.h"
+#include "util/clock.h"
 
 namespace NEUtils {
 
@@ -31,11 +32,18 @@ constexpr int kConnectSeconds = 10;
 constexpr int kLocalConnectSeconds = 1;  // a full backlog must not hold a stop
 constexpr int kSendSeconds = 10;
 constexpr unsigned int kDeadPeerMs = 30000;  // without acknowledging what was sent
-constexpr std::size_t kRetriesAtOnce = 32;   // between two looks at what comes in, or both sides could wait to send
+constexpr int kRetryPeriodMs = RequestCache::kLookSeconds * 1000;
+constexpr int kRetryBusyMs = 100;  // others send
 constexpr int kMaxPort = 65535;
 
-// The process-wide order of sends; held over the send itself, so that messages stay whole.
-std::mutex g_sendMutex;
+// The process-wide order of sends; held over the send itself, so that messages stay whole. Never destroyed:
+// threads may send while the process ends.
+SendMutex& g_sendMutex = *new SendMutex;
+
+std::int64_t SendEnd()
+{
+    return Clock::MonotonicNs() + kSendSeconds * Clock::kNsPerSecond;
+}
 
 // A value of either table as text.
 std::optional<std::string> FindConfig(const char* name)
@@ -70,9 +78,9 @@ std::optional<int> ToNumber(const std::string& text)
     return error == std::errc() && last == end ? std::optional<int>(number) : std::nullopt;
 }
 
-void SetSendLimit(int fd, int seconds)
+void SetConnectLimit(int fd)
 {
-    const timeval limit = {seconds, 0};
+    const timeval limit = {kLocalConnectSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
@@ -140,6 +148,13 @@ bool SocketComm::StatusCheck()
     return connection != nullptr && connection->IsUp();
 }
 
+void SocketComm::GiveUp(std::uint32_t connection, const char* reason)
+{
+    if (const auto current = members_->keeper.GetCurrent(connection); current != nullptr) {
+        current->Fail(reason);
+    }
+}
+
 std::uint32_t SocketComm::GetConnectionCount() const
 {
     return members_->keeper.GetCount();
@@ -189,7 +204,6 @@ bool SocketComm::CreateNetConnection(Connection& connection)
         NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
         return false;
     }
-    SetSendLimit(proxy.GetFd(), kSendSeconds);
     setsockopt(proxy.GetFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, &kDeadPeerMs, sizeof(kDeadPeerMs));
     return true;
 }
@@ -205,12 +219,11 @@ bool SocketComm::CreateDomainConnection(Connection& connection)
         return false;
     }
     const SocketProxy& proxy = connection.GetSocket();
-    SetSendLimit(proxy.GetFd(), kLocalConnectSeconds);
+    SetConnectLimit(proxy.GetFd());
     if (!proxy.Connect(path, 0, 0)) {
         NE_LOG(ERROR, "Connect domain socket failed.[server=%s]", path.c_str());
         return false;
     }
-    SetSendLimit(proxy.GetFd(), kSendSeconds);
     return true;
 }
 
@@ -243,40 +256,27 @@ bool SocketComm::UpdateRequestCache(const SentrelAgentMsg& header)
     return false;
 }
 
-// True if there may be more to repeat.
-bool SocketComm::RetryRequest(Connection& connection)
+// Gives after how many milliseconds it is to be called again. It does not wait for other senders: it runs on
+// the thread that receives.
+int SocketComm::RetryRequest(Connection& connection)
 {
-    for (std::size_t count = 0; count < kRetriesAtOnce; ++count) {
-        RequestCache::Due request;
-        if (!members_->cache.TakeDue(request)) {
-            return false;
-        }
-        NE_LOG(DEBUG, "Retry request, seq: %u, type: %u", request.seq, request.type);
-        if (!Send(connection, request.message->data(), request.message->size())) {
-            return false;
-        }
+    if (!g_sendMutex.TryLock()) {
+        return kRetryBusyMs;
     }
-    return true;
-}
-
-bool SocketComm::Send(Connection& connection, const char* message, std::size_t length)
-{
+    RequestCache::Due request;
     bool sent = false;
-    {
-        const std::lock_guard<std::mutex> lock(g_sendMutex);
-        sent = connection.Send(message, length);
+    if (members_->cache.TakeDue(request)) {
+        NE_LOG(DEBUG, "Retry request, seq: %u, type: %u", request.seq, request.type);
+        sent = connection.Send(request.message->data(), request.message->size(), SendEnd());
     }
-    if (!sent) {
-        connection.Fail("a message could not be sent, or not in time");
-    }
-    return sent;
+    g_sendMutex.Unlock();
+    return sent ? 0 : kRetryPeriodMs;
 }
 
 int SocketComm::SendMessage(const char* message, unsigned int length)
 {
-    const auto connection = members_->keeper.GetCurrent();
-    if (connection == nullptr || !connection->IsUp()) {
-        NE_LOG(WARN, "Net is not working");
+    const auto connection = GetConnection();
+    if (connection == nullptr) {
         return kSendFailed;
     }
     if (message == nullptr || length == 0 || length > kMaxMsgSize) {
@@ -288,6 +288,51 @@ int SocketComm::SendMessage(const char* message, unsigned int length)
         return kSendRefused;
     }
     return Send(*connection, message, length) ? kSendDone : kSendFailed;
+}
+
+int SocketComm::SendRequests(const std::vector<Request>& requests)
+{
+    const auto connection = GetConnection();
+    if (connection == nullptr) {
+        return kSendFailed;
+    }
+    std::string joined;
+    for (const Request& request : requests) {
+        SentrelAgentMsg header = {};
+        if (request->size() < sizeof(header) || request->size() > kMaxMsgSize) {
+            NE_LOG(DEBUG, "Invalid message parameter.");
+            return kSendRefused;
+        }
+        std::memcpy(&header, request->data(), sizeof(header));
+        CacheRequest(header, request);
+        if (requests.size() > 1) {
+            joined.append(*request);
+        }
+    }
+    const std::string& bytes = requests.size() == 1 ? *requests.front() : joined;
+    return Send(*connection, bytes.data(), bytes.size()) ? kSendDone : kSendFailed;
+}
+
+// The current connection, if it is up.
+std::shared_ptr<Connection> SocketComm::GetConnection()
+{
+    auto connection = members_->keeper.GetCurrent();
+    if (connection == nullptr || !connection->IsUp()) {
+        NE_LOG(WARN, "Net is not working");
+        return nullptr;
+    }
+    return connection;
+}
+
+bool SocketComm::Send(Connection& connection, const char* messages, std::size_t length)
+{
+    const std::int64_t end = SendEnd();
+    if (!g_sendMutex.LockUntil(end, connection)) {
+        return false;
+    }
+    const bool sent = connection.Send(messages, length, end);
+    g_sendMutex.Unlock();
+    return sent;
 }
 
 // Keeps a copy of a request until its response comes; false without memory. Others need none.
@@ -302,12 +347,17 @@ bool SocketComm::IsCacheRequestMessage(const char* message, unsigned int length)
         return true;
     }
     try {
-        members_->cache.Add(header.seq, header.type, std::make_shared<const std::string>(message, length));
+        CacheRequest(header, std::make_shared<const std::string>(message, length));
     } catch (const std::bad_alloc&) {
         return false;
     }
-    NE_LOG(DEBUG, "Cache request message, seq: %u, type: %u", header.seq, header.type);
     return true;
+}
+
+void SocketComm::CacheRequest(const SentrelAgentMsg& header, const Request& request)
+{
+    members_->cache.Add(header.seq, header.type, request);
+    NE_LOG(DEBUG, "Cache request message, seq: %u, type: %u", header.seq, header.type);
 }
 
 int SocketComm::SendControlMsg(const char* message, unsigned int length)

@@ -53,6 +53,11 @@ bool SocketProxy::Send(const unsigned char* data, long length) const
     return IsValid() && socket_->Send(data, length);
 }
 
+bool SocketProxy::SendWithin(const unsigned char* data, long length, int limitMs) const
+{
+    return IsValid() && socket_->SendWithin(data, length, limitMs);
+}
+
 long SocketProxy::Recv(unsigned char* buffer, long length) const
 {
     return IsValid() ? socket_->Recv(buffer, length) : -1;

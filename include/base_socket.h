@@ -27,6 +27,9 @@ public:
     // Sends all bytes, as long as that takes. data is not tested for null.
     virtual bool Send(const unsigned char* data, long length) const;
 
+    // The same within a time limit. After a failure part of the bytes may be on their way.
+    bool SendWithin(const unsigned char* data, long length, int limitMs) const;
+
     // Takes what is there, without waiting: the number of bytes, 0 for none. -1: the peer has closed (then
     // also bytes read by this very call are lost), or there is nothing to read into.
     // Each other error is taken off the count, which may be negative then; one that persists keeps this

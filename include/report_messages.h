@@ -16,6 +16,11 @@ inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched
 inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
 inline constexpr std::uint32_t kMsgRepeats = 13;        // process events that were only counted
 
+// Asks the server for a sign of life, with no items; it answers like to a report. A server answers every
+// request, also of a type that it does not know: an agent that gets no answer for 30 seconds gives the
+// connection up.
+inline constexpr std::uint32_t kMsgHeartbeat = 15;
+
 // Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and
 // kTagStatus, but for commands that are too long or too many.
 inline constexpr std::uint32_t kMsgPolicy = 9;   // kTagFeature, kTagEnable and, where a new one is to hold, kTagPolicy
@@ -56,6 +61,7 @@ enum ReportTag : std::uint16_t {
     kTagMode = 22,       // text: the permissions of a file in octal, such as "4755"
     kTagOwner = 23,      // text: its user
     kTagProgram = 24,    // text: a command line without its arguments
+    kTagTotal = 25,      // 8 bytes, how many reports were dropped since the agent's start
 };
 
 enum ProcessEvent : std::int32_t {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "basecomm.h"
 
@@ -20,9 +21,10 @@ class Connection;
 //
 // Threads  any. "SocketRecv", one for each connection, receives, calls the handlers and repeats requests.
 //          Destroy it from another thread, with no call under way.
-// Blocks   Start: up to 10 seconds for a connection; Stop from elsewhere makes it give up. Sending: while
-//          the peer does not read, or reads too slowly, 10 to 11 seconds for a message (20 in a handler);
-//          then the channel is down. All channels of a process share the order of their sends.
+// Blocks   Start: up to 10 seconds for a connection; Stop from elsewhere makes it give up. Sending: at most 10
+//          to 11 seconds; when the peer does not read by then, or too slowly, the channel is down. All
+//          channels of a process share the order of their sends: one that had no turn in this time fails alone.
+//          Stop ends sends, and waits for a handler under way and for at most a second of a local connect.
 // Limits   524,288 bytes for a message with its header; the buffer is discarded where a longer one is
 //          announced. Requests without an answer stay cached until DeInit, but of those that are not
 //          repeated any more only as long as no more than 200 are cached in all.
@@ -55,6 +57,12 @@ public:
     int SendControlMsg(const char* message, unsigned int length) override;
     int SendLogWithTopicHeader(const std::string& topic, const std::string& log, bool withHeader) override;  // refused
 
+    // A whole request, header first, whose bytes the channel shares with its caller, who leaves them unchanged.
+    using Request = std::shared_ptr<const std::string>;
+
+    // Sends requests in one go: like SendMessage for each, with one result for all.
+    int SendRequests(const std::vector<Request>& requests);
+
     // Adds a handler of a type. False for null, or if the table is busy for 5 seconds.
     bool RegisterMsgHandler(std::uint32_t type, MsgHandler handler, void* userData) override;
 
@@ -69,15 +77,21 @@ public:
     // How many connections there have been: a change tells that what was under way may be lost.
     std::uint32_t GetConnectionCount() const;
 
+    // Takes the channel down like a failure does, with this reason in the record, and waits for nothing. Does
+    // nothing if there has been another connection since GetConnectionCount gave this number.
+    void GiveUp(std::uint32_t connection, const char* reason);
+
 private:
     bool Open(Connection& connection);
     bool CreateNetConnection(Connection& connection);
     bool CreateDomainConnection(Connection& connection);
     void HandleMessage(const SentrelAgentMsg& header, void* message);
     bool UpdateRequestCache(const SentrelAgentMsg& header);
-    bool RetryRequest(Connection& connection);
+    int RetryRequest(Connection& connection);
+    std::shared_ptr<Connection> GetConnection();
+    void CacheRequest(const SentrelAgentMsg& header, const Request& request);
     bool IsCacheRequestMessage(const char* message, unsigned int length);
-    bool Send(Connection& connection, const char* message, std::size_t length);
+    static bool Send(Connection& connection, const char* messages, std::size_t length);
 
     struct Members;
     const std::unique_ptr<Members> members_;

@@ -25,6 +25,7 @@ public:
     bool Bind(const std::string& addr, int port) const;
     bool Connect(const std::string& addr, int port, int timeoutSeconds) const;
     bool Send(const unsigned char* data, long length) const;
+    bool SendWithin(const unsigned char* data, long length, int limitMs) const;
     long Recv(unsigned char* buffer, long length) const;
     bool Listen() const;
 
