@@ -26,18 +26,46 @@ protected:
         const std::string body = std::to_string(number);
         return queue_.Push(1, body.data(), body.size());
     }
+    // The next message but for heartbeats, which are answered.
+    std::string Next(int waitMs = 20000)
+    {
+        std::string message;
+        do {
+            message = peer_.ReceiveMessage(waitMs);
+        } while (HeaderOf(message).type == kMsgHeartbeat && peer_.Answer(message));
+        return message;
+    }
     // The bodies of messages, each answered, in the order of their coming.
     Strings Take(std::size_t count, bool answer = true)
     {
         Strings bodies;
         while (bodies.size() < count) {
-            last_ = peer_.ReceiveMessage();
+            last_ = Next();
             bodies.push_back(last_.substr(std::min(sizeof(SentrelAgentMsg), last_.size())));
             if (last_.empty() || (answer && !peer_.Answer(last_))) {
                 break;
             }
         }
         return bodies;
+    }
+    // Count and total of the notice that comes next.
+    std::pair<std::uint64_t, std::uint64_t> TakeNotice(bool answer)
+    {
+        std::string body = Take(1, answer)[0];
+        EXPECT_EQ(HeaderOf(last_).type, kMsgDroppedReports);
+        TLVAnalyzer items(reinterpret_cast<unsigned char*>(body.data()), static_cast<int>(body.size()));
+        EXPECT_TRUE(items.Analyze(kSwapReport));
+        EXPECT_TRUE(items.GetCount() == 3 && items[kTagTime].GetLength() == 8);
+        std::pair<std::uint64_t, std::uint64_t> numbers;
+        std::memcpy(&numbers.first, items[kTagCount].GetData(), 8);
+        std::memcpy(&numbers.second, items[kTagTotal].GetData(), 8);
+        return numbers;
+    }
+    void Reconnect()
+    {
+        peer_.Close();
+        EXPECT_TRUE(Eventually([this] { return !channel_->StatusCheck(); }));
+        Connect();
     }
     static Strings Numbers(int first, int end)
     {
@@ -60,18 +88,15 @@ protected:
 
 TEST_F(ReportQueueTest, SendsInOrderWithTwoHundredUnanswered)
 {
-    EXPECT_FALSE(Push(0));  // not running
     ASSERT_TRUE(queue_.Start(channel_, 1000, 1 << 20));
     EXPECT_FALSE(queue_.Start(channel_, 1000, 1 << 20));
-    EXPECT_FALSE(queue_.Push(2, "", 0) || queue_.Push(1, nullptr, 1) || queue_.Push(1, "", kMaxMsgBody + 1));
-    EXPECT_TRUE(records_.Has("ERROR Invalid report.[type=2 length=0]"));
     for (int number = 0; number < 300; ++number) {
         EXPECT_TRUE(Push(number));
     }
     EXPECT_FALSE(queue_.Drain(100));
     Connect();
     EXPECT_EQ(Take(200, false), Numbers(0, 200));
-    EXPECT_EQ(peer_.ReceiveMessage(300), "");
+    EXPECT_EQ(Next(300), "");
     EXPECT_EQ(queue_.GetCount(), 300U);
     ASSERT_TRUE(peer_.Answer(last_));  // the 200th
     EXPECT_EQ(Take(1, false), Numbers(200, 201));
@@ -90,33 +115,39 @@ TEST_F(ReportQueueTest, SendsInOrderWithTwoHundredUnanswered)
 
 TEST_F(ReportQueueTest, DropsAreCountedAndReported)
 {
+    EXPECT_FALSE(Push(0));  // not running
     ASSERT_TRUE(queue_.Start(channel_, 3, 100));
     EXPECT_TRUE(Push(0) && Push(1));
     EXPECT_FALSE(queue_.Push(1, std::string(51, 'x').data(), 51));  // one byte too many
     EXPECT_TRUE(Push(2));
     EXPECT_FALSE(Push(3));
-    EXPECT_EQ(records_.Count("WARN Report queue is full, reports are dropped.[count=2 bytes=34 dropped=1]"), 1);
+    EXPECT_EQ(records_.Count("WARN Report queue is full, reports are dropped.[count=2 bytes=34 dropped=2]"), 1);
     EXPECT_EQ(records_.Lines().size(), 1U);
     Connect();
     EXPECT_EQ(Take(3), Numbers(0, 3));
-    std::string notice = Take(1)[0];
-    EXPECT_EQ(HeaderOf(last_).type, kMsgDroppedReports);
-    TLVAnalyzer items(reinterpret_cast<unsigned char*>(notice.data()), static_cast<int>(notice.size()));
-    ASSERT_TRUE(items.Analyze(kSwapReport));
-    EXPECT_EQ(items.GetCount(), 2U);
-    const TLVValue count = items[kTagCount];
-    const std::uint64_t two = 2;
-    ASSERT_EQ(count.GetLength(), sizeof(two));
-    EXPECT_EQ(std::memcmp(count.GetData(), &two, sizeof(two)), 0);
-    EXPECT_TRUE(queue_.Drain(20000));
+    EXPECT_EQ(TakeNotice(false), std::pair(3UL, 3UL));
+    EXPECT_TRUE(Eventually([this] { return queue_.GetAccount().acknowledged == 3; }));
+    // Its answer is lost with the connection: the total shows that it is the same once more.
+    EXPECT_FALSE(queue_.Push(1, std::string(100, 'x').data(), 100));  // does not fit into an empty queue either
+    Reconnect();
+    EXPECT_EQ(TakeNotice(true), std::pair(3UL, 3UL));
+    EXPECT_EQ(TakeNotice(false), std::pair(1UL, 4UL));
+    EXPECT_FALSE(queue_.Drain(100));  // the server does not know yet
+    EXPECT_TRUE(peer_.Answer(last_) && queue_.Drain(20000));
     EXPECT_TRUE(Push(4));
     EXPECT_EQ(Take(1), Numbers(4, 5));
     EXPECT_TRUE(queue_.Drain(20000));
-    EXPECT_FALSE(queue_.Push(1, std::string(100, 'x').data(), 100));  // fits not even into an empty queue
-    Take(1);
-    EXPECT_EQ(HeaderOf(last_).type, kMsgDroppedReports);
+    EXPECT_FALSE(queue_.Push(2, "", 0) || queue_.Push(1, nullptr, 1) || queue_.Push(1, "", kMaxMsgBody + 1));
+    EXPECT_TRUE(records_.Has("ERROR Invalid report.[type=2 length=0]"));
+    EXPECT_EQ(TakeNotice(true).second, 7UL);
+    const ReportAccount account = queue_.GetAccount();
+    EXPECT_EQ(std::tuple(account.pushed, account.acknowledged, account.waiting + account.unanswered),
+              std::tuple(11UL, 4UL, 0UL));
+    EXPECT_EQ(std::tuple(account.droppedStopped, account.droppedFull, account.droppedTooLarge, account.droppedInvalid),
+              std::tuple(1UL, 2UL, 2UL, 2UL));
 }
 
+// The server answers, but never this report: only the queue's own time passes, as seconds on its clock.
 TEST_F(ReportQueueTest, UnansweredGoOutAsNewRequests)
 {
     ASSERT_TRUE(queue_.Start(channel_, 10, 1000));
@@ -124,21 +155,83 @@ TEST_F(ReportQueueTest, UnansweredGoOutAsNewRequests)
     EXPECT_TRUE(Push(0));
     EXPECT_EQ(Take(1, false), Numbers(0, 1));
     const std::string first = last_;
-    EXPECT_TRUE(Push(1));
-    Take(1);
-    Clock::monotonicOffsetNs += 37 * Clock::kNsPerSecond;
+    for (int other = 1; other < 4; ++other) {
+        Clock::monotonicOffsetNs += 9 * Clock::kNsPerSecond;
+        EXPECT_TRUE(Push(other));
+        while (Take(1, false)[0] != std::to_string(other)) {
+            EXPECT_EQ(HeaderOf(last_).seq, HeaderOf(first).seq);  // repeated by the channel
+        }
+        EXPECT_TRUE(peer_.Answer(last_) && Eventually([&] { return queue_.GetCount() == 1; }));
+    }
+    Clock::monotonicOffsetNs += 9 * Clock::kNsPerSecond;
     EXPECT_EQ(Take(1, false), Numbers(0, 1));
     EXPECT_NE(HeaderOf(last_).seq, HeaderOf(first).seq);
     EXPECT_TRUE(peer_.Answer(first));     // too late: nobody waits for this number
-    EXPECT_TRUE(peer_.Answer(last_, 2));  // too new: dropped, and sent again
+    EXPECT_TRUE(peer_.Answer(last_, 2));  // too new: dropped
     EXPECT_TRUE(Eventually([this] { return records_.Has("DEBUG Server version: [2], client version: [1]"); }));
-    Clock::monotonicOffsetNs += 37 * Clock::kNsPerSecond;
+    EXPECT_EQ(queue_.GetCount(), 1U);
+    EXPECT_EQ(queue_.GetAccount().repeats, 1U);
+    Reconnect();
     EXPECT_EQ(Take(1), Numbers(0, 1));
-    EXPECT_TRUE(queue_.Drain(20000) && Push(2));
-    EXPECT_EQ(Take(1, false), Numbers(2, 3));
+    EXPECT_TRUE(queue_.Drain(20000) && Push(5));
+    EXPECT_EQ(Take(1, false), Numbers(5, 6));
     queue_.Stop();
-    EXPECT_FALSE(Push(2));
+    EXPECT_EQ(queue_.GetAccount().waiting, 1U);
+    EXPECT_FALSE(Push(6));
     ASSERT_TRUE(queue_.Start(channel_, 10, 1000));
-    EXPECT_TRUE(Push(3));
-    EXPECT_EQ(Take(2), Numbers(2, 4));
+    EXPECT_TRUE(Push(6));
+    EXPECT_EQ(Take(2), Numbers(5, 7));
+}
+
+TEST_F(ReportQueueTest, SilentServerIsGivenUpAndThenAskedFirst)
+{
+    const std::string down =
+        "ERROR Channel to the server is down.[reason=the server has answered nothing for 30 seconds]";
+    ASSERT_TRUE(queue_.Start(channel_, 10, 1000));
+    Connect();
+    std::string heartbeat = peer_.ReceiveMessage();  // at once, since there is nothing else
+    EXPECT_EQ(std::tuple(HeaderOf(heartbeat).type, heartbeat.size()),
+              std::tuple(kMsgHeartbeat, sizeof(SentrelAgentMsg)));
+    EXPECT_FALSE(queue_.IsServerAnswering());
+    EXPECT_TRUE(peer_.Answer(heartbeat) && Eventually([&] { return queue_.IsServerAnswering(); }));
+    Clock::monotonicOffsetNs += 10 * Clock::kNsPerSecond;
+    heartbeat = peer_.ReceiveMessage();
+    EXPECT_EQ(HeaderOf(heartbeat).type, kMsgHeartbeat);
+    EXPECT_TRUE(Push(0));
+    EXPECT_EQ(Take(1, false), Numbers(0, 1));
+    EXPECT_EQ(records_.Count(down), 0);
+    Clock::monotonicOffsetNs += 20 * Clock::kNsPerSecond;
+    EXPECT_TRUE(Eventually([&] { return records_.Count(down) == 1; }));
+    EXPECT_FALSE(queue_.IsServerAnswering() || channel_->StatusCheck());
+    EXPECT_TRUE(Push(1));
+    for (const bool answers : {false, true}) {
+        Connect();
+        heartbeat = peer_.ReceiveMessage();
+        EXPECT_EQ(HeaderOf(heartbeat).type, kMsgHeartbeat);
+        EXPECT_EQ(peer_.ReceiveMessage(1500), "");
+        if (answers) {
+            EXPECT_TRUE(peer_.Answer(heartbeat));
+            EXPECT_EQ(Take(2), Numbers(0, 2));
+        } else {
+            Clock::monotonicOffsetNs += 30 * Clock::kNsPerSecond;
+            EXPECT_TRUE(Eventually([&] { return records_.Count(down) == 2; }));
+            Clock::monotonicOffsetNs -= 30 * Clock::kNsPerSecond;
+        }
+    }
+    EXPECT_TRUE(queue_.Drain(20000));
+}
+
+TEST_F(ReportQueueTest, StopEndsASendToAServerThatDoesNotRead)
+{
+    ASSERT_TRUE(queue_.Start(channel_, 10, 10 << 20));
+    Connect();
+    const std::string large(kMaxMsgBody, 'x');
+    EXPECT_TRUE(queue_.Push(1, large.data(), large.size()));
+    EXPECT_TRUE(Eventually([&] { return queue_.GetAccount().unanswered == 1; }));
+    EXPECT_FALSE(queue_.Drain(60000));  // no longer than answers come
+    const auto start = std::chrono::steady_clock::now();
+    queue_.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // of the 10 that a send may take
+    EXPECT_FALSE(channel_->StatusCheck());
+    EXPECT_EQ(queue_.GetAccount().waiting, 1U);
 }

@@ -1,0 +1,233 @@
+#include "comm/report_store.h"
+
+#include <cstring>
+#include <deque>
+#include <random>
+
+#include "comm/server_watch.h"
+#include "tests/support/support.h"
+
+namespace {
+
+constexpr std::int64_t kSecond = Clock::kNsPerSecond;
+
+std::shared_ptr<std::string> Message(std::size_t size = sizeof(SentrelAgentMsg))
+{
+    return std::make_shared<std::string>(size, '\0');
+}
+
+std::uint32_t SeqIn(const ReportStore::ReportPtr& report)
+{
+    SentrelAgentMsg header;
+    std::memcpy(&header, report->message->data(), sizeof(header));
+    return header.seq;
+}
+
+// Does at random what a queue does, and knows the answer to every question that the account answers.
+class Model {
+public:
+    Model() { store_.SetLimits(300, 20000); }
+
+    void Step()
+    {
+        now_ += static_cast<std::int64_t>(random_() % 40) * kSecond / 10;
+        switch (random_() % 16) {
+        case 0:
+            Check(!store_.TakeBackAll().empty() || sent_.empty());
+            sent_.clear();
+            break;
+        case 1:
+            store_.CountDrop(random_() % 2 == 0 ? &ReportAccount::droppedStopped : &ReportAccount::droppedNoMemory);
+            ++pushed_;
+            ++dropped_;
+            break;
+        case 2:
+            if (store_.GetDropsToReport() > 0) {
+                noticed_ += store_.GetDropsToReport();
+                store_.AddNotice(Message());
+            }
+            break;
+        case 3:
+            Forget(store_.TakeBackOverdue(now_));
+            break;
+        case 4:
+        case 5:
+            Send(random_() % 4 == 0);
+            break;
+        case 6:
+        case 7:
+        case 8:
+            Answer();
+            break;
+        default:
+            const bool added = store_.Add(Message(16 + random_() % (random_() % 50 == 0 ? 21000 : 200)));
+            ++pushed_;
+            (added ? added_ : dropped_)++;
+        }
+        CheckAccount();
+    }
+
+    void End()
+    {
+        for (int i = 0; i < 10000 && !store_.IsDone(); ++i) {
+            Forget(store_.TakeBackOverdue(now_ += 10 * kSecond));
+            if (store_.GetDropsToReport() > 0) {
+                noticed_ += store_.GetDropsToReport();
+                store_.AddNotice(Message());
+            }
+            Send(false);
+            while (!sent_.empty()) {
+                Answer();
+            }
+        }
+        const ReportAccount account = store_.GetAccount();
+        EXPECT_TRUE(store_.IsDone());
+        EXPECT_EQ(account.acknowledged, added_);
+        EXPECT_EQ(account.dropsReported, dropped_);
+        EXPECT_EQ(noticed_, dropped_);  // the sum of all notices
+        EXPECT_GT(account.repeats * account.droppedFull * account.droppedTooLarge, 0U);
+        EXPECT_EQ(store_.GetBytes(), 0U);
+    }
+
+private:
+    void Check(bool holds) { ASSERT_TRUE(holds); }
+    void CheckAccount()
+    {
+        const ReportAccount account = store_.GetAccount();
+        ASSERT_EQ(account.pushed, pushed_);
+        ASSERT_EQ(account.GetDropped(), dropped_);
+        ASSERT_EQ(account.waiting + account.unanswered + account.acknowledged, added_);
+        ASSERT_LE(account.unanswered, 200U);
+        ASSERT_LE(account.waiting + account.unanswered, 300U);
+        ASSERT_LE(account.dropsReported, noticed_);
+        ASSERT_TRUE(account.unanswered == sent_.size() || account.unanswered + 1 == sent_.size());  // a notice
+    }
+    void Send(bool fails)
+    {
+        const auto batch = store_.TakeNext(now_);
+        for (const auto& report : batch) {
+            Check(SeqIn(report) == report->seq && numbers_.insert(report->seq).second);
+            sent_.push_back(report->seq);
+        }
+        if (fails) {
+            store_.PutBack(batch);
+            sent_.erase(sent_.end() - static_cast<std::ptrdiff_t>(batch.size()), sent_.end());
+        }
+    }
+    void Answer()
+    {
+        Check(!store_.Answer(0));
+        if (!sent_.empty()) {
+            const auto place = sent_.begin() + static_cast<std::ptrdiff_t>(random_() % sent_.size());
+            Check(store_.Answer(*place) && !store_.Answer(*place));
+            sent_.erase(place);
+        }
+    }
+    void Forget(const ReportStore::Numbers& numbers)
+    {
+        for (const std::uint32_t seq : numbers) {
+            Check(std::erase(sent_, seq) == 1);
+        }
+    }
+
+    ReportStore store_;
+    std::minstd_rand random_{7};
+    std::int64_t now_ = kSecond;
+    std::deque<std::uint32_t> sent_;  // the numbers that wait for an answer
+    std::set<std::uint32_t> numbers_;
+    std::uint64_t pushed_ = 0;
+    std::uint64_t added_ = 0;
+    std::uint64_t dropped_ = 0;
+    std::uint64_t noticed_ = 0;
+};
+
+}  // namespace
+
+TEST(ReportStoreTest, AccountBalancesAtEachMoment)
+{
+    Model model;
+    for (int i = 0; i < 50000 && !testing::Test::HasFailure(); ++i) {
+        model.Step();
+    }
+    model.End();
+}
+
+TEST(ReportStoreTest, RepeatsDoubleTheirTime)
+{
+    ReportStore store;
+    store.SetLimits(10, 1000);
+    ASSERT_TRUE(store.Add(Message(20)));
+    std::int64_t now = 5 * kSecond;
+    auto report = store.TakeNext(now).at(0);
+    for (const std::int64_t seconds : {36, 72, 144, 288, 576, 576}) {
+        EXPECT_TRUE(store.TakeBackOverdue(now + seconds * kSecond - 1).empty());
+        const auto old = report->message;
+        const auto seq = report->seq;
+        now += seconds * kSecond;
+        EXPECT_EQ(store.TakeBackOverdue(now), ReportStore::Numbers{seq});
+        EXPECT_EQ(store.TakeNext(now).at(0), report);
+        EXPECT_NE(old, report->message);  // the channel may still read it
+        EXPECT_NE(report->seq, seq);
+    }
+    EXPECT_EQ(store.GetAccount().repeats, 6U);
+    // Given up for its silence, the server gets nothing before the time, new reports neither; its answer ends that.
+    store.Hold();
+    ASSERT_TRUE(store.Add(Message(20)));
+    EXPECT_EQ(store.TakeBackAll().size(), 1U);
+    EXPECT_TRUE(store.TakeNext(now + 576 * kSecond - 1).empty());
+    EXPECT_TRUE(store.CanSend(now + 576 * kSecond));
+    EXPECT_TRUE(store.EndHold());
+    EXPECT_EQ(store.TakeNext(now).size(), 2U);
+}
+
+TEST(ReportStoreTest, JoinsUpToTheLimitsAndKeepsTheOrder)
+{
+    ReportStore store;
+    store.SetLimits(1000, 1 << 20);
+    for (const std::size_t size : {70000, 40000, 25000, 1000}) {
+        ASSERT_TRUE(store.Add(Message(size)));
+    }
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_TRUE(store.Add(Message(16)));
+    }
+    EXPECT_EQ(store.TakeNext(1).size(), 1U);  // longer than a batch, alone
+    const auto second = store.TakeNext(1);
+    ASSERT_EQ(second.size(), 2U);
+    store.PutBack(second);
+    EXPECT_EQ(store.TakeNext(1), second);
+    EXPECT_EQ(store.TakeNext(1).size(), 197U);  // 200 unanswered
+    EXPECT_TRUE(store.TakeNext(1).empty());
+    EXPECT_EQ(store.TakeBackAll().size(), 200U);
+    EXPECT_EQ(store.TakeNext(1).size(), 1U);
+    EXPECT_EQ(store.TakeNext(1), second);
+}
+
+TEST(ServerWatchTest, AsksAndGivesUpInTime)
+{
+    ServerWatch watch(0);
+    const auto is = [&watch](std::int64_t seconds, bool due, bool dueWhenIdle, bool answering, bool silent) {
+        const std::int64_t now = seconds * kSecond;
+        EXPECT_EQ(watch.IsHeartbeatDue(now, false), due) << seconds;
+        EXPECT_EQ(watch.IsHeartbeatDue(now, true), dueWhenIdle) << seconds;
+        EXPECT_EQ(watch.IsAnswering(now), answering) << seconds;
+        EXPECT_EQ(watch.IsSilent(now), silent) << seconds;
+    };
+    watch.OnConnected(100 * kSecond);
+    is(100, false, true, false, false);
+    watch.OnAnswer(101 * kSecond);
+    is(110, false, false, true, false);
+    is(111, true, true, true, false);
+    watch.OnHeartbeat(7);
+    is(130, false, false, true, false);  // one is under way, and repeated by the channel
+    is(131, false, false, false, true);
+    EXPECT_FALSE(watch.TakeHeartbeat(6));
+    EXPECT_TRUE(watch.TakeHeartbeat(7));
+    EXPECT_FALSE(watch.TakeHeartbeat(7));
+    watch.OnAnswer(132 * kSecond);
+    is(132, false, false, true, false);
+    watch.OnHeartbeat(8);
+    watch.OnConnected(140 * kSecond);  // whatever was before
+    is(140, false, true, false, false);
+    is(169, true, true, false, false);
+    is(170, true, true, false, true);
+}
