@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "comm/sig_pipe.h"
 #include "logger.h"
@@ -15,7 +16,7 @@ namespace {
 
 using Components = std::map<BaseCommMethod, std::shared_ptr<NetCommBase>>;
 
-const std::map<BaseCommMethod, const char*> g_componentName = {
+constexpr std::pair<BaseCommMethod, const char*> g_componentName[] = {
     {kSocketClient, "Socket client"},
     {kKafkaClient, "Nimbara kafka client"},
     {kRestfulClient, "libevent restful client"},
@@ -23,7 +24,7 @@ const std::map<BaseCommMethod, const char*> g_componentName = {
 };
 
 std::mutex g_componentsMutex;
-Components g_components;
+Components& g_components = *new Components;  // never destroyed: threads may send while the process ends
 std::atomic<bool> g_initialised{false};
 
 const char* ResultText(bool success)
@@ -33,8 +34,12 @@ const char* ResultText(bool success)
 
 const char* Name(BaseCommMethod method)
 {
-    const auto found = g_componentName.find(method);
-    return found == g_componentName.end() ? "unknown" : found->second;
+    for (const auto& [known, name] : g_componentName) {
+        if (known == method) {
+            return name;
+        }
+    }
+    return "unknown";
 }
 
 Components Copy()

@@ -4,37 +4,30 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <limits>
 
 #include "logger.h"
 #include "util/bounded.h"
 #include "util/clock.h"
+#include "util/rate_limiter.h"
 
 namespace NEUtils {
 
 namespace {
 
 constexpr std::int64_t kErrorPeriodMs = 1800000;
-constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::min();
 
-// Lets one record through in each period.
-class Throttle {
-public:
-    bool Pass()
-    {
-        const std::int64_t now = Clock::MonotonicNs() / Clock::kNsPerMs;
-        std::int64_t last = last_;
-        return (last == kNever || now - last > kErrorPeriodMs) && last_.compare_exchange_strong(last, now);
-    }
+// Of the two ERROR records of this file, each for the whole process.
+RateLimiter g_bindErrors(kErrorPeriodMs);
+RateLimiter g_connectErrors(kErrorPeriodMs);
 
-private:
-    std::atomic<std::int64_t> last_{kNever};
-};
+bool Allow(RateLimiter& limiter)
+{
+    return limiter.Allow(Clock::MonotonicNs() / Clock::kNsPerMs);
+}
 
 bool MakeAddress(const std::string& path, sockaddr_un& address, socklen_t& size)
 {
@@ -55,7 +48,6 @@ bool UNIXSocket::Create()
 
 bool UNIXSocket::Bind(const std::string& path, int /*port*/) const
 {
-    static Throttle errors;
     sockaddr_un address;
     socklen_t size = 0;
     if (fd == -1 || !MakeAddress(path, address, size)) {
@@ -69,7 +61,7 @@ bool UNIXSocket::Bind(const std::string& path, int /*port*/) const
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0) {
         return true;
     }
-    if (errors.Pass()) {
+    if (Allow(g_bindErrors)) {
         NE_LOG(ERROR, "Domain socket bind failed. Bind path is [%s].", path.c_str());
     }
     NE_LOG(DEBUG, "Domain socket bind failed. Bind path is [%s].", path.c_str());
@@ -78,7 +70,6 @@ bool UNIXSocket::Bind(const std::string& path, int /*port*/) const
 
 bool UNIXSocket::Connect(const std::string& path, int /*port*/, int /*timeoutSeconds*/) const
 {
-    static Throttle errors;
     sockaddr_un address;
     socklen_t size = 0;
     if (fd == -1 || !MakeAddress(path, address, size)) {
@@ -87,7 +78,7 @@ bool UNIXSocket::Connect(const std::string& path, int /*port*/, int /*timeoutSec
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0) {
         return true;
     }
-    if (errors.Pass()) {
+    if (Allow(g_connectErrors)) {
         NE_LOG(ERROR, "Domain socket connects failed. Connection socket path is [%s].", path.c_str());
     }
     NE_LOG(DEBUG, "Domain socket connects failed. Connection socket path is [%s].", path.c_str());

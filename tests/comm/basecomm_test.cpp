@@ -7,6 +7,12 @@
 namespace {
 
 struct FakeComponent : NetCommBase {
+    ~FakeComponent() override
+    {
+        if (endsProcess) {
+            _exit(1);
+        }
+    }
     bool Init() override { return succeeds; }
     bool Start() override { return up = succeeds; }
     bool Stop() override { return !(up = false); }
@@ -19,6 +25,7 @@ struct FakeComponent : NetCommBase {
 
     bool succeeds = true;
     bool up = false;
+    bool endsProcess = false;
 };
 
 }  // namespace
@@ -65,4 +72,25 @@ TEST(BaseCommTest, DrivesAllComponents)
     EXPECT_EQ(raise(SIGPIPE), 0);  // does not end the process
     EXPECT_EQ(WTERMSIG(Wait(Fork([] { return execlp("sh", "sh", "-c", "kill -PIPE $$", nullptr); }))), SIGPIPE);
     EXPECT_TRUE(BaseCommStop() && BaseCommDeInit());
+}
+
+// Threads may send while the process ends: nothing that they use is destroyed by then.
+TEST(BaseCommTest, ComponentsOutliveTheEndOfTheProcess)
+{
+    EXPECT_EQ(Wait(Fork([] {
+                  const auto component = std::make_shared<FakeComponent>();
+                  component->endsProcess = component->up = true;
+                  RegisterComponent(kSocketClient, component);
+                  static std::atomic<bool> sends{false};
+                  std::thread([] {
+                      for (;;) {
+                          SendControlMsg("x", 1);
+                          sends = true;
+                      }
+                  }).detach();
+                  Eventually([] { return sends.load(); });
+                  exit(0);
+                  return 1;
+              })),
+              0);
 }
