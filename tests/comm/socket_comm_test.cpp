@@ -168,28 +168,128 @@ TEST(RequestCacheTest, DropsTheOldestExhaustedAboveTwoHundred)
     EXPECT_TRUE(cache.Remove(6) && cache.Remove(204));
 }
 
-// A peer that never reads: senders are held until the stop, or 10 seconds.
-TEST_F(SocketCommTest, PeerThatNeverReadsHoldsNeitherStopNorSendersForLong)
+// Each with a peer that does not read, or a byte now and then; the send's time passes on its clock alone.
+TEST_F(SocketCommTest, SendEndsInItsTimeWhateverElseIsDue)
+{
+    const std::string down = "ERROR Channel to the server is down.[reason=a message could not be sent, or not in time]";
+    static const std::string large = Message(4, 1, std::string(kMaxMsgBody, 'x'));
+    static std::atomic<int> results{0};
+    const MsgHandler sends = [](std::uint32_t, void*, void* comm) {
+        results += static_cast<SocketComm*>(comm)->SendMessage(large.data(), static_cast<unsigned>(large.size()));
+    };
+    ASSERT_TRUE(comm_.RegisterMsgHandler(1, sends, &comm_));
+    for (const std::string held : {"by nothing", "by a request that is due", "by a slow reader", "in a handler"}) {
+        SCOPED_TRACE(held);
+        Connect();
+        results = 0;
+        const auto failures = records_.Count(down);
+        if (held == "by a request that is due") {
+            ASSERT_EQ(Send(Message(3, 7)), kSendDone);
+            Clock::wallOffsetMs += 6000;
+        }
+        std::thread sender(
+            [&] { held == "in a handler" ? void(peer_.Send(Message(1, 1))) : sends(0, nullptr, &comm_); });
+        std::atomic<bool> end{held != "by a slow reader"};
+        std::thread reader([&] {
+            for (; !end; std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
+                peer_.Receive(100);
+            }
+        });
+        Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;  // requests are looked at
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+        EXPECT_EQ(results, 0);
+        Clock::monotonicOffsetNs += 10 * Clock::kNsPerSecond;
+        EXPECT_TRUE(Eventually([&] { return results == kSendFailed; }, 5));
+        EXPECT_EQ(records_.Count(down), failures + 1);
+        end = true;
+        sender.join();
+        reader.join();
+    }
+}
+
+// Messages of several senders, each larger than what the socket takes at once.
+TEST_F(SocketCommTest, MessagesStayWhole)
 {
     Connect();
-    const std::string large(kMaxMsgSize, 'x');
-    std::atomic<int> failed{0};
-    const auto block = [&](const std::string& message) {
-        while (Send(message) == kSendDone) {
-        }
-        ++failed;
-    };
-    std::thread senders([&] { InThreads(3, [&](int) { block(large); }); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(failed, 0);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(comm_.Stop());
+    std::thread senders([&] {
+        InThreads(3, [&](int number) {
+            for (int i = 0; i < 6; ++i) {
+                EXPECT_EQ(Send(Message(4, 1, std::string(400000, static_cast<char>('a' + number)))), kSendDone);
+            }
+        });
+    });
+    for (int i = 0; i < 18; ++i) {
+        const std::string body = peer_.ReceiveMessage().substr(sizeof(SentrelAgentMsg));
+        ASSERT_EQ(body, std::string(400000, body.empty() ? '?' : body.front()));
+    }
     senders.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // of the 10 that it could take
-    ASSERT_TRUE(comm_.Start() && peer_.Accept());
-    block(large);  // cut short
-    const std::string down = "ERROR Channel to the server is down.[reason=a message could not be sent, or not in time]";
-    EXPECT_TRUE(Eventually([&] { return records_.Has(down); }));
+}
+
+TEST_F(SocketCommTest, SeveralRequestsGoInOneSend)
+{
+    const auto request = [](std::uint32_t seq) { return std::make_shared<const std::string>(Message(1, seq, "body")); };
+    EXPECT_EQ(comm_.SendRequests({request(1)}), kSendFailed);
+    Connect();
+    EXPECT_EQ(comm_.SendRequests({std::make_shared<const std::string>("short")}), kSendRefused);
+    EXPECT_EQ(comm_.SendRequests({request(1), request(2), request(3)}), kSendDone);
+    EXPECT_EQ(peer_.Receive(3 * 20), *request(1) + *request(2) + *request(3));
+    EXPECT_TRUE(comm_.DropRequest(1) && comm_.DropRequest(2));
+    Clock::wallOffsetMs += 6000;
+    Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;
+    EXPECT_EQ(peer_.ReceiveMessage(), *request(3));
+    comm_.GiveUp(comm_.GetConnectionCount() - 1, "of an earlier connection");
+    EXPECT_TRUE(comm_.StatusCheck());
+    comm_.GiveUp(comm_.GetConnectionCount(), "of a test");
+    EXPECT_FALSE(comm_.StatusCheck());
+    EXPECT_EQ(peer_.Receive(1), "");
+    EXPECT_TRUE(records_.Has("ERROR Channel to the server is down.[reason=of a test]"));
+}
+
+// At none of these points does a stop wait for the other side.
+TEST_F(SocketCommTest, StopEndsWhatIsUnderWay)
+{
+    static const std::string large = Message(4, 1, std::string(kMaxMsgBody, 'x'));
+    static std::atomic<bool> inside{false};
+    const auto send = [](SocketComm& comm) { comm.SendMessage(large.data(), static_cast<unsigned>(large.size())); };
+    const MsgHandler sends = [](std::uint32_t, void*, void* comm) {
+        inside = true;
+        static_cast<SocketComm*>(comm)->SendMessage(large.data(), static_cast<unsigned>(large.size()));
+    };
+    ASSERT_TRUE(comm_.RegisterMsgHandler(1, sends, &comm_));
+    SocketComm other;
+    for (const std::string point : {"send", "handler", "half a message", "turn of another channel", "local connect"}) {
+        SCOPED_TRACE(point);
+        Peer full(folder_ / "full", 0);
+        std::vector<std::thread> threads;
+        if (point == "turn of another channel") {
+            ASSERT_TRUE(other.Start() && full.Accept());
+            threads.emplace_back([&] { send(other); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        if (point == "local connect") {
+            ASSERT_TRUE(other.Start());  // fills the backlog
+            threads.emplace_back([&] { EXPECT_FALSE(comm_.Start()); });
+        } else {
+            Config::ParseConfig("SERVER_SOCKET_PATH=" + folder_ / "server", false, {});
+            Connect();
+            ASSERT_TRUE(peer_.Send(point == "handler"          ? Message(1, 1)
+                                   : point == "half a message" ? large.substr(0, 99)
+                                                               : ""));
+            EXPECT_TRUE(point != "handler" || Eventually([] { return inside.load(); }));
+        }
+        for (int i = 0; i < (Contains("send turn of another channel", point) ? 2 : 0); ++i) {
+            threads.emplace_back([&] { send(comm_); });
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(comm_.Stop());
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));  // of the 10 it could take
+        other.Stop();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    }
 }
 
 TEST_F(SocketCommTest, HandlersMayStopStartAndUnregister)
