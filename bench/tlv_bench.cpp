@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -68,6 +69,19 @@ void Pack(benchmark::State& state)
     for ([[maybe_unused]] auto step : state) {
         NEUtils::TLVPacker packer;
         Fill(packer, tags);
+        benchmark::DoNotOptimize(packer.GetBuffer());
+    }
+}
+
+void PackDirect(benchmark::State& state)
+{
+    const Tags tags = AscendingTags();
+    for ([[maybe_unused]] auto step : state) {
+        NEUtils::TLVPacker packer;
+        for (const std::uint16_t tag : tags) {
+            packer.Add(tag, g_value.data(), kLength);
+        }
+        Require(packer.Pack(false) == 0 && packer.GetSize() == kSize, "pack");
         benchmark::DoNotOptimize(packer.GetBuffer());
     }
 }
@@ -151,6 +165,71 @@ void BareIndex(benchmark::State& state)
     }
 }
 
+// What an object for each item costs without a library: its bytes in a block of its own.
+struct OwnedItem {
+    std::uint16_t tag;
+    std::uint16_t length;
+    std::unique_ptr<unsigned char[]> bytes;
+};
+
+OwnedItem Own(std::uint16_t tag, const unsigned char* data, std::uint16_t length)
+{
+    OwnedItem item = {tag, length, std::unique_ptr<unsigned char[]>(new unsigned char[length])};
+    std::memcpy(item.bytes.get(), data, length);
+    return item;
+}
+
+void OwnedPack(benchmark::State& state)
+{
+    const Tags tags = AscendingTags();
+    for ([[maybe_unused]] auto step : state) {
+        std::vector<OwnedItem> items;
+        for (const std::uint16_t tag : tags) {
+            items.push_back(Own(tag, g_value.data(), kLength));
+        }
+        const std::unique_ptr<unsigned char[]> buffer(new unsigned char[kSize]);
+        unsigned char* at = buffer.get();
+        for (const OwnedItem& item : items) {
+            std::memcpy(at, &item.tag, sizeof(item.tag));
+            std::memcpy(at + sizeof(item.tag), &item.length, sizeof(item.length));
+            std::memcpy(at + sizeof(item.tag) + sizeof(item.length), item.bytes.get(), item.length);
+            at += sizeof(item.tag) + sizeof(item.length) + item.length;
+        }
+        benchmark::DoNotOptimize(at);
+    }
+}
+
+void OwnedIndex(benchmark::State& state)
+{
+    const Bytes bytes = Packed(AscendingTags());
+    for ([[maybe_unused]] auto step : state) {
+        std::vector<OwnedItem> items;
+        for (std::size_t at = 0; bytes.size() - at >= 2 * sizeof(std::uint16_t);) {
+            std::array<std::uint16_t, 2> header;
+            std::memcpy(header.data(), &bytes[at], sizeof(header));
+            items.push_back(Own(header[0], &bytes[at + sizeof(header)], header[1]));
+            at += sizeof(header) + header[1];
+        }
+        benchmark::DoNotOptimize(items.data());
+    }
+}
+
+// The same tags and places in a tree of the standard library.
+void TreeIndex(benchmark::State& state, const Tags& tags)
+{
+    const Bytes bytes = Packed(tags);
+    for ([[maybe_unused]] auto step : state) {
+        std::multimap<std::uint16_t, std::int32_t> places;
+        for (std::size_t at = 0; bytes.size() - at >= 2 * sizeof(std::uint16_t);) {
+            std::array<std::uint16_t, 2> header;
+            std::memcpy(header.data(), &bytes[at], sizeof(header));
+            places.emplace_hint(places.end(), header[0], static_cast<std::int32_t>(at));
+            at += sizeof(header) + header[1];
+        }
+        benchmark::DoNotOptimize(places.size());
+    }
+}
+
 void Copy(benchmark::State& state)
 {
     const Bytes bytes(kSize);
@@ -167,10 +246,15 @@ void Settle(benchmark::internal::Benchmark* bench)
 }
 
 BENCHMARK(Pack)->Apply(Settle);
+BENCHMARK(PackDirect)->Apply(Settle);
+BENCHMARK(OwnedPack)->Apply(Settle);
 BENCHMARK(ProtoPack)->Apply(Settle);
 BENCHMARK(BarePack)->Apply(Settle);
 BENCHMARK_CAPTURE(Index, ascending, AscendingTags())->Apply(Settle);
 BENCHMARK_CAPTURE(Index, mixed, MixedTags())->Apply(Settle);
+BENCHMARK(OwnedIndex)->Apply(Settle);
+BENCHMARK_CAPTURE(TreeIndex, ascending, AscendingTags())->Apply(Settle);
+BENCHMARK_CAPTURE(TreeIndex, mixed, MixedTags())->Apply(Settle);
 BENCHMARK(ProtoIndex)->Apply(Settle);
 BENCHMARK(BareIndex)->Apply(Settle);
 BENCHMARK(Copy)->Apply(Settle);
@@ -180,8 +264,9 @@ public:
     void Finalize() override
     {
         PrintRows("1,000 items", "ns");
-        std::printf("\n%-20s %12s %12s %12s\n", "ratio", "to protobuf", "to bare", "to copy");
+        std::printf("\n%-20s %12s %12s %12s\n", "ratio", "to owned", "to protobuf", "to bare");
         PrintRatios("Pack", "Pack");
+        PrintRatios("PackDirect", "Pack");
         PrintRatios("Index/ascending", "Index");
         PrintRatios("Index/mixed", "Index");
     }
@@ -189,8 +274,8 @@ public:
 private:
     void PrintRatios(const char* row, const std::string& rival) const
     {
-        std::printf("%-20s %12s %12s %12s\n", row, Ratio({row, 1}, {"Proto" + rival, 1}).c_str(),
-                    Ratio({row, 1}, {"Bare" + rival, 1}).c_str(), Ratio({row, 1}, {"Copy", 1}).c_str());
+        std::printf("%-20s %12s %12s %12s\n", row, Ratio({row, 1}, {"Owned" + rival, 1}).c_str(),
+                    Ratio({row, 1}, {"Proto" + rival, 1}).c_str(), Ratio({row, 1}, {"Bare" + rival, 1}).c_str());
     }
 };
 

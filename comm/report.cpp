@@ -1,7 +1,5 @@
 #include "report.h"
 
-#include <utility>
-
 #include "report_queue.h"
 #include "util/clock.h"
 
@@ -17,9 +15,7 @@ Report::Report(std::uint32_t type, std::int64_t timeMs) : type_(type), isWanted_
 Report& Report::Add(ReportTag tag, int number)
 {
     if (isWanted_) {
-        TLVValue value;
-        value.Init(tag, number);
-        packer_.Add(std::move(value));
+        packer_.Add(tag, &number, sizeof(number));
     }
     return *this;
 }
@@ -27,9 +23,7 @@ Report& Report::Add(ReportTag tag, int number)
 Report& Report::AddLong(ReportTag tag, std::uint64_t number)
 {
     if (isWanted_) {
-        TLVValue value;
-        value.Init(tag, reinterpret_cast<const unsigned char*>(&number), sizeof(number));
-        packer_.Add(std::move(value));
+        packer_.Add(tag, &number, sizeof(number));
     }
     return *this;
 }
@@ -37,9 +31,9 @@ Report& Report::AddLong(ReportTag tag, std::uint64_t number)
 Report& Report::Add(ReportTag tag, const std::string& text)
 {
     if (isWanted_ && !text.empty()) {
-        TLVValue value;
-        value.Init(tag, text.substr(0, TLVValue::kMaxLength - 1));  // with its NUL, or it would be read back as empty
-        packer_.Add(std::move(value));
+        // With its NUL it is as long as an item may be.
+        const std::string cut = text.substr(0, TLVValue::kMaxLength - 1);
+        packer_.Add(tag, cut.c_str(), cut.size() + 1);
     }
     return *this;
 }

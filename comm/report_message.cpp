@@ -13,9 +13,7 @@ namespace {
 
 void Add(TLVPacker& packer, ReportTag tag, std::uint64_t value)
 {
-    TLVValue item;
-    item.Init(tag, reinterpret_cast<const unsigned char*>(&value), sizeof(value));
-    packer.Add(std::move(item));
+    packer.Add(tag, &value, sizeof(value));
 }
 
 }  // namespace

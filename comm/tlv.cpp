@@ -12,7 +12,6 @@ namespace NEUtils {
 namespace {
 
 constexpr std::size_t kHeaderSize = 4;
-constexpr std::size_t kFirstItems = 64;
 
 std::uint16_t Ordered(std::uint16_t value, bool swap)
 {
@@ -115,55 +114,61 @@ bool TLVValue::AsString(std::string& value) const
     return true;
 }
 
-// The vector grows by hand, because moving an item into a new place would lose the tag of one without bytes.
+void TLVPacker::Append(std::uint16_t tag, std::uint16_t length, const void* data)
+{
+    const Header header = {tag, length};
+    const std::size_t place = items_.size();
+    items_.resize(place + kHeaderSize + length);
+    std::memcpy(&items_[place], &header, kHeaderSize);
+    if (data != nullptr && length > 0) {
+        std::memcpy(&items_[place + kHeaderSize], data, length);
+    }
+}
+
+// An item that has lost its bytes for want of memory keeps its length.
 void TLVPacker::Add(TLVValue&& value)
 {
-    if (items_.size() == items_.capacity()) {
-        std::vector<TLVValue> grown;
-        grown.reserve(std::max(kFirstItems, items_.size() * 2));
-        for (TLVValue& item : items_) {
-            grown.emplace_back() = std::move(item);
-        }
-        items_.swap(grown);
+    TLVValue taken;
+    taken = std::move(value);
+    Append(taken.GetTag(), taken.GetLength(), taken.GetData());
+    isWhole_ = isWhole_ && (taken.GetData() != nullptr || taken.GetLength() == 0);
+}
+
+bool TLVPacker::Add(std::uint16_t tag, const void* data, std::size_t length)
+{
+    if (data == nullptr || length > TLVValue::kMaxLength) {
+        return false;
     }
-    items_.emplace_back() = std::move(value);
+    Append(tag, static_cast<std::uint16_t>(length), data);
+    return true;
 }
 
 void TLVPacker::AddText(std::uint16_t tag, const std::string& text)
 {
     for (std::size_t at = 0; at < text.size(); at += TLVValue::kMaxLength) {
-        const std::size_t size = std::min(TLVValue::kMaxLength, text.size() - at);
-        TLVValue piece;
-        piece.Init(tag, reinterpret_cast<const unsigned char*>(text.data() + at), static_cast<std::uint16_t>(size));
-        Add(std::move(piece));
+        Append(tag, static_cast<std::uint16_t>(std::min(TLVValue::kMaxLength, text.size() - at)), text.data() + at);
     }
 }
 
 int TLVPacker::Pack(bool swap)
 {
-    for (const TLVValue& item : items_) {
-        size_ += static_cast<std::uint32_t>(kHeaderSize) + item.GetLength();  // kept: the sum of all calls
-    }
+    size_ += static_cast<std::uint32_t>(items_.size());  // kept because callers rely on it: the sum of all calls
     buffer_.reset(new (std::nothrow) unsigned char[size_]);
-    if (buffer_ == nullptr) {
+    if (buffer_ == nullptr || !isWhole_ || items_.size() > size_) {  // in the end the sum has wrapped
+        buffer_.reset();
         return -1;
     }
-    std::size_t offset = 0;
-    for (const TLVValue& item : items_) {
-        const std::size_t value = offset + kHeaderSize;
-        const std::size_t next = value + item.GetLength();
-        const Header header = {Ordered(item.GetTag(), swap), Ordered(item.GetLength(), swap)};
-        if (next > size_ || (item.GetData() == nullptr && item.GetLength() > 0)) {  // the sum has wrapped, or no bytes
-            buffer_.reset();
-            return -1;
-        }
-        std::memcpy(&buffer_[offset], &header, kHeaderSize);
-        if (item.GetLength() > 0) {
-            std::memcpy(&buffer_[value], item.GetData(), item.GetLength());
-        }
-        offset = next;
+    if (!items_.empty()) {
+        std::memcpy(buffer_.get(), items_.data(), items_.size());
     }
-    memset_s(buffer_.get() + offset, size_ - offset, 0, size_ - offset);  // the heap's old bytes are nobody's business
+    for (std::size_t at = 0; swap && at < items_.size();) {
+        const Header header = ReadHeader(&items_[at], false);
+        const Header swapped = {Ordered(header.tag, swap), Ordered(header.length, swap)};
+        std::memcpy(&buffer_[at], &swapped, kHeaderSize);
+        at += kHeaderSize + header.length;
+    }
+    const std::size_t rest = size_ - items_.size();
+    memset_s(buffer_.get() + items_.size(), rest, 0, rest);  // the heap's old bytes are nobody's business
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <string>
 #include <vector>
 
@@ -64,7 +65,10 @@ class NEUTILS_API TLVPacker {
 public:
     TLVPacker() = default;
 
-    void Add(TLVValue&& value);  // throws std::bad_alloc
+    // Both copy the bytes; they throw std::bad_alloc. The second does without a TLVValue, within the limits of
+    // its Init: false, and nothing added, for null or too long data.
+    void Add(TLVValue&& value);
+    bool Add(std::uint16_t tag, const void* data, std::size_t length);
 
     // A text of any length in as many items as it takes, of up to 2048 bytes each and without a NUL. An empty
     // one adds nothing.
@@ -78,10 +82,13 @@ public:
     std::uint32_t GetSize() const { return size_; }
 
 private:
+    void Append(std::uint16_t tag, std::uint16_t length, const void* data);
+
     std::uint32_t size_ = 0;
     std::unique_ptr<unsigned char[]> buffer_;
-    std::vector<TLVValue> items_;
-    [[maybe_unused]] std::uint32_t reserved_ = 64;  // kept for modules that were built with its place
+    std::vector<unsigned char> items_;              // as on the wire, in host order
+    [[maybe_unused]] std::uint32_t reserved_ = 64;  // kept because modules were built with its place
+    bool isWhole_ = true;                           // every item has its bytes
 };
 
 // Indexes a received buffer by tag and hands out copies of its items. The buffer is borrowed: it must
@@ -89,6 +96,8 @@ private:
 class NEUTILS_API TLVAnalyzer {
 public:
     TLVAnalyzer(unsigned char* data, int length) : data_(data), length_(length) {}
+    TLVAnalyzer(const TLVAnalyzer&) = delete;
+    TLVAnalyzer& operator=(const TLVAnalyzer&) = delete;
 
     // Indexes the whole buffer. False, and nothing indexed, if it is empty, not made of whole items, or there
     // is no memory.
@@ -116,7 +125,9 @@ private:
     bool swap_ = true;
     unsigned char* data_;
     std::int32_t length_;
-    std::multimap<std::uint16_t, std::int32_t> offsets_;
+    // Its nodes come from a few large blocks, which go with the object: a block each would cost more than all else.
+    std::pmr::monotonic_buffer_resource blocks_;
+    std::pmr::multimap<std::uint16_t, std::int32_t> offsets_{&blocks_};
     std::uint32_t count_ = 0;
 };
 
