@@ -10,6 +10,7 @@
 
 #include "basecomm.h"
 #include "config.h"
+#include "report_messages.h"
 #include "tests/support/support.h"
 #include "util/unique_fd.h"
 
@@ -69,10 +70,19 @@ public:
         return bytes;
     }
     // One message; empty if none comes.
-    std::string ReceiveMessage(int waitMs = 20000) const
+    std::string ReceiveAny(int waitMs = 20000) const
     {
         const std::string header = Receive(sizeof(SentrelAgentMsg), waitMs);
         return header.empty() ? header : header + Receive(HeaderOf(header).length);
+    }
+    // The same but for heartbeats, which are answered.
+    std::string ReceiveMessage(int waitMs = 20000) const
+    {
+        std::string message;
+        do {
+            message = ReceiveAny(waitMs);
+        } while (HeaderOf(message).type == kMsgHeartbeat && Answer(message));
+        return message;
     }
     bool Answer(const std::string& request, std::uint32_t version = kMsgVersion) const
     {

@@ -26,21 +26,12 @@ protected:
         const std::string body = std::to_string(number);
         return queue_.Push(1, body.data(), body.size());
     }
-    // The next message but for heartbeats, which are answered.
-    std::string Next(int waitMs = 20000)
-    {
-        std::string message;
-        do {
-            message = peer_.ReceiveMessage(waitMs);
-        } while (HeaderOf(message).type == kMsgHeartbeat && peer_.Answer(message));
-        return message;
-    }
     // The bodies of messages, each answered, in the order of their coming.
     Strings Take(std::size_t count, bool answer = true)
     {
         Strings bodies;
         while (bodies.size() < count) {
-            last_ = Next();
+            last_ = peer_.ReceiveMessage();
             bodies.push_back(last_.substr(std::min(sizeof(SentrelAgentMsg), last_.size())));
             if (last_.empty() || (answer && !peer_.Answer(last_))) {
                 break;
@@ -96,7 +87,7 @@ TEST_F(ReportQueueTest, SendsInOrderWithTwoHundredUnanswered)
     EXPECT_FALSE(queue_.Drain(100));
     Connect();
     EXPECT_EQ(Take(200, false), Numbers(0, 200));
-    EXPECT_EQ(Next(300), "");
+    EXPECT_EQ(peer_.ReceiveMessage(300), "");
     EXPECT_EQ(queue_.GetCount(), 300U);
     ASSERT_TRUE(peer_.Answer(last_));  // the 200th
     EXPECT_EQ(Take(1, false), Numbers(200, 201));
@@ -189,13 +180,13 @@ TEST_F(ReportQueueTest, SilentServerIsGivenUpAndThenAskedFirst)
         "ERROR Channel to the server is down.[reason=the server has answered nothing for 30 seconds]";
     ASSERT_TRUE(queue_.Start(channel_, 10, 1000));
     Connect();
-    std::string heartbeat = peer_.ReceiveMessage();  // at once, since there is nothing else
+    std::string heartbeat = peer_.ReceiveAny();  // at once, since there is nothing else
     EXPECT_EQ(std::tuple(HeaderOf(heartbeat).type, heartbeat.size()),
               std::tuple(kMsgHeartbeat, sizeof(SentrelAgentMsg)));
     EXPECT_FALSE(queue_.IsServerAnswering());
     EXPECT_TRUE(peer_.Answer(heartbeat) && Eventually([&] { return queue_.IsServerAnswering(); }));
     Clock::monotonicOffsetNs += 10 * Clock::kNsPerSecond;
-    heartbeat = peer_.ReceiveMessage();
+    heartbeat = peer_.ReceiveAny();
     EXPECT_EQ(HeaderOf(heartbeat).type, kMsgHeartbeat);
     EXPECT_TRUE(Push(0));
     EXPECT_EQ(Take(1, false), Numbers(0, 1));
@@ -206,9 +197,9 @@ TEST_F(ReportQueueTest, SilentServerIsGivenUpAndThenAskedFirst)
     EXPECT_TRUE(Push(1));
     for (const bool answers : {false, true}) {
         Connect();
-        heartbeat = peer_.ReceiveMessage();
+        heartbeat = peer_.ReceiveAny();
         EXPECT_EQ(HeaderOf(heartbeat).type, kMsgHeartbeat);
-        EXPECT_EQ(peer_.ReceiveMessage(1500), "");
+        EXPECT_EQ(peer_.ReceiveAny(1500), "");
         if (answers) {
             EXPECT_TRUE(peer_.Answer(heartbeat));
             EXPECT_EQ(Take(2), Numbers(0, 2));
