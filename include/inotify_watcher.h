@@ -27,6 +27,7 @@ namespace NEUtils {
 class NEUTILS_API InotifyWatcher {
 public:
     static constexpr std::uint32_t kBufferSize = 1024;
+    static constexpr std::uint32_t kMaxLimit = 10240;
 
     struct Event {
         int wd = -1;
@@ -77,6 +78,7 @@ public:
     std::string GetPathByWatch(int wd) const;
 
     std::size_t GetWatchCount() const;
+    std::uint32_t GetLimit() const;
 
     // Ends all watches; new ones may be added afterwards.
     void Stop();
@@ -91,7 +93,7 @@ private:
     void AppendEvent(const char* record, std::uint32_t length, std::vector<Event>& events) const;
 
     int fd_ = -1;
-    std::uint32_t limit_ = 10240;
+    std::uint32_t limit_ = kMaxLimit;
     mutable std::mutex mutex_;
     std::map<int, std::string> paths_;  // by watch descriptor
     mutable std::atomic<std::uint64_t> overflows_{0};

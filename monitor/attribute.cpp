@@ -6,9 +6,11 @@
 #include <vector>
 
 #include "logger.h"
+#include "monitor/attribute_table.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/file.h"
+#include "util/rate_limiter.h"
 
 namespace NEUtils::Monitor {
 
@@ -18,18 +20,7 @@ constexpr std::size_t kMaxRecords = 21000;
 constexpr std::size_t kMaxPath = 1024;
 constexpr std::int64_t kErrorPeriodMs = 900000;
 
-std::int64_t g_fullToldMs = 0;  // guarded by g_mutex
-
-// True once in each period; the caller holds g_mutex.
-bool MayTellFull()
-{
-    const std::int64_t now = Clock::WallMs();
-    if (now - g_fullToldMs <= kErrorPeriodMs) {
-        return false;
-    }
-    g_fullToldMs = now;
-    return true;
-}
+RateLimiter g_fullRecords(kErrorPeriodMs);
 
 template <typename Number>
 void AppendChange(std::string& text, const char* oldKey, Number oldValue, const char* newKey, Number newValue)
@@ -64,21 +55,24 @@ std::vector<std::string> EntriesOf(const std::string& path)
 std::map<std::string, Attribute>& g_attrMap = *new std::map<std::string, Attribute>;
 std::mutex g_mutex;
 
+Attribute AttributeOf(const struct stat& status)
+{
+    return {status.st_mode, status.st_uid, status.st_gid, static_cast<unsigned long>(status.st_nlink),
+            static_cast<long>(status.st_size)};
+}
+
 bool GetFileAttr(const std::string& path, Attribute& attr)
 {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
         return false;
     }
-    attr.mode = status.st_mode;
-    attr.uid = status.st_uid;
-    attr.gid = status.st_gid;
-    attr.nlink = static_cast<unsigned long>(status.st_nlink);
-    attr.size = static_cast<long>(status.st_size);
+    attr = AttributeOf(status);
     return true;
 }
 
-// Kept: the mode whole and in decimal, keys without a common form, and the blank at the end.
+// Kept because those who read the texts depend on the form: the mode whole and in decimal, keys without a common
+// form, and the blank at the end.
 std::string GetDiff(const Attribute& oldAttr, const Attribute& newAttr)
 {
     std::string text;
@@ -93,19 +87,23 @@ std::string GetDiff(const Attribute& oldAttr, const Attribute& newAttr)
 void RecordAttribute(const std::string& path)
 {
     Attribute attr;
-    if (path.empty() || !GetFileAttr(path, attr)) {
-        return;
+    if (!path.empty() && GetFileAttr(path, attr)) {
+        RecordAttribute(path, attr);
     }
-    bool tell = false;
+}
+
+void RecordAttribute(const std::string& path, const Attribute& attr)
+{
+    bool log = false;
     {
         const std::lock_guard<std::mutex> lock(g_mutex);
         if (g_attrMap.size() < kMaxRecords) {
             g_attrMap[path] = attr;
-        } else {  // kept: also for a path that is in the table
-            tell = MayTellFull();
+        } else {  // Kept because the limit comes first: also a path that is in the table is not refreshed.
+            log = g_fullRecords.Allow(Clock::WallMs());
         }
     }
-    if (tell) {
+    if (log) {
         NE_LOG(ERROR, "The monitoring file status has reached the upper limit. [limit=%zu]", kMaxRecords);
     }
 }
@@ -127,7 +125,7 @@ void RemoveRecord(const std::string& path)
 void RemoveRecordRecursive(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    // The keys that begin alike stand together. Kept: no separator need follow.
+    // The keys that begin alike stand together. Kept because callers rely on it: no separator need follow.
     const auto first = g_attrMap.lower_bound(path);
     auto last = first;
     while (last != g_attrMap.end() && last->first.starts_with(path)) {
@@ -156,9 +154,11 @@ void UpdateFileNameRecursive(const std::string& oldPath, const std::string& newP
 bool UpdateAttrAndLog(const std::string& path, std::string& text)
 {
     Attribute attr;
-    if (!GetFileAttr(path, attr)) {
-        return false;
-    }
+    return GetFileAttr(path, attr) && UpdateAttrAndLog(path, attr, text);
+}
+
+bool UpdateAttrAndLog(const std::string& path, const Attribute& attr, std::string& text)
+{
     const std::lock_guard<std::mutex> lock(g_mutex);
     const auto record = g_attrMap.find(path);
     if (record == g_attrMap.end()) {

@@ -1,624 +1,383 @@
 #include "monitor/inotify_session.h"
 
-#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <exception>
 #include <utility>
 
-#include "attribute.h"
+#include "byte_buffer.h"
 #include "hips_guard.h"
 #include "logger.h"
 #include "monitor/watch_scope.h"
+#include "util/clock.h"
 #include "util/errno_text.h"
+#include "util/file.h"
 
 namespace NEUtils {
 
-using Monitor::Covers;
-using Monitor::LooksInto;
-
 namespace {
 
-constexpr std::size_t kStepsPerBeat = 1024;
-
-bool Exists(const std::string& path)
-{
-    struct stat status = {};
-    return lstat(path.c_str(), &status) == 0;
-}
-
-// The directories above a path, from the top down, as far as they are there.
-std::vector<std::string> DirectoriesAbove(const std::string& path)
-{
-    std::vector<std::string> directories;
-    for (std::size_t slash = path.find('/'); slash != std::string::npos && path != "/";
-         slash = path.find('/', slash + 1)) {
-        const std::string directory = slash == 0 ? "/" : path.substr(0, slash);
-        struct stat status = {};
-        if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-            break;
-        }
-        directories.push_back(directory);
-    }
-    return directories;
-}
-
-bool IsEqual(const timespec& one, const timespec& other)
-{
-    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-}
-
-// The same rule with the links on the way to its path resolved: events come by the real directories.
-InotifySession::Rule Resolved(InotifySession::Rule rule)
-{
-    const std::string name = rule.path.substr(rule.path.rfind('/') + 1);
-    const bool isDots = name == "." || name == "..";
-    const std::string way = isDots ? rule.path : Monitor::ParentOf(rule.path);
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(way.c_str(), nullptr), &std::free);
-    if (rule.path != "/" && real != nullptr) {
-        rule.path = isDots ? real.get() : Monitor::EntryOf(real.get(), name);
-    }
-    return rule;
-}
-
-std::vector<std::string> Entries(const std::string& directory)
-{
-    std::vector<std::string> entries;
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory.c_str()), &closedir);
-    while (stream != nullptr) {
-        const dirent* entry = readdir(stream.get());
-        if (entry == nullptr) {
-            break;
-        }
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-            entries.push_back(Monitor::EntryOf(directory, name));
-        }
-    }
-    return entries;
-}
-
-// The keys of an ordered table at or below a path, as two ranges.
-template <typename Table, typename Function>
-void ForEachAtOrBelow(Table& table, const std::string& top, Function function)
-{
-    if (const auto own = table.find(top); own != table.end()) {
-        function(own);
-    }
-    const std::string prefix = top == "/" ? top : top + "/";
-    for (auto entry = table.upper_bound(prefix);
-         entry != table.end() && entry->first.compare(0, prefix.size(), prefix) == 0;) {
-        function(entry++);
-    }
-}
+constexpr char kMountsFile[] = "/proc/self/mountinfo";
+constexpr std::size_t kMaxRecords = 262144;
+constexpr std::size_t kRecordsPerTurn = 256;
+constexpr std::size_t kCallsPerPause = 64;
+constexpr int kWaitMs = 20000;
+constexpr int kPairWaitMs = 5;      // for the second half of a rename
+constexpr int kSuspectWaitMs = 20;  // before a path is looked at once more
+constexpr int kTurnWaitMs = 5;
 
 }  // namespace
 
-InotifySession::Watching::Watching(const Rule& asGiven) : given(asGiven), rule(Resolved(asGiven)) {}
-
-InotifySession::Known::Known(const struct stat& seen)
-    : status{seen.st_ino,   seen.st_mode, seen.st_uid,  seen.st_gid,
-             seen.st_nlink, seen.st_size, seen.st_mtim, seen.st_ctim},
-      isDirectory(S_ISDIR(seen.st_mode))
-{
-}
-
-bool InotifySession::Known::IsSameFile(const struct stat& now) const
-{
-    return status.inode == now.st_ino && isDirectory == S_ISDIR(now.st_mode);
-}
-
-// A directory's size, links and times follow its entries, which are told themselves.
-std::uint32_t InotifySession::Known::Differences(const struct stat& now) const
-{
-    std::uint32_t bits = 0;
-    if (!isDirectory && (status.size != now.st_size || !IsEqual(status.written, now.st_mtim))) {
-        bits |= IN_MODIFY | IN_CLOSE_WRITE;
-    }
-    if (status.mode != now.st_mode || status.uid != now.st_uid || status.gid != now.st_gid ||
-        (!isDirectory && (status.links != now.st_nlink || (bits == 0 && !IsEqual(status.changed, now.st_ctim))))) {
-        bits |= IN_ATTRIB;
-    }
-    return bits;
-}
-
-// One change of rules at a time, without holding a lock over it.
-class InotifySession::Change {
+// The right to work on the tracker, which one thread at a time has.
+class InotifySession::Turn {
 public:
-    explicit Change(InotifySession& session) : session_(session)
+    enum Wait { kUntilFree, kShortly };
+
+    Turn(InotifySession& session, Wait wait) : session_(session)
     {
         std::unique_lock<std::mutex> lock(session_.mutex_);
-        session_.changed_.wait(lock, [this] { return !session_.changing_; });
-        session_.changing_ = true;
+        const auto isFree = [this, wait] {
+            return !session_.hasTurn_ && (wait == kUntilFree || session_.wantsTurn_ == 0);
+        };
+        if (wait == kUntilFree) {
+            ++session_.wantsTurn_;
+            session_.turnEnded_.wait(lock, isFree);
+            --session_.wantsTurn_;
+        } else {
+            session_.turnEnded_.wait_for(lock, std::chrono::milliseconds(kTurnWaitMs), isFree);
+        }
+        isMine_ = isFree();
+        session_.hasTurn_ = session_.hasTurn_ || isMine_;
     }
-    ~Change()
+    ~Turn()
     {
-        const std::lock_guard<std::mutex> lock(session_.mutex_);
-        session_.changing_ = false;
-        session_.changed_.notify_one();
+        if (isMine_) {
+            session_.EndTurn();
+        }
     }
-    Change(const Change&) = delete;
-    Change& operator=(const Change&) = delete;
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    [[nodiscard]] bool IsMine() const { return isMine_; }
 
 private:
     InotifySession& session_;
+    bool isMine_ = false;
 };
+
+InotifySession::InotifySession() : host_([this] { return GoOn(); }), tracker_(host_) {}
 
 InotifySession::~InotifySession() = default;
 
 bool InotifySession::Init()
 {
-    bool initialised = false;
-    try {
-        initialised = watcher_.Init();
-    } catch (const std::exception& error) {
-        NE_LOG(ERROR, "The kernel's limit of watches is no number.[error=%s]", error.what());
+    const bool initialised = host_.Init();
+    wakeEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (initialised && !wakeEvent_.IsValid()) {
+        const int error = errno;
+        NE_LOG(ERROR, "File monitor has no event to stop by.[errorInfo=%s]", ErrnoText(error).Get());
     }
-    watcherFd_.Reset(watcher_.GetFd());
-    stopEvent_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (initialised && !stopEvent_.IsValid()) {
-        NE_LOG(ERROR, "File monitor has no event to stop by.[errorInfo=%s]", ErrnoText(errno).Get());
-    }
-    return initialised && stopEvent_.IsValid();
+    mounts_.Reset(open(kMountsFile, O_RDONLY | O_CLOEXEC));
+    HandleMounts();
+    return initialised && wakeEvent_.IsValid();
+}
+
+// Gives the turn up. After a stop nobody needs what is known any more.
+void InotifySession::EndTurn()
+{
+    bool clears = false;
+    std::vector<Notification> notifications = tracker_.TakeNotifications();
+    lacking_ = tracker_.CountLacking();
+    hasMoves_ = tracker_.HasMoves();
+    hasSuspects_ = tracker_.HasSuspects();
+    do {
+        if (clears) {
+            tracker_.Clear();
+        }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        clears = stopping_ && !std::exchange(isCleared_, stopping_.load());
+        if (!clears) {
+            hasTurn_ = false;
+            std::move(notifications.begin(), notifications.end(), std::back_inserter(notifications_));
+            turnEnded_.notify_all();
+        }
+    } while (clears);
 }
 
 void InotifySession::Stop()
 {
     stopping_ = true;
+    Wake();
+    WatchRuleList rules;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        rules.swap(rules_);
+    }
+    for (const WatchRulePtr& rule : rules) {
+        rule->gate.Close();
+    }
+    {
+        const Turn turn(*this, Turn::kShortly);
+    }  // or whoever has it clears what is known, soon
+    host_.Stop();
+}
+
+void InotifySession::Wake() const
+{
     const std::uint64_t one = 1;
-    static_cast<void>(!write(stopEvent_.Get(), &one, sizeof(one)));
-    std::vector<WatchingPtr> rules;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        rules = rules_;
-    }
-    for (const WatchingPtr& watching : rules) {  // still in their place for whoever removes one meanwhile
-        watching->gate.Close();
-    }
-    KnownFiles known;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        rules_.clear();
-        known.swap(known_);
-    }
-    for (const auto& [path, file] : known) {
-        Monitor::RemoveRecord(path);
-    }
-    watcher_.Stop();
+    static_cast<void>(!write(wakeEvent_.Get(), &one, sizeof(one)));
+}
+
+WatchRulePtr InotifySession::Find(const Rule& rule) const
+{
+    const auto found = std::find_if(rules_.begin(), rules_.end(),
+                                    [&rule](const WatchRulePtr& other) { return Monitor::IsSame(other->given, rule); });
+    return found == rules_.end() ? nullptr : *found;
 }
 
 bool InotifySession::AddRule(const Rule& rule)
 {
-    const auto watching = std::make_shared<Watching>(rule);
-    if (!rule.mayBeMissing && !Exists(rule.path)) {
-        NE_LOG(ERROR, "Watch rule has no such path.[path=%s errorInfo=%s]", rule.path.c_str(), ErrnoText(errno).Get());
+    const auto added = std::make_shared<WatchRule>(rule);
+    bool isNew = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        isNew = !stopping_ && Find(rule) == nullptr;
+        if (isNew) {
+            rules_.push_back(added);
+        }
+    }
+    if (!isNew) {
+        NE_LOG(ERROR, "Watch rule is there already.[path=%s]", rule.path.c_str());
         return false;
     }
-    bool added = false;
-    bool settled = false;
+    FileTracker::Added result = FileTracker::Added::kMissing;
     {
-        const Change change(*this);
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            added = !stopping_ && std::none_of(rules_.begin(), rules_.end(), [&rule](const WatchingPtr& other) {
-                return Monitor::IsSame(other->given, rule);
-            });
-            if (added) {
-                rules_.push_back(watching);
-            }
+        const Turn turn(*this, Turn::kUntilFree);
+        if (stopping_) {
+            return false;
         }
-        settled = added && (Settle(watching, kSilent) || (rule.mayBeMissing && !Exists(rule.path)));
+        result = tracker_.AddRule(added);
     }
-    if (!added) {
-        NE_LOG(ERROR, "Watch rule is there already.[path=%s]", rule.path.c_str());
-    } else if (!settled) {
-        RemoveRule(rule);
+    if (result != FileTracker::Added::kYes) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        rules_.erase(std::remove(rules_.begin(), rules_.end(), added), rules_.end());
     }
-    return settled;
-}
-
-Monitor::WatchState InotifySession::GetState(const Rule& rule)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (const WatchingPtr& watching : rules_) {
-        if (Monitor::IsSame(watching->given, rule)) {
-            return known_.count(watching->rule.path) != 0 ? Monitor::kWatching : Monitor::kWaiting;
-        }
+    struct stat status = {};
+    if (result == FileTracker::Added::kMissing) {
+        NE_LOG(ERROR, "Watch rule has no such path.[path=%s errorInfo=%s]", rule.path.c_str(), ErrnoText(ENOENT).Get());
+    } else if (result != FileTracker::Added::kYes) {
+        NE_LOG(ERROR, "Watch rule is refused.[path=%s reason=%s]", rule.path.c_str(),
+               result == FileTracker::Added::kPseudo ? "a pseudo file system" : "no room for a watch");
+    } else if (!rule.recursive && lstat(rule.path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+        NE_LOG(INFO, "Watch rule is for a link, not for what it leads to.[path=%s]", rule.path.c_str());
     }
-    return Monitor::kNotWatched;
-}
-
-std::size_t InotifySession::GetLackingCount()
-{
-    std::size_t lacking = 0;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (const WatchingPtr& watching : rules_) {
-        lacking += watching->lacking;
-    }
-    return lacking;
+    LogLack();
+    Wake();
+    return result == FileTracker::Added::kYes;
 }
 
 bool InotifySession::RemoveRule(const Rule& rule)
 {
-    WatchingPtr removed;
-    {
-        const Change change(*this);
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            const auto found = std::find_if(rules_.begin(), rules_.end(), [&rule](const WatchingPtr& watching) {
-                return Monitor::IsSame(watching->given, rule);
-            });
-            if (found != rules_.end()) {
-                removed = *found;
-                rules_.erase(found);
-            }
-        }
-        if (removed != nullptr) {
-            DropUnneeded(*removed);
-        }
-    }
-    if (removed != nullptr) {
-        removed->gate.Close();  // after the change, which a callback may wait for
-    }
-    return removed != nullptr;
-}
-
-// What no other rule needs goes; what others need is watched for them alone.
-void InotifySession::DropUnneeded(const Watching& removed)
-{
-    struct Kept {
-        std::string path;
-        bool isDirectory;
-        int wd;
-        std::uint32_t mask;
-    };
-    std::vector<int> watches;
-    std::vector<Kept> kept;
-    std::vector<std::string> records;
+    WatchRulePtr removed;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        for (auto entry = paths_.begin(); entry != paths_.end();) {
-            const auto current = entry++;
-            const std::string& path = current->second;
-            if (!Covers(removed.rule, path) &&
-                std::find(removed.above.begin(), removed.above.end(), path) == removed.above.end()) {
-                continue;
-            }
-            const auto file = known_.find(path);
-            const bool isDirectory = file == known_.end() || file->second.isDirectory;
-            const std::uint32_t mask = WatchMask(path, isDirectory);
-            if (mask != 0) {
-                kept.push_back({path, isDirectory, current->first, mask});
-                continue;
-            }
-            watches.push_back(current->first);
-            if (file != known_.end()) {
-                file->second.wd = 0;
-            }
-            paths_.erase(current);
-        }
-        ForEachAtOrBelow(known_, removed.rule.path, [&](KnownFiles::iterator file) {
-            if (!IsCovered(file->first)) {
-                records.push_back(file->first);
-                known_.erase(file);
-            }
-        });
+        removed = Find(rule);
+        rules_.erase(std::remove(rules_.begin(), rules_.end(), removed), rules_.end());
     }
-    for (const int wd : watches) {
-        watcher_.RmWatch(wd);
-    }
-    for (const Kept& watch : kept) {
-        SetMask(watch.path, watch.isDirectory, watch.wd, watch.mask);
-    }
-    for (const std::string& path : records) {
-        Monitor::RemoveRecord(path);
-    }
-}
-
-// Takes up a rule's path if it is there, and watches for its coming and going. True if it is watched.
-bool InotifySession::Settle(const WatchingPtr& watching, Mode mode)
-{
-    const std::string& path = watching->rule.path;
-    WatchAbove(watching);
-    const bool taken = Exists(path) && TakeUp(path, mode);
-    TellLack();
-    return taken;
-}
-
-void InotifySession::WatchAbove(const WatchingPtr& watching)
-{
-    std::vector<std::string> above = DirectoriesAbove(watching->rule.path);
-    std::vector<std::string> before;
-    do {  // the next one down may have come before the watch on the last
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            watching->above = above;
-        }
-        for (const std::string& directory : above) {
-            EnsureWatch(directory, true);
-        }
-        before.swap(above);
-        above = DirectoriesAbove(watching->rule.path);
-    } while (above.size() > before.size() && !stopping_);
-}
-
-void InotifySession::SettleAtOrBelow(const std::string& path)
-{
-    for (const WatchingPtr& watching : RootsBelow(path)) {
-        Settle(watching, kNews);
-    }
-}
-
-// The rules whose paths are this one or below it.
-std::vector<InotifySession::WatchingPtr> InotifySession::RootsBelow(const std::string& path)
-{
-    std::vector<WatchingPtr> roots;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    std::copy_if(rules_.begin(), rules_.end(), std::back_inserter(roots),
-                 [&path](const WatchingPtr& watching) { return Monitor::IsAtOrBelow(watching->rule.path, path); });
-    return roots;
-}
-
-// Walks over a path and all below it that rules cover. A directory is watched before it is read, so nothing
-// is missed in between. True if the path itself is watched as far as it needs to be.
-bool InotifySession::TakeUp(const std::string& top, Mode mode)
-{
-    bool topTaken = true;
-    bool full = false;
-    std::size_t steps = 0;
-    std::vector<std::string> waiting{top};
-    while (!waiting.empty() && !stopping_) {
-        if (++steps % kStepsPerBeat == 0) {
-            KeepCurrentThreadAlive();
-        }
-        const std::string path = std::move(waiting.back());
-        waiting.pop_back();
-        struct stat status = {};
-        if (lstat(path.c_str(), &status) != 0) {
-            continue;
-        }
-        const bool isDirectory = S_ISDIR(status.st_mode);
-        Finding finding = TakeNote(path, status, mode);
-        if (finding.replaced) {  // with all that was below it
-            TakeOut(path);
-            finding = TakeNote(path, status, mode);
-        }
-        if (!finding.covered) {
-            continue;
-        }
-        if (finding.isNew) {
-            Monitor::RecordAttribute(path);
-            DropUnknownRecord(path);
-        }
-        // Where one that may be read is refused there is no room, and no use in asking for each of the rest.
-        const bool taken = full && isDirectory ? !IsLookedInto(path) : EnsureWatch(path, isDirectory);
-        if (!taken && Exists(path)) {
-            full = full || access(path.c_str(), R_OK) == 0;
-            topTaken = topTaken && path != top;
-            CountLack(path);
-        }
-        if (finding.isNew && mode != kSilent) {
-            Monitor::FileEvent event = {path, {}, IN_CREATE, isDirectory, {}, {}};
-            Report(event, mode == kMoved ? IN_CREATE | IN_MOVED_TO : IN_CREATE, kAll);
-        } else if (finding.different != 0) {
-            OnChanged(path, finding.different, isDirectory, kAll);
-        }
-        if (isDirectory && IsLookedInto(path)) {
-            std::vector<std::string> entries = Entries(path);
-            waiting.insert(waiting.end(), std::make_move_iterator(entries.begin()),
-                           std::make_move_iterator(entries.end()));
-        }
-    }
-    return topTaken;
-}
-
-// After a record was made: the removal of its file meanwhile holds.
-void InotifySession::DropUnknownRecord(const std::string& path)
-{
-    bool known = false;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        known = known_.count(path) != 0;
-    }
-    if (!known) {
-        Monitor::RemoveRecord(path);
-    }
-}
-
-InotifySession::Finding InotifySession::TakeNote(const std::string& path, const struct stat& status, Mode mode)
-{
-    Finding finding;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    finding.covered = !stopping_ && IsCovered(path);
-    if (!finding.covered) {
-        return finding;
-    }
-    const auto [entry, fresh] = known_.try_emplace(path, status);
-    Known& file = entry->second;
-    finding.replaced = !fresh && file.status.inode != 0 && !file.IsSameFile(status);
-    if (finding.replaced) {
-        return finding;
-    }
-    finding.isNew = fresh || file.status.inode == 0 || (mode != kSilent && file.untold);
-    if (finding.isNew) {
-        const auto covering = std::count_if(rules_.begin(), rules_.end(), [&path](const WatchingPtr& watching) {
-            return Covers(watching->rule, path);
-        });
-        file.createTold = mode != kSilent;
-        file.untold = mode == kSilent && covering > 1;
-    } else if (mode == kCompare) {
-        finding.different = file.Differences(status);
-    }
-    if (finding.isNew || mode == kCompare) {
-        file.status = Known(status).status;
-        file.isDirectory = S_ISDIR(status.st_mode);
-    }
-    return finding;
-}
-
-bool InotifySession::IsCovered(const std::string& path) const
-{
-    return std::any_of(rules_.begin(), rules_.end(),
-                       [&path](const WatchingPtr& watching) { return Covers(watching->rule, path); });
-}
-
-// What the rules want to be told of a path by a watch of its own; 0: nothing.
-std::uint32_t InotifySession::WatchMask(const std::string& path, bool isDirectory) const
-{
-    std::uint32_t mask = 0;
-    for (const WatchingPtr& watching : rules_) {
-        const Rule& rule = watching->rule;
-        if (path == rule.path || (isDirectory && LooksInto(rule, path))) {
-            mask |= rule.mask & IN_ALL_EVENTS;
-        }
-        if (std::find(watching->above.begin(), watching->above.end(), path) != watching->above.end()) {
-            mask |= IN_CREATE;
-        }
-    }
-    return mask;
-}
-
-// Sets the mask of a watch that is there; false if the path is not that of the watch any more.
-bool InotifySession::SetMask(const std::string& path, bool isDirectory, int wd, std::uint32_t mask)
-{
-    constexpr std::uint32_t kDirectoryMask = IN_MOVE | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
-    const int set =
-        inotify_add_watch(watcher_.GetFd(), path.c_str(), mask | IN_DONT_FOLLOW | (isDirectory ? kDirectoryMask : 0U));
-    if (set == -1 || set == wd) {
-        return set == wd;
-    }
-    bool isOther = false;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        isOther = paths_.count(set) != 0;
-    }
-    if (!isOther) {  // a watch that nobody knows
-        inotify_rm_watch(watcher_.GetFd(), set);
-    }
-    return false;
-}
-
-// True if the path is watched or need not be.
-bool InotifySession::EnsureWatch(const std::string& path, bool isDirectory)
-{
-    std::uint32_t mask = 0;
-    int known = 0;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        mask = WatchMask(path, isDirectory);
-        const auto file = known_.find(path);
-        known = file == known_.end() ? 0 : file->second.wd;
-    }
-    if (mask == 0 || (known != 0 && SetMask(path, isDirectory, known, mask | IN_MASK_ADD))) {
-        return true;
-    }
-    const int wd = watcher_.AddWatch(path, mask | IN_MASK_ADD);
-    if (wd == 0) {
+    if (removed == nullptr) {
         return false;
     }
-    bool needed = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        needed = WatchMask(path, isDirectory) != 0;  // a rule may have gone meanwhile
-        if (needed) {
-            Assign(wd, path, isDirectory);
-        } else {
-            paths_.erase(wd);
-        }
+        const Turn turn(*this, Turn::kUntilFree);
+        tracker_.RemoveRule(removed);
     }
-    if (!needed) {
-        watcher_.RmWatch(wd);
-    }
+    removed->gate.Close();  // without the turn, which a callback may wait for
     return true;
 }
 
-// Says which path a watch stands for. A directory that was found elsewhere before has been moved.
-void InotifySession::Assign(int wd, const std::string& path, bool isDirectory)
-{
-    const auto [entry, fresh] = paths_.try_emplace(wd, path);
-    if (!fresh && entry->second != path) {
-        if (!isDirectory) {
-            return;
-        }
-        if (const auto old = known_.find(entry->second); old != known_.end() && old->second.wd == wd) {
-            old->second.wd = 0;
-        }
-        entry->second = path;
-    }
-    if (const auto file = known_.find(path); file != known_.end()) {
-        file->second.wd = wd;
-    }
-}
-
-void InotifySession::CountLack(const std::string& path)
+Monitor::WatchState InotifySession::GetState(const Rule& rule) const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (const WatchingPtr& watching : rules_) {
-        watching->lacking += LooksInto(watching->rule, path) ? 1 : 0;
+    const WatchRulePtr found = Find(rule);
+    if (found == nullptr) {
+        return Monitor::kNotWatched;
+    }
+    return found->isThere ? Monitor::kWatching : Monitor::kWaiting;
+}
+
+void InotifySession::Run()
+{
+    runner_ = std::this_thread::get_id();
+    while (!stopping_) {
+        WaitForWork();
+        KeepCurrentThreadAlive();
+        TakeRecords();
+        if (const Turn turn(*this, Turn::kShortly); turn.IsMine() && !stopping_) {
+            HandleRecords(turn);
+        }
+        LogLack();
+        Deliver();
+    }
+    runner_ = std::thread::id();
+}
+
+void InotifySession::WaitForWork()
+{
+    std::vector<pollfd> wanted = {{wakeEvent_.Get(), POLLIN, 0}, {mounts_.Get(), POLLPRI, 0}};
+    for (const int fd : host_.Descriptors()) {
+        wanted.push_back({fd, POLLIN, 0});
+    }
+    int waitMs = kWaitMs;
+    if (!records_.empty() || mountsChanged_ || hasLost_) {
+        waitMs = 0;
+    } else if (hasMoves_) {
+        waitMs = kPairWaitMs;
+    } else if (hasSuspects_) {
+        waitMs = kSuspectWaitMs;
+    }
+    const int ready = poll(wanted.data(), wanted.size(), waitMs);
+    std::uint64_t count = 0;
+    if (ready > 0 && wanted[0].revents != 0 && !stopping_) {
+        static_cast<void>(!read(wakeEvent_.Get(), &count, sizeof(count)));
+    }
+    if (ready > 0 && (wanted[1].revents & POLLPRI) != 0) {
+        mountsChanged_ = true;
     }
 }
 
-void InotifySession::TellLack()
+void InotifySession::TakeRecords()
 {
-    std::vector<std::pair<std::string, std::size_t>> told;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        for (const WatchingPtr& watching : rules_) {
-            if (watching->lacking > 0 && !std::exchange(watching->lackTold, true)) {
-                told.emplace_back(watching->rule.path, watching->lacking);
-            }
+    if (records_.size() < kMaxRecords) {
+        host_.ReadRecords(records_, kMaxRecords);
+        waiting_ = records_.size();
+    }
+}
+
+// During long work of the tracker.
+bool InotifySession::GoOn()
+{
+    KeepCurrentThreadAlive();
+    if (std::this_thread::get_id() == runner_.load()) {
+        TakeRecords();
+    }
+    return !stopping_;
+}
+
+void InotifySession::HandleMounts()
+{
+    if (mountsChanged_.exchange(false) && mounts_.IsValid()) {
+        ByteBuffer text;
+        if (FileOperation::ReadAllNosize(kMountsFile, text)) {
+            tracker_.SetMounts(std::string(reinterpret_cast<const char*>(text.GetBuffer()), text.GetSize()));
         }
     }
-    for (const auto& [path, lacking] : told) {
+}
+
+void InotifySession::HandleRecords(const Turn& /*turn*/)
+{
+    HandleMounts();
+    for (std::size_t i = 0; i < kRecordsPerTurn && !records_.empty() && !stopping_; ++i) {
+        const WatchRecord record = std::move(records_.front());
+        records_.pop_front();
+        try {
+            tracker_.Handle(record, Clock::MonotonicNs());
+        } catch (const std::exception& error) {  // no memory
+            NE_LOG(ERROR, "File event could not be handled.[error=%s]", error.what());
+            hasLost_ = true;
+        }
+    }
+    waiting_ = records_.size();
+    if (records_.empty() && !stopping_) {
+        HandleQuiet();
+    }
+}
+
+// All records are handled.
+void InotifySession::HandleQuiet()
+{
+    const std::int64_t now = Clock::MonotonicNs();
+    tracker_.EndMovesBefore(now - kPairWaitMs * Clock::kNsPerMs);
+    if (now - triedRoomNs_ >= kWaitMs * Clock::kNsPerMs) {
+        triedRoomNs_ = now;
+        host_.TryRoomAgain();
+    }
+    TakeRecords();
+    if (!records_.empty() || tracker_.HasMoves()) {
+        return;
+    }
+    if (const std::uint64_t overflows = host_.CountOverflows(); hasLost_ || overflows != overflows_) {
+        overflows_ = overflows;
+        hasLost_ = false;
+        NE_LOG(WARN, "Inotify queue has overflowed, the watched files are compared.[count=%llu]",
+               static_cast<unsigned long long>(overflows));
+        tracker_.Compare();
+    }
+    tracker_.LookAgain();
+}
+
+// Once for each rule, until it has all its watches.
+void InotifySession::LogLack()
+{
+    WatchRuleList rules;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        rules = rules_;
+    }
+    std::vector<std::pair<std::string, std::size_t>> lacks;
+    if (lacking_ == 0 && !hasLoggedLack_) {
+        return;
+    }
+    if (const Turn turn(*this, Turn::kShortly); turn.IsMine()) {
+        hasLoggedLack_ = lacking_ > 0;
+        for (const WatchRulePtr& rule : rules) {
+            const bool logs = lacking_ > 0 && !rule->hasLoggedLack;
+            const std::size_t lacking = logs ? tracker_.CountLacking(*rule) : 0;
+            if (lacking > 0) {
+                lacks.emplace_back(rule->rule.path, lacking);
+            }
+            rule->hasLoggedLack = lacking_ > 0 && (rule->hasLoggedLack || lacking > 0);
+        }
+    }
+    for (const auto& [path, lacking] : lacks) {
         NE_LOG(WARN, "Watch rule cannot have all its directories.[path=%s lacking=%zu]", path.c_str(), lacking);
     }
 }
 
-// Forgets a path and all below it. The kernel may have dropped the watches already.
-void InotifySession::TakeOut(const std::string& top)
+void InotifySession::Deliver()
 {
-    std::vector<std::string> gone;
-    std::vector<int> watches;
+    std::vector<Notification> notifications;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        ForEachAtOrBelow(known_, top, [&](KnownFiles::iterator file) {
-            gone.push_back(file->first);
-            const auto watch = paths_.find(file->second.wd);
-            if (watch != paths_.end() && watch->second == file->first) {
-                watches.push_back(watch->first);
-                paths_.erase(watch);
-            }
-            known_.erase(file);
-        });
+        notifications.swap(notifications_);
     }
-    for (const std::string& path : gone) {
-        Monitor::RemoveRecord(path);
-    }
-    for (const int wd : watches) {
-        inotify_rm_watch(watcher_.GetFd(), wd);
-        watcher_.RmInvalidWatch(wd);
+    std::size_t calls = 0;
+    for (const Notification& notification : notifications) {
+        if (stopping_) {
+            return;
+        }
+        Call(notification);
+        if (++calls % kCallsPerPause == 0) {
+            KeepCurrentThreadAlive();
+            TakeRecords();
+        }
     }
 }
 
-std::vector<InotifySession::WatchingPtr> InotifySession::Covering(const std::string& path)
+void InotifySession::Call(const Notification& notification)
 {
-    std::vector<WatchingPtr> covering;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    std::copy_if(rules_.begin(), rules_.end(), std::back_inserter(covering),
-                 [&path](const WatchingPtr& watching) { return Covers(watching->rule, path); });
-    return covering;
-}
-
-bool InotifySession::IsLookedInto(const std::string& path)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return std::any_of(rules_.begin(), rules_.end(),
-                       [&path](const WatchingPtr& watching) { return LooksInto(watching->rule, path); });
+    const Monitor::FileEvent& event = notification.event;
+    const Rule& rule = notification.rule->given;
+    try {
+        notification.rule->gate.Call([&] { rule.callback(event, rule.userData); });
+    } catch (const std::exception& error) {
+        NE_LOG(ERROR, "File event callback has failed.[path=%s error=%s]", event.path.c_str(), error.what());
+    } catch (...) {
+        NE_LOG(ERROR, "File event callback has failed.[path=%s]", event.path.c_str());
+    }
 }
 
 }  // namespace NEUtils

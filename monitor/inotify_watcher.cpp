@@ -14,6 +14,7 @@
 #include "util/bounded.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
+#include "util/rate_limiter.h"
 
 namespace NEUtils {
 
@@ -21,22 +22,14 @@ namespace {
 
 constexpr char kAllowanceFile[] = "/proc/sys/fs/inotify/max_user_watches";
 constexpr unsigned long kPercentOfAllowance = 70;
-constexpr double kErrorPeriodMs = 900000;
+constexpr std::int64_t kErrorPeriodMs = 900000;
 constexpr long kPollNs = 10 * Clock::kNsPerMs;
 constexpr std::size_t kMaxEvents = 300;
 constexpr std::uint32_t kHeaderSize = sizeof(inotify_event);
 constexpr std::uint32_t kDirectoryMask =
     IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
 
-std::atomic<std::int64_t> g_refusalToldMs{0};
-
-// True once in each period, for all watchers together.
-bool MayTellRefusal()
-{
-    const std::int64_t now = Clock::WallMs();
-    std::int64_t last = g_refusalToldMs;
-    return static_cast<double>(now - last) > kErrorPeriodMs && g_refusalToldMs.compare_exchange_strong(last, now);
-}
+RateLimiter g_refusalRecords(kErrorPeriodMs);  // of all watchers together
 
 // The whole length of the record that begins here, which may be more than there is.
 std::uint64_t RecordLength(const char* record, std::uint32_t left)
@@ -52,6 +45,7 @@ std::uint64_t RecordLength(const char* record, std::uint32_t left)
 
 bool InotifyWatcher::Init()
 {
+    // Close-on-exec beside the fixed flag: else every program that the process starts would keep the watches alive.
     fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd_ == -1) {
         const int error = errno;
@@ -99,7 +93,7 @@ int InotifyWatcher::AddWatch(const std::string& path, std::uint32_t mask)
         isFull = watchers > limit_;  // kept: one more than the limit
     }
     if (path.empty() || isFull) {
-        if (MayTellRefusal()) {
+        if (g_refusalRecords.Allow(Clock::WallMs())) {
             NE_LOG(ERROR, "Add inotify watch failed.[path=%s, watchers=%zu]", path.c_str(), watchers);
         }
         return 0;
@@ -232,6 +226,12 @@ std::size_t InotifyWatcher::GetWatchCount() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     return paths_.size();
+}
+
+std::uint32_t InotifyWatcher::GetLimit() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return limit_;
 }
 
 std::string InotifyWatcher::GetPathByWatch(int wd) const

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "monitor/tracker_state.h"
+#include "monitor/tree_reader.h"
+
+namespace NEUtils {
+
+// Takes a known file, with all below it, to another path.
+class Renamer {
+public:
+    Renamer(TrackerState& state, TreeReader& reader) : state_(state), reader_(reader) {}
+
+    // Both paths are entries of directories that are looked into, and the look is one at the new path.
+    void Rename(WatchedFile& file, const std::string& from, WatchedFile& directory, const std::string& name,
+                const TrackerState::Look& look);
+
+private:
+    // One of the files whose path changes, and who covered it.
+    struct Moved {
+        WatchedFile* file;
+        std::string from;
+        WatchRuleList before;
+    };
+    void Replace(WatchedFile& target, const std::string& to, const WatchRuleList& before);
+    void Notify(const Moved& moved, const Moved& top, const std::string& to, const WatchRuleList& after);
+    [[nodiscard]] std::vector<Moved> ListMoved(WatchedFile& top) const;
+    bool FollowRules(const std::vector<Moved>& all);
+
+    TrackerState& state_;
+    TreeReader& reader_;
+};
+
+}  // namespace NEUtils

@@ -1,0 +1,167 @@
+#include "monitor/rule_placer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "monitor/watch_scope.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr int kMaxLinks = 40;  // as many as the kernel follows
+constexpr int kMaxRounds = 8;  // of a way that changes while it is being watched
+
+// The names of a path, last first.
+std::vector<std::string> NamesOf(const std::string& path)
+{
+    std::vector<std::string> names;
+    for (std::size_t start = 0; start < path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        if (end > start) {
+            names.push_back(path.substr(start, end - start));
+        }
+        start = end + 1;
+    }
+    std::reverse(names.begin(), names.end());
+    return names;
+}
+
+std::string WithRest(std::string path, const std::vector<std::string>& rest)
+{
+    std::for_each(rest.rbegin(), rest.rend(), [&path](const auto& name) { path = Monitor::EntryOf(path, name); });
+    return path;
+}
+
+}  // namespace
+
+RulePlacer::Way RulePlacer::Resolve(const Monitor::FileWatchRule& given) const
+{
+    if (given.recursive) {
+        Way way = Follow(given.path, true);
+        if (way.isDirectory) {
+            return way;
+        }
+    }
+    return Follow(given.path, false);
+}
+
+RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) const
+{
+    Way way;
+    way.path = "/";
+    way.isThere = true;
+    way.isDirectory = true;
+    int links = 0;
+    std::vector<std::string> left = NamesOf(path);
+    if (left.empty()) {
+        way.names.emplace_back("/");
+    }
+    while (!left.empty() && way.isThere) {
+        const std::string name = std::move(left.back());
+        left.pop_back();
+        if (name == "." || name == "..") {
+            way.path = name == "." ? way.path : Monitor::ParentOf(way.path);
+            continue;
+        }
+        const std::string next = Monitor::EntryOf(way.path, name);
+        if (std::find(way.names.begin(), way.names.end(), next) == way.names.end()) {
+            way.names.push_back(next);
+        }
+        struct stat status = {};
+        std::string target;
+        const bool isFound = state_.host.Look(next, status);
+        if (isFound && S_ISLNK(status.st_mode) && (!left.empty() || followsLast) && ++links <= kMaxLinks &&
+            state_.host.ReadLink(next, target) && !target.empty()) {
+            std::vector<std::string> names = NamesOf(target);
+            left.insert(left.end(), names.begin(), names.end());
+            way.path = target[0] == '/' ? "/" : way.path;
+            continue;
+        }
+        way.isDirectory = isFound && S_ISDIR(status.st_mode);
+        way.isThere = isFound && (way.isDirectory || left.empty());
+        way.path = way.isThere ? next : WithRest(next, left);
+    }
+    return way;
+}
+
+void RulePlacer::Place(const WatchRulePtr& rule, bool isNew)
+{
+    const std::string before = rule->rule.path;
+    Way way = Resolve(rule->given);
+    for (int round = 0; round < kMaxRounds; ++round) {
+        if (way.path != rule->rule.path && !isNew) {  // while the tree still knows what the rule has covered
+            if (WatchedFile* file = state_.tree.Find(rule->rule.path); file != nullptr && file->isKnown) {
+                state_.NotifyDeleted({rule}, rule->rule.path, *file, true);
+            }
+        }
+        SetWay(*rule, way);
+        Way again = Resolve(rule->given);
+        if (again.path == way.path && again.names == way.names) {
+            break;
+        }
+        way = std::move(again);
+    }
+    const bool isElsewhere = before != rule->rule.path && !isNew;
+    if (isElsewhere) {
+        reader_.Uncover(before);
+    }
+    TreeReader::Manner manner;
+    manner.silentFor = isNew ? rule.get() : nullptr;
+    manner.newFor = isElsewhere ? rule : nullptr;
+    reader_.Read(rule->rule.path, manner);
+    const WatchedFile* file = state_.tree.Find(rule->rule.path);
+    rule->isThere = file != nullptr && file->isKnown;
+}
+
+void RulePlacer::TakeOut(const WatchRulePtr& rule)
+{
+    const std::string path = rule->rule.path;
+    Way nowhere;
+    nowhere.path = path;
+    SetWay(*rule, nowhere);
+    state_.rules.Remove(rule);
+    state_.unplaced.erase(std::remove(state_.unplaced.begin(), state_.unplaced.end(), rule), state_.unplaced.end());
+    WatchedTree::ForEach(state_.tree.Root(), [&rule](WatchedFile& file) {
+        file.notHeardBy = file.notHeardBy == rule.get() ? nullptr : file.notHeardBy;
+    });
+    reader_.Uncover(path);
+    rule->isThere = false;
+}
+
+void RulePlacer::SetWay(WatchRule& rule, Way way)
+{
+    for (const std::string& directory : state_.rules.SetWay(rule, std::move(way.path), std::move(way.names))) {
+        WatchWay(directory);
+    }
+}
+
+void RulePlacer::WatchWay(const std::string& directory)
+{
+    if (!state_.rules.HoldsWay(directory)) {
+        if (WatchedFile* file = state_.tree.Find(directory); file != nullptr && file->entries != nullptr) {
+            file->entries->holdsWay = false;
+            reader_.Keeper().Narrow(*file, directory);
+            state_.tree.Prune(file);
+        }
+        return;
+    }
+    WatchedFile& file = state_.tree.AddPath(directory);
+    WatchedTree::MakeDirectory(file);
+    reader_.FindRulesInside(file);
+    struct stat status = {};
+    if (!state_.host.Look(directory, status)) {
+        return;
+    }
+    if (!file.status.IsSameFile(FileStatus(status))) {
+        if (file.isKnown) {  // the reading that follows, or a record, says so
+            state_.Suspect(directory);
+            return;
+        }
+        reader_.Keeper().Drop(file);
+        state_.tree.SetStatus(file, FileStatus(status));
+    }
+    static_cast<void>(reader_.Keeper().Ensure(file, directory));
+}
+
+}  // namespace NEUtils

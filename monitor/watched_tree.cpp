@@ -1,0 +1,273 @@
+#include "monitor/watched_tree.h"
+
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "monitor/watch_scope.h"
+
+namespace NEUtils {
+
+namespace {
+
+bool IsEqual(const timespec& one, const timespec& other)
+{
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+}  // namespace
+
+FileStatus::FileStatus(const struct stat& status)
+    : device(status.st_dev),
+      inode(status.st_ino),
+      mode(status.st_mode),
+      uid(status.st_uid),
+      gid(status.st_gid),
+      links(status.st_nlink),
+      size(status.st_size),
+      written(status.st_mtim),
+      changed(status.st_ctim)
+{
+}
+
+bool FileStatus::IsSameFile(const FileStatus& other) const
+{
+    return inode == other.inode && device == other.device && S_ISDIR(mode) == S_ISDIR(other.mode);
+}
+
+std::uint32_t FileStatus::Differences(const FileStatus& now) const
+{
+    std::uint32_t bits = 0;
+    const bool isFile = !S_ISDIR(mode);
+    if (isFile && (size != now.size || !IsEqual(written, now.written))) {
+        bits |= IN_MODIFY | IN_CLOSE_WRITE;
+    }
+    if (mode != now.mode || uid != now.uid || gid != now.gid ||
+        (isFile && (links != now.links || (bits == 0 && !IsEqual(changed, now.changed))))) {
+        bits |= IN_ATTRIB;
+    }
+    return bits;
+}
+
+struct stat FileStatus::AsStat() const
+{
+    struct stat status = {};
+    status.st_dev = device;
+    status.st_ino = inode;
+    status.st_mode = mode;
+    status.st_uid = uid;
+    status.st_gid = gid;
+    status.st_nlink = links;
+    status.st_size = size;
+    status.st_mtim = written;
+    status.st_ctim = changed;
+    return status;
+}
+
+std::string WatchedFile::Path() const
+{
+    if (parent == nullptr) {
+        return "/";
+    }
+    const std::string& above = parent->entries->path;
+    std::string path;
+    path.reserve(above.size() + 1 + name.size());
+    path += above;
+    if (above.size() > 1) {
+        path += '/';
+    }
+    return path += name;
+}
+
+WatchedTree::WatchedTree()
+{
+    MakeDirectory(root_);
+}
+
+WatchedFile* WatchedTree::Entry(const WatchedFile& directory, std::string_view name)
+{
+    if (directory.entries == nullptr) {
+        return nullptr;
+    }
+    const auto found = directory.entries->files.find(name);
+    return found == directory.entries->files.end() ? nullptr : found->second.get();
+}
+
+WatchedFile* WatchedTree::Find(const std::string& path)
+{
+    WatchedFile* file = &root_;
+    for (std::size_t start = 1; start < path.size() && file != nullptr;) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        file = Entry(*file, std::string_view(path).substr(start, end - start));
+        start = end + 1;
+    }
+    return file;
+}
+
+WatchedFile& WatchedTree::Add(WatchedFile& directory, const std::string& name)
+{
+    if (WatchedFile* there = Entry(directory, name); there != nullptr) {
+        return *there;
+    }
+    MakeDirectory(directory);
+    auto file = std::make_unique<WatchedFile>();
+    file->parent = &directory;
+    file->name = name;
+    WatchedFile& added = *file;
+    directory.entries->files.emplace(added.name, std::move(file));
+    return added;
+}
+
+WatchedFile& WatchedTree::AddPath(const std::string& path)
+{
+    WatchedFile* file = &root_;
+    for (std::size_t start = 1; start < path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        file = &Add(*file, path.substr(start, end - start));
+        start = end + 1;
+    }
+    return *file;
+}
+
+void WatchedTree::MakeDirectory(WatchedFile& file)
+{
+    if (file.entries == nullptr) {
+        file.entries = std::make_unique<WatchedFile::Entries>();
+        file.entries->path = file.Path();
+        file.isDirectory = true;
+    }
+}
+
+void WatchedTree::Remove(WatchedFile& file)
+{
+    ForEach(file, [this](WatchedFile& one) {
+        SetWatch(one, 0);
+        SetLacking(one, false);
+    });
+    if (file.parent == nullptr) {  // the root has always its place
+        file.entries->files.clear();
+        file.status = {};
+        file.isKnown = false;
+        return;
+    }
+    WatchedFile& directory = *file.parent;
+    const auto place = directory.entries->files.find(file.name);
+    const std::unique_ptr<WatchedFile> removed = std::move(place->second);  // outlives its key
+    directory.entries->files.erase(place);
+}
+
+void WatchedTree::Move(WatchedFile& file, WatchedFile& directory, const std::string& name)
+{
+    MakeDirectory(directory);
+    auto& files = file.parent->entries->files;
+    const auto place = files.find(file.name);
+    std::unique_ptr<WatchedFile> moved = std::move(place->second);
+    files.erase(place);
+    moved->parent = &directory;
+    moved->name = name;
+    directory.entries->files[moved->name] = std::move(moved);
+    ForEach(file, [](WatchedFile& one) {
+        if (one.entries != nullptr) {
+            one.entries->path = one.Path();
+        }
+    });
+}
+
+void WatchedTree::Prune(WatchedFile* file)
+{
+    while (file != nullptr && file->parent != nullptr && !file->isKnown && file->watch == 0 &&
+           (file->entries == nullptr || (file->entries->files.empty() && !file->entries->holdsWay))) {
+        WatchedFile* const above = file->parent;
+        Remove(*file);
+        file = above;
+    }
+}
+
+void WatchedTree::ForEach(WatchedFile& top, const std::function<void(WatchedFile&)>& function)
+{
+    std::vector<WatchedFile*> waiting{&top};
+    while (!waiting.empty()) {
+        WatchedFile& file = *waiting.back();
+        waiting.pop_back();
+        function(file);
+        if (file.entries != nullptr) {
+            for (const auto& [name, entry] : file.entries->files) {
+                waiting.push_back(entry.get());
+            }
+        }
+    }
+}
+
+void WatchedTree::SetStatus(WatchedFile& file, const FileStatus& status)
+{
+    if (file.watch != 0 && !file.status.IsSameFile(status)) {
+        ForgetInode(file);
+        inodes_[{status.device, status.inode}] = file.watch;
+    }
+    file.status = status;
+    if (status.IsSeen()) {
+        file.isDirectory = S_ISDIR(status.mode);
+    }
+}
+
+void WatchedTree::ForgetInode(const WatchedFile& file)
+{
+    const auto inode = inodes_.find({file.status.device, file.status.inode});
+    if (inode != inodes_.end() && inode->second == file.watch) {
+        inodes_.erase(inode);
+    }
+}
+
+void WatchedTree::SetWatch(WatchedFile& file, WatchId watch)
+{
+    if (file.watch == watch) {
+        return;
+    }
+    if (const auto old = watches_.find(file.watch); old != watches_.end()) {
+        auto& files = old->second;
+        files.erase(std::remove(files.begin(), files.end(), &file), files.end());
+        if (files.empty()) {
+            ForgetInode(file);
+            watches_.erase(old);
+        }
+    }
+    file.watch = watch;
+    if (watch != 0) {
+        watches_[watch].push_back(&file);
+        inodes_[{file.status.device, file.status.inode}] = watch;
+        SetLacking(file, false);
+    }
+}
+
+std::vector<WatchedFile*> WatchedTree::WatchedBy(WatchId watch) const
+{
+    const auto found = watches_.find(watch);
+    return found == watches_.end() ? std::vector<WatchedFile*>() : found->second;
+}
+
+WatchedFile* WatchedTree::OnlyWatchedBy(WatchId watch) const
+{
+    const auto found = watches_.find(watch);
+    return found == watches_.end() || found->second.size() != 1 ? nullptr : found->second.front();
+}
+
+WatchId WatchedTree::WatchOf(const FileStatus& status) const
+{
+    const auto found = inodes_.find({status.device, status.inode});
+    return found == inodes_.end() ? 0 : found->second;
+}
+
+void WatchedTree::SetLacking(WatchedFile& file, bool lacks)
+{
+    if (lacks != file.lacksWatch) {
+        file.lacksWatch = lacks;
+        if (lacks) {
+            lacking_.insert(&file);
+        } else {
+            lacking_.erase(&file);
+        }
+    }
+}
+
+}  // namespace NEUtils
