@@ -21,6 +21,11 @@ inline constexpr std::uint32_t kMsgRepeats = 13;        // process events that w
 // connection up.
 inline constexpr std::uint32_t kMsgHeartbeat = 15;
 
+// Asks the server for a sign of life, with no items; it answers like to a report. A server answers every
+// request, also of a type that it does not know: an agent that gets no answer for 30 seconds gives the
+// connection up.
+inline constexpr std::uint32_t kMsgHeartbeat = 13;
+
 // Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and
 // kTagStatus, but for commands that are too long or too many.
 inline constexpr std::uint32_t kMsgPolicy = 9;   // kTagFeature, kTagEnable and, where a new one is to hold, kTagPolicy

@@ -6,17 +6,24 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "item_text.h"
 #include "report_messages.h"
 #include "tlv.h"
 
 namespace {
 
 using namespace NEUtils;
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
-constexpr int kMaxDepth = 32;  // whoever prints or destroys JSON goes as deep into the stack
+constexpr int kMaxDepth = 32;
+constexpr std::size_t kMaxMembers = 2000;
 constexpr std::size_t kMaxReason = 16384;
 constexpr const char* kResults[] = {"done", "malformed", "unknown", "refused", "busy", "failed"};
+
+std::string ToLine(const json& value)
+{
+    return value.dump(-1, ' ', true, json::error_handler_t::replace);
+}
 
 std::string ReadResult(const TLVAnalyzer& items, std::int32_t& result)
 {
@@ -40,7 +47,7 @@ const std::string* Member(const json& value, const char* name)
     return member == value.end() ? nullptr : member->get_ptr<const std::string*>();
 }
 
-// Of what the agent lists in another form there is only the JSON text to be had.
+// Names and states, as far as the agent lists them in the form that is expected.
 std::string ListFeatures(const json& status)
 {
     std::string list;
@@ -58,38 +65,31 @@ std::string ListFeatures(const json& status)
     return list;
 }
 
-// How deep arrays and objects lie in one another.
-int DepthOf(const std::string& text)
-{
-    int depth = 0;
-    int deepest = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char letter = text[i];
-        if (inString) {
-            i += letter == '\\' ? 1 : 0;
-            inString = letter != '"';
-        } else {
-            inString = letter == '"';
-            depth += letter == '{' || letter == '[' ? 1 : letter == '}' || letter == ']' ? -1 : 0;
-            deepest = std::max(deepest, depth);
-        }
-    }
-    return deepest;
-}
-
+// Whoever prints JSON goes as deep into the stack as it is nested, and looking a member up takes longer with each.
 std::string ReadStatus(Answer& answer)
 {
-    if (DepthOf(answer.status) > kMaxDepth) {
+    int deepest = 0;
+    std::size_t members = 0;
+    const auto look = [&](int depth, json::parse_event_t event, const json&) {
+        const bool isContainer =
+            event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
+        deepest = std::max(deepest, isContainer ? depth + 1 : 0);
+        members += event == json::parse_event_t::key ? 1 : 0;
+        return deepest <= kMaxDepth && members <= kMaxMembers;  // what is refused is not kept either
+    };
+    json status = json::parse(answer.status, look, false);
+    if (deepest > kMaxDepth) {
         return "status is nested too deeply";
     }
-    const json status = json::parse(answer.status, nullptr, false);
+    if (members > kMaxMembers) {
+        return "status has more than " + std::to_string(kMaxMembers) + " members";
+    }
     if (!status.is_object()) {
         return "status is no JSON object";
     }
-    answer.statusJson = status.dump(-1, ' ', true, json::error_handler_t::replace);
     answer.features = ListFeatures(status);
-    return CheckLength("status in ASCII", answer.statusJson, kMaxStatusText);
+    answer.statusJson = std::move(status);
+    return CheckLength("status in ASCII", ToLine(answer.statusJson), kMaxStatusText);
 }
 
 // Gives what is wrong; there need not be such a text.
@@ -145,7 +145,7 @@ std::string AnswerText(const Sender& sender, const Command& command, const Answe
 
 std::string AnswerJson(const Sender& sender, const Command& command, const Answer& answer)
 {
-    nlohmann::ordered_json object = {{"agent", sender.number}, {"peer", sender.peer}, {"type", "answer"}};
+    json object = {{"agent", sender.number}, {"peer", sender.peer}, {"type", "answer"}};
     object["command"] = command.type == kMsgPolicy ? "policy" : "status";
     if (command.type == kMsgPolicy) {
         object["feature"] = command.feature;
@@ -155,10 +155,9 @@ std::string AnswerJson(const Sender& sender, const Command& command, const Answe
     if (!answer.reason.empty()) {
         object["reason"] = answer.reason;
     }
-    std::string line = object.dump(-1, ' ', true, json::error_handler_t::replace);
-    if (!answer.statusJson.empty()) {  // an ordered object would take too long to fill with many members
-        line.pop_back();
-        line.append(",\"status\":").append(answer.statusJson).append("}");
+    if (!answer.statusJson.is_null()) {
+        object["status"] = answer.statusJson;
     }
-    return line;
+    object["received"] = NowMs();
+    return ToLine(object);
 }

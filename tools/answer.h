@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "basecomm.h"
@@ -11,9 +12,9 @@
 struct Answer {
     std::int32_t result = 0;  // 0 or a CommandResult, of a newer agent any number
     std::string reason;
-    std::string status;      // as it came, a JSON object; or nothing, as the two that come from it
-    std::string statusJson;  // in ASCII, on one line
-    std::string features;    // the name and the state of each
+    std::string status;                 // as it came, a JSON object; or nothing
+    nlohmann::ordered_json statusJson;  // the same; null without one
+    std::string features;               // the name and the state of each
 };
 
 // The body must be the header's length. Gives what is wrong with it, or nothing.

@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "basecomm.h"
+#include "item_text.h"
 #include "report_messages.h"
-#include "report_text.h"
 #include "tlv.h"
 
 namespace {

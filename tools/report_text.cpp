@@ -1,124 +1,16 @@
 #include "report_text.h"
 
 #include <chrono>
-#include <cstring>
 #include <ctime>
-#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "tlv.h"
+#include "item_text.h"
 
 namespace {
 
 using namespace NEUtils;
-
-struct ItemKind {
-    ReportTag tag;
-    const char* name;
-    std::size_t size;  // 0: text
-};
-
-// In the order of printing: a command line may imitate whatever would follow it.
-constexpr ItemKind kItemKinds[] = {
-    {kTagTime, "time", 8},           {kTagEvent, "event", 4},
-    {kTagCount, "count", 8},         {kTagPid, "pid", 4},
-    {kTagParentPid, "ppid", 4},      {kTagUser, "user", 0},
-    {kTagContainer, "container", 0}, {kTagExitCode, "exitCode", 4},
-    {kTagSignal, "signal", 4},       {kTagAction, "action", 0},
-    {kTagDigest, "sha256", 0},       {kTagChange, "change", 0},
-    {kTagOldPath, "oldPath", 0},     {kTagPath, "path", 0},
-    {kTagCmdLine, "cmdLine", 0},
-};
-static_assert(std::tuple_size_v<decltype(Report::items)> == std::size(kItemKinds) + 1);
-
-struct EventKind {
-    ProcessEvent event;
-    const char* type;
-    ReportTag needed;
-};
-
-constexpr EventKind kEventKinds[] = {
-    {kProcessExecuted, "executed", kTagPid},
-    {kProcessExited, "exited", kTagExitCode},
-    {kProcessKilled, "killed", kTagSignal},
-};
-
-const std::int64_t* Number(const Report& report, ReportTag tag)
-{
-    return std::get_if<std::int64_t>(&report.items[tag]);
-}
-
-std::string ReadItem(const ItemKind& kind, const TLVValue& value, Report& report)
-{
-    std::string text;
-    std::int64_t number = 0;
-    int shortNumber = 0;
-    if (kind.size == 0 && value.AsString(text)) {
-        report.items[kind.tag] = std::move(text);
-    } else if (kind.size == sizeof(shortNumber) && value.AsInt(shortNumber)) {
-        report.items[kind.tag] = shortNumber;
-    } else if (kind.size == sizeof(number) && value.GetLength() == sizeof(number) && value.GetData() != nullptr) {
-        std::memcpy(&number, value.GetData(), sizeof(number));
-        report.items[kind.tag] = number;
-    } else if (kind.size != 0) {
-        return std::string(kind.name) + " has " + std::to_string(value.GetLength()) + " bytes";
-    }
-    return {};
-}
-
-std::string CheckItems(const Report& report, std::initializer_list<ReportTag> needed)
-{
-    for (const ItemKind& kind : kItemKinds) {
-        for (const ReportTag tag : needed) {
-            if (kind.tag == tag && Number(report, tag) == nullptr) {
-                return std::string(kind.name) + " is missing";
-            }
-        }
-    }
-    return {};
-}
-
-std::string CheckProcess(Report& report)
-{
-    std::string fault = CheckItems(report, {kTagTime, kTagEvent, kTagPid});
-    if (!fault.empty()) {
-        return fault;
-    }
-    report.type = "process";  // of an event that only a newer agent knows, perhaps
-    for (const EventKind& kind : kEventKinds) {
-        if (*Number(report, kTagEvent) == kind.event) {
-            report.type = kind.type;
-            report.items[kTagEvent].emplace<std::monostate>();  // said by the type
-            return CheckItems(report, {kind.needed});
-        }
-    }
-    return {};
-}
-
-// The length of the UTF-8 character that the text begins with; 0 for a control character and a wrong byte.
-std::size_t LetterLength(std::string_view text)
-{
-    constexpr std::uint32_t kLeast[] = {0xA0, 0x800, 0x10000};  // below 0xA0 are controls
-    const auto first = static_cast<unsigned char>(text[0]);
-    if (first < 0x80) {
-        return first >= ' ' && first != 0x7F ? 1 : 0;
-    }
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC0 || first >= 0xF8 || text.size() < length) {
-        return 0;
-    }
-    std::uint32_t code = first & (0x7FU >> length);
-    for (const char letter : text.substr(1, length - 1)) {
-        const auto byte = static_cast<unsigned char>(letter);
-        if ((byte & 0xC0U) != 0x80) {
-            return 0;
-        }
-        code = (code << 6U) | (byte & 0x3FU);
-    }
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    return code >= kLeast[length - 2] && code <= 0x10FFFF && !surrogate ? length : 0;
-}
+using nlohmann::ordered_json;
 
 std::string LocalTime(std::int64_t timeMs)
 {
@@ -132,75 +24,120 @@ std::string LocalTime(std::int64_t timeMs)
     return std::string(text) + "." + std::to_string(1000 + milliseconds).substr(1);
 }
 
+const std::string* FindText(const Report& report, std::size_t kind)
+{
+    return std::get_if<std::string>(&report.items[kind]);
+}
+
+// The place of the last text, which needs no quotes since nothing follows it; the number of kinds without one.
+std::size_t FindLastText(const Report& report)
+{
+    std::size_t last = std::size(kItemKinds);
+    for (std::size_t kind = 0; kind < std::size(kItemKinds); ++kind) {
+        last = FindText(report, kind) != nullptr ? kind : last;
+    }
+    return last;
+}
+
+void AppendItem(std::string& line, const Report& report, std::size_t kind)
+{
+    const std::string* text = FindText(report, kind);
+    line.append(" ").append(kItemKinds[kind].name).append("=");
+    if (text == nullptr) {
+        line.append(std::to_string(std::get<std::int64_t>(report.items[kind])));
+    } else if (kItemKinds[kind].tag == kTagChange) {  // holds blanks
+        line.append("[");
+        AppendPrintable(line, *text);
+        line.append("]");
+    } else {
+        AppendQuoted(line, *text);
+    }
+}
+
+void AppendOthers(std::string& line, const Report& report)
+{
+    for (const Report::Other& other : report.others) {
+        line.append(" item").append(std::to_string(other.tag)).append("=");
+        AppendRaw(line, other.bytes);
+    }
+    if (report.omitted > 0) {
+        line.append(" omitted=").append(std::to_string(report.omitted));
+    }
+}
+
 void AppendItems(std::string& line, const Report& report)
 {
-    for (const ItemKind& kind : kItemKinds) {
-        const auto& item = report.items[kind.tag];
-        if (item.index() == 0 || kind.tag == kTagTime) {
-            continue;
-        }
-        line.append(" ").append(kind.name).append("=");
-        if (const auto* text = std::get_if<std::string>(&item)) {
-            const bool isList = kind.tag == kTagChange;  // holds blanks
-            line.append(isList ? "[" : "");
-            AppendPrintable(line, *text);
-            line.append(isList ? "]" : "");
-        } else {
-            line.append(std::to_string(std::get<std::int64_t>(item)));
+    const std::size_t last = FindLastText(report);
+    for (std::size_t kind = 0; kind < std::size(kItemKinds); ++kind) {
+        const bool isInLine = kItemKinds[kind].tag == kTagTime;
+        if (kind != last && !isInLine && report.items[kind].index() != 0) {
+            AppendItem(line, report, kind);
         }
     }
+    AppendOthers(line, report);
+    if (last == std::size(kItemKinds)) {
+        return;
+    }
+    if (kItemKinds[last].tag == kTagChange) {
+        AppendItem(line, report, last);
+    } else {
+        line.append(" ").append(kItemKinds[last].name).append("=");
+        AppendPrintable(line, *FindText(report, last));
+    }
+}
+
+ordered_json OthersJson(const Report& report)
+{
+    ordered_json list = ordered_json::array();
+    for (const Report::Other& other : report.others) {
+        const RawValue value = GuessValue(other.bytes);
+        ordered_json item = {{"tag", other.tag}};
+        if (value.kind == RawValue::kNumber) {
+            item["number"] = value.number;
+        } else {
+            item[value.kind == RawValue::kText ? "text" : "bytes"] = value.text;
+        }
+        item["length"] = other.bytes.size();
+        list.push_back(std::move(item));
+    }
+    return list;
+}
+
+// Only ASCII: other control characters than the first 32 would stay as they are.
+std::string ToLine(const ordered_json& object)
+{
+    return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
 }
 
 }  // namespace
 
-std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Report& report)
-{
-    report.header = header;
-    if (!IsRequestMessage(header.type) || header.type > kMsgAccess) {
-        return {};
-    }
-    TLVAnalyzer items(body, static_cast<int>(header.length));
-    if (!items.Analyze(kSwapReport)) {
-        return "the body is empty or not made of whole items";
-    }
-    for (const ItemKind& kind : kItemKinds) {
-        const TLVValue value = items[kind.tag];
-        std::string fault = value.GetTag() == kind.tag ? ReadItem(kind, value, report) : std::string();
-        if (!fault.empty()) {
-            return fault;
-        }
-    }
-    if (header.type == kMsgProcess) {
-        return CheckProcess(report);
-    }
-    if (header.type == kMsgDroppedReports) {
-        report.type = "dropped";
-        return CheckItems(report, {kTagCount});
-    }
-    report.type = header.type == kMsgFile ? "file" : "access";
-    return report.items[kTagPath].index() == 0 ? "path is missing" : std::string();
-}
-
 std::string ReportText(const Sender& sender, const Report& report)
 {
-    const std::int64_t* timeMs = Number(report, kTagTime);
+    const std::int64_t* timeMs = FindNumber(report, kTagTime);
     std::string line = LineStart(sender, timeMs == nullptr ? NowMs() : *timeMs);
-    if (report.type == nullptr) {
+    if (report.header.type == kMsgDroppedReports) {
+        line.append("dropped ").append(std::to_string(*FindNumber(report, kTagCount))).append(" reports");
+        AppendOthers(line, report);
+        return line;
+    }
+    if (report.type != nullptr) {
+        line.append(report.type);
+    } else {
         line.append("type=").append(std::to_string(report.header.type));
         line.append(" seq=").append(std::to_string(report.header.seq));
         line.append(" length=").append(std::to_string(report.header.length));
-    } else if (report.header.type == kMsgDroppedReports) {
-        line.append("dropped ").append(std::to_string(*Number(report, kTagCount))).append(" reports");
-    } else {
-        line.append(report.type);
-        AppendItems(line, report);
     }
+    if (!report.body.empty()) {
+        line.append(" body=");
+        AppendRaw(line, report.body);
+    }
+    AppendItems(line, report);
     return line;
 }
 
 std::string ReportJson(const Sender& sender, const Report& report)
 {
-    nlohmann::ordered_json object = {{"agent", sender.number}, {"peer", sender.peer}};
+    ordered_json object = {{"agent", sender.number}, {"peer", sender.peer}};
     if (report.type == nullptr) {
         object["type"] = report.header.type;
         object["seq"] = report.header.seq;
@@ -209,26 +146,31 @@ std::string ReportJson(const Sender& sender, const Report& report)
         object["type"] = report.type;
         object["seq"] = report.header.seq;
     }
-    for (const ItemKind& kind : kItemKinds) {
-        const auto& item = report.items[kind.tag];
-        if (item.index() == 0) {
-            continue;
-        }
-        if (const auto* text = std::get_if<std::string>(&item)) {
-            object[kind.name] = *text;
-        } else {
-            object[kind.name] = std::get<std::int64_t>(item);
+    for (std::size_t kind = 0; kind < std::size(kItemKinds); ++kind) {
+        if (const std::string* text = FindText(report, kind); text != nullptr) {
+            object[kItemKinds[kind].name] = *text;
+        } else if (report.items[kind].index() != 0) {
+            object[kItemKinds[kind].name] = std::get<std::int64_t>(report.items[kind]);
         }
     }
-    // Only ASCII: other control characters than the first 32 would stay as they are.
-    return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+    if (!report.body.empty()) {
+        const RawValue body = GuessValue(report.body);
+        object["body"] = body.kind == RawValue::kNumber ? ordered_json(body.number) : ordered_json(body.text);
+    }
+    if (!report.others.empty()) {
+        object["items"] = OthersJson(report);
+    }
+    if (report.omitted > 0) {
+        object["omitted"] = report.omitted;
+    }
+    object["received"] = NowMs();
+    return ToLine(object);
 }
 
 std::string EventJson(const Sender& sender, const char* type, const std::string& text)
 {
-    const nlohmann::ordered_json object = {
-        {"agent", sender.number}, {"peer", sender.peer}, {"type", type}, {"text", text}, {"received", NowMs()}};
-    return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+    return ToLine(
+        {{"agent", sender.number}, {"peer", sender.peer}, {"type", type}, {"text", text}, {"received", NowMs()}});
 }
 
 std::int64_t NowMs()
@@ -240,13 +182,4 @@ std::int64_t NowMs()
 std::string LineStart(const Sender& sender, std::int64_t timeMs)
 {
     return LocalTime(timeMs) + " agent " + std::to_string(sender.number) + " ";
-}
-
-void AppendPrintable(std::string& line, std::string_view text)
-{
-    while (!text.empty()) {
-        const std::size_t length = LetterLength(text);
-        line.append(length == 0 ? "?" : text.substr(0, length));
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
 }

@@ -295,8 +295,8 @@ TEST_F(CollectorTest, CommandsReachEveryAgentAndTheirAnswersWhoAsked)
                 ? Strings{" agent 2 policy file_access on: done; a=started b=x?y\n",
                           " agent 2 policy file_access off: refused: no?\n", " agent 1 status " + status + "\n"}
                 : Strings{
-                      R"("type":"answer","command":"status","result":0,"status":{"features":[{"name":"a",)",
-                      R"("command":"policy","feature":"file_access","enable":false,"result":3,"reason":"no\u001b"})"}) {
+                      R"("type":"answer","command":"status","result":0,"status":{"pid":7,"features":[{"name":"a",)",
+                      R"("command":"policy","feature":"file_access","enable":false,"result":3,"reason":"no\u001b","received":)"}) {
             EXPECT_TRUE(Contains(told, line) && Prints(line)) << line << told;
         }
         EXPECT_TRUE(Prints(json.empty() ? "messages=2 ignored=0" : R"("messages":2,"ignored":0)"));

@@ -1,0 +1,155 @@
+#include "report.h"
+
+#include <algorithm>
+#include <cstring>
+#include <initializer_list>
+#include <iterator>
+#include <utility>
+
+#include "tlv.h"
+
+namespace {
+
+using namespace NEUtils;
+
+// So many items of a message are looked at for unknown ones, since finding each takes longer than the last.
+constexpr std::uint32_t kMaxItems = 128;
+constexpr std::size_t kMaxBody = 64;
+
+struct EventKind {
+    ProcessEvent event;
+    const char* type;
+    ReportTag needed;
+};
+
+constexpr EventKind kEventKinds[] = {
+    {kProcessExecuted, "executed", kTagPid},
+    {kProcessExited, "exited", kTagExitCode},
+    {kProcessKilled, "killed", kTagSignal},
+};
+
+bool ReadItem(const ItemKind& kind, const TLVValue& value, Report& report)
+{
+    auto& item = report.items[KindOf(kind.tag)];
+    std::string text;
+    std::int64_t number = 0;
+    int shortNumber = 0;
+    if (kind.size == 0) {
+        if (value.AsString(text)) {
+            item = std::move(text);
+        }
+    } else if (kind.size == sizeof(shortNumber) && value.AsInt(shortNumber)) {
+        item = shortNumber;
+    } else if (kind.size == sizeof(number) && value.GetLength() == sizeof(number) && value.GetData() != nullptr) {
+        std::memcpy(&number, value.GetData(), sizeof(number));
+        item = number;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// Items of other tags, and those of wrong sizes where they are no fault.
+void ReadOthers(const TLVAnalyzer& items, Report& report)
+{
+    for (std::uint32_t i = 0; i < std::min(items.GetCount(), kMaxItems); ++i) {
+        const TLVValue value = items.GetValue(i);
+        const std::size_t kind = KindOf(value.GetTag());
+        if (value.GetData() == nullptr) {  // empty, or longer than an item may be
+            ++report.omitted;
+        } else if (kind == std::size(kItemKinds) || report.items[kind].index() == 0) {
+            report.others.push_back(
+                {value.GetTag(), std::string(reinterpret_cast<const char*>(value.GetData()), value.GetLength())});
+        }
+    }
+    report.omitted += items.GetCount() - std::min(items.GetCount(), kMaxItems);
+}
+
+std::string CheckItems(const Report& report, std::initializer_list<ReportTag> needed)
+{
+    for (const ReportTag tag : needed) {
+        if (FindNumber(report, tag) == nullptr) {
+            return std::string(kItemKinds[KindOf(tag)].name) + " is missing";
+        }
+    }
+    return {};
+}
+
+std::string CheckProcess(Report& report)
+{
+    std::string fault = CheckItems(report, {kTagTime, kTagEvent, kTagPid});
+    if (!fault.empty()) {
+        return fault;
+    }
+    report.type = "process";  // of an event that only a newer agent knows, perhaps
+    for (const EventKind& kind : kEventKinds) {
+        if (*FindNumber(report, kTagEvent) == kind.event) {
+            report.type = kind.type;
+            report.items[KindOf(kTagEvent)].emplace<std::monostate>();  // the type says it
+            return CheckItems(report, {kind.needed});
+        }
+    }
+    return {};
+}
+
+std::string CheckReport(Report& report)
+{
+    switch (report.header.type) {
+    case kMsgProcess:
+        return CheckProcess(report);
+    case kMsgDroppedReports:
+        report.type = "dropped";
+        return CheckItems(report, {kTagCount});
+    default:
+        report.type = report.header.type == kMsgFile ? "file" : "access";
+        return report.items[KindOf(kTagPath)].index() == 0 ? "path is missing" : std::string();
+    }
+}
+
+bool IsKnown(std::uint32_t type)
+{
+    return type == kMsgProcess || type == kMsgDroppedReports || type == kMsgFile || type == kMsgAccess;
+}
+
+}  // namespace
+
+std::size_t KindOf(std::uint16_t tag)
+{
+    const auto* kind = std::ranges::find(kItemKinds, tag, &ItemKind::tag);
+    return static_cast<std::size_t>(std::distance(std::begin(kItemKinds), kind));
+}
+
+const std::int64_t* FindNumber(const Report& report, ReportTag tag)
+{
+    return std::get_if<std::int64_t>(&report.items[KindOf(tag)]);
+}
+
+std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Report& report)
+{
+    report.header = header;
+    const bool isKnown = IsKnown(header.type);
+    TLVAnalyzer items(body, static_cast<int>(header.length));
+    if (!items.Analyze(kSwapReport)) {
+        if (isKnown) {
+            return "the body is empty or not made of whole items";
+        }
+        report.body.assign(reinterpret_cast<const char*>(body), std::min<std::size_t>(header.length, kMaxBody));
+        return {};
+    }
+    std::size_t read = 0;
+    for (const ItemKind& kind : kItemKinds) {
+        const TLVValue value = items[kind.tag];
+        if (value.GetTag() != kind.tag) {
+            continue;
+        }
+        if (ReadItem(kind, value, report)) {
+            ++read;
+        } else if (isKnown) {
+            return std::string(kind.name) + " has " + std::to_string(value.GetLength()) + " bytes";
+        }
+    }
+    if (read < items.GetCount()) {
+        ReadOthers(items, report);
+    }
+    return isKnown ? CheckReport(report) : std::string();
+}
