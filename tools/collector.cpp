@@ -138,6 +138,7 @@ void Collector::OnSecond(int, short, void* self)
     auto& collector = *static_cast<Collector*>(self);
     collector.printer_.CheckStall();
     collector.agents_.CheckTime();
+    collector.control_.Check();
     for (Listener& listener : collector.listeners_) {
         listener.Check();
     }

@@ -13,6 +13,7 @@ using namespace NEUtils;
 using nlohmann::ordered_json;
 
 constexpr timeval kAnswerLimit = {10, 0};
+constexpr std::size_t kMaxUnderWay = 512;  // those of clients that are gone go on
 
 }  // namespace
 
@@ -48,6 +49,10 @@ void Commands::SayHelp(Asker& asker) const
 
 bool Commands::Send(Command command, Asker& asker)
 {
+    if (underWay_.size() >= kMaxUnderWay) {
+        asker.Say(FaultText("too many commands are under way"));
+        return false;
+    }
     const std::uint32_t seq = ++seq_;
     std::set<std::uint64_t> agents = agents_.Broadcast(CommandMessage(command, seq));
     const std::size_t sent = agents.size();

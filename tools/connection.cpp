@@ -201,6 +201,9 @@ bool Connection::HasRoom() const
 
 std::string Connection::CheckTime(Time now, std::chrono::seconds patience)
 {
+    if (finishing_) {
+        return {};
+    }
     const std::size_t pending = CountPending();
     if (pending == 0 || queued_ - pending >= mark_) {
         mark_ = queued_;

@@ -70,7 +70,7 @@ public:
     // Reads no more and ends as soon as all answers are sent, or after two seconds.
     void Finish();
 
-    // Looks at the clock. What took longer than patience is the agent's fault, and is given; or nothing.
+    // Gives what took the agent longer than our patience, or nothing. Not of one that finishes.
     std::string CheckTime(Time now, std::chrono::seconds patience);
     bool IsOverdue(Time now) const { return finishing_ && now >= finishBy_; }
 

@@ -119,6 +119,13 @@ void Control::Remove(const SocketClient& client)
     }
 }
 
+void Control::Check()
+{
+    if (input_ != nullptr) {
+        input_->Check();
+    }
+}
+
 void Control::Stop()
 {
     if (input_ != nullptr) {

@@ -49,6 +49,7 @@ public:
     void Accept(int fd);  // takes it
     void Remove(const SocketClient& client);
     void Stop();
+    void Check();  // once a second
     bool IsIdle() const { return clients_.empty(); }
 
 private:

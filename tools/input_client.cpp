@@ -40,8 +40,8 @@ std::string InputClient::Open()
     signal(SIGTTIN, SIG_IGN);  // reading fails in the background of a terminal, instead of stopping the process
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
         // A FIFO with a name has no end: it is held open for the next one who writes.
-        const bool hasName = S_ISFIFO(status.st_mode) && status.st_nlink > 0 && HasPath(STDIN_FILENO);
-        fd_ = open("/proc/self/fd/0", (hasName ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        hasName_ = S_ISFIFO(status.st_mode) && status.st_nlink > 0 && HasPath(STDIN_FILENO);
+        fd_ = open("/proc/self/fd/0", (hasName_ ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     }
     if (fd_ < 0) {
         fd_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
@@ -74,6 +74,15 @@ void InputClient::Close()
     }
     fd_ = -1;
     ended_ = true;
+}
+
+void InputClient::Check()
+{
+    struct stat status = {};
+    if (hasName_ && fd_ >= 0 && fstat(fd_, &status) == 0 && status.st_nlink == 0) {
+        hasName_ = false;
+        Complain("the FIFO of standard input was removed or replaced: nobody can open it any more");
+    }
 }
 
 bool InputClient::Wait()

@@ -15,6 +15,7 @@ public:
     // Gives why it cannot be read, or nothing.
     std::string Open();
     void Finish();  // runs no more commands
+    void Check();   // once a second
 
     void Say(const std::string& line) override;
     void SayAnswer(const std::string&) override {}  // standard output has it
@@ -33,5 +34,6 @@ private:
     EventPtr<event> ready_;
     int fd_ = -1;
     bool isSocket_ = false;
+    bool hasName_ = false;  // is a FIFO that others find by its path
     bool isWaitable_ = false;
 };
