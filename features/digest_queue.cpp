@@ -3,8 +3,6 @@
 #include <utility>
 
 #include "hips_guard.h"
-#include "logger.h"
-#include "sha256.h"
 #include "thread_pool.h"
 
 using NEUtils::Sha256;
@@ -15,10 +13,10 @@ constexpr std::size_t kMaxPaths = 10000;
 
 }  // namespace
 
-void DigestQueue::Start(std::uint64_t maxSize, Tell tell)
+void DigestQueue::Start(std::uint64_t maxSize, OnDigest onDigest)
 {
     maxSize_ = maxSize;
-    tell_ = std::move(tell);
+    onDigest_ = std::move(onDigest);
     job_.Start(NEUtils::ThreadPool::GetInstance(), "file-digest", [this] { Drain(); });
 }
 
@@ -48,10 +46,11 @@ void DigestQueue::Drain()
 {
     for (std::string path; !job_.IsStopping() && Take(path);) {
         Digest(path);
+        KeepCurrentThreadAlive();  // files that are gone may keep this busy too
     }
 }
 
-// From here on a change of the file is one to come: it queues the path anew.
+// A change of the file after this queues the path anew.
 bool DigestQueue::Take(std::string& path)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -72,9 +71,7 @@ void DigestQueue::Digest(const std::string& path)
     };
     std::string digest;
     const Sha256::Result result = Sha256::DigestFile(path, maxSize_, digest, goOn);
-    if (result == Sha256::kOk) {
-        tell_(path, digest);
-    } else if (result == Sha256::kUnreadable) {
-        NE_LOG(WARN, "File has no digest, it cannot be read.[path=%s]", NEUtils::Printable(path).c_str());
+    if (result == Sha256::kOk || result == Sha256::kTooLarge || result == Sha256::kUnreadable) {
+        onDigest_(path, result, digest);
     }
 }

@@ -38,7 +38,8 @@ std::string Quoted(const std::string& text)
 
 std::string TimeText(std::int64_t timeMs)
 {
-    const std::time_t seconds = timeMs / 1000;
+    const std::int64_t ms = (timeMs % 1000 + 1000) % 1000;
+    const std::time_t seconds = (timeMs - ms) / 1000;
     std::tm local = {};
     char date[40] = "?";
     char zone[8] = "";
@@ -46,7 +47,7 @@ std::string TimeText(std::int64_t timeMs)
         std::strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &local);
         std::strftime(zone, sizeof(zone), "%z", &local);
     }
-    return std::string(date) + "." + std::to_string(1000 + timeMs % 1000).substr(1) + zone;
+    return std::string(date) + "." + std::to_string(1000 + ms).substr(1) + zone;
 }
 
 Event::Event(const Kind& kind, std::int64_t timeMs, std::source_location place)

@@ -1,11 +1,9 @@
-// The feature file_access: tells which process touches guarded files.
+// The feature file_access: logs and reports which process uses guarded files.
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -13,20 +11,21 @@
 #include <vector>
 
 #include "describe.h"
+#include "event.h"
 #include "fanotify_watcher.h"
 #include "feature.h"
 #include "feature_counters.h"
 #include "file_rules.h"
-#include "hips_guard.h"
+#include "guard_marks.h"
 #include "logger.h"
-#include "own_log.h"
+#include "loop_thread.h"
+#include "own_files.h"
 #include "policy_text.h"
-#include "report.h"
+#include "util/clock.h"
+#include "util/errno_text.h"
 
 namespace {
 
-constexpr int kSliceUs = 10000;
-constexpr int kWaitMs = 20000;
 constexpr int kRetryMs = 1000;
 constexpr std::size_t kReadSize = 4800;
 
@@ -42,18 +41,10 @@ std::string ReadGuards(const std::string& policy, std::vector<FileGuard>& guards
 // Watches as long as it lives, on a guarded thread of its own.
 class FileAccess {
 public:
-    FileAccess() = default;
+    FileAccess() : marks_(watcher_, counters_) {}
     ~FileAccess()
     {
-        if (thread_ != 0) {
-            const std::uint64_t one = 1;
-            static_cast<void>(!write(stopEvent_, &one, sizeof(one)));
-            StopHipsThreadEx(thread_);
-            CloseHipsThreadHandleEx(thread_);
-        }
-        if (stopEvent_ >= 0) {
-            close(stopEvent_);
-        }
+        thread_.Stop();
         counters_.watches = 0;
         counters_.lacking = 0;
     }
@@ -67,107 +58,76 @@ public:
             Handle(pid, path, mask);
         };
         if (!watcher_.Init(onAccess)) {  // for want of CAP_SYS_ADMIN, as a rule
-            NE_LOG(ERROR, "Guarded files are not watched.[errorInfo=%s]", std::strerror(errno));
+            const int error = errno;
+            NE_LOG(ERROR, "Guarded files are not watched.[errorInfo=%s]", NEUtils::ErrnoText(error).Get());
             return false;
         }
-        for (const FileGuard& guard : guards) {
-            ++(Mark(guard) ? counters_.watches : counters_.lacking);
-        }
-        return counters_.watches > 0 && StartThread();
+        return marks_.Start(guards) && thread_.Start("FileAccess", [this](int stopFd) { WaitAndRead(stopFd); });
     }
 
 private:
-    // Each record about the agent's own log would be the next use of it, which the watcher tells by itself.
-    bool Mark(const FileGuard& guard) const
+    void WaitAndRead(int stopFd)
     {
-        const bool isOwn = ownLog_.IsIn(guard.path);
-        if (!isOwn && watcher_.AddWatch(guard.path, guard.mask)) {
-            NE_LOG(INFO, "File is guarded.[path=%s]", guard.path.c_str());
-            return true;
+        pollfd wanted[] = {{stopFd, POLLIN, 0},
+                           {watcher_.GetFd(), POLLIN, 0},
+                           {marks_.GetNames().GetFd(), POLLIN, 0},
+                           {marks_.GetNames().GetMountFd(), POLLPRI, 0}};
+        poll(wanted, std::size(wanted), marks_.GetWaitMs());
+        if (wanted[0].revents != 0) {
+            return;
         }
-        NE_LOG(ERROR, "File cannot be guarded.[path=%s reason=%s]", guard.path.c_str(),
-               isOwn ? "the agent's own log is there" : std::strerror(errno));
-        return false;
+        if (wanted[2].revents != 0) {  // before the uses: the new file's may be among the next ones
+            marks_.LookAtNames();
+        }
+        if (wanted[3].revents != 0) {
+            marks_.LookAtAll();
+        }
+        marks_.Tick();
+        if (wanted[1].revents != 0) {
+            ReadUses(stopFd);
+        }
     }
 
-    bool StartThread()
-    {
-        stopEvent_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (stopEvent_ < 0) {
-            NE_LOG(ERROR, "Guarded files are not watched.[errorInfo=%s]", std::strerror(errno));
-            return false;
-        }
-        thread_ = CreateHipsThreadEx(&FileAccess::Thread, this, kSliceUs, "FileAccess");
-        return thread_ != 0;
-    }
-
-    // One round: waits, reads, and has the watcher decode and call back; ends with the stop event.
-    static int Thread(void* self)
-    {
-        auto& own = *static_cast<FileAccess*>(self);
-        while (own.WaitAndRead()) {
-            KeepCurrentThreadAlive();
-        }
-        return 1;
-    }
-
-    bool WaitAndRead()
-    {
-        pollfd wanted[] = {{watcher_.GetFd(), POLLIN, 0}, {stopEvent_, POLLIN, 0}};
-        const int ready = poll(wanted, std::size(wanted), kWaitMs);
-        if (ready > 0 && wanted[1].revents != 0) {
-            return false;
-        }
-        if (ready > 0) {
-            Read(wanted[1]);
-        }
-        return true;
-    }
-
-    void Read(pollfd& stop)
+    void ReadUses(int stopFd)
     {
         alignas(fanotify_event_metadata) char records[kReadSize];
         const ssize_t count = read(watcher_.GetFd(), records, sizeof(records));
         const int error = errno;
         if (count > 0) {
             watcher_.HandleEvent(records, count);
-        } else if (count < 0 && error != EAGAIN) {  // no descriptors left, say: one event is lost with it
-            ++counters_.lost;
-            NE_LOG(ERROR, "Use of a guarded file could not be read.[errorInfo=%s]", std::strerror(error));
-            poll(&stop, 1, kRetryMs);
+        } else if (count < 0 && error != EAGAIN && error != EINTR) {  // no descriptors left, say
+            ++counters_.lost;  // the kernel drops the one event that it has failed to hand over
+            NE_LOG(ERROR, "Use of a guarded file could not be read.[errorInfo=%s]", NEUtils::ErrnoText(error).Get());
+            WaitFor(stopFd, kRetryMs);
         }
         const std::uint64_t overflows = watcher_.GetOverflowCount();
-        counters_.lost += overflows - std::exchange(overflows_, overflows);
+        counters_.overflows += overflows - std::exchange(overflows_, overflows);
     }
 
     void Handle(int pid, const std::string& path, std::uint64_t mask)
     {
         ++counters_.seen;
-        if (ownLog_.Holds(path)) {
+        if (ownFiles_.Hold(path, nullptr)) {
             ++counters_.filtered;
             return;
         }
-        const std::string action = GuardEventNames(mask);
         std::string user;
         std::string cmdLine;
         DescribeProcess(pid, user, cmdLine);
-        NE_LOG(INFO, "File accessed.[action=%s pid=%d user=%s path=%s cmdLine=%s]", action.c_str(), pid, user.c_str(),
-               NEUtils::Printable(path).c_str(), cmdLine.c_str());
-        NEUtils::Report(NEUtils::kMsgAccess)
-            .Add(NEUtils::kTagAction, action)
-            .Add(NEUtils::kTagPid, pid)
-            .Add(NEUtils::kTagUser, user)
-            .Add(NEUtils::kTagPath, path)
-            .Add(NEUtils::kTagCmdLine, cmdLine)
-            .Push();
+        Event({NEUtils::kMsgAccess, "access", "File accessed."}, NEUtils::Clock::WallMs())
+            .Add("action", NEUtils::kTagAction, GuardEventNames(mask))
+            .Add("pid", NEUtils::kTagPid, pid)
+            .Add("user", NEUtils::kTagUser, user)
+            .Add("path", NEUtils::kTagPath, path)
+            .Tell("cmdLine", NEUtils::kTagCmdLine, cmdLine);
     }
 
     NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);
-    const OwnLog ownLog_;
+    OwnFiles ownFiles_;
     NEUtils::FanotifyWatcher watcher_;
+    GuardMarks marks_;
     std::uint64_t overflows_ = 0;
-    int stopEvent_ = -1;
-    std::uintptr_t thread_ = 0;
+    LoopThread thread_;
 };
 
 std::unique_ptr<FileAccess> g_access;

@@ -1,27 +1,36 @@
-// The feature file_integrity: tells what changes in watched files and trees, and the SHA-256 of changed files.
+// The feature file_integrity: logs and reports what changes in watched files and trees, and the SHA-256 of changed
+// files.
 #include <sys/inotify.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "describe.h"
 #include "digest_queue.h"
+#include "event.h"
 #include "feature.h"
 #include "feature_counters.h"
 #include "file_rules.h"
+#include "hips_guard.h"
+#include "known_times.h"
 #include "logger.h"
+#include "loop_thread.h"
 #include "monitor.h"
-#include "own_log.h"
+#include "own_files.h"
 #include "policy_text.h"
-#include "report.h"
+#include "util/clock.h"
 #include "util/key_lines.h"
 
 namespace {
 
+using NEUtils::Sha256;
 using NEUtils::Monitor::FileEvent;
 using NEUtils::Monitor::FileWatchRule;
+using NEUtils::Monitor::WatchState;
 
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U;
 constexpr std::uint32_t kContentChange = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO;
@@ -48,23 +57,53 @@ std::string ReadSettings(const std::string& policy, Settings& settings)
     return fault.empty() && settings.rules.empty() ? "it has no watch" : fault;
 }
 
-// Of the monitor's text only what has changed: the path is told by itself.
+// Of the monitor's text only what has changed: the path stands in an item of its own.
 std::string ChangeOf(const FileEvent& event)
 {
     return event.change.empty() ? "" : event.change.substr(event.path.size() + 1);
 }
 
+// The permissions of a file that is new at its path; a file that replaces another comes with its own.
+std::string ModeOf(const FileEvent& event)
+{
+    char text[8] = "";
+    const bool isNew = (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0 && event.status;
+    if (isNew) {
+        std::snprintf(text, sizeof(text), "%04o", event.status->st_mode & 07777U);
+    }
+    return text;
+}
+
+void TellDigest(const std::string& path, Sha256::Result result, const std::string& digest)
+{
+    const bool isDone = result == Sha256::kOk;
+    const char* fault = result == Sha256::kTooLarge ? "too large" : "cannot be read";
+    Event({NEUtils::kMsgFile, "file", isDone ? "File digest." : "File has no digest."}, NEUtils::Clock::WallMs())
+        .Add("action", NEUtils::kTagAction, "digest")
+        .Add("sha256", NEUtils::kTagDigest, digest)
+        .Add("fault", NEUtils::kTagFault, isDone ? "" : fault)
+        .Tell("path", NEUtils::kTagPath, path);
+}
+
 // Watches as long as it lives.
 class FileIntegrity {
 public:
-    explicit FileIntegrity(Settings settings) : settings_(std::move(settings))
+    explicit FileIntegrity(Settings settings) : digestMaxBytes_(settings.digestMaxBytes)
     {
-        digests_.Start(settings_.digestMaxBytes, &FileIntegrity::TellDigest);
+        for (FileWatchRule& rule : settings.rules) {
+            rule.callback = &FileIntegrity::OnChange;
+            rule.userData = this;
+            rules_.push_back({std::move(rule)});
+        }
+        digests_.Start(digestMaxBytes_, &TellDigest);
     }
     ~FileIntegrity()
     {
-        for (const FileWatchRule& rule : watched_) {
-            NEUtils::Monitor::RemoveMonitor(rule, NEUtils::Monitor::kInotifyMonitor);
+        ticker_.Stop();
+        for (const Watched& watched : rules_) {
+            if (watched.isAdded) {
+                NEUtils::Monitor::RemoveMonitor(watched.rule, NEUtils::Monitor::kInotifyMonitor);
+            }
         }
         digests_.Stop();
         counters_.watches = 0;
@@ -73,64 +112,99 @@ public:
     FileIntegrity(const FileIntegrity&) = delete;
     FileIntegrity& operator=(const FileIntegrity&) = delete;
 
-    // As far as it can; false if there is nothing that could be watched. The monitor says why.
+    // As far as it can; false if the monitor takes none of the rules, and it says why. A path that is missing is
+    // waited for.
     bool Watch()
     {
-        for (FileWatchRule& rule : settings_.rules) {
-            rule.callback = &FileIntegrity::OnChange;
-            rule.userData = this;
-            if (NEUtils::Monitor::AddMonitor(rule, NEUtils::Monitor::kInotifyMonitor)) {
-                watched_.push_back(rule);
-                NE_LOG(INFO, "Files are watched.[path=%s recursive=%d]", rule.path.c_str(), rule.recursive ? 1 : 0);
-            }
+        bool isAny = false;
+        for (Watched& watched : rules_) {
+            watched.isAdded = NEUtils::Monitor::AddMonitor(watched.rule, NEUtils::Monitor::kInotifyMonitor);
+            isAny = isAny || watched.isAdded;
+            KeepCurrentThreadAlive();  // a large tree takes its time
         }
-        counters_.watches = watched_.size();
-        counters_.lacking = settings_.rules.size() - watched_.size();
-        return !watched_.empty();
+        Count();
+        return isAny && ticker_.Start("FileIntegrity", [this](int stopFd) {
+            WaitFor(stopFd, LoopThread::kMostWaitMs);
+            Count();
+        });
     }
 
 private:
+    struct Watched {
+        FileWatchRule rule;
+        bool isAdded = false;
+        WatchState state = NEUtils::Monitor::kNotWatched;
+    };
+
     static void OnChange(const FileEvent& event, void* self) { static_cast<FileIntegrity*>(self)->Handle(event); }
+
+    // Before the ticker runs, then on it alone.
+    void Count()
+    {
+        std::uint64_t watches = 0;
+        for (Watched& watched : rules_) {
+            const WatchState state = NEUtils::Monitor::GetWatchState(watched.rule);
+            watches += state == NEUtils::Monitor::kWatching ? 1 : 0;
+            if (std::exchange(watched.state, state) != state) {
+                LogState(watched);
+            }
+        }
+        counters_.watches = watches;
+        counters_.lacking = rules_.size() - watches;
+    }
+
+    static void LogState(const Watched& watched)
+    {
+        const char* path = watched.rule.path.c_str();
+        if (watched.state == NEUtils::Monitor::kWatching) {
+            NE_LOG(INFO, "Files are watched.[path=%s recursive=%d]", path, watched.rule.recursive ? 1 : 0);
+        } else if (watched.state == NEUtils::Monitor::kWaiting) {
+            NE_LOG(WARN, "Path to be watched is not there, it is waited for.[path=%s]", path);
+        }
+    }
 
     void Handle(const FileEvent& event)
     {
         ++counters_.seen;
-        if (ownLog_.Holds(event.path)) {
+        if (ownFiles_.Hold(event.path, event.status ? &*event.status : nullptr)) {
             ++counters_.filtered;
             return;
         }
-        const std::string action = !event.oldPath.empty() ? "rename" : WatchEventNames(event.mask);
-        const std::string change = ChangeOf(event);
-        NE_LOG(INFO, "File changed.[action=%s change=%s oldPath=%s path=%s]", action.c_str(), change.c_str(),
-               NEUtils::Printable(event.oldPath).c_str(), NEUtils::Printable(event.path).c_str());
-        NEUtils::Report(NEUtils::kMsgFile)
-            .Add(NEUtils::kTagAction, action)
-            .Add(NEUtils::kTagChange, change)
-            .Add(NEUtils::kTagOldPath, event.oldPath)
-            .Add(NEUtils::kTagPath, event.path)
-            .Push();
+        const std::string mode = ModeOf(event);
+        Event({NEUtils::kMsgFile, "file", "File changed."}, NEUtils::Clock::WallMs())
+            .Add("action", NEUtils::kTagAction, !event.oldPath.empty() ? "rename" : WatchEventNames(event.mask))
+            .Add("change", NEUtils::kTagChange, StatusChange(event))
+            .Add("mode", NEUtils::kTagMode, mode)
+            .Add("owner", NEUtils::kTagOwner, mode.empty() ? "" : UserName(event.status->st_uid))
+            .Add("oldPath", NEUtils::kTagOldPath, event.oldPath)
+            .Tell("path", NEUtils::kTagPath, event.path);
         // A file is often replaced by renaming a new one.
         const bool hasContent = !event.isDirectory && (event.mask & kContentChange) != 0;
-        if (hasContent && settings_.digestMaxBytes > 0 && !digests_.Add(event.path)) {
+        if (hasContent && digestMaxBytes_ > 0 && !digests_.Add(event.path)) {
             ++counters_.lost;
         }
     }
 
-    static void TellDigest(const std::string& path, const std::string& digest)
+    // A change of the status that the monitor has no text for is one of times, or of what only the times show.
+    std::string StatusChange(const FileEvent& event)
     {
-        NE_LOG(INFO, "File digest.[sha256=%s path=%s]", digest.c_str(), NEUtils::Printable(path).c_str());
-        NEUtils::Report(NEUtils::kMsgFile)
-            .Add(NEUtils::kTagAction, "digest")
-            .Add(NEUtils::kTagDigest, digest)
-            .Add(NEUtils::kTagPath, path)
-            .Push();
+        if ((event.mask & IN_DELETE) != 0 || !event.status) {
+            times_.Forget(event.path);
+            return ChangeOf(event);
+        }
+        times_.Forget(event.oldPath);
+        const std::string times = times_.Update(event.path, *event.status);
+        const std::string change = ChangeOf(event);
+        return change.empty() && (event.mask & IN_ATTRIB) != 0 ? times : change;
     }
 
     NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);
-    const OwnLog ownLog_;
-    Settings settings_;
-    std::vector<FileWatchRule> watched_;
+    OwnFiles ownFiles_;
+    KnownTimes times_;
+    const std::uint64_t digestMaxBytes_;
+    std::vector<Watched> rules_;
     DigestQueue digests_;
+    LoopThread ticker_;
 };
 
 std::unique_ptr<FileIntegrity> g_integrity;

@@ -3,15 +3,16 @@
 #include <cstdint>
 #include <string>
 
-#include "monitor.h"
+#include "file_watch.h"
 
-// A file or folder whose users are told.
+// A file whose uses are logged and reported, or a directory with what is directly in it.
 struct FileGuard {
     std::string path;
     std::uint32_t mask = 0;  // FAN_ bits
 };
 
-// Read a rule of a policy, "path;option;…" (docs/FORMATS.md). Give what is wrong with it, or nothing.
+// Read a rule of a policy, "path;option;…" (docs/FORMATS.md). Give what is wrong with it, or nothing. What can never
+// match is wrong.
 std::string ParseWatch(const std::string& text, NEUtils::Monitor::FileWatchRule& rule);
 std::string ParseGuard(const std::string& text, FileGuard& guard);
 

@@ -43,6 +43,7 @@ public:
     void Close();
 
     [[nodiscard]] bool IsOpen() const;
+    [[nodiscard]] std::string GetPath() const;  // of the file that is open
 
     // Queues a line, without its end. False where none is open, and where it is dropped.
     bool Write(const std::string& line);

@@ -21,11 +21,6 @@ inline constexpr std::uint32_t kMsgRepeats = 13;        // process events that w
 // connection up.
 inline constexpr std::uint32_t kMsgHeartbeat = 15;
 
-// Asks the server for a sign of life, with no items; it answers like to a report. A server answers every
-// request, also of a type that it does not know: an agent that gets no answer for 30 seconds gives the
-// connection up.
-inline constexpr std::uint32_t kMsgHeartbeat = 13;
-
 // Commands of the server. The agent's answer holds kTagResult, kTagReason where that is not 0, and
 // kTagStatus, but for commands that are too long or too many.
 inline constexpr std::uint32_t kMsgPolicy = 9;   // kTagFeature, kTagEnable and, where a new one is to hold, kTagPolicy
@@ -67,6 +62,7 @@ enum ReportTag : std::uint16_t {
     kTagOwner = 23,      // text: its user
     kTagProgram = 24,    // text: a command line without its arguments
     kTagTotal = 25,      // 8 bytes, how many reports were dropped since the agent's start
+    kTagFault = 26,      // text: why a file has no digest
 };
 
 enum ProcessEvent : std::int32_t {

@@ -47,7 +47,7 @@ public:
     bool Write(const std::string& line);
     Figures GetFigures() const;
     std::string GetFault() const;
-    bool IsOpen() const;
+    std::string GetPath() const;
 
 private:
     void WriteAll();
@@ -67,7 +67,7 @@ private:
     std::uint64_t dropped_ = 0;
     std::uint64_t written_ = 0;
     std::size_t takenSize_ = 0;
-    bool open_ = false;
+    std::string openPath_;  // empty: none
 
     std::mutex fileMutex_;  // before mutex_
     Settings settings_;
@@ -93,7 +93,7 @@ std::string EventFile::Writer::Open(const Settings& settings)
     }
     job_.Start(ThreadPool::GetInstance(), "event-file", [this] { WriteAll(); });
     const std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
+    openPath_ = settings.path;
     fault_.clear();
     return {};
 }
@@ -102,10 +102,10 @@ void EventFile::Writer::Close()
 {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!open_) {
+        if (openPath_.empty()) {
             return;
         }
-        open_ = false;
+        openPath_.clear();
     }
     job_.Stop();
     WriteAll();
@@ -123,7 +123,7 @@ bool EventFile::Writer::Write(const std::string& line)
 {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!open_) {
+        if (openPath_.empty()) {
             return false;
         }
         if (waiting_.size() + takenSize_ + line.size() >= kMaxWaiting) {
@@ -148,10 +148,10 @@ std::string EventFile::Writer::GetFault() const
     return fault_;
 }
 
-bool EventFile::Writer::IsOpen() const
+std::string EventFile::Writer::GetPath() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return open_;
+    return openPath_;
 }
 
 void EventFile::Writer::WriteAll()
@@ -332,7 +332,12 @@ void EventFile::Close()
 
 bool EventFile::IsOpen() const
 {
-    return writer_->IsOpen();
+    return !writer_->GetPath().empty();
+}
+
+std::string EventFile::GetPath() const
+{
+    return writer_->GetPath();
 }
 
 bool EventFile::Write(const std::string& line)
