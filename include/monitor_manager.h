@@ -3,8 +3,8 @@
 #include <mutex>
 #include <set>
 
-#include "inotify_monitor.h"
 #include "file_watch.h"
+#include "inotify_monitor.h"
 #include "neutils_api.h"
 
 namespace NEUtils {

@@ -21,7 +21,7 @@ public:
 
     Report& Add(ReportTag tag, int number);
     Report& AddLong(ReportTag tag, std::uint64_t number);  // of 8 bytes
-    Report& Add(ReportTag tag, const std::string& text);  // cut at what an item may hold; empty: left out
+    Report& Add(ReportTag tag, const std::string& text);   // cut at what an item may hold; empty: left out
 
     // False where it could not be queued (report_queue.h): there is no server, or no room.
     bool Push();
