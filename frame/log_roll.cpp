@@ -72,6 +72,23 @@ std::vector<unsigned int> ListCopies(const std::string& path)
     return numbers;
 }
 
+struct Move {
+    std::string from;
+    std::string to;  // empty: the file is deleted
+};
+
+// What happens to the copies and to the fresh one, in order.
+std::vector<Move> PlanMoves(const std::string& path, const std::string& fresh, unsigned int count)
+{
+    std::vector<Move> moves;
+    for (const unsigned int number : ListCopies(path)) {
+        const bool isLeft = number < count;  // more than one is not where the limit was lowered
+        moves.push_back({CopyName(path, number), isLeft ? CopyName(path, number + 1) : ""});
+    }
+    moves.push_back({fresh, count == 0 ? "" : CopyName(path, 1)});
+    return moves;
+}
+
 // Runs a command in the shell as system() does and waits for it alone. Unlike system() it leaves the process's signal
 // dispositions as they are: a signal that is ignored for a moment is lost, also where it is blocked.
 bool RunInShell(const std::string& command)
@@ -120,21 +137,18 @@ bool Roll(const std::string& path, unsigned int count)
         return false;
     }
     const std::string fresh = path + kSuffix;
+    // All that needs memory comes first: without it the old file stays as it is.
+    const std::vector<Move> moves = PlanMoves(path, fresh, count);
     unlink(fresh.c_str());
     if (!RunInShell("gzip " + path) || chmod(fresh.c_str(), kRolledMode) != 0) {
         return false;
     }
-    for (const unsigned int number : ListCopies(path)) {
-        if (number >= count) {  // more than one where the limit was lowered
-            unlink(CopyName(path, number).c_str());
+    for (const Move& move : moves) {
+        if (move.to.empty()) {
+            unlink(move.from.c_str());
         } else {
-            static_cast<void>(std::rename(CopyName(path, number).c_str(), CopyName(path, number + 1).c_str()));
+            static_cast<void>(std::rename(move.from.c_str(), move.to.c_str()));
         }
-    }
-    if (count == 0) {
-        unlink(fresh.c_str());
-    } else {
-        static_cast<void>(std::rename(fresh.c_str(), CopyName(path, 1).c_str()));
     }
     return true;
 }

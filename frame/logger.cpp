@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -51,7 +52,7 @@ struct GatedSubscriber {
 // The subscribers of one kind as they are now. Copying these alone shows callers the same as copying
 // the whole registry would, and they run without the lock.
 Subscribers CopySubscribers(const char* logKind)
-{
+try {
     using NEUtils::MessageBus;
     Subscribers copies;
     const std::string kind(logKind);
@@ -65,6 +66,8 @@ Subscribers CopySubscribers(const char* logKind)
         }
     }
     return copies;
+} catch (const std::bad_alloc&) {
+    return {};  // the record is lost; the process is not
 }
 
 // Breaks the time down once a second and thread; localtime_r takes the time zone's lock.

@@ -18,7 +18,7 @@
 // Threads  any. Records of one thread reach a subscriber in call order; between threads there is none.
 // Locks    the registry's mutex only while subscribers are looked up, never while they run.
 // Limits   4,096 characters a message; a longer one is cut and ends in "...".
-// Errors   none to the caller; errno is preserved.
+// Errors   none to the caller; errno is preserved. Without memory a record is lost.
 
 // A build may define macros of the levels' names, -DDEBUG above all. They are put aside here.
 #pragma push_macro("DEBUG")

@@ -1,6 +1,8 @@
-#include <sys/resource.h>
-
 #include "log_system.h"
+
+#include <atomic>
+#include <sstream>
+
 #include "tests/support/support.h"
 #include "util/clock.h"
 
@@ -105,25 +107,6 @@ TEST_F(LogFileTest, FailingGzipLosesNothing)
     EXPECT_EQ(Unzipped(Copy(1)) + Read(path_), "oldnew");
 }
 
-// A full disk: lines are lost in silence, what was written stays, and writing goes on afterwards.
-TEST_F(LogFileTest, FullDiskLosesOnlyWhatDoesNotFit)
-{
-    const std::string line = std::string(1023, 'x') + "\n";
-    const int status = Wait(Fork([&] {
-        rlimit limit = {4096, RLIM_INFINITY};
-        signal(SIGXFSZ, SIG_IGN);
-        setrlimit(RLIMIT_FSIZE, &limit);
-        LogFile file(path_, DEBUG, 0, 2);
-        Put(file, line, 20);
-        limit.rlim_cur = RLIM_INFINITY;
-        setrlimit(RLIMIT_FSIZE, &limit);
-        return Put(file, "after\n") ? 0 : 1;
-    }));
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(Read(path_).substr(0, 4096), line + line + line + line);
-    EXPECT_TRUE(Read(path_).ends_with("after\n"));
-}
-
 TEST_F(LogFileTest, LevelBudgetAndFormatterDecideWhatIsWritten)
 {
     LogFile file(path_, WARN, 0, 2);
@@ -135,11 +118,15 @@ TEST_F(LogFileTest, LevelBudgetAndFormatterDecideWhatIsWritten)
     Log(other, "3", INFO, [](const NENormalLog&, char*, unsigned int) { return 0U; });
     Log(file, "4", FATAL);
     EXPECT_EQ(Read(path_), "1\n");
+    EXPECT_TRUE(LogSystem::IsBudgetUsedUp() && LogSystem::GetLinesOverBudget() == 1);
     // The period ends after a day; a step back prolongs it.
     for (const int offsetMs : {86399000, 86401000, -86401000, -86401000, -86401000}) {
         Clock::wallOffsetMs = offsetMs;
         Log(other, std::to_string(offsetMs).c_str(), INFO);
     }
+    EXPECT_TRUE(LogSystem::IsBudgetUsedUp() && LogSystem::GetLinesOverBudget() == 3);
+    Clock::wallOffsetMs = 172802000;
+    EXPECT_FALSE(LogSystem::IsBudgetUsedUp());
     LogSystem::SetGlobalRecordLines(0);
     Log(other, "too long", INFO, [](const NENormalLog&, char*, unsigned int size) { return size; });
     const std::string failed = "[ERROR] Log conversion failed.[\nsrc.cpp:42]";
@@ -195,19 +182,61 @@ TEST(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
     }
 }
 
-TEST(LogSystemTest, RegistersAndClosesWhileOthersLog)
+// A module that registers a log is unloaded afterwards: nobody may be in its formatter then, or hold it.
+TEST(LogSystemTest, UnregisteringOneWaitsForItsLinesAndLeavesTheOthers)
 {
     const TempDir dir;
-    const std::jthread logger([](const std::stop_token& stop) {
-        while (!stop.stop_requested()) {
-            NE_LOG(INFO, "busy");
+    ASSERT_TRUE(Register(dir / "other", "other"));
+    const auto token = std::make_shared<int>();
+    std::atomic<bool> inside{false};
+    std::atomic<bool> go{false};
+    std::atomic<bool> done{false};
+    const auto file = std::make_shared<LogFile>(dir / "a", INFO, 0, 0);
+    ASSERT_TRUE(
+        LogSystem::Register(file, kDotLog, "a", [&, token](const NENormalLog& record, char* out, unsigned int size) {
+            inside = true;
+            go.wait(false);
+            return Echo(record, out, size);
+        }));
+    const std::jthread logger([] { LoggerWriteLog(kDotLog, INFO, "f.cpp", 1, "last"); });
+    EXPECT_TRUE(Eventually([&] { return inside.load(); }));
+    std::thread closer([&] { done = LogSystem::Unregister("a"); });
+    EXPECT_TRUE(Eventually([&] { return !LogSystem::UpdateLogConfig("a", INFO, 0, 0); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // so that a wait that is none shows
+    EXPECT_FALSE(done);
+    go = true;
+    go.notify_all();
+    closer.join();
+    EXPECT_TRUE(done && token.use_count() == 1 && file.use_count() == 1);
+    EXPECT_EQ(Read(dir / "a"), "last\n");
+    EXPECT_FALSE(file->FlushLogStream("late\n", 5) || LogSystem::Unregister("a"));
+    NE_LOG(INFO, "goes on");
+    EXPECT_EQ(Read(dir / "other"), "goes on\n");
+}
+
+// Without its lock a file loses lines, mixes them or rolls twice at once.
+TEST(LogSystemTest, ManyThreadsLoseNoLineWhileTheFileRolls)
+{
+    constexpr int kLines = 250;
+    const TempDir dir;
+    ASSERT_TRUE(LogSystem::Register(std::make_shared<LogFile>(dir / "a", INFO, 2000, 40), kNormalLog, "a", &Echo));
+    InThreads(4, [](int i) {
+        for (int n = 0; n < kLines; ++n) {
+            NE_LOG(INFO, "%d %d %s", i, n, std::string(60, 'x').c_str());
         }
     });
-    for (int i = 0; i < 30; ++i) {
-        EXPECT_TRUE(Register(dir / "a", "a"));
-        NE_LOG(INFO, "busy");
-        LogSystem::UpdateLogConfig("a", INFO, 2000, 0);
-        LogSystem::CloseAllLogFile();
+    LogSystem::CloseAllLogFile();
+    std::string all;
+    for (int copy = 40; copy > 0; --copy) {
+        all += Unzipped(dir / ("a." + std::to_string(copy) + ".gz"));
     }
-    EXPECT_TRUE(Contains(Read(dir / "a"), "busy\n"));
+    EXPECT_FALSE(all.empty());
+    std::istringstream lines(all + Read(dir / "a"));
+    int next[4] = {};
+    for (std::string line; std::getline(lines, line);) {
+        const int thread = line[0] - '0';
+        ASSERT_TRUE(thread >= 0 && thread < 4) << line;
+        EXPECT_EQ(line, std::to_string(thread) + " " + std::to_string(next[thread]++) + " " + std::string(60, 'x'));
+    }
+    EXPECT_EQ(std::vector<int>(next, next + 4), std::vector<int>(4, kLines));
 }

@@ -1,7 +1,11 @@
 #include "logger.h"
 
+#include <atomic>
+#include <memory>
+
 #include "log_system.h"
 #include "tests/support/support.h"
+#include "util/utf8.h"
 
 // A record on two lines, or one that overruns the buffer, is a forged or lost record.
 TEST(LoggerTest, RecordsStayOnOneLineAndWithinTheLimit)
@@ -83,6 +87,50 @@ TEST(LoggerTest, SubscribersChangeWhileARecordIsUnderWay)
     EXPECT_TRUE(MessageBus::Unsubscribe(kNormalLog, "second") && !MessageBus::Unsubscribe(kNormalLog, "second"));
 }
 
+// Whoever unsubscribes and is unloaded then must neither be called nor destroyed afterwards.
+TEST(LoggerTest, UnsubscribeAndWaitEndsAllCallsOfASubscriber)
+{
+    std::atomic<int> entered{0};
+    std::atomic<bool> go{false};
+    const auto token = std::make_shared<int>();
+    // Whichever comes first holds a record that has a copy of the other one too.
+    const auto subscriber = [&, token](const NENormalLog&) {
+        ++entered;
+        go.wait(false);
+    };
+    MessageBus::Subscribe(kDotLog, "a", subscriber);
+    MessageBus::Subscribe(kDotLog, "b", subscriber);
+    const long others = token.use_count() - 2;
+    std::jthread logger([] { LoggerWriteLog(kDotLog, INFO, "f.cpp", 1, "x"); });
+    EXPECT_TRUE(Eventually([&] { return entered == 1; }));
+    std::atomic<int> ended{0};
+    std::vector<std::jthread> closers;
+    for (const char* name : {"a", "b"}) {
+        closers.emplace_back([&ended, name] { ended += MessageBus::UnsubscribeAndWait(kDotLog, name) ? 1 : 100; });
+    }
+    EXPECT_TRUE(
+        Eventually([&] { return ended == 1 && token.use_count() == others + 1; }));  // the one that is not called
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(ended, 1);
+    go = true;
+    go.notify_all();
+    closers.clear();
+    EXPECT_TRUE(ended == 2 && entered == 1 && token.use_count() == others);
+    EXPECT_FALSE(MessageBus::UnsubscribeAndWait(kDotLog, "a"));
+}
+
+TEST(LoggerTest, ASubscriberMayUnsubscribeItselfInItsOwnCall)
+{
+    std::string seen;
+    MessageBus::Subscribe(kNormalLog, "own", [&seen, text = std::string(100, 'x')](const NENormalLog& record) {
+        EXPECT_EQ(MessageBus::UnsubscribeAndWait(kNormalLog, "own"), seen.empty());
+        seen += record.content + text.substr(0, 1);
+        NE_LOG(INFO, "not seen");
+    });
+    NE_LOG(INFO, "seen");
+    EXPECT_EQ(seen, "seenx");
+}
+
 // Kept: an empty callable ends the process.
 TEST(LoggerTest, EmptyCallableEndsTheProcess)
 {
@@ -120,4 +168,34 @@ TEST(LoggerTest, DefaultLineEndsInOneLineFeedOrIsRefused)
     EXPECT_EQ(format("text", line.size()) + format("text", 1) + format("text", 0), "");
     time.tm_year = -12345;
     EXPECT_EQ(format("text", 4224).substr(0, 10), "-123450109");
+}
+
+// What others chose is shown to an operator: it must not steer his terminal, nor break who reads the log as UTF-8.
+TEST(PrintableTest, LeavesTextAndReplacesEachByteOfTheRest)
+{
+    const std::pair<std::string, std::string> rows[] = {
+        {"plain ~", "plain ~"},
+        {"\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf \xc2\xa0",
+         "\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf \xc2\xa0"},
+        {"\x1b[2J\t\x7f", "?[2J??"},
+        {"\xc2\x9b"
+         "2J",
+         "??2J"},  // a control character of two bytes
+        {"\xff\xfe", "??"},
+        {"\xc3(", "?("},
+        {"\xc0\x9b", "??"},  // overlong forms
+        {"\xe0\x9f\xbf", "???"},
+        {"\xf0\x8f\xbf\xbf", "????"},
+        {"\xed\xa0\x80", "???"},       // a surrogate
+        {"\xf4\x90\x80\x80", "????"},  // above the last character
+        {"a\x80"
+         "b\xe2\x82",
+         "a?b??"},  // cut
+        {std::string("\xe2\x82\0", 3), "???"},
+    };
+    for (const auto& [text, shown] : rows) {
+        EXPECT_EQ(Printable(text), shown);
+        EXPECT_TRUE(IsUtf8(shown));
+        EXPECT_EQ(IsUtf8(text), Printable(text) == text || text[0] == '\x1b' || text[0] == '\xc2');
+    }
 }

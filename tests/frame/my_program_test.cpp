@@ -7,6 +7,7 @@
 
 static int g_signo;
 static std::string g_stopped;
+static volatile std::uintptr_t g_nowhere = 4096;
 
 // In a signal handler: nothing that allocates.
 static int Note(std::string_view who)
@@ -18,6 +19,16 @@ constexpr int (*kStop)() = [] { return Note("own"); };
 constexpr int (*kParentStop)() = [] { return Note("parent"); };
 constexpr int (*kZero)() = [] { return 0; };
 constexpr int (*kOne)() = [] { return 1; };
+
+// A write to where nothing is, below as many calls.
+[[gnu::noinline]] static int Fault(int depth)
+{
+    if (depth > 0) {
+        return Fault(depth - 1) + 1;
+    }
+    *reinterpret_cast<volatile int*>(g_nowhere) = 1;
+    return 0;
+}
 
 struct MyProgramTest : testing::Test {
     MyProgramTest()
@@ -43,6 +54,20 @@ struct MyProgramTest : testing::Test {
             raise(g_signo);
             return 33;
         }));
+    }
+
+    // The report about a signal, in its order.
+    std::string ExpectReport(int signo, const std::string& type = "nodaemon") const
+    {
+        const std::string report = Read(report_);
+        const std::string number = std::to_string(signo);
+        std::size_t at = report.find("hips maps.[hipsPid=");
+        at = report.find("\nget maps file line.[line=", at);
+        at = report.find("\nException Signal.[number=" + number + "]\nCall Stack :\n", at);
+        at = report.find("sig_deal signo.[signo=" + number + ", pid=", at);
+        EXPECT_NE(report.find(", processType=" + type + "]\n", at), std::string::npos) << signo;
+        EXPECT_EQ(fs::status(report_).permissions(), fs::perms(0600));
+        return report;
     }
 
     const TempDir root_;
@@ -130,16 +155,81 @@ TEST_F(MyProgramTest, StopAndFaultSignalsReportStopAndEndBySigterm)
         const int status = RunAndRaise(signo);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << signo;
         EXPECT_TRUE(Read(g_stopped) == "own" && !fs::exists(pidFile_)) << signo;
-        const std::string report = Read(report_);
-        const std::string number = std::to_string(signo);
-        std::size_t at = report.find("hips maps.[hipsPid=");
-        at = report.find("\nget maps file line.[line=", at);
-        at = report.find("\nException Signal.[number=" + number + "]\nCall Stack :\n", at);
-        at = report.find("sig_deal signo.[signo=" + number + ", pid=", at);
-        EXPECT_NE(report.find(", processType=nodaemon]\n", at), std::string::npos) << signo;
-        EXPECT_EQ(fs::status(report_).permissions(), fs::perms(0600));
+        ExpectReport(signo);
         EXPECT_TRUE(fs::remove(report_) && fs::remove(g_stopped));
     }
+}
+
+// Where the process was started with SIGTERM ignored or blocked, a fault that comes back at once would loop for ever.
+TEST_F(MyProgramTest, ARealFaultEndsTheProcessWhateverItWasStartedWith)
+{
+    for (const bool ignored : {true, false}) {
+        const int status = Wait(Fork([ignored] {
+            sigset_t term;
+            sigemptyset(&term);
+            sigaddset(&term, SIGTERM);
+            sigprocmask(ignored ? SIG_UNBLOCK : SIG_BLOCK, &term, nullptr);
+            signal(SIGTERM, ignored ? SIG_IGN : SIG_DFL);
+            alarm(20);  // a loop ends the test too
+            const auto main = [] { return Fault(12); };
+            MyProgram::GetInstance().RunProgram(false, true, main, kStop, nullptr, nullptr, nullptr);
+            return 0;
+        }));
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << ignored;
+        const std::string report = ExpectReport(SIGSEGV);
+        const std::size_t stack = report.find("Call Stack :\n") + 13;
+        EXPECT_EQ(std::count(report.begin() + static_cast<std::ptrdiff_t>(stack),
+                             report.begin() + static_cast<std::ptrdiff_t>(report.find("sig_deal", stack)), '\n'),
+                  10);
+        fs::remove(report_);
+    }
+}
+
+// Whoever looks for the report, or writes down why the process stopped, asks for these in its stop function.
+TEST_F(MyProgramTest, TheStopFunctionLearnsTheSignalAndWhereTheReportIs)
+{
+    EXPECT_EQ(MyProgram::GetStopSignal(), 0);
+    Wait(Fork([] {
+        const auto stop = [] {
+            const int fd = creat(g_stopped.c_str(), 0600);
+            WriteLog(fd, "%d %s", MyProgram::GetStopSignal(), MyProgram::GetReportPath());
+            return close(fd);
+        };
+        const auto main = [] { return Fault(0); };
+        MyProgram::GetInstance().RunProgram(false, false, main, stop, nullptr, nullptr, nullptr);
+        return 0;
+    }));
+    EXPECT_EQ(Read(g_stopped), "11 " + report_);
+}
+
+// A stop that removes the pid file of another instance lets a third one start beside that.
+TEST_F(MyProgramTest, OnlyThePidFileOfALivingStrangerIsLeft)
+{
+    const pid_t child = Fork([] { return pause(); });
+    const pid_t dead = Fork([] { return 0; });
+    Wait(dead);
+    const std::tuple<std::string, bool, bool> rows[] = {
+        {std::to_string(getppid()), false, true},
+        {std::to_string(child), false, true},
+        {std::to_string(child), true, false},
+        {std::to_string(dead), false, false},
+        {"", false, false},
+    };
+    for (const auto& [text, isChild, left] : rows) {
+        static std::string content;
+        content = text;
+        MyProgram::GetInstance().SetProcessRole(true, isChild ? child : 0);
+        EXPECT_TRUE(Run(false, true, [] { return Write(pidFile_, content), 0; }));
+        EXPECT_EQ(fs::remove(pidFile_), left) << text;
+        const int status = Wait(Fork([] {
+            const auto main = [] { return Write(pidFile_, content), raise(SIGINT); };
+            return Run(false, true, main) ? 0 : 1;
+        }));
+        EXPECT_EQ(WTERMSIG(status), SIGTERM);
+        EXPECT_EQ(fs::remove(pidFile_), left) << text;
+    }
+    kill(child, SIGKILL);
+    Wait(child);
 }
 
 // The pid file of the instance that runs is not this one's to remove.
@@ -172,26 +262,37 @@ TEST_F(MyProgramTest, WithoutALogPathSignalsAreSwallowed)
     EXPECT_FALSE(fs::exists(g_stopped));
 }
 
-// A signal to process 0 would end the whole group, the starter's shell with it.
+// A signal to process 0 would end the whole group, the starter's shell with it. A child that stops leaves the pid file
+// to its guardian.
 TEST_F(MyProgramTest, GuardianStopsItsChildAndNeverItsOwnGroup)
 {
+    static int terms = 0;
+    static std::function<std::string()> inside;
+    static std::string result;
+    result = root_ / "result";
     const pid_t victim = Fork([] { return pause(); });
-    const int status = Wait(Fork([victim] {
-        setpgid(0, 0);
-        MyProgram& program = MyProgram::GetInstance();
-        // A start that fails after it has stored what it was given: no root for the single instance.
-        unsetenv("RUNTIME_CENTER_PATH");
-        program.RunProgram(true, true, kStop, kStop, nullptr, kParentStop, nullptr);
-        signal(SIGTERM, [](int) { _exit(9); });
-        MyProgram::DealStopSig();  // no child yet
-        const bool parent = Read(g_stopped) == "parent";
-        program.SetProcessRole(true, victim);
-        MyProgram::DealStopSig();
-        program.SetProcessRole(false, 0);
-        MyProgram::DealStopSig();
-        return parent && Read(g_stopped) == "own" ? 0 : 1;
-    }));
-    EXPECT_EQ(status, 0);
+    const auto stop = [this](bool isParent, pid_t child, const std::string& type) {
+        MyProgram::GetInstance().SetProcessRole(isParent, child);
+        raise(SIGUSR1);
+        ExpectReport(SIGUSR1, type);
+        Write(pidFile_, std::to_string(getpid()));
+        terms = 0;
+        raise(SIGINT);
+        return Read(g_stopped) + (fs::remove(pidFile_) ? " left " : " removed ") + std::to_string(terms) + ", ";
+    };
+    inside = [&] {
+        signal(SIGTERM, [](int) { ++terms; });
+        return stop(true, 0, "daemon") + stop(true, victim, "daemon") + stop(false, 0, "child");
+    };
+    // The roles count until the main function runs.
+    const auto preRun = [] { return Write(result, inside()), 0; };
+    EXPECT_EQ(Wait(Fork([&] {
+                  MyProgram::GetInstance().RunProgram(true, true, kZero, kStop, preRun, kParentStop, nullptr);
+                  return HasFailure() ? 1 : 0;
+              })),
+              0);
+    EXPECT_TRUE(Eventually([] { return Contains(Read(result), "own"); }));
+    EXPECT_EQ(Read(result), "parent removed 1, parent removed 1, own left 1, ");
     EXPECT_EQ(WTERMSIG(Wait(victim)), SIGTERM);
 }
 

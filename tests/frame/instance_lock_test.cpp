@@ -1,0 +1,162 @@
+#include "instance_lock.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+
+#include "my_program.h"
+#include "tests/support/support.h"
+
+using Result = InstanceLock::Result;
+
+struct InstanceLockTest : testing::Test {
+    // A child that has taken the lock and then runs a function.
+    pid_t Hold(const std::function<int()>& body = [] { return pause(); }) const
+    {
+        const pid_t holder = Fork([&] {
+            InstanceLock lock;
+            return lock.Take(path_) == Result::kTaken && lock.WritePid() ? body() : 1;
+        });
+        EXPECT_TRUE(Eventually([&] { return Read(path_) == std::to_string(holder); }));
+        return holder;
+    }
+    void Kill(pid_t pid) const
+    {
+        kill(pid, SIGKILL);
+        Wait(pid);
+    }
+
+    const TempDir dir_;
+    const std::string path_ = dir_ / "lock";
+    InstanceLock lock_;
+};
+
+// Two agents on one host destroy each other's log; a lock that outlives its holder keeps the next one away.
+TEST_F(InstanceLockTest, IsHeldByOneUntilItsEndHoweverItEnds)
+{
+    const pid_t holder = Hold();
+    EXPECT_EQ(lock_.Take(path_), Result::kHeld);
+    EXPECT_EQ(lock_.Holder(), holder);
+    Write(path_, "rubbish");
+    EXPECT_EQ(lock_.Take(path_), Result::kHeld);
+    EXPECT_EQ(lock_.Holder(), 0);
+    EXPECT_FALSE(lock_.WritePid());
+    Kill(holder);
+    EXPECT_EQ(lock_.Take(path_), Result::kTaken);
+    EXPECT_EQ(Read(path_), "");  // the id of the one before would name a stranger
+    EXPECT_EQ(lock_.Take(path_), Result::kTaken);
+    EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0640));
+}
+
+// A daemon is the child of the process that took the lock. A program that the agent starts is not to keep it.
+TEST_F(InstanceLockTest, AForkedChildKeepsItAndAProgramDoesNot)
+{
+    const std::string daemon = dir_ / "daemon";
+    Kill(Hold([&] {
+        const pid_t child = Fork([&] {
+            prctl(PR_SET_PDEATHSIG, 0);
+            InstanceLock().Release();
+            Write(daemon, std::to_string(getpid()));
+            return pause();
+        });
+        return child > 0 ? pause() : 1;
+    }));
+    EXPECT_TRUE(Eventually([&] { return !Read(daemon).empty(); }));
+    EXPECT_EQ(lock_.Take(path_), Result::kHeld);
+    kill(std::stoi(Read(daemon)), SIGKILL);
+    EXPECT_TRUE(Eventually([&] { return lock_.Take(path_) == Result::kTaken; }));
+    const pid_t program = Fork([] { return execlp("sleep", "sleep", "60", nullptr); });
+    EXPECT_TRUE(Eventually([&] { return Contains(Read("/proc/" + std::to_string(program) + "/comm"), "sleep"); }));
+    lock_.Release();
+    EXPECT_EQ(InstanceLock().Take(path_), Result::kTaken);
+    Kill(program);
+}
+
+// What lies under the name may be somebody's trap: following a link would empty another file.
+TEST_F(InstanceLockTest, RefusesWhatIsNoFileOfItsOwnAndNoticesAReplacedOne)
+{
+    Write(dir_ / "other", "precious");
+    const auto refused = [&](int error) {
+        errno = 0;
+        EXPECT_EQ(lock_.Take(path_), Result::kFailed);
+        EXPECT_EQ(errno, error);
+        fs::remove(path_);
+    };
+    fs::create_symlink(dir_ / "other", path_);
+    refused(ELOOP);
+    fs::create_hard_link(dir_ / "other", path_);
+    refused(EMLINK);
+    fs::create_directory(path_);
+    refused(EISDIR);
+    mkfifo(path_.c_str(), 0600);
+    refused(EINVAL);
+    EXPECT_EQ(lock_.Take(dir_ / "none/lock"), Result::kFailed);
+    EXPECT_EQ(Read(dir_ / "other"), "precious");
+
+    EXPECT_EQ(lock_.Take(path_), Result::kTaken);
+    EXPECT_TRUE(lock_.IsInPlace());
+    Write(dir_ / "new", "");
+    fs::rename(dir_ / "new", path_);
+    EXPECT_FALSE(lock_.IsInPlace());
+    fs::remove(path_);
+    EXPECT_FALSE(lock_.IsInPlace());
+}
+
+struct SingleInstanceTest : InstanceLockTest {
+    SingleInstanceTest()
+    {
+        fs::create_directory(dir_ / "conf");
+        setenv("RUNTIME_CENTER_PATH", dir_.Path().c_str(), 1);
+    }
+    // Starts a process under the frame; 1: refused, 0: its run has ended.
+    static int Run(bool daemon)
+    {
+        const auto main = [] { return pause(); };
+        return MyProgram::GetInstance().RunProgram(daemon, true, main, nullptr, nullptr, nullptr, nullptr) ? 0 : 1;
+    }
+
+    const std::string pidFile_ = dir_ / "conf/sentrel-agent.pid";
+    const std::string lockFile_ = dir_ / "conf/agent.lock";
+};
+
+// The check alone lets several pass that start at once, and never knows an executable of another name, as here.
+TEST_F(SingleInstanceTest, OneOfManyThatStartAtOnceRuns)
+{
+    std::vector<pid_t> starting;
+    for (int i = 0; i < 6; ++i) {
+        starting.push_back(Fork([] { return Run(false); }));
+    }
+    int refused = 0;
+    EXPECT_TRUE(Eventually([&] {
+        for (int status = 0; waitpid(-1, &status, WNOHANG) > 0; ++refused) {
+            EXPECT_EQ(WEXITSTATUS(status), 1);
+        }
+        return refused == 5;
+    }));
+    EXPECT_TRUE(Eventually([&] { return !Read(pidFile_).empty(); }));
+    const int first = std::stoi(Read(pidFile_));
+    EXPECT_EQ(Read(lockFile_), std::to_string(first));
+    EXPECT_TRUE(std::ranges::count(starting, first) == 1 && kill(first, 0) == 0);
+    Kill(first);
+}
+
+TEST_F(SingleInstanceTest, ADaemonHoldsTheLockAndIsNamed)
+{
+    EXPECT_EQ(Wait(Fork([] { return Run(true); })), 0);
+    EXPECT_TRUE(Eventually([&] { return !Read(lockFile_).empty(); }));
+    const std::string daemon = Read(lockFile_);
+    EXPECT_EQ(Read(pidFile_), daemon);
+    const Records records;
+    EXPECT_EQ(Run(false), 1);
+    const Strings expected = {"INFO Init sigaction success.", "ERROR Another program is running. exit.",
+                              "ERROR The other program's process.[pid=" + daemon + "]",
+                              "ERROR check singleton running failed."};
+    EXPECT_EQ(records.Lines(), expected);
+    kill(std::stoi(daemon), SIGKILL);
+    fs::remove(pidFile_);
+    // Free with the daemon's end; a start that the check refuses keeps nothing.
+    Write(pidFile_, "rubbish");
+    EXPECT_TRUE(
+        Eventually([&] { return Run(false) == 1 && records.Has("ERROR invalid data.[filePath=" + pidFile_ + "]"); }));
+    EXPECT_EQ(lock_.Take(lockFile_), Result::kTaken);
+}

@@ -1,0 +1,203 @@
+#include <poll.h>
+#include <sys/stat.h>
+
+#include "log_system.h"
+#include "my_program.h"
+#include "tests/support/support.h"
+
+struct StopTest : testing::Test {
+    StopTest() { MyProgram::GetInstance().SetLogPath(dir_.Path()); }
+
+    // A child under the frame, with a log; its stop function logs and closes the log.
+    pid_t Start(int (*main)()) const
+    {
+        return Fork([this, main] {
+            LogSystem::Register(std::make_shared<LogSystem::LogFile>(log_, INFO, 0, 0), kNormalLog, "log", &Echo);
+            const auto stop = [] {
+                NE_LOG(INFO, "stopped by %d", MyProgram::GetStopSignal());
+                LogSystem::CloseAllLogFile();
+                return 0;
+            };
+            MyProgram::GetInstance().RunProgram(false, false, main, stop, nullptr, nullptr, nullptr);
+            return 3;
+        });
+    }
+    bool Logged(const std::string& text) const
+    {
+        return Eventually([&] { return Contains(Read(log_), text); });
+    }
+    // Ended by SIGTERM as each stop does; one that hangs is killed after a while.
+    static bool EndsBySigterm(pid_t pid)
+    {
+        int status = 0;
+        const bool ended = Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
+        if (!ended) {
+            kill(pid, SIGKILL);
+            Wait(pid);
+        }
+        return ended && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM;
+    }
+
+    const TempDir dir_;
+    const std::string log_ = dir_ / "log";
+};
+
+// The stop function logs while the interrupted thread holds the locks of the very record it was in the middle of.
+TEST_F(StopTest, AMainFunctionThatLogsIsStoppedAfterTheRecord)
+{
+    for (int i = 0; i < 30; ++i) {
+        const pid_t pid = Start([] {
+            for (;;) {
+                NE_LOG(INFO, "busy");
+            }
+            return 0;
+        });
+        EXPECT_TRUE(Logged("busy\nbusy\nbusy"));
+        kill(pid, i % 2 == 0 ? SIGINT : SIGQUIT);
+        EXPECT_TRUE(EndsBySigterm(pid)) << i;
+        EXPECT_TRUE(Read(log_).ends_with(i % 2 == 0 ? "busy\nstopped by 2\n" : "busy\nstopped by 3\n"));
+        fs::remove(log_);
+    }
+}
+
+// A record that never ends must not keep the program from stopping.
+TEST_F(StopTest, ASecondStopSignalDoesNotWaitForTheRecord)
+{
+    const pid_t pid = Start([] {
+        MessageBus::Subscribe(kDotLog, "hang", [](const NENormalLog&) {
+            NE_LOG(INFO, "hangs");
+            while (true) {
+                pause();
+            }
+        });
+        LoggerWriteLog(kDotLog, INFO, "f.cpp", 1, "x");
+        return 0;
+    });
+    EXPECT_TRUE(Logged("hangs\n"));
+    kill(pid, SIGINT);
+    EXPECT_TRUE(Eventually([&] {  // taken, and put off
+        return !Contains(Read("/proc/" + std::to_string(pid) + "/status"), "ShdPnd:\t0000000000000002");
+    }));
+    EXPECT_FALSE(Contains(Read(log_), "stopped"));
+    kill(pid, SIGQUIT);
+    EXPECT_TRUE(EndsBySigterm(pid));
+    EXPECT_TRUE(Logged("hangs\nstopped by 3\n"));
+}
+
+// SIGUSR1 asks for a report and no more: a wait that ends with it would end the agent.
+TEST_F(StopTest, WaitingGoesOnAfterAReportAndEndsInTheStop)
+{
+    for (int (*const main)() : {+[] {
+                                    NE_LOG(INFO, "waits");
+                                    return MyProgram::WaitForStop() ? 1 : 2;
+                                },
+                                +[] {
+                                    MyProgram::BlockStopSignals();
+                                    NE_LOG(INFO, "waits");
+                                    pollfd wanted = {MyProgram::GetStopDescriptor(), POLLIN, 0};
+                                    while (poll(&wanted, 1, -1) < 0 || !MyProgram::HandlePendingStop()) {
+                                    }
+                                    return 1;
+                                }}) {
+        const pid_t pid = Start(main);
+        EXPECT_TRUE(Logged("waits\n"));
+        for (int i = 0; i < 3; ++i) {
+            fs::remove(dir_ / "coredump.log");
+            kill(pid, SIGUSR1);
+            EXPECT_TRUE(Eventually([&] { return Contains(Read(dir_ / "coredump.log"), "signo=10"); }));
+        }
+        kill(pid, SIGTSTP);
+        EXPECT_TRUE(EndsBySigterm(pid));
+        EXPECT_TRUE(Read(log_).ends_with("waits\nstopped by 20\n"));
+        fs::remove(log_);
+    }
+}
+
+// Kept: without a report to write a stop is swallowed; the wait goes on. Where the program handles SIGTERM, it ends.
+TEST_F(StopTest, ASwallowedStopDoesNotEndTheWait)
+{
+    MyProgram::GetInstance().SetLogPath("/none");
+    const int status = Wait(Fork([&] {
+        static std::string directory;
+        directory = dir_.Path();
+        MyProgram::BlockStopSignals();
+        raise(SIGINT);
+        const bool handled = MyProgram::HandlePendingStop() || MyProgram::HandlePendingStop();
+        signal(SIGTERM, SIG_IGN);
+        signal(SIGUSR1, [](int) {
+            MyProgram::GetInstance().SetLogPath(directory);
+            raise(SIGINT);
+        });
+        raise(SIGINT);
+        const std::jthread later([main = pthread_self()] {
+            sigset_t pending;
+            do {  // the first one has been taken
+                std::this_thread::yield();
+                sigpending(&pending);
+            } while (sigismember(&pending, SIGINT) == 1);
+            pthread_kill(main, SIGUSR1);
+        });
+        return !handled && MyProgram::WaitForStop() ? 7 : 1;
+    }));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+// A stop that arrives while a log rolls would be lost, and the program waits for it for ever.
+TEST_F(StopTest, ARollLeavesAPendingStopAndTheSignalsAsTheyAre)
+{
+    EXPECT_EQ(Wait(Fork([&] {
+                  MyProgram::BlockStopSignals();
+                  raise(SIGINT);
+                  raise(SIGQUIT);
+                  for (const char* text : {"one", "two"}) {
+                      LogSystem::LogFile(log_, DEBUG, 0, 1).FlushLogStream(text, 3);
+                  }
+                  sigset_t pending;
+                  sigpending(&pending);
+                  return sigismember(&pending, SIGINT) + sigismember(&pending, SIGQUIT);
+              })),
+              2 << 8);
+    EXPECT_EQ(Unzipped(log_ + ".1.gz"), "one");
+}
+
+// Handlers that nest until the stack is full would end the program by what is meant to look at it.
+TEST_F(StopTest, ReportsDoNotNest)
+{
+    const std::string report = dir_ / "coredump.log";
+    mkfifo(report.c_str(), 0600);  // nobody reads: each report takes until the next signal interrupts it
+    const pid_t pid = Start([] {
+        pthread_attr_t small;
+        pthread_attr_init(&small);
+        pthread_attr_setstacksize(&small, 262144);
+        pthread_t thread;
+        pthread_create(
+            &thread, &small,
+            [](void*) -> void* {
+                NE_LOG(INFO, "ready");
+                while (true) {
+                    pause();
+                }
+            },
+            nullptr);
+        sigset_t usr1;
+        sigemptyset(&usr1);
+        sigaddset(&usr1, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+        return pthread_join(thread, nullptr);
+    });
+    EXPECT_TRUE(Logged("ready\n"));
+    const std::string status = "/proc/" + std::to_string(pid) + "/status";
+    EXPECT_TRUE(Eventually([&] { return Contains(Read(status), "SigBlk:\t0000000000000200"); }));
+    for (int i = 0; i < 500; ++i) {
+        kill(pid, SIGUSR1);
+        EXPECT_TRUE(Eventually([&] { return Contains(Read(status), "ShdPnd:\t0000000000000000"); }));
+    }
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
+    fs::remove(report);
+    EXPECT_TRUE(Eventually([&] {
+        kill(pid, SIGUSR1);
+        return Contains(Read(report), "sig_deal signo.[signo=10");
+    }));
+    kill(pid, SIGKILL);
+    Wait(pid);
+}
