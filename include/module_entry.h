@@ -12,9 +12,9 @@
 // Errors   InitModule and StartModule give 0 on failure and have then left nothing behind. What the other
 //          two give is not looked at. No exception may leave them.
 // Limits   the library is unmapped when it is closed: no thread, callback, task or destructor of a thread may
-//          be left by then. Build it with -fno-gnu-unique: unique symbols would keep it in memory, and a
-//          replaced file would not come into use. A log subscriber may be called once more after it was removed,
-//          so a module never subscribes to the log.
+//          be left by then. Build it with neutils_add_feature (README): a unique symbol would keep it in memory, and
+//          a replaced file would not come into use. A log subscriber is removed with UnsubscribeAndWait, a log file
+//          with Unregister.
 #ifdef __cplusplus
 extern "C" {
 #endif

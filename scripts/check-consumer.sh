@@ -55,11 +55,13 @@ run_logged cmake --build "$scratch/build"
 chmod go-w "$scratch/build" "$scratch/build/libhello.so"  # or the feature is refused
 check_program "$scratch/build/consumer"
 
-step 'a program that finds the library with pkg-config' "$log"
+step 'programs that find the library with pkg-config, the example of the README among them' "$log"
 export PKG_CONFIG_PATH
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name neutils.pc)")
 read -ra flags < <(pkg-config --cflags --libs neutils)
 flags+=(-std=c++17 -Wall -Wextra -Werror -Wl,-rpath,"$(realpath "$(pkg-config --variable=libdir neutils)")")
+awk '/^```cpp$/ { on = 1; next } /^```$/ && on { exit } on' "$root/README.md" >"$scratch/readme.cpp"
+run_logged g++ -o "$scratch/readme" "$scratch/readme.cpp" "${flags[@]}"
 for compiler in g++ clang++; do
     if ! command -v "$compiler" >/dev/null; then
         echo "    without $compiler, which is not installed"
