@@ -7,7 +7,7 @@
 
 #include <cerrno>
 #include <charconv>
-#include <string_view>
+#include <utility>
 
 #include "util/file.h"
 #include "util/unique_fd.h"
@@ -27,6 +27,15 @@ pid_t ReadPid(int fd)
         return 0;
     }
     return pid;
+}
+
+// Opens the file; never as one of the standard descriptors, which a daemon replaces.
+UniqueFd Open(const std::string& path)
+{
+    constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    UniqueFd fd(open(path.c_str(), kFlags, 0640));
+    return fd.Get() > STDERR_FILENO || !fd.IsValid() ? std::move(fd)
+                                                     : UniqueFd(fcntl(fd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 bool LeadsTo(const std::string& path, int fd)
@@ -58,7 +67,7 @@ InstanceLock::Result InstanceLock::Take(const std::string& path)
     Release();
     holder_ = 0;
     for (int tries = 0; tries < kMaxTries; ++tries) {
-        UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640));
+        UniqueFd fd = Open(path);
         if (!fd.IsValid() || !IsPlain(fd.Get())) {
             return Result::kFailed;
         }

@@ -56,6 +56,7 @@ std::mutex& LogSystem::RegistrationMutex()
 // A child that is forked while another thread logs would find its locks held for ever.
 void LogSystem::LockForFork()
 {
+    StopDeferral::Begin();
     RegistrationMutex().lock();
     for (Slot& slot : Slots()) {
         slot.slotMutex.lock();
@@ -76,6 +77,7 @@ void LogSystem::UnlockAfterFork(bool isChild)
         slot.slotMutex.unlock();
     }
     RegistrationMutex().unlock();
+    StopDeferral::End();
 }
 
 // Gives the reason of a refusal, or null.

@@ -192,12 +192,14 @@ namespace {
 // Fork handlers: a child that is forked while another thread logs would find the registry locked for ever.
 void LockForFork()
 {
+    StopDeferral::Begin();
     MessageBus::GetSubMutex().lock();
 }
 
 void UnlockInParent()
 {
     MessageBus::GetSubMutex().unlock();
+    StopDeferral::End();
 }
 
 void UnlockInChild()
@@ -209,7 +211,7 @@ void UnlockInChild()
             }
         }
     }
-    MessageBus::GetSubMutex().unlock();
+    UnlockInParent();
 }
 
 }  // namespace

@@ -14,6 +14,8 @@
 #include "frame/stop_deferral.h"
 #include "my_program.h"
 #include "util/bounded.h"
+#include "util/file.h"
+#include "util/unique_fd.h"
 
 namespace NEUtils {
 
@@ -34,22 +36,13 @@ constexpr std::size_t kMapLineSize = 2048;
 std::atomic<int> g_stopSignal{0};
 std::atomic<int> g_reporter{0};  // the process that is writing its report for SIGUSR1
 
-ssize_t ReadAgain(int fd, void* data, std::size_t length)
-{
-    ssize_t count;
-    do {
-        count = read(fd, data, length);
-    } while (count < 0 && errno == EINTR);
-    return count;
-}
-
 // Writes each line of a descriptor as a record of its own; a longer line comes in pieces.
 void CopyMapLines(int maps, int fd)
 {
     char piece[kMapLineSize];
     std::size_t used = 0;
     for (;;) {
-        const ssize_t count = ReadAgain(maps, piece + used, kMapLineSize - 1 - used);
+        const ssize_t count = FileOperation::Read(maps, piece + used, kMapLineSize - 1 - used);
         if (count > 0) {
             used += static_cast<std::size_t>(count);
         }
@@ -74,11 +67,8 @@ void CopyMapLines(int maps, int fd)
 int ReadPid(const char* path)
 {
     char text[kMaxPidDigits];
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    const ssize_t length = fd < 0 ? 0 : ReadAgain(fd, text, std::size(text));
-    if (fd >= 0) {
-        close(fd);
-    }
+    const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const ssize_t length = fd.IsValid() ? FileOperation::Read(fd.Get(), text, std::size(text)) : 0;
     int pid = 0;
     for (ssize_t i = 0; i < length && text[i] >= '0' && text[i] <= '9'; ++i) {
         pid = pid * 10 + (text[i] - '0');
@@ -139,17 +129,16 @@ void MyProgram::SigActionHandler(int signo, siginfo_t*, void*)
 void MyProgram::WriteReport(int signo)
 {
     // Kept because a full disk must still take a report: it is written over the one before, uncut.
-    const int fd = open(SignalPaths::crashReport, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    const UniqueFd fd(open(SignalPaths::crashReport, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!fd.IsValid()) {
         return;
     }
-    LogMapsInfo(getpid(), fd);
-    WriteLog(fd, "Exception Signal.[number=%d]\n", signo);
-    WriteLog(fd, "Call Stack :\n");
+    LogMapsInfo(getpid(), fd.Get());
+    WriteLog(fd.Get(), "Exception Signal.[number=%d]\n", signo);
+    WriteLog(fd.Get(), "Call Stack :\n");
     void* frames[kMaxFrames];
-    backtrace_symbols_fd(frames, backtrace(frames, kMaxFrames), fd);
-    SigDeal(fd, signo);
-    close(fd);
+    backtrace_symbols_fd(frames, backtrace(frames, kMaxFrames), fd.Get());
+    SigDeal(fd.Get(), signo);
 }
 
 const char* MyProgram::ProcessTypeName()
@@ -209,14 +198,13 @@ void MyProgram::LogMapsInfo(int pid, int fd)
         WriteLog(fd, "Failed to get hips maps path.\n");
         return;
     }
-    const int maps = open(path, O_RDONLY | O_CLOEXEC);
-    if (maps < 0) {
+    const UniqueFd maps(open(path, O_RDONLY | O_CLOEXEC));
+    if (!maps.IsValid()) {
         WriteLog(fd, "Failed to open hips maps path.\n");
         return;
     }
     WriteLog(fd, "hips maps.[hipsPid=%d]\n", pid);
-    CopyMapLines(maps, fd);
-    close(maps);
+    CopyMapLines(maps.Get(), fd);
 }
 
 int MyProgram::GetStopSignal()

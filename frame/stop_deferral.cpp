@@ -13,12 +13,12 @@ namespace {
 
 }  // namespace
 
-StopDeferral::StopDeferral()
+void StopDeferral::Begin()
 {
     t_depth = t_depth + 1;
 }
 
-StopDeferral::~StopDeferral()
+void StopDeferral::End()
 {
     t_depth = t_depth - 1;
     const int signo = t_putOff;

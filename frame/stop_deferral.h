@@ -9,10 +9,14 @@ namespace NEUtils {
 // Threads  each puts off its own signals.
 class StopDeferral {
 public:
-    StopDeferral();
-    ~StopDeferral();
+    StopDeferral() { Begin(); }
+    ~StopDeferral() { End(); }
     StopDeferral(const StopDeferral&) = delete;
     StopDeferral& operator=(const StopDeferral&) = delete;
+
+    // The two ends of a scope that is none in the source, such as a fork.
+    static void Begin();
+    static void End();
 
     // For the signal handler: true if the signal has been put off.
     static bool PutOff(int signo);

@@ -142,7 +142,8 @@ TEST_F(SingleInstanceTest, OneOfManyThatStartAtOnceRuns)
 
 TEST_F(SingleInstanceTest, ADaemonHoldsTheLockAndIsNamed)
 {
-    EXPECT_EQ(Wait(Fork([] { return Run(true); })), 0);
+    // Also where it begins without the standard descriptors, which the daemon opens anew.
+    EXPECT_EQ(Wait(Fork([] { return close(0) + close(1) + close(2) + Run(true); })), 0);
     EXPECT_TRUE(Eventually([&] { return !Read(lockFile_).empty(); }));
     const std::string daemon = Read(lockFile_);
     EXPECT_EQ(Read(pidFile_), daemon);
