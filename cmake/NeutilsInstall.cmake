@@ -11,7 +11,7 @@ install(FILES ${publicHeaders} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/neutils)
 install(DIRECTORY DESTINATION log
         DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 
-# The agent loads nothing from a folder, and no library, that others may write.
+# The agent loads nothing from a directory, and no library, that others may write.
 get_property(features GLOBAL PROPERTY NEUTILS_FEATURES)
 install(DIRECTORY DESTINATION lib/features
         DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -19,11 +19,11 @@ install(TARGETS ${features} LIBRARY DESTINATION lib/features
         PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 # neutils_install_once(FILE FOLDER): what an administrator or a server has changed survives the next install.
-function(neutils_install_once file folder)
+function(neutils_install_once file directory)
   get_filename_component(name ${file} NAME)
   install(CODE "
-    if(NOT EXISTS \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${folder}/${name}\")
-      file(INSTALL \"${PROJECT_SOURCE_DIR}/${file}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${folder}\"
+    if(NOT EXISTS \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${name}\")
+      file(INSTALL \"${PROJECT_SOURCE_DIR}/${file}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${directory}\"
            PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
     endif()")
 endfunction()

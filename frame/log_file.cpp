@@ -28,8 +28,8 @@ constexpr std::int64_t kLongestRollPauseNs = 60 * Clock::kNsPerSecond;
 constexpr std::int64_t kForkWaitNs = Clock::kNsPerSecond;
 constexpr std::int64_t kSlowSeconds = 10;
 
-// The open file still has a name. statx asks for the link count alone, and the next write after it
-// is cheaper than after fstat, which stands in where the kernel lacks it.
+// The open file still has a name. statx asks for the link count alone, which makes the write that follows cheaper
+// than fstat does. fstat serves where the kernel has no statx.
 bool HasLinks(int fd)
 {
 #ifdef STATX_NLINK
@@ -89,7 +89,7 @@ void LogSystem::LogFile::WriteLog(const Formatter& formatter, const NENormalLog&
     if (retired_ || static_cast<unsigned int>(record.level) < minLevel_) {
         return;
     }
-    // Kept before rendering: a record that fails to convert has spent its line of the budget too.
+    // Kept before rendering because the budget counts records: one that fails to convert has spent its line too.
     if (!SpendLine()) {
         return;
     }
@@ -132,12 +132,13 @@ bool LogSystem::LogFile::FlushLogStream(const char* data, unsigned int length)
         CountFailure(errno);
     }
     busySinceNs_ = 0;
+    // Kept because callers ask whether the file could be opened: true also where the disk did not take the line.
     return isOpen;
 }
 
 void LogSystem::LogFile::AppendLine(const char* data, unsigned int length)
 {
-    // What the disk took of a line before must not swallow this one.
+    // Where the disk took a part of the last line only, this one begins on a line of its own.
     bool written = !endsInPiece_ || putc_unlocked('\n', stream_) != EOF;
     written = written && fwrite_unlocked(data, 1, length, stream_) == length;
     int error = errno;
@@ -185,7 +186,7 @@ std::string LogSystem::LogFile::GetFault() const
     return error == 0 ? "" : ErrnoText(error).Get();
 }
 
-// For a fork: waits for the line under way, but not for a roll that hangs.
+// Before a fork: waits until the line under way is written, but not for a roll that hangs.
 void LogSystem::LogFile::LockForFork()
 {
     const std::int64_t end = Clock::MonotonicNs() + kForkWaitNs;
@@ -199,7 +200,7 @@ void LogSystem::LogFile::UnlockAfterFork(bool isChild)
     if (forkLocked_) {
         forkLocked_ = false;
         fileMutex_.unlock();
-    } else if (isChild) {  // nobody will ever unlock it here, and its stream is in the middle of a line
+    } else if (isChild) {  // the thread that would unlock it does not exist here
         abandoned_ = true;
         retired_ = true;
     }
@@ -230,8 +231,8 @@ bool LogSystem::LogFile::CheckLogInfo()
         errno = EINVAL;
         return false;
     }
-    // Kept exclusive: opening never appends to what is there. The same as mode "a+x", but the file has
-    // its final mode from the first moment on.
+    // Kept exclusive because each start is to begin a new file: what is there is never appended to. The same as mode
+    // "a+x", but the file has its final mode from the first moment on.
     const auto create = [this]() -> std::FILE* {
         const int fd = open(filePath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, kLiveMode);
         std::FILE* stream = fd < 0 ? nullptr : fdopen(fd, "a+");
@@ -288,7 +289,7 @@ void LogSystem::LogFile::CheckFileMaxSize()
         return;
     }
     const unsigned int count = rollCount_;
-    // By its descriptor: the name may lead elsewhere by now.
+    // By the descriptor, since the name may lead elsewhere by now.
     if (count == 0 && ftruncate(fileno_unlocked(stream_), 0) == 0) {
         fileSize_ = 0;
     }
@@ -303,7 +304,7 @@ void LogSystem::LogFile::RollFiles(const std::string& path, unsigned int count) 
     static_cast<void>(LogRoll::Roll(path, count));
 }
 
-// gzip on a full disk fails after it has read the whole file, so it is not tried again with every record.
+// On a full disk gzip reads the whole file before it fails, so it does not run again with every record.
 void LogSystem::LogFile::RollWhenDue()
 {
     if (Clock::MonotonicNs() < nextRollNs_) {

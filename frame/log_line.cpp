@@ -11,8 +11,8 @@ namespace NEUtils {
 
 namespace {
 
-// Puts a line together in a buffer of the caller's. By hand, since printf would be the dearest step of
-// a record after its system calls.
+// Puts a line together in a buffer of the caller's. It does without printf, which would cost more than anything else
+// in a record but its system calls.
 class LineWriter {
 public:
     LineWriter(char* out, std::size_t size) : at_(out), end_(out + size) {}

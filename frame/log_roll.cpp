@@ -82,7 +82,7 @@ std::vector<Move> PlanMoves(const std::string& path, const std::string& fresh, u
 {
     std::vector<Move> moves;
     for (const unsigned int number : ListCopies(path)) {
-        const bool isLeft = number < count;  // more than one is not where the limit was lowered
+        const bool isLeft = number < count;  // several may go, where the limit was lowered
         moves.push_back({CopyName(path, number), isLeft ? CopyName(path, number + 1) : ""});
     }
     moves.push_back({fresh, count == 0 ? "" : CopyName(path, 1)});

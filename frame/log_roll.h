@@ -5,8 +5,8 @@
 // Rolls a log file away: compresses it and moves its numbered copies up.
 namespace NEUtils::LogRoll {
 
-// Why a path cannot be one of a log file that rolls; null if it can. It becomes part of a shell command, and gzip
-// refuses some names.
+// Why a log file cannot have this path; null if it can. The path becomes part of a shell command, and gzip refuses
+// some names.
 const char* PathFault(const std::string& path);
 
 // Compresses <path> to <path>.1.gz and keeps at most count copies, older ones under higher numbers. False, and

@@ -39,12 +39,13 @@ std::array<LogSystem::Slot, 5>& LogSystem::Slots()
     return slots;
 }
 
-// Held while places are taken or given back together with their subscription, so that a pair of kind
-// and name is taken once and never left subscribed without a place.
+// Held while a place and its subscription are taken or given back together. So a pair of kind and name is taken once
+// and is never subscribed without a place.
 std::mutex& LogSystem::RegistrationMutex()
 {
     static auto& mutex = []() -> std::mutex& {
-        // A fork takes the locks of the handlers that were added last first, and the registry's is the innermost.
+        // A fork runs the handlers that were added last first. The registry's lock is taken last, so its handler is
+        // added first.
         MessageBus::GetSubMutex();
         pthread_atfork(
             &LockForFork, [] { UnlockAfterFork(false); }, [] { UnlockAfterFork(true); });
@@ -53,7 +54,7 @@ std::mutex& LogSystem::RegistrationMutex()
     return mutex;
 }
 
-// A child that is forked while another thread logs would find its locks held for ever.
+// Fork handlers. Without them a child that is forked while another thread logs would find these locks held for ever.
 void LogSystem::LockForFork()
 {
     StopDeferral::Begin();
@@ -178,7 +179,7 @@ bool LogSystem::Unregister(const std::string& name)
     if (file == nullptr) {
         return false;
     }
-    // Outside the locks: both wait, for the lines under way and for a roll.
+    // Without the locks, since both wait: for the lines under way, and for a roll.
     MessageBus::UnsubscribeAndWait(kind, name);
     file->retired_ = true;
     file->CloseRetired();
@@ -203,7 +204,7 @@ void LogSystem::CloseAllLogFile()
         }
     }
     for (const auto& file : files) {
-        file->CloseRetired();  // waits for a roll, so outside the locks
+        file->CloseRetired();  // waits for a roll, so without the locks
     }
 }
 

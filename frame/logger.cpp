@@ -124,8 +124,8 @@ bool LocalTime(struct tm& out)
     }
 }
 
-// A subscriber logs: its record stays in the outer buffer, which the new arguments may point into.
-// Apart from the common path, which then needs no second buffer on the stack.
+// For a subscriber that logs: the record that it was given stays in the outer buffer, since the new arguments may
+// point into it. A function of its own, so that the common path has no second buffer on its stack.
 [[gnu::noinline, gnu::format(printf, 5, 0)]] void DispatchNested(const Subscribers& subscribers, LogLevel level,
                                                                  const char* fileName, unsigned int line,
                                                                  const char* format, va_list args)
@@ -141,7 +141,7 @@ bool LocalTime(struct tm& out)
 void LoggerWriteLog(const char* logKind, LogLevel level, const char* fileName, unsigned int line, const char* format,
                     ...) noexcept
 {
-    // Kept because the startup kind exists only as a registration name: its records are dropped.
+    // Kept because the startup kind is a name to register files under and no more: its records are dropped.
     if (format == nullptr || logKind == nullptr || std::strcmp(logKind, NEUtils::kStartupLog) == 0 ||
         t_depth >= kMaxDepth) {
         return;
@@ -163,7 +163,7 @@ void ReplaceEscapeChar()
 {
     char* message = CurrentMessage();
     const std::size_t length = std::strlen(message);
-    // Without a branch and to a known end, so that the compiler takes many characters at once.
+    // Without a branch and to a known end, so that the compiler handles many characters at once.
     for (std::size_t i = 0; i < length; ++i) {
         const char byte = message[i];
         const bool breaksTheLine = (byte >= '\n' && byte <= '\r') || byte == '\b' || byte == '\x7f';
@@ -189,7 +189,7 @@ namespace NEUtils {
 
 namespace {
 
-// Fork handlers: a child that is forked while another thread logs would find the registry locked for ever.
+// Fork handlers. Without them a child that is forked while another thread logs would find the registry locked for ever.
 void LockForFork()
 {
     StopDeferral::Begin();

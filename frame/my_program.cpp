@@ -145,13 +145,14 @@ int MyProgram::Daemonize() const
 
 int MyProgram::SigInit() const
 {
-    // Ignored by whoever started this process, SIGTERM would not end it, and a fault would come again for ever.
+    // Whoever started this process may have ignored SIGTERM. It would not end the process then, and a fault would come
+    // back for ever.
     struct sigaction ending = {};
     if (sigaction(SIGTERM, nullptr, &ending) == 0 && ending.sa_handler == SIG_IGN) {
         ending.sa_handler = SIG_DFL;
         sigaction(SIGTERM, &ending, nullptr);
     }
-    // The first call loads the unwinder and allocates; the handler must find that done.
+    // The first call loads the unwinder and allocates, which the handler must not do.
     void* frame = nullptr;
     static_cast<void>(backtrace(&frame, 1));
 

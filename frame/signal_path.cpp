@@ -109,8 +109,8 @@ int WriteLog(int fd, const char* format, ...)
 
 void MyProgram::SigActionHandler(int signo, siginfo_t*, void*)
 {
-    // Kept because embedders switch the handling off by giving no log path: the signal is swallowed, a
-    // crash signal too.
+    // Kept because embedders switch the handling off by giving no log path: the signal has no effect, a crash signal
+    // too.
     if (SignalPaths::crashReport[0] == '\0' || StopDeferral::PutOff(signo)) {
         return;
     }
@@ -163,7 +163,7 @@ int MyProgram::SigDeal(int fd, int signo)
     if (program.checkSingleton_ && !isChild) {
         SignalPaths::RemovePidFile(SignalPaths::pidFile, program.childPid_);
     }
-    // Blocked by whoever started this process, SIGTERM would not end it.
+    // Whoever started this process may have blocked SIGTERM, which would not end it then.
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);

@@ -24,8 +24,8 @@ namespace NEUtils {
 // Locks    one mutex a file, held while its line is written and while it rolls; the daily budget's and
 //          the registration's (over a place's, over the registry's) are never held together with it.
 //          Nothing is logged under any of them.
-//          A fork waits for them, so do not fork in a formatter or a signal handler. In a child that was forked
-//          while a file rolled for longer than a second, records to that file are dropped.
+//          A fork waits for those of registered files and the others, so a child finds them free; do not fork in a
+//          signal handler. Where a file rolls for longer than a second, the child drops its records to it.
 // Blocks   a roll runs gzip, in the shell, on the thread whose record found the file too large. SIGCHLD must not be
 //          ignored, and nobody else may wait for that child, or no roll is seen to succeed.
 // Errors   a refused registration is logged; failing writes are silent but counted, and the next record tries
@@ -58,8 +58,8 @@ public:
     // Lines that all files together may write in 86,400 seconds of the wall clock; 0: no budget.
     static void SetGlobalRecordLines(unsigned int lines);
 
-    // For a status, since the process began: lines that could not be written to any file, and lines that the daily
-    // budget did not allow; and whether it allows none at present.
+    // For a status. Since the process began: lines that could not be written, of all files together, and lines that the
+    // daily budget did not allow. And whether the budget is used up now.
     static std::uint64_t GetFailedLineCount();
     static std::uint64_t GetLinesOverBudget();
     static bool IsBudgetUsedUp();
@@ -111,8 +111,9 @@ public:
     // Appends bytes and hands them to the kernel. The size is looked at with every 50th call, before it.
     bool FlushLogStream(const char* data, unsigned int length);
 
-    // For a status; neither waits for the file. The lines that could not be written to it; and why the last one could
-    // not, or for how long one has been waiting for the disk or for gzip (from 10 s on). Empty: all is well.
+    // For a status; neither waits for the file. The number of lines that could not be written. And what is wrong now:
+    // why the last line could not be written, or for how long one has been waiting for the disk or for gzip, from 10 s
+    // on; empty if nothing is.
     std::uint64_t GetFailedLineCount() const;
     std::string GetFault() const;
 

@@ -105,9 +105,10 @@ public:
     // Removes a subscriber; a call of it that is under way on another thread may still end later.
     static bool Unsubscribe(const std::string& kind, const std::string& name);
 
-    // The same, and waits until no other thread is in a call of the subscriber; afterwards it is neither called nor
-    // held, and its code may be unloaded. From within its own call it does not wait for that call, and the subscriber
-    // is destroyed with it. False, without a wait: it is not subscribed. Hold no lock that the subscriber takes.
+    // The same, and waits until no other thread is in a call of the subscriber. Afterwards it is neither called nor
+    // held, so its code may be unloaded. A subscriber may remove itself in its own call: it waits for the calls of
+    // other threads only, and is destroyed after its own. False, without a wait: it is not subscribed. Hold no lock
+    // that the subscriber takes.
     static bool UnsubscribeAndWait(const std::string& kind, const std::string& name);
 
     // The registry itself and the mutex to hold while using it, but not over a fork. UnsubscribeAndWait does not wait

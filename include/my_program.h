@@ -23,9 +23,9 @@ namespace NEUtils {
 // stop; SIGUSR1 only reports. A stop ends in SIGTERM to the own process, whose action stays the default.
 //
 // A stop signal that is not blocked interrupts whatever its thread does at that moment, and the stop function then
-// runs inside of it. The frame puts the signal off while that thread is in a log call. It cannot do so for other
-// locks, those of malloc among them: a stop function that needs one of these may wait for its own thread for ever.
-// So call BlockStopSignals() first in main(), and wait in WaitForStop().
+// runs in the middle of that. While the thread is in a log call the frame puts the signal off. It cannot do so for
+// other locks, such as malloc's: a stop function that needs one of them may wait for its own thread for ever. So call
+// BlockStopSignals() first in main(), and wait in WaitForStop(). A crash signal is never put off.
 //
 // Threads  one: the main thread, before it starts others. The handler may run on any thread.
 // Limits   paths of at most 4,095 characters.
@@ -55,14 +55,14 @@ public:
     // goes on, since it handles SIGTERM itself; the main function should return. False: errno says why not.
     static bool WaitForStop();
 
-    // The same for a main function that waits for something else too: a descriptor that is readable (poll) while a
-    // stop signal waits, and the step to take then, which gives false if none waited or the frame swallowed it. The
-    // stop signals must be blocked. The descriptor is the frame's; -1, with errno set, if there is none.
+    // The same for a main function that waits for something else too. The descriptor is readable (poll) while a stop
+    // signal is pending; it belongs to the frame, and is -1, with errno set, if there is none. HandlePendingStop then
+    // stops the program; false: no signal was pending, or the frame swallowed it. Block the stop signals first.
     static int GetStopDescriptor();
     static bool HandlePendingStop();
 
-    // For the stop function, and safe in a handler: the signal that it runs for (0: none has come), and the path of
-    // the report about it.
+    // For the stop function, and safe in a handler: the signal that the program stops for (0: none has come), and the
+    // path of the report about it.
     static int GetStopSignal();
     static const char* GetReportPath();
 

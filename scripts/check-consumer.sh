@@ -13,7 +13,7 @@ cleanup() { rm -rf "$scratch"; }
 
 install_build() { run_logged cmake --install "$build" --prefix "$prefix"; }
 
-# The library that a program is bound to must be the installed one, not that of the build folder.
+# The library that a program is bound to must be the installed one, not that of the build directory.
 bound_to_install() { [[ $(ldd "$1") == *"libneutils.so.1 => $prefix/"* ]] || fail "$1: not bound to the install"; }
 
 check_program() {

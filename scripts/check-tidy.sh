@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs clang-tidy over the sources of the product, with the compile commands of a build folder.
+# Runs clang-tidy over the sources of the product, with the compile commands of a build directory.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"

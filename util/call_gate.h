@@ -4,8 +4,8 @@
 
 namespace NEUtils {
 
-// Lets a callback be called until it is closed, after which no call of it runs any more. It has no lock, so a
-// callback costs two atomic steps and a child that is forked meanwhile cannot find one held.
+// Lets a callback be called until the gate is closed; afterwards no call of it runs. The gate has no lock: a call costs
+// two atomic steps, and a child that is forked meanwhile cannot find a lock held.
 //
 // Threads  any, also several at once, and a call within a call.
 class CallGate {
@@ -24,7 +24,7 @@ public:
         }
     }
 
-    // Waits for the calls under way, but for those of this very thread, and gives the number of these.
+    // Waits for the calls of other threads, and gives the number of calls that this thread is in.
     unsigned int Close()
     {
         closed_ = true;
@@ -35,7 +35,7 @@ public:
         return own;
     }
 
-    // In a forked child, which has this thread alone.
+    // For a forked child, where this thread is the only one.
     void ForgetOtherThreads() { calls_ = OwnCalls(); }
 
 private:

@@ -5,7 +5,7 @@
 
 namespace NEUtils {
 
-// Lets something through at most once in each period: the log record about a failure that repeats, say.
+// Lets something through at most once a period, for example the log record about a failure that repeats.
 //
 // Threads  any; of several that ask at once, one is let through.
 // Units    milliseconds, on whichever clock the caller reads; always the same one.

@@ -68,7 +68,7 @@ TEST_F(LogFileTest, RollsByTheSizeSeenAtEvery50thWrite)
     EXPECT_FALSE(fs::exists(dir_ / "c.log.gz") || fs::exists(dir_ / "c.log.1.gz"));
 }
 
-// A link planted in the log folder must not lead root's log, or its compression, elsewhere.
+// A link planted in the log directory must not lead root's log, or its compression, elsewhere.
 TEST_F(LogFileTest, LinksAndDirectoriesAreRemovedNotFollowed)
 {
     const std::string target = dir_ / "target";

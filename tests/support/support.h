@@ -1,4 +1,4 @@
-// What the tests share: children, threads, a folder of their own, collected records.
+// What the tests share: children, threads, a directory of their own, collected records.
 #pragma once
 
 #include <grp.h>
@@ -86,7 +86,7 @@ inline std::string Unzipped(const std::string& path)
     return text;
 }
 
-// A folder of its own for a test, removed at its end.
+// A directory of its own for a test, removed at its end.
 struct TempDir {
     TempDir() {}  // not defaulted: a class may hold a const one
     ~TempDir() { fs::remove_all(path_, ignored_); }
