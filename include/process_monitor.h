@@ -33,8 +33,9 @@ inline constexpr std::uint32_t kExitEvent = 0x80000000;
 
 // Hands the kernel's process events (fork, exec, exit, id changes and the rest of proc_event) to
 // callbacks, except those of white-listed processes: the platform's management tooling, a few system
-// daemons, and the children of both. A thread that a listed process starts later is listed with the next
-// refresh: the kernel reports it as forked by the process's parent.
+// daemons, and the children of both. The monitor searches for them at its start and every ten minutes. A
+// thread that a listed process starts later is listed with the next search: the kernel reports it as forked
+// by the process's parent.
 //
 // Source   the netlink process connector; needs CAP_NET_ADMIN and the first user, pid and network
 //          namespace.
@@ -42,18 +43,20 @@ inline constexpr std::uint32_t kExitEvent = 0x80000000;
 //          return soon: the thread takes 100 events a round and sleeps 20 ms between rounds.
 //          Start, Stop and the destructor belong to one owner, everything else may be called by any.
 //          A callback may stop the monitor, but neither start nor destroy it.
-// Locks    none is held while a callback or a shell command runs.
-// Blocks   Stop waits for the thread: its wait of 500 ms, a batch of callbacks or one shell command.
-//          RemoveProcessEventCallback waits for the callback's call under way. Hold no lock meanwhile
-//          that a callback takes.
-// Errors   logged; a monitor whose setup failed counts as running until it is stopped.
+// Locks    none is held while a callback runs.
+// Blocks   Stop waits for the thread: its wait of 500 ms, and then at most a second in which it hands on the
+//          events that came before the stop. Those that it cannot hand on within half a second are counted
+//          as lost. RemoveProcessEventCallback waits for the callback's call in progress. Hold no lock
+//          meanwhile that a callback takes.
+// Errors   logged. A monitor whose setup failed counts as running until it is stopped. Nothing throws but
+//          AddProcessEventCallback and the constructor, std::bad_alloc.
 class NEUTILS_API ProcessMonitor {
 public:
     using Callback = void (*)(proc_event*);
 
     static constexpr std::uint32_t kAllEventKinds = 0xFFFFFFFFU;
 
-    // What its thread is at. Events that happen from kListening on are handed over, once the white list is made.
+    // What its thread does. Events that happen from kListening on are handed on, once the white list is made.
     enum Phase { kIdle, kStarting, kListening, kEnded };
 
     ProcessMonitor();
@@ -61,15 +64,26 @@ public:
     ProcessMonitor(const ProcessMonitor&) = delete;
     ProcessMonitor& operator=(const ProcessMonitor&) = delete;
 
-    // The event kinds that callbacks get, as a mask; before the start. Kinds
-    // nobody asked for are dropped in the kernel, so that a flood of them cannot fill the socket's
-    // buffer (one process renaming itself makes hundreds of thousands of events a second). The
-    // kernel's answer to the start (kind 0) comes only with all kinds, the default.
+    // The event kinds that callbacks get, as a mask; before the start. The kernel drops all other kinds, so
+    // that a flood of them cannot fill the socket's buffer (one process that renames itself makes hundreds of
+    // thousands of events a second). The kernel's answer to the start (kind 0) comes only with all kinds, the
+    // default.
     void SetEventKinds(std::uint32_t mask);
+
+    // Callbacks get no fork and no exit of further threads; before the start. The kernel drops them, so that a
+    // program that makes threads without end cannot fill the socket's buffer. An exit then means that the
+    // process has ended, with its own status; where the first thread ends before the others, it comes up to
+    // half a second after the last of them. Where another thread than the first executes a program and the
+    // process ends at once, its exit may come twice.
+    void SetProcessesOnly(bool processesOnly);
 
     void StartProcessMonitor();
 
     Phase GetPhase() const { return phase_; }  // kEnded also after a setup that failed
+
+    // Milliseconds since the thread last came round or began with an event; -1 while there is no thread. For
+    // WatchPlainThread (hips_guard.h).
+    long long GetBeatAgeMs() const;
 
     // Called from within a callback it cannot wait for the thread: that is logged, and the next start,
     // stop or the destructor waits instead.
@@ -81,11 +95,14 @@ public:
     void AddProcessEventCallback(Callback callback);
     void RemoveProcessEventCallback(Callback callback);
 
-    // Events that the kernel dropped because its buffer was full, since this object exists; a kernel that
-    // does not count them gives one for each time. After a loss the white list is made anew.
+    // Events since this object exists that the kernel dropped because its buffer was full, or that a stop left
+    // behind. After a loss the white list is made anew.
     std::uint64_t GetLostEventCount() const;
 
-    // Events that came, and those of them that the white list or the mask of kinds has kept from the callbacks.
+    // Losses of a kernel that does not count what it drops: how many events each of them cost is unknown.
+    std::uint64_t GetOverflowCount() const { return overflows_; }
+
+    // Events that came, and of these the events that the white list or the mask of kinds kept from the callbacks.
     std::uint64_t GetEventCount() const { return events_; }
     std::uint64_t GetFilteredEventCount() const { return filteredEvents_; }
 
@@ -99,8 +116,8 @@ public:
     // True for an event of a white-listed process. Follows forks and exits in the white list.
     bool FilterProcessEvent(const proc_event& event);
 
-    // Makes the white list anew, or refreshes the ids that were searched for and keeps the children that
-    // were followed. Both run eight shell commands; the monitor calls them by itself.
+    // Makes the white list anew, or replaces the ids of the last search and keeps the children that were followed.
+    // The monitor calls both by itself. They find what GetProcessPidsByPsCommand finds, by one look at /proc.
     void ParseProcessWhiteList();
     void UpdateProcessWhiteList();
 
@@ -111,14 +128,22 @@ public:
     void GetProcessTasks(const std::vector<std::string>& pids, std::vector<std::string>& tasks);
 
 private:
+    struct Reception;
+
     void MonitorProcessEvent();
     bool SetUpSocket(int fd) const;
-    void AttachKindFilter(int fd) const;
     bool SendConnectorMode(int fd, proc_cn_mcast_op mode, nlmsghdr& header) const;
     void ReceiveEvents(int fd);
+    void DoPeriodically(Reception& reception);
+    int ReceiveBatch(Reception& reception);
+    void CountLosses(Reception& reception, bool overflow);
+    void HandleBatch(Reception& reception, int count);
+    void HandleOfProcess(Reception& reception, proc_event& event);
+    void DrainEvents(Reception& reception);
     void ProcessEventHandle(proc_event& event);
     bool IsWanted(const proc_event& event) const;
-    bool SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries);
+    void Beat();
+    void SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries);
     bool JoinThread();
     bool IsOwnThread() const;
 
@@ -127,7 +152,10 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<Phase> phase_{kIdle};
     std::atomic<std::uint32_t> eventKinds_{kAllEventKinds};
+    std::atomic<bool> processesOnly_{false};
+    std::atomic<std::int64_t> beatNs_{0};
     std::atomic<std::uint64_t> lostEvents_{0};
+    std::atomic<std::uint64_t> overflows_{0};
     std::atomic<std::uint64_t> events_{0};
     std::atomic<std::uint64_t> filteredEvents_{0};
 

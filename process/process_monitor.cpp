@@ -1,26 +1,27 @@
 #include "process_monitor.h"
 
-#include <arpa/inet.h>
 #include <linux/connector.h>
-#include <linux/filter.h>
-#include <linux/sock_diag.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 
+#include "byte_buffer.h"
 #include "logger.h"
+#include "process/datagram_batch.h"
 #include "process/event_callbacks.h"
-#include "process/proc_event_decoder.h"
+#include "process/event_filter.h"
+#include "process/leader_exits.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
+#include "util/file.h"
 #include "util/stop_signals.h"
+#include "util/text.h"
 #include "util/unique_fd.h"
 
 namespace NEUtils {
@@ -28,73 +29,18 @@ namespace NEUtils {
 namespace {
 
 constexpr int kReceiveBuffer = 0x8000000;
-constexpr std::size_t kDatagramSize = 272;
-constexpr std::size_t kBatch = 100;
 constexpr int kWaitMs = 500;
 constexpr long kPaceNs = 20 * Clock::kNsPerMs;
 constexpr std::chrono::minutes kWhiteListPeriod{10};
+constexpr std::chrono::milliseconds kKeptExitPeriod{500};
+constexpr std::chrono::milliseconds kDrainTime{500};
 constexpr std::size_t kConnectorOffset = sizeof(nlmsghdr);
 constexpr std::size_t kModeOffset = kConnectorOffset + sizeof(cn_msg);
 constexpr std::size_t kControlSize = kModeOffset + sizeof(std::uint32_t);
 
+using Steady = std::chrono::steady_clock;
+
 thread_local const ProcessMonitor* t_monitor = nullptr;  // the one that this thread works for
-
-// One batch of datagrams with their senders.
-class DatagramBatch {
-public:
-    DatagramBatch()
-    {
-        for (std::size_t i = 0; i < kBatch; ++i) {
-            pieces_[i] = {data_[i].data(), data_[i].size()};
-            headers_[i].msg_hdr.msg_iov = &pieces_[i];
-            headers_[i].msg_hdr.msg_iovlen = 1;
-            headers_[i].msg_hdr.msg_name = &senders_[i];
-        }
-    }
-
-    int Receive(int fd)
-    {
-        for (mmsghdr& header : headers_) {
-            header.msg_hdr.msg_namelen = sizeof(sockaddr_nl);
-        }
-        return recvmmsg(fd, headers_.data(), kBatch, MSG_DONTWAIT, nullptr);
-    }
-
-    // The event of one received datagram; false if it is cut or not the kernel's.
-    bool Decode(std::size_t i, proc_event& event) const
-    {
-        const bool fromKernel = headers_[i].msg_hdr.msg_namelen == sizeof(sockaddr_nl) && senders_[i].nl_pid == 0;
-        return fromKernel && (headers_[i].msg_hdr.msg_flags & MSG_TRUNC) == 0 &&
-               DecodeProcEvent(data_[i].data(), headers_[i].msg_len, event);
-    }
-
-private:
-    std::array<std::array<unsigned char, kDatagramSize>, kBatch> data_{};
-    std::array<iovec, kBatch> pieces_{};
-    std::array<sockaddr_nl, kBatch> senders_{};
-    std::array<mmsghdr, kBatch> headers_{};
-};
-
-// Counts the datagrams that the kernel dropped for want of buffer space.
-class DropCounter {
-public:
-    // Gives those since the last call; noBuffers tells that a receive has just failed with ENOBUFS.
-    std::uint32_t Take(int fd, bool noBuffers)
-    {
-        std::uint32_t info[SK_MEMINFO_VARS] = {};
-        socklen_t length = sizeof(info);
-        if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &length) != 0 ||
-            length <= SK_MEMINFO_DROPS * sizeof(info[0])) {
-            return noBuffers ? 1 : 0;  // an old kernel says only that there were some
-        }
-        const std::uint32_t drops = info[SK_MEMINFO_DROPS] - seen_;
-        seen_ = info[SK_MEMINFO_DROPS];
-        return drops;
-    }
-
-private:
-    std::uint32_t seen_ = 0;
-};
 
 }  // namespace
 
@@ -113,6 +59,11 @@ void ProcessMonitor::SetEventKinds(std::uint32_t mask)
     eventKinds_ = mask;
 }
 
+void ProcessMonitor::SetProcessesOnly(bool processesOnly)
+{
+    processesOnly_ = processesOnly;
+}
+
 std::uint64_t ProcessMonitor::GetLostEventCount() const
 {
     return lostEvents_;
@@ -128,6 +79,7 @@ void ProcessMonitor::StartProcessMonitor()
         return;
     }
     running_ = true;
+    Beat();
     phase_ = kStarting;
     int result;
     {
@@ -222,11 +174,11 @@ void ProcessMonitor::MonitorProcessEvent()
         const int error = errno;
         NE_LOG(ERROR, "Fail to create socket, error information.[errno=%d errmsg=%s]", error, ErrnoText(error).Get());
     } else if (SetUpSocket(fd.Get())) {
-        const std::unique_ptr<void, decltype(&std::free)> block(std::malloc(kDatagramSize), &std::free);
+        const std::unique_ptr<void, decltype(&std::free)> block(std::malloc(DatagramBatch::kDatagramSize), &std::free);
         if (block == nullptr) {
             NE_LOG(ERROR, "Fail to allocate memory for netlink header.");
         } else {
-            std::memset(block.get(), 0, kDatagramSize);
+            std::memset(block.get(), 0, DatagramBatch::kDatagramSize);
             auto& header = *static_cast<nlmsghdr*>(block.get());
             if (SendConnectorMode(fd.Get(), PROC_CN_MCAST_LISTEN, header)) {
                 phase_ = kListening;
@@ -235,7 +187,7 @@ void ProcessMonitor::MonitorProcessEvent()
             }
         }
     }
-    // Kept: after a failed setup the running flag stays set until the owner stops the monitor.
+    // Kept because owners stop a monitor whose setup failed too: the running flag stays set until then.
     NE_LOG(INFO, "The process event detection has stopped.");
 }
 
@@ -246,7 +198,9 @@ bool ProcessMonitor::SetUpSocket(int fd) const
         NE_LOG(ERROR, "Fail to set socket receive buff.[errno=%d errmsg=%s]", error, ErrnoText(error).Get());
         return false;
     }
-    AttachKindFilter(fd);
+    if (const int error = AttachEventFilter(fd, eventKinds_, processesOnly_); error != 0) {
+        NE_LOG(WARN, "Fail to attach the event filter.[errno=%d errmsg=%s]", error, ErrnoText(error).Get());
+    }
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = CN_IDX_PROC;
@@ -256,28 +210,6 @@ bool ProcessMonitor::SetUpSocket(int fd) const
         return false;
     }
     return true;
-}
-
-// Lets through what is asked for, and forks and exits always, since the white list follows them.
-void ProcessMonitor::AttachKindFilter(int fd) const
-{
-    const std::uint32_t kinds = eventKinds_;
-    if (kinds == kAllEventKinds) {
-        return;
-    }
-    // The filter loads words in network order, the event holds its kind in host order.
-    const std::uint32_t wanted = htonl(kinds | kForkEvent | kExitEvent);
-    sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kModeOffset + offsetof(proc_event, what)),
-        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, wanted, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFU),
-        BPF_STMT(BPF_RET | BPF_K, 0),
-    };
-    const sock_fprog program = {static_cast<unsigned short>(std::size(code)), code};
-    if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)) != 0) {
-        const int error = errno;
-        NE_LOG(WARN, "Fail to attach the event filter.[errno=%d errmsg=%s]", error, ErrnoText(error).Get());
-    }
 }
 
 bool ProcessMonitor::SendConnectorMode(int fd, proc_cn_mcast_op mode, nlmsghdr& header) const
@@ -316,50 +248,148 @@ bool ProcessMonitor::SetNetlinkConnectorMode(int fd, nlmsghdr& header) const
     return true;
 }
 
+// What the thread works with while it receives.
+struct ProcessMonitor::Reception {
+    explicit Reception(int socket) : fd(socket) {}
+
+    const int fd;
+    DatagramBatch batch;
+    DropCounter drops;
+    LeaderExits leaderExits;
+    bool missedExits = false;
+    Steady::time_point searched = Steady::now();
+    Steady::time_point lookedAtExits = Steady::now();
+};
+
 void ProcessMonitor::ReceiveEvents(int fd)
 {
-    using Steady = std::chrono::steady_clock;
     ParseProcessWhiteList();
-    Steady::time_point refreshed = Steady::now();
-    const auto batch = std::make_unique<DatagramBatch>();
-    DropCounter drops;
-    bool missedExits = false;
+    const auto reception = std::make_unique<Reception>(fd);
     while (running_) {
-        if (Steady::now() - refreshed >= kWhiteListPeriod) {
-            UpdateProcessWhiteList();
-            refreshed = Steady::now();
-        }
+        Beat();
+        DoPeriodically(*reception);
         // recvmmsg's own timeout does not end a wait on an idle socket, so poll waits.
         pollfd waiting = {fd, POLLIN, 0};
         const int ready = poll(&waiting, 1, kWaitMs);
-        if (ready == 0) {
-            continue;
-        }
-        if (ready < 0) {
-            Clock::SleepNs(kPaceNs);
-            continue;
-        }
-        const int count = batch->Receive(fd);
-        const int error = count > 0 ? 0 : errno;
-        const std::uint32_t lost = drops.Take(fd, error == ENOBUFS);
-        lostEvents_ += lost;
-        missedExits = missedExits || lost > 0;
-        if (count <= 0) {
-            NE_LOG(WARN, "Do not receive message from kernel.[errno=%d, errmsg=%s]", error, ErrnoText(error).Get());
-        }
-        for (int i = 0; i < count; ++i) {
-            proc_event event;
-            if (batch->Decode(static_cast<std::size_t>(i), event)) {
-                ProcessEventHandle(event);
+        if (ready > 0) {
+            const int count = ReceiveBatch(*reception);
+            // An id whose exit was lost would stay on the white list and hide the next process that gets it.
+            if (reception->missedExits && count < static_cast<int>(DatagramBatch::kSize)) {
+                ParseProcessWhiteList();
+                reception->missedExits = false;
             }
         }
-        // An id whose exit was lost would stay on the white list and hide the next process that gets it.
-        if (missedExits && count < static_cast<int>(kBatch)) {
-            ParseProcessWhiteList();
-            missedExits = false;
+        if (ready != 0) {
+            Clock::SleepNs(kPaceNs);
         }
-        Clock::SleepNs(kPaceNs);
     }
+    DrainEvents(*reception);
+}
+
+void ProcessMonitor::DoPeriodically(Reception& reception)
+{
+    const auto now = Steady::now();
+    if (now - reception.searched >= kWhiteListPeriod) {
+        UpdateProcessWhiteList();
+        reception.searched = now;
+    }
+    if (!reception.leaderExits.IsEmpty() && now - reception.lookedAtExits >= kKeptExitPeriod) {
+        for (proc_event& exit : reception.leaderExits.TakeEnded()) {
+            ProcessEventHandle(exit);
+        }
+        reception.lookedAtExits = now;
+    }
+}
+
+// The number of datagrams, as recvmmsg gives it.
+int ProcessMonitor::ReceiveBatch(Reception& reception)
+{
+    const int count = reception.batch.Receive(reception.fd);
+    const int error = count > 0 ? 0 : errno;
+    CountLosses(reception, error == ENOBUFS);
+    if (count <= 0) {
+        NE_LOG(WARN, "Do not receive message from kernel.[errno=%d, errmsg=%s]", error, ErrnoText(error).Get());
+    }
+    HandleBatch(reception, count);
+    return count;
+}
+
+void ProcessMonitor::CountLosses(Reception& reception, bool overflow)
+{
+    std::uint32_t lost = 0;
+    if (reception.drops.Take(reception.fd, lost)) {
+        lostEvents_ += lost;
+    } else if (overflow) {
+        ++overflows_;  // an old kernel does not say how many
+    }
+    reception.missedExits = reception.missedExits || lost > 0 || overflow;
+}
+
+void ProcessMonitor::HandleBatch(Reception& reception, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        proc_event event;
+        if (!reception.batch.Decode(static_cast<std::size_t>(i), event)) {
+            continue;
+        }
+        Beat();
+        if (!processesOnly_) {
+            ProcessEventHandle(event);
+        } else if (!IsOfFurtherThread(event)) {
+            HandleOfProcess(reception, event);
+        }
+    }
+}
+
+// Where only processes are wanted, an exit is the end of the process, not of its first thread.
+void ProcessMonitor::HandleOfProcess(Reception& reception, proc_event& event)
+{
+    if (event.what == kExecEvent) {
+        reception.leaderExits.Forget(event.event_data.exec.process_tgid);
+    }
+    if (event.what != kExitEvent || reception.leaderExits.HasEnded(event)) {
+        ProcessEventHandle(event);
+    }
+}
+
+// Events that came before the stop are handed on or counted. The socket takes no more from here on, so this ends
+// however many follow; callbacks that take long are given half a second.
+void ProcessMonitor::DrainEvents(Reception& reception)
+{
+    const int group = CN_IDX_PROC;
+    setsockopt(reception.fd, SOL_NETLINK, NETLINK_DROP_MEMBERSHIP, &group, sizeof(group));
+    const auto end = Steady::now() + kDrainTime;
+    const auto giveUp = end + kDrainTime;
+    for (auto now = Steady::now(); now < giveUp; now = Steady::now()) {
+        const int count = reception.batch.Receive(reception.fd);
+        if (count < 0 && errno == ENOBUFS) {
+            continue;  // the events lost before; the next call gives those that are there
+        }
+        if (count <= 0) {
+            break;
+        }
+        if (now < end) {
+            HandleBatch(reception, count);
+        } else {
+            lostEvents_ += static_cast<unsigned int>(count);
+        }
+    }
+    for (proc_event& exit : reception.leaderExits.TakeEnded()) {
+        ProcessEventHandle(exit);
+    }
+    CountLosses(reception, false);
+}
+
+void ProcessMonitor::Beat()
+{
+    beatNs_ = Clock::MonotonicNs();
+}
+
+long long ProcessMonitor::GetBeatAgeMs() const
+{
+    const Phase phase = phase_;
+    const bool runs = phase == kStarting || phase == kListening;
+    return runs ? (Clock::MonotonicNs() - beatNs_) / Clock::kNsPerMs : -1;
 }
 
 void ProcessMonitor::ProcessEventHandle(proc_event& event)
@@ -376,6 +406,23 @@ bool ProcessMonitor::IsWanted(const proc_event& event) const
 {
     const std::uint32_t kinds = eventKinds_;
     return kinds == kAllEventKinds || (kinds & static_cast<std::uint32_t>(event.what)) != 0;
+}
+
+void ProcessMonitor::GetProcessPidsByPsCommand(const std::string& pattern, std::vector<std::string>& pids)
+{
+    const std::string command = "ps -ef | grep \"" + pattern + "\" | grep -v grep | awk '{print $2}'";
+    const std::unique_ptr<std::FILE, decltype(&pclose)> output(File::RunCmdWithPopen(command), &pclose);
+    if (output == nullptr) {
+        NE_LOG(WARN, "Can't popen.[cmdLine=%s]", command.c_str());
+        return;
+    }
+    ByteBuffer content;
+    FileOperation::ReadAllNosize(fileno(output.get()), content);
+    for (std::string& line : StringProcess::StrSplit(content.ToString(), "\n")) {
+        if (!line.empty()) {  // it would read as process 0
+            pids.push_back(std::move(line));
+        }
+    }
 }
 
 }  // namespace NEUtils

@@ -1,14 +1,11 @@
-// The white list of a process monitor: who is on it, and how it follows forks and exits.
+// The white list of a process monitor: which processes are on it, and how it follows their forks and exits.
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <memory>
 
-#include "byte_buffer.h"
-#include "logger.h"
+#include "process/process_search.h"
 #include "process_monitor.h"
 #include "util/file.h"
-#include "util/text.h"
 
 namespace NEUtils {
 
@@ -52,14 +49,16 @@ bool ProcessMonitor::FilterProcessEvent(const proc_event& event)
     if (event.what == kForkEvent) {
         const auto& fork = event.event_data.fork;
         if (whiteSet_.count(fork.parent_tgid) == 0) {
+            whiteSet_.erase(fork.child_pid);  // a new process or thread: who had the id before is gone
             return false;
         }
         whiteSet_.insert(fork.child_tgid);
         whiteSet_.insert(fork.child_pid);
         return true;
     }
-    // Every other kind begins with the id of the process that it is about.
-    const int id = event.event_data.exec.process_pid;
+    // Every other kind begins with the ids of its thread and its process.
+    const auto& ids = event.event_data.exec;
+    const int id = processesOnly_ ? ids.process_tgid : ids.process_pid;
     if (event.what != kExitEvent) {
         return whiteSet_.count(id) != 0;
     }
@@ -67,8 +66,8 @@ bool ProcessMonitor::FilterProcessEvent(const proc_event& event)
         return false;
     }
     const std::string text = std::to_string(id);
-    for (auto& [pattern, ids] : whiteEntries_) {
-        ids.erase(std::remove(ids.begin(), ids.end(), text), ids.end());
+    for (auto& [pattern, texts] : whiteEntries_) {
+        texts.erase(std::remove(texts.begin(), texts.end(), text), texts.end());
     }
     return true;
 }
@@ -76,9 +75,7 @@ bool ProcessMonitor::FilterProcessEvent(const proc_event& event)
 void ProcessMonitor::ParseProcessWhiteList()
 {
     std::map<std::string, std::vector<std::string>> entries;
-    if (!SearchWhiteList(entries)) {
-        return;
-    }
+    SearchWhiteList(entries);
     std::set<int> ids = IdsOf(entries);
     const std::lock_guard<std::mutex> lock(whiteListMutex_);
     whiteSet_.swap(ids);
@@ -88,12 +85,10 @@ void ProcessMonitor::ParseProcessWhiteList()
 void ProcessMonitor::UpdateProcessWhiteList()
 {
     std::map<std::string, std::vector<std::string>> entries;
-    if (!SearchWhiteList(entries)) {
-        return;
-    }
+    SearchWhiteList(entries);
     const std::set<int> ids = IdsOf(entries);
     const std::lock_guard<std::mutex> lock(whiteListMutex_);
-    // Only ids of a search disappear here: children that were followed leave with their exit.
+    // Only ids of a former search are erased here; a child that was followed leaves the list with its exit.
     for (const int old : IdsOf(whiteEntries_)) {
         if (ids.count(old) == 0) {
             whiteSet_.erase(old);
@@ -103,35 +98,16 @@ void ProcessMonitor::UpdateProcessWhiteList()
     whiteEntries_ = std::move(entries);
 }
 
-// False if a stop came in between; the search runs several shell commands.
-bool ProcessMonitor::SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries)
+// One look at /proc instead of a shell command for each pattern: the commands held the thread for a second on a
+// host with many processes, while the events of that time waited.
+void ProcessMonitor::SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries)
 {
+    const ProcessSearch search;
     for (const char* pattern : kPatterns) {
-        if (IsOwnThread() && !running_) {
-            return false;
-        }
-        std::vector<std::string> pids;
-        GetProcessPidsByPsCommand(pattern, pids);
         std::vector<std::string>& ids = entries[pattern];
-        ids = pids;
-        GetProcessTasks(pids, ids);
-    }
-    return true;
-}
-
-void ProcessMonitor::GetProcessPidsByPsCommand(const std::string& pattern, std::vector<std::string>& pids)
-{
-    const std::string command = "ps -ef | grep \"" + pattern + "\" | grep -v grep | awk '{print $2}'";
-    const std::unique_ptr<std::FILE, decltype(&pclose)> output(File::RunCmdWithPopen(command), &pclose);
-    if (output == nullptr) {
-        LoggerWriteLog(kNormalLog, WARN, "process_monitor.cpp", __LINE__, "Can't popen.[cmdLine=%s]", command.c_str());
-        return;
-    }
-    ByteBuffer content;
-    FileOperation::ReadAllNosize(fileno(output.get()), content);
-    for (std::string& line : StringProcess::StrSplit(content.ToString(), "\n")) {
-        if (!line.empty()) {  // it would read as process 0
-            pids.push_back(std::move(line));
+        ids = search.Find(pattern);
+        if (!processesOnly_) {  // which get no event of a thread, so they would not see when its id is free again
+            GetProcessTasks(std::vector<std::string>(ids), ids);
         }
     }
 }

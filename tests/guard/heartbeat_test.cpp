@@ -163,7 +163,11 @@ TEST(HeartbeatCheckerTest, HungThreadEndsTheProcess)
          }},
         {"the main thread takes it and stops", 5 << 8,
          [&] {
-             Clock::sleepDivisor = 100;
+             MessageBus::Subscribe(kNormalLog, "time", [](const NENormalLog& record) {
+                 if (Contains(record.content, "Terminate signal")) {
+                     Clock::sleepDivisor = 1;  // its whole ten seconds
+                 }
+             });
              takeSignal();
          }},
         {"it takes it and waits for the hung thread", SIGTERM, [&] { takeSignal(), UninitHipsGuard(); }},
