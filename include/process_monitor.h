@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 namespace NEUtils {
 
 class EventCallbacks;
+class EventReception;
 
 // Kinds of events, as bits of a mask and as values of proc_event::what. Named here since the kernel's
 // headers of different versions name them in different scopes.
@@ -128,18 +130,13 @@ public:
     void GetProcessTasks(const std::vector<std::string>& pids, std::vector<std::string>& tasks);
 
 private:
-    struct Reception;
-
     void MonitorProcessEvent();
     bool SetUpSocket(int fd) const;
     bool SendConnectorMode(int fd, proc_cn_mcast_op mode, nlmsghdr& header) const;
     void ReceiveEvents(int fd);
-    void DoPeriodically(Reception& reception);
-    int ReceiveBatch(Reception& reception);
-    void CountLosses(Reception& reception, bool overflow);
-    void HandleBatch(Reception& reception, int count);
-    void HandleOfProcess(Reception& reception, proc_event& event);
-    void DrainEvents(Reception& reception);
+    void ReceiveRound(int fd, EventReception& reception);
+    void MakeWhiteList();
+    bool CountLosses(EventReception& reception);
     void ProcessEventHandle(proc_event& event);
     bool IsWanted(const proc_event& event) const;
     void Beat();
@@ -164,6 +161,10 @@ private:
     std::map<std::string, std::vector<std::string>> whiteEntries_;  // ids by command pattern
 
     std::unique_ptr<EventCallbacks> callbacks_;
+
+    // Of the monitor's thread alone:
+    std::chrono::steady_clock::time_point listMade_;  // the white list; 0: to be made anew
+    bool missedExits_ = false;
 };
 
 }  // namespace NEUtils

@@ -16,10 +16,11 @@
 #include "process/datagram_batch.h"
 #include "process/event_callbacks.h"
 #include "process/event_filter.h"
-#include "process/leader_exits.h"
+#include "process/event_reception.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/file.h"
+#include "util/rate_limiter.h"
 #include "util/stop_signals.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
@@ -32,13 +33,10 @@ constexpr int kReceiveBuffer = 0x8000000;
 constexpr int kWaitMs = 500;
 constexpr long kPaceNs = 20 * Clock::kNsPerMs;
 constexpr std::chrono::minutes kWhiteListPeriod{10};
-constexpr std::chrono::milliseconds kKeptExitPeriod{500};
-constexpr std::chrono::milliseconds kDrainTime{500};
+constexpr std::int64_t kFailurePeriodMs = 15 * 60 * 1000;
 constexpr std::size_t kConnectorOffset = sizeof(nlmsghdr);
 constexpr std::size_t kModeOffset = kConnectorOffset + sizeof(cn_msg);
 constexpr std::size_t kControlSize = kModeOffset + sizeof(std::uint32_t);
-
-using Steady = std::chrono::steady_clock;
 
 thread_local const ProcessMonitor* t_monitor = nullptr;  // the one that this thread works for
 
@@ -157,11 +155,7 @@ void* ProcessMonitor::MonitorProcessThread(void* monitor)
     }
     auto* self = static_cast<ProcessMonitor*>(monitor);
     t_monitor = self;
-    try {
-        self->MonitorProcessEvent();
-    } catch (const std::exception& error) {  // memory has run out
-        NE_LOG(ERROR, "The process event detection has failed.[what=%s]", error.what());
-    }
+    self->MonitorProcessEvent();
     t_monitor = nullptr;
     self->phase_ = kEnded;
     return nullptr;
@@ -182,7 +176,12 @@ void ProcessMonitor::MonitorProcessEvent()
             auto& header = *static_cast<nlmsghdr*>(block.get());
             if (SendConnectorMode(fd.Get(), PROC_CN_MCAST_LISTEN, header)) {
                 phase_ = kListening;
-                ReceiveEvents(fd.Get());
+                try {
+                    ReceiveEvents(fd.Get());
+                } catch (const std::exception& error) {
+                    ++overflows_;
+                    NE_LOG(ERROR, "The process event detection has failed.[what=%s]", error.what());
+                }
                 SendConnectorMode(fd.Get(), PROC_CN_MCAST_IGNORE, header);
             }
         }
@@ -248,136 +247,79 @@ bool ProcessMonitor::SetNetlinkConnectorMode(int fd, nlmsghdr& header) const
     return true;
 }
 
-// What the thread works with while it receives.
-struct ProcessMonitor::Reception {
-    explicit Reception(int socket) : fd(socket) {}
-
-    const int fd;
-    DatagramBatch batch;
-    DropCounter drops;
-    LeaderExits leaderExits;
-    bool missedExits = false;
-    Steady::time_point searched = Steady::now();
-    Steady::time_point lookedAtExits = Steady::now();
-};
-
 void ProcessMonitor::ReceiveEvents(int fd)
 {
-    ParseProcessWhiteList();
-    const auto reception = std::make_unique<Reception>(fd);
-    while (running_) {
+    EventReception reception(fd, processesOnly_, [this](proc_event& event) {
         Beat();
-        DoPeriodically(*reception);
-        // recvmmsg's own timeout does not end a wait on an idle socket, so poll waits.
-        pollfd waiting = {fd, POLLIN, 0};
-        const int ready = poll(&waiting, 1, kWaitMs);
-        if (ready > 0) {
-            const int count = ReceiveBatch(*reception);
-            // An id whose exit was lost would stay on the white list and hide the next process that gets it.
-            if (reception->missedExits && count < static_cast<int>(DatagramBatch::kSize)) {
-                ParseProcessWhiteList();
-                reception->missedExits = false;
+        ProcessEventHandle(event);
+    });
+    listMade_ = {};
+    RateLimiter failures(kFailurePeriodMs);
+    while (running_) {
+        try {
+            ReceiveRound(fd, reception);
+        } catch (const std::exception& error) {  // memory has run out; what the round would have handed on is lost
+            ++overflows_;
+            listMade_ = {};
+            if (failures.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
+                NE_LOG(ERROR, "The process event detection has failed.[what=%s]", error.what());
             }
-        }
-        if (ready != 0) {
             Clock::SleepNs(kPaceNs);
         }
     }
-    DrainEvents(*reception);
+    reception.Drain();
+    CountLosses(reception);
 }
 
-void ProcessMonitor::DoPeriodically(Reception& reception)
+void ProcessMonitor::ReceiveRound(int fd, EventReception& reception)
 {
-    const auto now = Steady::now();
-    if (now - reception.searched >= kWhiteListPeriod) {
-        UpdateProcessWhiteList();
-        reception.searched = now;
-    }
-    if (!reception.leaderExits.IsEmpty() && now - reception.lookedAtExits >= kKeptExitPeriod) {
-        for (proc_event& exit : reception.leaderExits.TakeEnded()) {
-            ProcessEventHandle(exit);
-        }
-        reception.lookedAtExits = now;
-    }
-}
-
-// The number of datagrams, as recvmmsg gives it.
-int ProcessMonitor::ReceiveBatch(Reception& reception)
-{
-    const int count = reception.batch.Receive(reception.fd);
-    const int error = count > 0 ? 0 : errno;
-    CountLosses(reception, error == ENOBUFS);
-    if (count <= 0) {
-        NE_LOG(WARN, "Do not receive message from kernel.[errno=%d, errmsg=%s]", error, ErrnoText(error).Get());
-    }
-    HandleBatch(reception, count);
-    return count;
-}
-
-void ProcessMonitor::CountLosses(Reception& reception, bool overflow)
-{
-    std::uint32_t lost = 0;
-    if (reception.drops.Take(reception.fd, lost)) {
-        lostEvents_ += lost;
-    } else if (overflow) {
-        ++overflows_;  // an old kernel does not say how many
-    }
-    reception.missedExits = reception.missedExits || lost > 0 || overflow;
-}
-
-void ProcessMonitor::HandleBatch(Reception& reception, int count)
-{
-    for (int i = 0; i < count; ++i) {
-        proc_event event;
-        if (!reception.batch.Decode(static_cast<std::size_t>(i), event)) {
-            continue;
-        }
-        Beat();
-        if (!processesOnly_) {
-            ProcessEventHandle(event);
-        } else if (!IsOfFurtherThread(event)) {
-            HandleOfProcess(reception, event);
-        }
-    }
-}
-
-// Where only processes are wanted, an exit is the end of the process, not of its first thread.
-void ProcessMonitor::HandleOfProcess(Reception& reception, proc_event& event)
-{
-    if (event.what == kExecEvent) {
-        reception.leaderExits.Forget(event.event_data.exec.process_tgid);
-    }
-    if (event.what != kExitEvent || reception.leaderExits.HasEnded(event)) {
-        ProcessEventHandle(event);
-    }
-}
-
-// Events that came before the stop are handed on or counted. The socket takes no more from here on, so this ends
-// however many follow; callbacks that take long are given half a second.
-void ProcessMonitor::DrainEvents(Reception& reception)
-{
-    const int group = CN_IDX_PROC;
-    setsockopt(reception.fd, SOL_NETLINK, NETLINK_DROP_MEMBERSHIP, &group, sizeof(group));
-    const auto end = Steady::now() + kDrainTime;
-    const auto giveUp = end + kDrainTime;
-    for (auto now = Steady::now(); now < giveUp; now = Steady::now()) {
-        const int count = reception.batch.Receive(reception.fd);
-        if (count < 0 && errno == ENOBUFS) {
-            continue;  // the events lost before; the next call gives those that are there
-        }
+    Beat();
+    MakeWhiteList();
+    reception.HandOnKeptExits();
+    // recvmmsg's own timeout does not end a wait on an idle socket, so poll waits.
+    pollfd waiting = {fd, POLLIN, 0};
+    const int ready = poll(&waiting, 1, kWaitMs);
+    if (ready > 0) {
+        const int count = reception.Receive();
+        const int error = count > 0 ? 0 : errno;
+        const bool lost = CountLosses(reception);
         if (count <= 0) {
-            break;
+            NE_LOG(WARN, "Do not receive message from kernel.[errno=%d, errmsg=%s]", error, ErrnoText(error).Get());
         }
-        if (now < end) {
-            HandleBatch(reception, count);
-        } else {
-            lostEvents_ += static_cast<unsigned int>(count);
+        missedExits_ = missedExits_ || lost;
+        reception.HandOn(count);
+        // An id whose exit was lost would stay on the white list and hide the next process that gets it.
+        if (missedExits_ && count < static_cast<int>(DatagramBatch::kSize)) {
+            listMade_ = {};
         }
     }
-    for (proc_event& exit : reception.leaderExits.TakeEnded()) {
-        ProcessEventHandle(exit);
+    if (ready != 0) {
+        Clock::SleepNs(kPaceNs);
     }
-    CountLosses(reception, false);
+}
+
+// At the start, after a loss, and every ten minutes.
+void ProcessMonitor::MakeWhiteList()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (listMade_ == std::chrono::steady_clock::time_point()) {
+        ParseProcessWhiteList();
+        missedExits_ = false;
+    } else if (now - listMade_ >= kWhiteListPeriod) {
+        UpdateProcessWhiteList();
+    } else {
+        return;
+    }
+    listMade_ = now;
+}
+
+// True: there were some.
+bool ProcessMonitor::CountLosses(EventReception& reception)
+{
+    const EventReception::Losses losses = reception.TakeLosses();
+    lostEvents_ += losses.events;
+    overflows_ += losses.overflows;
+    return losses.events + losses.overflows > 0;
 }
 
 void ProcessMonitor::Beat()

@@ -2,16 +2,28 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include "process/event_filter.h"
+#include "process/process_search.h"
 #include "tests/support/support.h"
 
 static std::atomic<unsigned int> g_kinds[1U << 22];  // kinds seen by process id; the kernel has no higher ones
 static std::atomic<ProcessMonitor*> g_monitor{nullptr};
 static std::atomic<bool> g_done{false};
 
+static std::atomic<unsigned int> g_exits[1U << 22];  // ends by process id: their number, and the last one's status
+static std::atomic<unsigned int> g_status[1U << 22];
+static std::atomic<int> g_furtherThreads{0};
+
 static void Collect(proc_event* event)
 {
     const bool fork = event->what == kForkEvent;
+    g_furtherThreads += IsOfFurtherThread(*event) ? 1 : 0;
+    if (event->what == kExitEvent) {
+        g_status[event->event_data.exit.process_pid] = event->event_data.exit.exit_code;
+        ++g_exits[event->event_data.exit.process_pid];
+    }
     g_kinds[fork ? event->event_data.fork.child_pid : event->event_data.exec.process_pid] |= event->what;
 }
 
@@ -174,6 +186,158 @@ TEST_F(ProcessMonitorTest, FloodOfUnwantedKindsIsDroppedInTheKernelAndLossesAreC
     const std::string overflow =
         "WARN Do not receive message from kernel.[errno=105, errmsg=No buffer space available]";
     EXPECT_TRUE(Eventually([&] { return monitor_.GetLostEventCount() > 1000 && records_.Has(overflow); }, 60));
+}
+
+// A program that makes threads without end once blinded the monitor for 40 s.
+TEST_F(ProcessMonitorTest, FurtherThreadsStayInTheKernel)
+{
+    monitor_.SetEventKinds(kExecEvent | kExitEvent | kForkEvent);
+    monitor_.SetProcessesOnly(true);
+    ASSERT_TRUE(Start());
+    const pid_t flood = Fork([] {
+        for (int i = 0; i < 20000; ++i) {
+            std::thread([] {}).join();
+        }
+        return 0;
+    });
+    EXPECT_TRUE(Seen(RunTrue(), kForkEvent) && Seen(RunTrue(), kExecEvent));
+    Wait(flood);
+    EXPECT_TRUE(Seen(flood, kExitEvent));
+    EXPECT_TRUE(g_furtherThreads == 0 && monitor_.GetLostEventCount() == 0);
+    EXPECT_LT(monitor_.GetEventCount(), 20000U);
+    monitor_.StopProcessMonitor();
+    monitor_.SetProcessesOnly(false);
+    ASSERT_TRUE(Start());
+    Wait(Fork([] { return std::thread([] {}).join(), 0; }));
+    EXPECT_TRUE(Eventually([] { return g_furtherThreads >= 2; }));
+}
+
+// A process must neither be called ended while it runs, nor never, where its first thread ends before the others.
+TEST_F(ProcessMonitorTest, ProcessEndsWithItsLastThread)
+{
+    monitor_.SetProcessesOnly(true);
+    ASSERT_TRUE(Start());
+    mkfifo((dir_ / "end").c_str(), 0600);
+    const auto leaveTo = [](const std::function<void()>& work) {
+        return Fork([&] {
+            std::thread(work).detach();
+            return syscall(SYS_exit, 0), 0;
+        });
+    };
+    const pid_t late = leaveTo([this] { Read(dir_ / "end"), _exit(7); });
+    const pid_t killed = leaveTo([] { sleep(60); });
+    const pid_t executed = Fork([] {
+        std::thread([] { execlp("sleep", "sleep", "0.7", nullptr); }).join();
+        return 1;
+    });
+    EXPECT_TRUE(Seen(executed, kExecEvent));
+    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
+    EXPECT_EQ(g_exits[late] + g_exits[killed] + g_exits[executed], 0U);
+    Write(dir_ / "end", "");
+    kill(killed, SIGKILL);
+    for (const auto& [pid, status] : {std::pair(late, 7U << 8), std::pair(killed, 9U), std::pair(executed, 0U)}) {
+        EXPECT_TRUE(Seen(pid, kExitEvent));
+        EXPECT_EQ(g_status[pid], status);
+        Wait(pid);
+    }
+    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
+    EXPECT_EQ(g_exits[late] * 100 + g_exits[killed] * 10 + g_exits[executed], 111U);
+}
+
+// What came before a stop must not vanish, told nowhere.
+TEST_F(ProcessMonitorTest, StopHandsOnWhatCameBefore)
+{
+    ASSERT_TRUE(Start());
+    std::vector<pid_t> pids(300);
+    std::ranges::generate(pids, &RunTrue);
+    monitor_.StopProcessMonitor();
+    EXPECT_EQ(std::ranges::count_if(pids, [](pid_t pid) { return (g_kinds[pid] & kExitEvent) != 0; }), 300);
+    monitor_.AddProcessEventCallback([](proc_event*) { std::this_thread::sleep_for(std::chrono::milliseconds(50)); });
+    monitor_.StartProcessMonitor();
+    ASSERT_TRUE(Eventually([this] { return monitor_.GetPhase() == ProcessMonitor::kListening; }));
+    std::ranges::generate(pids, &RunTrue);
+    const auto lost = monitor_.GetLostEventCount();
+    monitor_.StopProcessMonitor();  // hands on as many as it has time for
+    const auto ended = std::ranges::count_if(pids, [](pid_t pid) { return (g_kinds[pid] & kExitEvent) != 0; });
+    EXPECT_LT(ended, 300);
+    EXPECT_GE(monitor_.GetLostEventCount() - lost, 300U - static_cast<unsigned int>(ended));
+}
+
+TEST_F(ProcessMonitorTest, TellsWhenItsThreadLastCameRound)
+{
+    EXPECT_EQ(monitor_.GetBeatAgeMs(), -1);
+    ASSERT_TRUE(Start());
+    EXPECT_LT(monitor_.GetBeatAgeMs(), 20000);
+    static std::atomic<bool> hold;
+    hold = true;
+    monitor_.AddProcessEventCallback([](proc_event*) {
+        while (hold) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    EXPECT_TRUE(Eventually([this] { return RunTrue() > 0 && monitor_.GetBeatAgeMs() > 1500; }));
+    hold = false;
+    EXPECT_TRUE(Eventually([this] { return monitor_.GetBeatAgeMs() < 1000; }));
+    monitor_.StopProcessMonitor();
+    EXPECT_EQ(monitor_.GetBeatAgeMs(), -1);
+}
+
+// An id that is listed for a process that has ended must not hide the next one.
+TEST_F(ProcessMonitorTest, NewProcessTakesAListedIdOver)
+{
+    constexpr int kChild = 40000001;
+    ASSERT_TRUE(StartListed());
+    EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
+    EXPECT_FALSE(Filters(kForkEvent, 1, kChild));
+    EXPECT_FALSE(Filters(kExecEvent, kChild));
+}
+
+// The list was made by shell commands once, and who is on it stays the same.
+TEST(ProcessSearchTest, FindsWhatTheCommandsFind)
+{
+    const TempDir dir;
+    const std::string pattern = "/opt/x.y/" + dir.Path().substr(dir.Path().size() - 6) + "/agent";
+    const auto with = [&](const std::string& text) { return pattern + text; };
+    std::string anyCharacter = pattern;
+    anyCharacter[6] = '#';
+    const std::vector<Strings> commands = {{pattern},
+                                           {with(" --daemon")},
+                                           {"sleep", "60", with("")},
+                                           {anyCharacter},
+                                           {with("\n2"), "\tx"},
+                                           {with(" grep")},
+                                           {"egrep", pattern},
+                                           {pattern.substr(1)},
+                                           {with(std::string(20000, 'x'))},
+                                           {with("\xc3\xa4\xff")}};
+    std::vector<pid_t> children;
+    int full[2];
+    ASSERT_EQ(pipe(full), 0);  // holds them up, since nobody reads
+    for (const Strings& words : commands) {
+        children.push_back(Fork([&] {
+            std::vector<const char*> args;
+            for (const std::string& word : words) {
+                args.push_back(word.c_str());
+            }
+            args.push_back(nullptr);
+            dup2(full[1], STDOUT_FILENO);
+            return execv("/usr/bin/yes", const_cast<char**>(args.data()));
+        }));
+    }
+    Strings expected;
+    Strings found;
+    EXPECT_TRUE(Eventually([&] {
+        expected.clear();
+        ProcessMonitor().GetProcessPidsByPsCommand(pattern, expected);
+        return expected.size() == 7;
+    }));
+    EXPECT_EQ(ProcessSearch().Find(pattern), expected);
+    for (const pid_t child : children) {
+        kill(child, SIGKILL);
+        Wait(child);
+    }
+    close(full[0]);
+    close(full[1]);
 }
 
 TEST(NetlinkConnectorTest, ControlMessageIsExact)
