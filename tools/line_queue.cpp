@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <system_error>
@@ -118,17 +117,16 @@ LineQueue::Progress LineQueue::GetProgress() const
 
 void LineQueue::Wake()
 {
-    const std::uint64_t one = 1;
     if (!isAwake_.exchange(true)) {
-        static_cast<void>(write(wake_.Get(), &one, sizeof(one)));
+        eventfd_write(wake_.Get(), 1);
     }
 }
 
 // Before the owner looks at the progress: what comes after the look wakes it up again.
 void LineQueue::ClearWake()
 {
-    std::uint64_t count = 0;
-    static_cast<void>(read(wake_.Get(), &count, sizeof(count)));
+    eventfd_t count = 0;
+    eventfd_read(wake_.Get(), &count);
     isAwake_ = false;
 }
 

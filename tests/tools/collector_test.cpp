@@ -2,139 +2,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 
-#include <cstring>
-
-#include "basecomm.h"
-#include "report_messages.h"
-#include "tests/support/support.h"
-#include "tlv.h"
-#include "util/unique_fd.h"
-
-namespace {
-
-std::string Item(std::uint16_t tag, const std::string& value)
-{
-    const auto length = static_cast<std::uint16_t>(value.size());
-    std::string item(4, '\0');
-    std::memcpy(item.data(), &tag, 2);
-    std::memcpy(&item[2], &length, 2);
-    return item + value;
-}
-
-std::string Int(std::uint32_t value)
-{
-    return {reinterpret_cast<const char*>(&value), sizeof(value)};
-}
-
-std::string Text(const std::string& text)
-{
-    return text + '\0';
-}
-
-const std::string kTime = Item(kTagTime, std::string(8, '\0'));
-const std::string kExit = kTime + Item(kTagEvent, Int(kProcessExited)) + Item(kTagPid, Int(42)) +
-                          Item(kTagContainer, "f00d") + Item(kTagExitCode, Int(3)) +
-                          Item(kTagCmdLine, std::string("a\x1b[1m\x9b\xff\n\"b\0", 12));
-
-class CollectorTest : public testing::Test {
-protected:
-    pid_t Start(const std::string& options, const std::string& out) const
-    {
-        fs::remove(out);
-        return Fork([&] {
-            const std::string command =
-                std::string("exec ") + COLLECTOR_PROGRAM + " " + options + " >" + out + " 2>" + err_;
-            return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-        });
-    }
-    std::string Run(const std::string& options) const
-    {
-        const int status = Wait(Start(options, folder_ / "unused"));
-        return std::to_string(WEXITSTATUS(status)) + " " + Read(err_);
-    }
-    void Listen(const std::string& options)
-    {
-        pid_ = Start("--listen unix:" + path_ + " " + options, out_);
-        ASSERT_TRUE(Eventually([this] { return Prints("listening"); }));
-    }
-    int End() const
-    {
-        kill(pid_, SIGTERM);
-        return WEXITSTATUS(Wait(pid_));
-    }
-    bool Prints(const std::string& text) const { return Contains(Read(out_), text); }
-    bool Says(const std::string& text) const
-    {
-        return Eventually([&] { return Contains(Read(err_), text); });
-    }
-    UniqueFd Connect() const { return Connect(path_); }
-    static UniqueFd Connect(const std::string& path)
-    {
-        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        EXPECT_EQ(connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        const timeval limit = {20, 0};
-        setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        return fd;
-    }
-    static std::string Message(std::uint32_t type, std::uint32_t seq, const std::string& body)
-    {
-        const SentrelAgentMsg header = {kMsgVersion, type, seq, static_cast<std::uint32_t>(body.size())};
-        return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + body;
-    }
-    static bool Send(const UniqueFd& fd, const std::string& bytes)
-    {
-        return send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
-    static std::string Receive(const UniqueFd& fd, std::size_t size)
-    {
-        std::string bytes(size, '\0');
-        const ssize_t count = recv(fd.Get(), bytes.data(), size, MSG_WAITALL);
-        return bytes.substr(0, count > 0 ? static_cast<std::size_t>(count) : 0);
-    }
-    static bool IsAnswered(const UniqueFd& fd, const std::string& request)
-    {
-        return Send(fd, request) && Receive(fd, 16) == Message(2, static_cast<unsigned char>(request[8]), "");
-    }
-
-    UniqueFd ConnectAgent() const  // which the collector has noticed
-    {
-        UniqueFd agent = Connect();
-        EXPECT_TRUE(IsAnswered(agent, Message(1, 1, kExit)));
-        return agent;
-    }
-    // What a control client is told, up to an end or, without one, until the collector hangs up.
-    static std::string Told(const UniqueFd& client, const std::string& end = {})
-    {
-        std::string text;
-        for (char byte = 0; (end.empty() || !text.ends_with(end)) && recv(client.Get(), &byte, 1, 0) == 1;) {
-            text.push_back(byte);
-        }
-        return text;
-    }
-    std::string Ask(const std::string& lines) const
-    {
-        const UniqueFd client = Connect(control_);
-        EXPECT_TRUE(Send(client, lines));
-        shutdown(client.Get(), SHUT_WR);
-        return Told(client);
-    }
-
-    const TempDir folder_;
-    const std::string path_ = folder_ / "socket";
-    const std::string control_ = folder_ / "control";
-    const std::string out_ = folder_ / "out";
-    const std::string err_ = folder_ / "err";
-    pid_t pid_ = 0;
-};
-
-}  // namespace
+#include "tests/tools/collector_fixture.h"
 
 TEST_F(CollectorTest, PrintsAndAnswersWholeMessages)
 {
@@ -163,6 +32,65 @@ TEST_F(CollectorTest, PrintsAndAnswersWholeMessages)
 }
 
 // Whoever sends wrong bytes is told apart and cut off; the others notice nothing.
+// Of what only newer agents know, everything is shown, and nothing of it can pass for something else.
+TEST_F(CollectorTest, ShowsUnknownTypesAndItemsOneByOne)
+{
+    const std::string file = Item(kTagOldPath, "a path=b") + Item(kTagPath, "c \"d") + Item(kTagAction, "x,y");
+    const std::tuple<std::uint32_t, std::string, std::string, std::string> rows[] = {
+        {201, Item(kTagPid, Int(7)) + Item(900, Text("a \"b")), R"(type=201 seq=1 length=17 pid=7 item900="a \"b")",
+         R"("type":201,"seq":1,"length":17,"pid":7,"items":[{"tag":900,"text":"a \"b","length":5}],"received":)"},
+        {201, Item(900, Text("b\x1b")), " item900=0x621b00\n", R"({"tag":900,"bytes":"621b00","length":3})"},
+        {201, Item(900, Int(0xFFFFFFFE)), " item900=-2\n", R"({"tag":900,"number":-2,"length":4})"},
+        {201, Item(900, "Z") + Item(901, "word"), " item900=90 item901=\"word\"\n", R"({"tag":900,"number":90,)"},
+        {201, Item(900, std::string(8, '\1')), " item900=72340172838076673\n", R"("number":72340172838076673,)"},
+        {201, Item(900, std::string(65, '\1')), "0101...\n", R"(0101","length":65})"},
+        {203, "no items", "type=203 seq=1 length=8 body=\"no items\"\n", R"("length":8,"body":"no items","received":)"},
+        {205, Item(kTagPid, "xx") + Item(kTagUser, Text("root")), " item3=30840 user=root\n", R"([{"tag":3,"number":)"},
+        {kMsgFile, file + Item(900, Text("new")), " file action=x,y oldPath=\"a path=b\" item900=\"new\" path=c \"d\n",
+         R"("oldPath":"a path=b","path":"c \"d","items":[{"tag":900,"text":"new","length":4}],"received":)"},
+    };
+    for (const std::string json : {"", "--json"}) {
+        Listen(json);
+        const UniqueFd agent = Connect();
+        for (const auto& [type, body, text, object] : rows) {
+            ASSERT_TRUE(Send(agent, Message(type, 1, body)));
+            EXPECT_EQ(Receive(agent, 16), Message(type + 1, 1, ""));
+            EXPECT_TRUE(Prints(json.empty() ? text : object)) << text << Read(out_);
+        }
+        std::string many;
+        for (std::uint16_t i = 0; i < 1000; ++i) {
+            many += Item(1000 + i, "");
+        }
+        ASSERT_TRUE(Send(agent, Message(207, 1, many)));  // costs neither time nor space
+        EXPECT_EQ(Receive(agent, 16), Message(208, 1, ""));
+        EXPECT_TRUE(Prints(json.empty() ? " omitted=872\n" : R"("omitted":872)"));
+        EXPECT_EQ(End(), 0);
+    }
+}
+
+// With --json connections are events like all others, with the time of receipt.
+TEST_F(CollectorTest, TellsConnectionsInJson)
+{
+    Listen("--json");
+    const auto before = std::chrono::system_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+    ConnectAgent().Reset();
+    ASSERT_TRUE(Send(Connect(), std::string(16, 'x')));
+    const std::string who = "pid=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid());
+    const std::string rows[] = {
+        R"({"agent":1,"peer":")" + who + R"(","type":"connected","text":"connected from )" + who + R"(","received":)",
+        R"({"agent":1,"peer":")" + who + R"(","type":"disconnected","text":"disconnected","received":)",
+        R"({"agent":2,"peer":")" + who +
+            R"(","type":"refused","text":"version 2021161080 is not supported","received":)",
+    };
+    for (const std::string& row : rows) {
+        EXPECT_TRUE(Eventually([&] { return Prints(row); })) << row << Read(out_);
+        const std::string out = Read(out_);
+        const long long received = std::atoll(out.substr(out.find(row) + row.size(), 13).c_str());
+        EXPECT_TRUE(received >= before && received < before + 60000) << received;
+    }
+    EXPECT_EQ(End(), 0);
+}
+
 TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
 {
     Listen("");

@@ -1,0 +1,340 @@
+// What becomes of reports while standard output does not take them, and of agents that hold the collector up.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include <set>
+
+#include "tests/tools/collector_fixture.h"
+
+namespace {
+
+// So long that 64 KiB hold only some of them.
+const std::string kLong = kTime + Item(kTagEvent, Int(kProcessExecuted)) + Item(kTagPid, Int(42)) +
+                          Item(kTagCmdLine, Text(std::string(1500, 'x')));
+
+class CollectorOutputTest : public CollectorTest {
+protected:
+    // A FIFO in place of an output, which nobody reads.
+    static UniqueFd Block(const std::string& path)
+    {
+        mkfifo(path.c_str(), 0600);
+        return UniqueFd(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    }
+    static void Fill(const UniqueFd& fifo)
+    {
+        const std::string bytes(65536, '-');
+        while (write(fifo.Get(), bytes.data(), bytes.size()) > 0) {
+        }
+    }
+    static std::string Drain(const UniqueFd& fifo)
+    {
+        std::string text(1U << 20U, '\0');
+        const ssize_t size = read(fifo.Get(), text.data(), text.size());
+        return text.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0);
+    }
+    static std::ptrdiff_t Count(std::string text, const std::string& piece)
+    {
+        std::ptrdiff_t count = 0;
+        for (std::size_t at = 0; (at = text.find(piece, at)) != std::string::npos; at += piece.size()) {
+            ++count;
+        }
+        return count;
+    }
+    static void SendReports(const UniqueFd& agent, std::uint32_t first, std::uint32_t last)
+    {
+        for (std::uint32_t seq = first; seq <= last; ++seq) {
+            ASSERT_TRUE(Send(agent, Message(kMsgProcess, seq, kLong)));
+        }
+    }
+    long Resident() const
+    {
+        const std::string status = Read("/proc/" + std::to_string(pid_) + "/status");
+        return std::atol(status.substr(status.find("VmRSS:") + 6).c_str());
+    }
+};
+
+}  // namespace
+
+// Nobody reads either output: agents and control are served, and the end waits for nobody.
+TEST_F(CollectorOutputTest, BlockedOutputsHoldNothingUp)
+{
+    for (const bool hurry : {false, true}) {
+        const UniqueFd out = Block(out_);
+        const UniqueFd err = Block(err_);
+        Fill(err);
+        pid_ = Start("--listen unix:" + path_ + " --control unix:" + control_, out_);
+        ASSERT_TRUE(Eventually([this] { return fs::exists(control_); }));
+        std::vector<UniqueFd> malformed;
+        for (int i = 0; i < 300; ++i) {
+            malformed.push_back(Connect());
+            ASSERT_TRUE(Send(malformed.back(), std::string(16, 'x')));
+        }
+        const UniqueFd agent = Connect();
+        SendReports(agent, 1, 200);
+        int filled = 0;
+        ASSERT_TRUE(Eventually([&] { return ioctl(out.Get(), FIONREAD, &filled) == 0 && filled > 40000; }));
+        const auto answered = static_cast<std::ptrdiff_t>(ReceiveAnswers(agent, kMsgProcess).size());
+        EXPECT_LT(answered, 60);
+
+        const UniqueFd client = Connect(control_);
+        ASSERT_TRUE(Send(client, "status\n"));
+        EXPECT_EQ(Receive(agent, 16), Message(kMsgStatus, 1, ""));
+        ASSERT_TRUE(Send(agent, Message(12, 1, Item(kTagResult, Int(0)) + Item(kTagStatus, "{}"))));
+        EXPECT_TRUE(Told(client, "done: sent=1 answered=1\n").ends_with(" status {}\ndone: sent=1 answered=1\n"));
+
+        if (!hurry) {  // so that it says what is left
+            Drain(err);
+        }
+        kill(pid_, SIGTERM);
+        if (hurry) {
+            kill(pid_, SIGTERM);
+        }
+        EXPECT_EQ(Ended(), 1);
+        EXPECT_GE(Count(Drain(out), "executed pid=42 "), answered);
+        EXPECT_EQ(Contains(Drain(err), " lines are not written to standard output\n"), !hurry);
+        EXPECT_FALSE(fs::exists(path_) || fs::exists(control_));
+        fs::remove(out_);
+        fs::remove(err_);
+    }
+}
+
+// An output that takes nothing for long gets no copies of what agents repeat, and goes on where it stood.
+TEST_F(CollectorOutputTest, ABlockedOutputGoesOnWhenItIsRead)
+{
+    UniqueFd out = Block(out_);
+    pid_ = Start("--listen unix:" + path_, out_);
+    ASSERT_TRUE(Eventually([this] { return fs::exists(path_); }));
+    const UniqueFd agent = Connect();
+    SendReports(agent, 1, 100);
+    ASSERT_TRUE(Says("standard output is blocked; reports are not answered until it takes them"));
+    SendReports(agent, 1, 100);  // again, as agents do
+    std::set<std::uint32_t> answered;
+    const auto collect = [&] {
+        for (const std::uint32_t seq : ReceiveAnswers(agent, kMsgProcess)) {
+            EXPECT_TRUE(answered.insert(seq).second);
+        }
+    };
+    collect();
+    EXPECT_LT(answered.size(), 60U);
+    std::string text;
+    EXPECT_TRUE(Eventually([&] {
+        text += Drain(out);
+        collect();
+        return answered.size() == 100;
+    }));
+    EXPECT_TRUE(Says("standard output takes lines again"));
+    SendReports(agent, 101, 101);
+    EXPECT_EQ(Receive(agent, 16), Message(2, 101, ""));
+    kill(pid_, SIGTERM);
+    EXPECT_EQ(Ended(), 0);
+    text += Drain(out);
+    EXPECT_EQ(Count(text, "executed pid=42 "), 101);
+    EXPECT_TRUE(Contains(text, "messages=101 ") && Contains(text, "unanswered=100\n"))
+        << text.substr(text.size() - 200);
+}
+
+// Only what is in the file is answered. The rest is as soon as there is room.
+TEST_F(CollectorOutputTest, AFileWithoutRoomLosesNothingThatWasAnswered)
+{
+    before_ = "ulimit -S -f 64; ";  // blocks of 512 bytes
+    Listen("--json");
+    const UniqueFd agent = Connect();
+    SendReports(agent, 1, 100);
+    ASSERT_TRUE(Says("standard output: File too large; reports are not answered until it takes them"));
+    const auto check = [&](const std::vector<std::uint32_t>& answered) {
+        const std::string out = Read(out_);
+        for (const std::uint32_t seq : answered) {
+            EXPECT_TRUE(Contains(out, "\"seq\":" + std::to_string(seq) + ",")) << seq;
+        }
+        return answered.size();
+    };
+    const std::size_t first = check(ReceiveAnswers(agent, kMsgProcess));
+    EXPECT_TRUE(first > 0 && first < 60) << first;
+    SendReports(agent, 101, 101);
+    EXPECT_EQ(ReceiveAnswers(agent, kMsgProcess).size(), 0U);
+    rlimit unlimited = {};
+    ASSERT_EQ(prlimit(pid_, RLIMIT_FSIZE, nullptr, &unlimited), 0);
+    unlimited.rlim_cur = unlimited.rlim_max;
+    ASSERT_EQ(prlimit(pid_, RLIMIT_FSIZE, &unlimited, nullptr), 0);
+    ASSERT_TRUE(Says("standard output takes lines again"));
+    SendReports(agent, 101, 101);
+    std::size_t rest = 0;
+    EXPECT_TRUE(Eventually([&] {
+        rest += check(ReceiveAnswers(agent, kMsgProcess));
+        return Prints("\"seq\":101,");
+    }));
+    EXPECT_EQ(End(), 0);
+    std::string line;
+    for (std::istringstream lines(Read(out_)); std::getline(lines, line);) {
+        EXPECT_TRUE(line.starts_with('{') && line.ends_with('}')) << line;  // none of them in two pieces
+    }
+}
+
+// A real agent, a real disk: what happens while the disk is full is there in the end.
+TEST_F(CollectorOutputTest, AnAgentKeepsItsReportsWhileTheDiskIsFull)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "mounting and the process connector need root";
+    }
+    const std::string disk = folder_ / "disk";
+    for (const char* name :
+         {"disk", "root", "root/bin", "root/conf", "root/conf/policies", "root/lib", "root/log", "root/lib/features"}) {
+        fs::create_directory(folder_ / name);
+        fs::permissions(folder_ / name, fs::perms(0755));
+    }
+    ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=16k"), 0);
+    const struct Unmount {
+        ~Unmount() { umount2(disk.c_str(), MNT_DETACH); }
+        const std::string& disk;
+    } unmount{disk};
+    fs::copy(AGENT_PROGRAM, folder_ / "root/bin");
+    fs::copy(FEATURE_DIR "libprocess_watch.so", folder_ / "root/lib/features");
+    fs::permissions(folder_ / "root/lib/features/libprocess_watch.so", fs::perms(0755));
+    Write(folder_ / "root/conf/policies/process_watch.policy", "enable=on\n");
+    Write(folder_ / "root/conf/agent.conf", "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=" + path_ + "\nREPORT_SECONDS=0\n");
+    const std::string out = disk + "/out";
+    pid_ = Start("--json --listen unix:" + path_, out);
+    const pid_t agent = Fork([this] {
+        const std::string command =
+            "exec " + (folder_ / "root/bin/sentrel-agent") + " --root " + (folder_ / "root") + " >/dev/null 2>&1";
+        return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    });
+    const auto hasExit = [&](int code) { return Contains(Read(out), "\"exitCode\":" + std::to_string(code) + ","); };
+    const auto makeExit = [](int code) { Wait(Fork([code] { return code; })); };
+    ASSERT_TRUE(Eventually([&] { return makeExit(99), hasExit(99); }));
+    ASSERT_TRUE(Eventually([&] { return makeExit(98), Contains(Read(err_), "No space left on device; "); }));
+    for (int code = 100; code < 130; ++code) {
+        makeExit(code);
+    }
+    EXPECT_FALSE(hasExit(129));
+    ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", MS_REMOUNT, "size=10m"), 0);
+    for (int code = 100; code < 130; ++code) {
+        EXPECT_TRUE(Eventually([&] { return hasExit(code); }, 60)) << code;
+    }
+    kill(agent, SIGINT);
+    Wait(agent);
+    EXPECT_TRUE(Contains(Read(folder_ / "root/log/agent.log"), "droppedReports=0 unsentReports=0]"));
+    EXPECT_EQ(End(), 0);
+}
+
+// An output that takes nothing any more ends the program: whoever restarts it gives it another one.
+TEST_F(CollectorOutputTest, AnOutputThatIsGoneEndsIt)
+{
+    Listen("");
+    const UniqueFd agent = ConnectAgent();
+    fs::remove(out_);
+    ASSERT_TRUE(Send(agent, Message(1, 2, kExit)));
+    EXPECT_EQ(Receive(agent, 16), "");
+    EXPECT_EQ(Ended(), 1);
+    EXPECT_TRUE(Says("standard output: the file was removed"));
+
+    UniqueFd reader = Block(out_);
+    pid_ = Start("--listen unix:" + path_, out_);
+    ASSERT_TRUE(Eventually([&] { return Contains(Drain(reader), "listening"); }));
+    reader.Reset();
+    ASSERT_TRUE(Send(Connect(), Message(1, 2, kExit)));
+    EXPECT_EQ(Ended(), 1);
+    EXPECT_TRUE(Says("standard output: Broken pipe"));
+
+    EXPECT_EQ(WEXITSTATUS(Wait(Start("--listen unix:" + path_, "&-"))), 1);
+    EXPECT_FALSE(fs::exists(path_));
+}
+
+// Whoever is slow or silent on purpose holds neither a place nor memory for long.
+TEST_F(CollectorOutputTest, WhoIsTooSlowIsCutOff)
+{
+    Listen("--patience 1");
+    const UniqueFd healthy = ConnectAgent();
+    const UniqueFd silent = Connect();
+    const std::string report = Message(1, 1, kLong);
+    const UniqueFd dripping = Connect();
+    std::size_t sent = 0;
+    EXPECT_TRUE(Eventually([&] { return !Send(dripping, report.substr(sent++ % 1000, 1)) || sent > 1500; }));
+    EXPECT_LT(sent, 1500U);
+    EXPECT_TRUE(Says("agent 3 (pid=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid()) +
+                     ") refused: a message is incomplete for 1 seconds"));
+    for (const std::size_t reads : {0, 1}) {  // a byte now and then does not count
+        const UniqueFd greedy = Connect();
+        const std::string requests = Message(99, 1, "") + Message(99, 2, "");
+        char bytes[16];
+        EXPECT_TRUE(Eventually([&] {
+            while (send(greedy.Get(), requests.data(), requests.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+            }
+            const int error = errno;
+            recv(greedy.Get(), bytes, reads, MSG_DONTWAIT);
+            return error == EPIPE || error == ECONNRESET;
+        }));
+    }
+    EXPECT_EQ(Count(Read(err_), "what was sent to it is not read for 1 seconds"), 2);
+    EXPECT_TRUE(IsAnswered(silent, Message(1, 1, kExit)) && IsAnswered(healthy, Message(1, 1, kExit)));
+    EXPECT_EQ(End(), 0);
+    EXPECT_TRUE(Prints(" refused=3 "));
+}
+
+TEST_F(CollectorOutputTest, ASilentConnectionMakesRoomForANewOne)
+{
+    Listen("--patience 1 --agents 3");
+    const UniqueFd silent[] = {Connect(), Connect()};
+    const UniqueFd healthy = ConnectAgent();
+    EXPECT_EQ(Receive(Connect(), 1), "");
+    EXPECT_TRUE(Says("refused: 3 are open"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    EXPECT_TRUE(ReceiveAnswers(healthy, 1).empty());  // but for its heartbeat
+    const UniqueFd fresh = ConnectAgent();
+    EXPECT_EQ(Receive(silent[0], 1), "");
+    EXPECT_TRUE(IsAnswered(healthy, Message(1, 1, kExit)) && IsAnswered(silent[1], Message(1, 1, kExit)));
+    EXPECT_EQ(End(), 0);
+}
+
+// Half of a long message from each of many, and memory that is given back.
+TEST_F(CollectorOutputTest, UnfinishedMessagesTakeBoundedMemory)
+{
+    Listen("--agents 2000");
+    const UniqueFd healthy = ConnectAgent();
+    const long before = Resident();
+    const std::string half = Message(1, 1, std::string(500000, 'x')).substr(0, 400000);
+    const auto attack = [&](int connections) {
+        std::vector<UniqueFd> greedy;
+        for (int i = 0; i < connections; ++i) {
+            greedy.push_back(Connect());
+            Send(greedy.back(), half);
+        }
+        pause();
+        return 0;
+    };
+    std::vector<pid_t> attackers;
+    for (int i = 0; i < 12; ++i) {
+        attackers.push_back(Fork([&] { return attack(i == 0 ? 30 : 18); }));
+    }
+    EXPECT_TRUE(Says("refused: too many unfinished bytes of its address or process"));
+    EXPECT_TRUE(Says("refused: too many unfinished bytes over all, and most of its address or process"));
+    EXPECT_LT(Resident(), before + 100 * 1024);
+    EXPECT_TRUE(IsAnswered(healthy, Message(1, 1, kExit)));
+    for (const pid_t attacker : attackers) {
+        kill(attacker, SIGKILL);
+        Wait(attacker);
+    }
+    EXPECT_TRUE(Eventually([&] { return Resident() < before + 8 * 1024; })) << before << " " << Resident();
+    EXPECT_EQ(End(), 0);
+}
+
+TEST_F(CollectorOutputTest, ARemovedSocketFileIsMadeAnew)
+{
+    const std::string fifo = folder_ / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const UniqueFd writer(open(fifo.c_str(), O_RDWR));
+    Listen("--control - <" + fifo);
+    const UniqueFd agent = ConnectAgent();
+    fs::remove(path_);
+    fs::remove(fifo);
+    EXPECT_TRUE(Says("unix:" + path_ + " was removed, and is made anew"));
+    EXPECT_TRUE(Says("the FIFO of standard input was removed or replaced"));
+    EXPECT_TRUE(IsAnswered(agent, Message(1, 1, kExit)) && IsAnswered(Connect(), Message(1, 1, kExit)));
+    fs::remove(path_);
+    Write(path_, "");
+    EXPECT_TRUE(Says("unix:" + path_ + " was replaced: nobody reaches this collector there"));
+    EXPECT_EQ(End(), 0);
+    EXPECT_TRUE(fs::exists(path_));  // it is another one's
+}
