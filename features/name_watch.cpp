@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <climits>
 #include <cstring>
-#include <memory>
+#include <iterator>
 
 #include "util/file.h"
 
@@ -16,12 +16,23 @@ namespace {
 
 constexpr std::uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::size_t kReadSize = 65536;
+constexpr int kMostLinks = 40;  // as in the kernel
 
-// A path without links; empty where it leads nowhere.
-std::string RealPath(const std::string& path)
+// What a link leads to; empty where the path is no link.
+std::string TargetOf(const std::string& path)
 {
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
-    return real == nullptr ? std::string() : real.get();
+    char target[PATH_MAX];
+    const ssize_t length = readlink(path.c_str(), target, sizeof(target));
+    return length <= 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
+}
+
+// Takes the first name off a path.
+std::string TakeName(std::string& path)
+{
+    const std::size_t end = path.find('/');
+    const std::string name = path.substr(0, end);
+    path.erase(0, end == std::string::npos ? end : end + 1);
+    return name;
 }
 
 bool IsAbsence(int error)
@@ -44,13 +55,8 @@ bool NameWatch::Follow(std::size_t number, const std::string& path)
 {
     Forget(number);
     followed_.insert(number);
-    bool isWatched = FollowNames(number, path);
-    int error = errno;
-    const std::string real = RealPath(path);
-    if (isWatched && !real.empty() && real != path) {
-        isWatched = FollowNames(number, real);
-        error = errno;
-    }
+    const bool isWatched = FollowNames(number, path);
+    const int error = errno;
     DropUnused();
     errno = error;
     return isWatched;
@@ -60,13 +66,29 @@ bool NameWatch::Follow(std::size_t number, const std::string& path)
 // above it.
 bool NameWatch::FollowNames(std::size_t number, const std::string& path)
 {
-    for (std::size_t slash = 0; slash < path.size();) {
-        const std::size_t end = std::min(path.find('/', slash + 1), path.size());
-        const std::string name = path.substr(slash + 1, end - slash - 1);
-        if (!name.empty() && !WatchDirectory(number, path.substr(0, slash + 1), name)) {
+    std::string directory = "/";
+    int links = 0;
+    for (std::string rest = path; !rest.empty();) {
+        const std::string name = TakeName(rest);
+        if (name.empty() || name == ".") {
+            continue;
+        }
+        if (name == "..") {
+            directory.erase(directory.rfind('/', std::max<std::size_t>(directory.size(), 2) - 2) + 1);
+            continue;
+        }
+        if (!WatchDirectory(number, directory, name)) {
             return IsAbsence(errno);
         }
-        slash = end;
+        const std::string target = TargetOf(directory + name);
+        if (target.empty()) {
+            directory += name + "/";
+        } else if (++links > kMostLinks) {
+            return true;
+        } else {
+            directory = target[0] == '/' ? "/" : directory;
+            rest.insert(0, target + "/");
+        }
     }
     return true;
 }

@@ -11,8 +11,7 @@
 // Notices when paths come to lead to other files: a name on the way is created, deleted or moved, or something is
 // mounted. It does not say what is there now: the caller looks.
 //
-// A link is followed by its own names and by those of the path that it leads to in the end; a switch of a link
-// between these two is not noticed.
+// Links on the way are followed by the names of both, their own and those that they lead to.
 //
 // Threads  one.
 // Limits   one inotify watch for each directory on the way to a path.
