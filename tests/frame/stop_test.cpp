@@ -163,6 +163,9 @@ TEST_F(StopTest, ARollLeavesAPendingStopAndTheSignalsAsTheyAre)
 // Handlers that nest until the stack is full would end the program by what is meant to look at it.
 TEST_F(StopTest, ReportsDoNotNest)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer runs no handler while a system call blocks";
+#endif
     const std::string report = dir_ / "coredump.log";
     mkfifo(report.c_str(), 0600);  // nobody reads: each report takes until the next signal interrupts it
     const pid_t pid = Start([] {
@@ -190,7 +193,7 @@ TEST_F(StopTest, ReportsDoNotNest)
     EXPECT_TRUE(Eventually([&] { return Contains(Read(status), "SigBlk:\t0000000000000200"); }));
     for (int i = 0; i < 500; ++i) {
         kill(pid, SIGUSR1);
-        EXPECT_TRUE(Eventually([&] { return Contains(Read(status), "ShdPnd:\t0000000000000000"); }));
+        ASSERT_TRUE(Eventually([&] { return Contains(Read(status), "ShdPnd:\t0000000000000000"); }));
     }
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
     fs::remove(report);
