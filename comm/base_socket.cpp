@@ -30,7 +30,7 @@ BaseSocket::~BaseSocket()
 
 bool BaseSocket::CreateFamily(int family)
 {
-    // Close-on-exec, so that programs started by the agent do not hold its connection.
+    // Close-on-exec, so that programs that the agent starts do not keep its connection open.
     fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
@@ -55,7 +55,7 @@ bool BaseSocket::Send(const unsigned char* data, long length) const
             return false;
         }
         if (sent == 0) {
-            break;  // kept: taken for success
+            break;  // kept because callers know it: this counts as success
         }
         data += sent;
         length -= sent;
@@ -90,8 +90,8 @@ bool BaseSocket::SendWithin(const unsigned char* data, long length, int limitMs)
     return true;
 }
 
-// Kept because callers know its results: an error counts as -1 bytes, so the place steps back by one and one
-// byte more is wanted. What would land before the buffer goes to a scratch area instead.
+// Kept because callers know its results: an error counts as -1 bytes. The place moves back by one, and one byte
+// more is wanted. Bytes that would land before the buffer go to a scratch area instead.
 long BaseSocket::Recv(unsigned char* buffer, long length)
 {
     if (fd == -1 || buffer == nullptr || length <= 0) {

@@ -48,7 +48,7 @@ Components Copy()
     return g_components;
 }
 
-// Calls an operation of every component; false if one fails.
+// Calls an operation of every component. False if one fails.
 template <typename Operation>
 bool ForEach(const Components& components, Operation operation)
 {
@@ -59,7 +59,7 @@ bool ForEach(const Components& components, Operation operation)
     return all;
 }
 
-// Calls one that needs to succeed with a single component.
+// Calls an operation that must succeed with one component only.
 template <typename Operation>
 int Send(Operation operation)
 {

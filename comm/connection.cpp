@@ -55,7 +55,7 @@ void Connection::Run()
     finished_ = true;
 }
 
-// Both sides could wait for each other to read, so a request is repeated only when the socket takes it.
+// A request is repeated only when the socket can take it. Otherwise both sides could wait for each other to read.
 void Connection::RunOnce()
 {
     const std::int64_t now = Clock::MonotonicNs();
@@ -108,7 +108,7 @@ void Connection::HandOver(const SentrelAgentMsg& header, const unsigned char* me
 bool Connection::Send(const char* messages, std::size_t length, std::int64_t endNs)
 {
     const std::int64_t limitMs = std::max<std::int64_t>((endNs - Clock::MonotonicNs()) / Clock::kNsPerMs, 0);
-    // Whoever waited for a send that was cut short must not go on in the middle of that message.
+    // After a send that was cut short the next one must not go on in the middle of that message.
     const bool sent = up_ && proxy_.SendWithin(reinterpret_cast<const unsigned char*>(messages),
                                                static_cast<long>(length), static_cast<int>(limitMs));
     if (!sent) {

@@ -20,16 +20,16 @@ namespace NEUtils {
 // One connection to the server, from its socket to the end of the thread that receives from it. Once it is
 // down it stays down.
 //
-// Threads  any; the descriptor is closed with the object, so nobody meets its number in other hands.
-// Owns     the thread "SocketRecv"; whoever has started it joins it.
+// Threads  any. The descriptor is closed with the object, so no thread uses a number that belongs to another file.
+// Owns     the thread "SocketRecv"; the caller of Start must call Join.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     // What the connection calls on its thread.
     struct Callbacks {
         // One whole message, aligned for any type and followed by a NUL, valid during the call.
         std::function<void(const SentrelAgentMsg& header, void* message)> onMessage;
-        // Repeats a request that is due, when the socket can take it. Gives after how many milliseconds it is
-        // to be called again.
+        // Repeats a request that is due; called when the socket can take it. Gives after how many milliseconds
+        // it is to be called again.
         std::function<int(Connection&)> repeatRequest;
     };
 
@@ -38,21 +38,20 @@ public:
     bool Create(int family);  // the socket, which the caller then connects
     const SocketProxy& GetSocket() const { return proxy_; }
 
-    // Marks the connection as up and starts its thread, which keeps the object; false where there is none to
-    // be had.
+    // Marks the connection as up and starts its thread, which keeps the object. False if there is no thread.
     bool Start();
 
     bool IsUp() const { return up_; }
     bool IsFinished() const { return finished_; }  // the thread has nothing more to do
 
-    // Sends whole messages until a point of the monotonic clock at the latest. A failure takes the connection
-    // down, since part of a message may be on its way. The caller sees to it that no two send at once.
+    // Sends whole messages, until a point in time of the monotonic clock. A failure takes the connection down,
+    // since a part of a message may have been sent. Only one thread may send at a time.
     bool Send(const char* messages, std::size_t length, std::int64_t endNs);
 
     bool MarkDown() { return up_.exchange(false); }  // true for the one that does
-    void Shutdown();                                 // wakes whoever waits in this connection
-    void Fail(const char* reason);                   // takes it down, with a record the first time
-    void Join();  // waits for the end of the thread; one caller joins it and the others wait for him
+    void Shutdown();                                 // wakes the threads that wait in this connection
+    void Fail(const char* reason);                   // takes it down, with a log record the first time
+    void Join();                                     // waits for the end of the thread; any number of callers
 
 private:
     void Run();

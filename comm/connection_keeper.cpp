@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kCancelPeriod{50};
 
-thread_local const ConnectionKeeper* t_receiver = nullptr;  // whose connection's thread this is
+thread_local const ConnectionKeeper* t_receiver = nullptr;  // whose receive thread this is
 
 }  // namespace
 
@@ -54,7 +54,7 @@ bool ConnectionKeeper::Start(const Open& open)
     bool opened = false;
     try {
         opened = open(*connection);
-    } catch (const std::exception& error) {  // no memory; the start is to end in order nevertheless
+    } catch (const std::exception& error) {  // no memory
         NE_LOG(ERROR, "Channel to the server cannot be opened.[error=%s]", error.what());
     }
     const bool started = Publish(connection, opened, stops);
@@ -87,7 +87,7 @@ void ConnectionKeeper::Stop()
         std::unique_lock<std::mutex> lock(mutex_);
         ++stops_;
         current.swap(current_);
-        // A start under way ends first. It may stand right before its connect, so it is told again.
+        // A start under way ends first. It may be just before its connect, so it is woken again and again.
         while (connecting_ != nullptr && !IsReceiver() && starter_ != std::this_thread::get_id()) {
             const ConnectionPtr connecting = connecting_;
             connecting->Shutdown();
@@ -97,8 +97,8 @@ void ConnectionKeeper::Stop()
     End(current);
 }
 
-// Ends a connection, if there is one, and joins what was left to be joined. On a receive thread that is only
-// what has finished: others could be the thread itself, or one that waits for it.
+// Ends a connection, if there is one, and joins all that have ended. A receive thread joins only threads that
+// have finished: another one could be itself, or wait for it.
 void ConnectionKeeper::End(const ConnectionPtr& connection)
 {
     if (connection != nullptr) {
@@ -113,7 +113,7 @@ void ConnectionKeeper::End(const ConnectionPtr& connection)
         if (connection != nullptr) {
             ended_.push_back(connection);
         }
-        // Left in there, so that every other caller waits for them too.
+        // They stay in the list for now, so that every other caller waits for them too.
         std::copy_if(ended_.begin(), ended_.end(), std::back_inserter(joined),
                      [this](const auto& entry) { return !IsReceiver() || entry->IsFinished(); });
     }

@@ -12,18 +12,17 @@
 
 namespace NEUtils {
 
-// Makes the connections of a channel, one at a time, and ends them: a thread that has ended is joined, also
-// where a handler of the connection itself has stopped it.
+// Makes the connections of a channel, one at a time, and ends them. Every thread of a connection is joined.
 //
-// Threads  any. A handler may call everything here; what it would have to join is joined by the next call
-//          from elsewhere.
+// Threads  any. A handler of a message may call everything here. It cannot join its own thread: the next Start or
+//          Stop on another thread does.
 class ConnectionKeeper {
 public:
-    using Open = std::function<bool(Connection&)>;  // connects; false where that fails
+    using Open = std::function<bool(Connection&)>;  // connects; false if that fails
 
     explicit ConnectionKeeper(Connection::Callbacks callbacks);
 
-    // Connects; true also where there is a connection already. False while another start is under way.
+    // Connects. True also if there is a connection already. False while another start is under way.
     bool Start(const Open& open);
     // Ends the connection, and a start that is under way.
     void Stop();
@@ -44,9 +43,9 @@ private:
     ConnectionPtr current_;
     ConnectionPtr connecting_;
     std::vector<ConnectionPtr> ended_;  // not joined yet
-    std::uint64_t stops_ = 0;           // a start that finds another one when it is done gives up
+    std::uint64_t stops_ = 0;           // a start gives up if this has changed when it is done
     std::uint32_t count_ = 0;
-    std::thread::id starter_;  // whose start is under way
+    std::thread::id starter_;  // the thread whose start is under way
     std::condition_variable startEnd_;
 };
 

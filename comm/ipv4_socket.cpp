@@ -25,7 +25,7 @@ bool Ipv4Socket::GetNetSockAddrInfo(const std::string& addr, int port, sockaddr_
     hostent entry = {};
     hostent* found = nullptr;
     int error = 0;
-    // Kept at this size: where names must not be looked up on the network, they are not.
+    // Kept at this size because the agent must not look up names on the network: the resolver needs more.
     alignas(hostent) char work[16] = {};
     if (gethostbyname_r(addr.c_str(), &entry, work, sizeof(work), &found, &error) != 0 || found == nullptr ||
         found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr ||

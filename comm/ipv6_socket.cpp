@@ -14,7 +14,7 @@ namespace NEUtils {
 
 namespace {
 
-// An interface's address as text, without its scope; empty for other families.
+// The address of an interface as text, without its scope. Empty for other families.
 std::string AddressText(const ifaddrs& entry)
 {
     if (entry.ifa_addr == nullptr) {
@@ -53,7 +53,7 @@ unsigned int Ipv6Socket::GetScopeForIp(const std::string& addr) const
     return 0;
 }
 
-// Kept: only addresses of this host's interfaces have a scope.
+// Kept because operators rely on it: only addresses of this host's interfaces have a scope.
 bool Ipv6Socket::GetNetSockAddrInfo6(const std::string& addr, int port, sockaddr_in6& address) const
 {
     sockaddr_in6 found = {};

@@ -62,7 +62,7 @@ bool MessageHandlers::Remove(std::uint32_t type, MsgHandler handler)
     return changed && !removed.empty();
 }
 
-// Replaces the list of a type by what a function makes of it; unchanged where that throws.
+// Replaces the list of a type by the one that a function makes of it. If that throws, nothing changes.
 template <typename Function>
 bool MessageHandlers::Change(std::uint32_t type, Function function)
 {

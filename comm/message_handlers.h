@@ -10,7 +10,7 @@
 
 namespace NEUtils {
 
-// The handlers of received messages, by type. No lock is held over a call of one.
+// The handlers of received messages, by type. No lock is held while one runs.
 //
 // Threads  any.
 class MessageHandlers {
@@ -18,11 +18,11 @@ public:
     MessageHandlers();
     ~MessageHandlers();
 
-    // False for null, and where readers do not let a writer in for 5 seconds.
+    // False for null, or if readers hold the table for 5 seconds.
     bool Add(std::uint32_t type, MsgHandler handler, void* userData);
 
-    // Removes every entry of a type with this function; afterwards no call of it runs or will run, but for
-    // the one that this is called from.
+    // Removes every entry of a type with this function. Afterwards no call of it runs, except the one that
+    // calls this.
     bool Remove(std::uint32_t type, MsgHandler handler);
 
     struct Handler;
@@ -30,7 +30,7 @@ public:
 
     std::shared_ptr<const List> Find(std::uint32_t type);  // null if there is none
 
-    // Calls handlers in the order of their registration.
+    // Calls handlers in the order in which they were added.
     static void Call(const List& handlers, std::uint32_t type, void* message);
 
 private:

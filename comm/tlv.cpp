@@ -49,7 +49,7 @@ TLVValue& TLVValue::operator=(TLVValue&& other) noexcept
     return *this;
 }
 
-// Replaces the bytes by a copy; data may lie in the old ones. Without memory there are none then.
+// Replaces the bytes by a copy. data may lie in the old bytes. If there is no memory, no bytes are left.
 bool TLVValue::Assign(const void* data, std::size_t size)
 {
     std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[size]);
@@ -125,7 +125,7 @@ void TLVPacker::Append(std::uint16_t tag, std::uint16_t length, const void* data
     }
 }
 
-// An item that has lost its bytes for want of memory keeps its length.
+// An item that got no memory for its bytes still has their length.
 void TLVPacker::Add(TLVValue&& value)
 {
     TLVValue taken;
@@ -154,7 +154,7 @@ int TLVPacker::Pack(bool swap)
 {
     size_ += static_cast<std::uint32_t>(items_.size());  // kept because callers rely on it: the sum of all calls
     buffer_.reset(new (std::nothrow) unsigned char[size_]);
-    if (buffer_ == nullptr || !isWhole_ || items_.size() > size_) {  // in the end the sum has wrapped
+    if (buffer_ == nullptr || !isWhole_ || items_.size() > size_) {  // the last if the sum has wrapped
         buffer_.reset();
         return -1;
     }
@@ -168,7 +168,7 @@ int TLVPacker::Pack(bool swap)
         at += kHeaderSize + header.length;
     }
     const std::size_t rest = size_ - items_.size();
-    memset_s(buffer_.get() + items_.size(), rest, 0, rest);  // the heap's old bytes are nobody's business
+    memset_s(buffer_.get() + items_.size(), rest, 0, rest);  // or old bytes of the heap would go out
     return 0;
 }
 
@@ -179,6 +179,7 @@ bool TLVAnalyzer::Analyze(bool swap)
     }
     swap_ = swap;
     offsets_.clear();
+    blocks_.release();
     count_ = 0;
     const auto length = static_cast<std::size_t>(length_);
     std::size_t offset = 0;

@@ -33,7 +33,7 @@ bool MakeAddress(const std::string& path, sockaddr_un& address, socklen_t& size)
 {
     address = {};
     address.sun_family = AF_UNIX;
-    // Kept: up to the end of the path, not of the structure.
+    // Kept because peers see this length: it ends with the path, not with the structure.
     size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
     return path.size() < std::size(address.sun_path) &&
            strcpy_s(address.sun_path, std::size(address.sun_path), path.c_str()) == 0;
@@ -54,7 +54,7 @@ bool UNIXSocket::Bind(const std::string& path, int /*port*/) const
         return false;
     }
     NE_LOG(DEBUG, "Domain socket bind path is %s.", path.c_str());
-    if (unlink(path.c_str()) != 0) {  // kept: told for a fresh path too
+    if (unlink(path.c_str()) != 0) {  // kept because operators know it: a record also for a fresh path
         const int error = errno;
         NE_LOG(WARN, "Failed to remove the soft link of the file.[file=%s, errno=%d]", path.c_str(), error);
     }

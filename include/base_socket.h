@@ -9,10 +9,9 @@ namespace NEUtils {
 
 // A stream socket. The kinds are UNIXSocket, Ipv4Socket and Ipv6Socket; SocketProxy chooses one.
 //
-// Threads  one at a time; nothing here has a lock. Two may use it where one only sends and the other
-//          only receives.
-// Owns     its descriptor, closed by the destructor and left open by every failure.
-// Errors   false, or -1 where said, and a record.
+// Threads  one at a time, since nothing here has a lock; but one may send while another receives.
+// Owns     its descriptor. The destructor closes it; a failure leaves it open.
+// Errors   false, or -1 where said, and a log record.
 class NEUTILS_API BaseSocket {
 public:
     BaseSocket() = default;
@@ -24,27 +23,27 @@ public:
     virtual bool Bind(const std::string& addr, int port) const = 0;
     virtual bool Connect(const std::string& addr, int port, int timeoutSeconds) const = 0;
 
-    // Sends all bytes, as long as that takes. data is not tested for null.
+    // Sends all bytes, however long that takes. data must not be null.
     virtual bool Send(const unsigned char* data, long length) const;
 
-    // The same within a time limit. After a failure part of the bytes may be on their way.
+    // The same within a time limit. After a failure some of the bytes may have been sent.
     bool SendWithin(const unsigned char* data, long length, int limitMs) const;
 
-    // Takes what is there, without waiting: the number of bytes, 0 for none. -1: the peer has closed (then
-    // also bytes read by this very call are lost), or there is nothing to read into.
-    // Each other error is taken off the count, which may be negative then; one that persists keeps this
-    // function going. End it by shutting the connection down, not by closing the descriptor.
+    // Reads what has arrived, without waiting. Gives the number of bytes, 0 for none, or -1: the peer has closed
+    // the connection (bytes that this call has read are lost then), or there is no buffer.
+    // Every other error lowers the count by one, even below zero. While an error lasts, this function does not
+    // return. To end it, shut the connection down; do not close the descriptor.
     virtual long Recv(unsigned char* buffer, long length);
 
     virtual bool Listen() const;
 
-    // Waits for a connection and stores it in client, over whatever descriptor that has.
+    // Waits for a connection and stores its descriptor in client. One that client had before is not closed.
     virtual bool Accept(const std::shared_ptr<BaseSocket>& client);
     virtual int GetFd() const { return fd; }
 
 protected:
     bool CreateFamily(int family);
-    // Binds, with a limit of 5 seconds on waiting to receive or accept.
+    // Binds, and limits waiting to receive or accept to 5 seconds.
     bool BindAddress(const void* address, unsigned int size) const;
 
     int fd = -1;

@@ -9,8 +9,8 @@
 
 namespace NEUtils {
 
-// The header of every message between an agent and its server; the body follows, often TLV items
-// (tlv.h). All fields in the host's byte order, which both sides share.
+// The header of every message between an agent and its server. The body follows it, often as TLV items
+// (tlv.h). All fields are in the host's byte order, which must be the same on both sides.
 struct SentrelAgentMsg {
     std::uint32_t version;  // kMsgVersion
     std::uint32_t type;     // odd: a request, even: a response
@@ -32,7 +32,7 @@ inline constexpr bool IsResponseMessage(std::uint32_t type)
     return !IsRequestMessage(type);
 }
 
-// The next number for a request; all senders of a process take theirs from here. Any thread.
+// The next number for a request. All senders of a process take their numbers from here. Any thread.
 NEUTILS_API std::uint32_t NextMsgSeq();
 
 enum BaseCommMethod {
@@ -42,17 +42,17 @@ enum BaseCommMethod {
     kWebSocket = 3,
 };
 
-// What SendControlMsg gives.
+// The result of SendControlMsg.
 enum SendResult {
     kSendDone = 0,
     kSendRefused = 1,  // a wrong argument, or no memory
     kSendFailed = 2,   // the channel is down, or the send failed
 };
 
-// Called with a whole message, header first, aligned for any type and valid during the call.
+// Gets a whole message, header first. It is aligned for any type, and valid during the call.
 using MsgHandler = void (*)(std::uint32_t type, void* message, void* userData);
 
-// A way to the server. What the operations do beside their names is the component's own matter.
+// A way to the server. Each component decides what an operation does, beyond what its name says.
 class NEUTILS_API NetCommBase {
 public:
     virtual ~NetCommBase();
@@ -70,25 +70,24 @@ public:
 // The process's components, driven together: each function calls the operation of that name on every
 // registered component.
 //
-// Threads  any; no lock is held over a component's operation, so what they may do at once is their matter.
+// Threads  any. No lock is held while a component works, so the component must allow what runs at once.
 // Blocks   as long as the components do, one after the other.
-// Errors   false if there is no component (with a record, but for the handlers) or one of them fails.
+// Errors   false if there is no component or one of them fails. The functions for handlers log nothing then.
 
-// Adds a component or replaces the one of that method, which is to be stopped before. False, with a record,
-// for null.
+// Adds a component, or replaces the one of this method: stop that one first. False, with a log record, for null.
 NEUTILS_API bool RegisterComponent(BaseCommMethod method, std::shared_ptr<NetCommBase> component);
 
-// Also keeps SIGPIPE from ending the process, with an empty handler, which child programs do not inherit.
-// A second call has no effect and is true.
+// Also gives SIGPIPE an empty handler, so that it does not end the process; child programs do not inherit that.
+// A second call does nothing and gives true.
 NEUTILS_API bool BaseCommInit();
 NEUTILS_API bool BaseCommStart();
 NEUTILS_API bool BaseCommStop();
 NEUTILS_API bool BaseCommDeInit();
 
-// Stops and starts every component that is down; true if all are up in the end.
+// Stops and starts every component that is down. True if all are up at the end.
 NEUTILS_API bool BaseCommStatusCheck();
 
-// A SendResult: kSendDone if at least one component took the message, otherwise the last one's answer.
+// A SendResult: kSendDone if at least one component has sent the message, otherwise the last one's result.
 NEUTILS_API int SendControlMsg(const char* message, unsigned int length);
 NEUTILS_API int SendLogWithTopicHeader(const std::string& topic, const std::string& log, bool withHeader);
 

@@ -6,14 +6,14 @@
 
 namespace NEUtils {
 
-// TCP over IPv4. A bound socket gives up an Accept after 5 seconds.
+// TCP over IPv4. On a bound socket Accept waits for at most 5 seconds.
 class NEUTILS_API Ipv4Socket : public TCPSocket {
 public:
     bool Create() override;
     bool Bind(const std::string& addr, int port) const override;
     bool Connect(const std::string& addr, int port, int timeoutSeconds) const override;
 
-    // addr is an address; of names only the few that the resolver knows in 16 bytes.
+    // addr is an address in digits. Names fail: the resolver gets too little memory for them.
     bool GetNetSockAddrInfo(const std::string& addr, int port, sockaddr_in& address) const;
 };
 

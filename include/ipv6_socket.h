@@ -6,8 +6,9 @@
 
 namespace NEUtils {
 
-// TCP over IPv6, to and from addresses of this host's own interfaces only: the scope of an address is the
-// interface that has it, and one without scope is refused. A bound socket gives up an Accept after 5 seconds.
+// TCP over IPv6, only from and to addresses of this host's own interfaces: the scope of an address is the
+// interface that has it, and an address without a scope is refused. On a bound socket Accept waits for at most
+// 5 seconds.
 class NEUTILS_API Ipv6Socket : public TCPSocket {
 public:
     bool Create() override;
@@ -15,7 +16,7 @@ public:
     bool Connect(const std::string& addr, int port, int timeoutSeconds) const override;
 
     bool GetNetSockAddrInfo6(const std::string& addr, int port, sockaddr_in6& address) const;
-    unsigned int GetScopeForIp(const std::string& addr) const;  // 0: no interface has it
+    unsigned int GetScopeForIp(const std::string& addr) const;  // 0: no interface has this address
 };
 
 }  // namespace NEUtils

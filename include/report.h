@@ -9,8 +9,8 @@
 
 namespace NEUtils {
 
-// One report to the server, on its way from its items to the process's report queue. It begins with the time: that of
-// the event where it is known, otherwise that at which the report is made.
+// Builds a report from its items and puts it into the process's report queue. The first item is the time: that
+// of the event if it is known, otherwise that of the constructor.
 //
 // Threads  one.
 // Blocks   never.
@@ -21,14 +21,14 @@ public:
 
     Report& Add(ReportTag tag, int number);
     Report& AddLong(ReportTag tag, std::uint64_t number);  // of 8 bytes
-    Report& Add(ReportTag tag, const std::string& text);   // cut at what an item may hold; empty: left out
+    Report& Add(ReportTag tag, const std::string& text);   // cut to the size of an item; an empty one is left out
 
-    // False where it could not be queued (report_queue.h): there is no server, or no room.
+    // False if the queue does not take it (report_queue.h): there is no server, or no room.
     bool Push();
 
 private:
     const std::uint32_t type_;
-    const bool isWanted_;  // otherwise there is nothing to build
+    const bool isWanted_;  // otherwise nothing is built
     TLVPacker packer_;
 };
 

@@ -8,17 +8,17 @@
 
 namespace NEUtils {
 
-// Owns a socket whose kind is chosen at run time by its address family: AF_UNIX (1), AF_INET (2) or
-// AF_INET6 (10). Copies share the socket; the last one closes it.
+// Owns a socket of a kind that is chosen at run time by the address family: AF_UNIX (1), AF_INET (2) or
+// AF_INET6 (10). Copies share the socket, and the last copy closes it.
 //
-// Threads  one at a time, but for Send beside Recv.
+// Threads  one at a time; but one may send while another receives.
 // Errors   without a socket: false, and -1 from Recv and GetFd. Otherwise those of BaseSocket.
 class NEUTILS_API SocketProxy {
 public:
     bool IsValid() const { return socket_ != nullptr; }
 
-    // False for an unknown type, with a record and nothing changed. Where the system gives no descriptor
-    // it is false too, but the proxy is valid then and keeps the type that it had.
+    // False for an unknown type, with a log record, and nothing is changed. False also when the system gives no
+    // descriptor: then the proxy is valid all the same, and keeps the type that it had.
     bool Create(int type);
     void Close();
 
@@ -29,11 +29,11 @@ public:
     long Recv(unsigned char* buffer, long length) const;
     bool Listen() const;
 
-    // Waits for a connection, which client then holds. Leaks the descriptor that client is created with.
+    // Waits for a connection, which client then owns. The descriptor that client gets first is never closed.
     bool Accept(const std::shared_ptr<SocketProxy>& client) const;
     int GetFd() const;
 
-    // The family for an address: for type 2 it is 10 if addr holds a colon; other types stay as they are.
+    // The family for an address: 10 for type 2 if addr holds a colon. Every other type stays as it is.
     static int PraseSocketType(int type, const std::string& addr);
 
 private:

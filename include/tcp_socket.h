@@ -6,14 +6,14 @@
 
 namespace NEUtils {
 
-// What the TCP kinds share: connecting within a time limit.
+// Connecting within a time limit, which both kinds of TCP sockets share.
 class NEUTILS_API TCPSocket : public BaseSocket {
 public:
-    // Without a limit (0 or below) it waits as long as the kernel does.
+    // With a limit of 0 or less it waits as long as the kernel does.
     bool SocketConnect(const sockaddr* address, int addressSize, int timeoutSeconds) const;
 
-    // Waits until the descriptor can be read or written: select's result, also for a descriptor that is
-    // too large for select.
+    // Waits until the descriptor can be read or written. Gives what select gives, also for a descriptor whose
+    // number is too large for select.
     int SocketSelect(int descriptor, int timeoutSeconds) const;
 };
 
