@@ -18,6 +18,11 @@ namespace {
 
 constexpr int kWaitMs = 1000;
 
+void LogDown(const char* reason)
+{
+    NE_LOG(ERROR, "Channel to the server is down.[reason=%s]", reason);
+}
+
 }  // namespace
 
 bool Connection::Create(int family)
@@ -111,10 +116,18 @@ bool Connection::Send(const char* messages, std::size_t length, std::int64_t end
     // After a send that was cut short the next one must not go on in the middle of that message.
     const bool sent = up_ && proxy_.SendWithin(reinterpret_cast<const unsigned char*>(messages),
                                                static_cast<long>(length), static_cast<int>(limitMs));
-    if (!sent) {
-        Fail("a message could not be sent, or not in time");
+    if (!sent && MarkDown()) {
+        Shutdown();
+        sendFailed_ = true;
     }
     return sent;
+}
+
+void Connection::LogFailedSend()
+{
+    if (sendFailed_.exchange(false)) {
+        LogDown("a message could not be sent, or not in time");
+    }
 }
 
 void Connection::Shutdown()
@@ -128,7 +141,7 @@ void Connection::Fail(const char* reason)
 {
     if (MarkDown()) {
         Shutdown();
-        NE_LOG(ERROR, "Channel to the server is down.[reason=%s]", reason);
+        LogDown(reason);
     }
 }
 

@@ -45,8 +45,11 @@ public:
     bool IsFinished() const { return finished_; }  // the thread has nothing more to do
 
     // Sends whole messages, until a point in time of the monotonic clock. A failure takes the connection down,
-    // since a part of a message may have been sent. Only one thread may send at a time.
+    // since a part of a message may have been sent; LogFailedSend logs it, once no lock is held. Only one thread
+    // may send at a time.
     bool Send(const char* messages, std::size_t length, std::int64_t endNs);
+
+    void LogFailedSend();
 
     bool MarkDown() { return up_.exchange(false); }  // true for the one that does
     void Shutdown();                                 // wakes the threads that wait in this connection
@@ -64,6 +67,7 @@ private:
     std::atomic<int> fd_{-1};  // the proxy's, once it is there
     std::atomic<bool> up_{false};
     std::atomic<bool> finished_{false};
+    std::atomic<bool> sendFailed_{false};  // and that is not logged yet
     std::thread thread_;
 
     // Of the thread alone:

@@ -265,11 +265,15 @@ int SocketComm::RetryRequest(Connection& connection)
     }
     RequestCache::Due request;
     bool sent = false;
-    if (members_->cache.TakeDue(request)) {
-        NE_LOG(DEBUG, "Retry request, seq: %u, type: %u", request.seq, request.type);
+    const bool isDue = members_->cache.TakeDue(request);
+    if (isDue) {
         sent = connection.Send(request.message->data(), request.message->size(), SendEnd());
     }
     g_sendMutex.Unlock();
+    if (isDue) {
+        NE_LOG(DEBUG, "Retry request, seq: %u, type: %u", request.seq, request.type);
+    }
+    connection.LogFailedSend();
     return sent ? 0 : kRetryPeriodMs;
 }
 
@@ -332,6 +336,7 @@ bool SocketComm::Send(Connection& connection, const char* messages, std::size_t 
     }
     const bool sent = connection.Send(messages, length, end);
     g_sendMutex.Unlock();
+    connection.LogFailedSend();
     return sent;
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "comm/message_reader.h"
 #include "comm/request_cache.h"
@@ -54,37 +55,6 @@ public:
 private:
     const std::uint8_t* data_;
     const std::uint8_t* end_;
-};
-
-// What a reader should give: slow, and without a limit to its buffer.
-class Model {
-public:
-    void Add(const char* data, std::size_t size) { bytes_.append(data, size); }
-    bool IsEmpty() const { return begin_ == bytes_.size(); }
-
-    MessageReader::Result Next(SentrelAgentMsg& header, std::string& message)
-    {
-        const std::size_t rest = bytes_.size() - begin_;
-        if (rest < sizeof(header)) {
-            return MessageReader::kIncomplete;
-        }
-        bytes_.copy(reinterpret_cast<char*>(&header), sizeof(header), begin_);
-        if (header.length > NEUtils::kMaxMsgBody) {
-            begin_ = bytes_.size();
-            return MessageReader::kTooLong;
-        }
-        const std::size_t size = sizeof(header) + header.length;
-        if (rest < size) {
-            return MessageReader::kIncomplete;
-        }
-        message = bytes_.substr(begin_, size);
-        begin_ += size;
-        return MessageReader::kMessage;
-    }
-
-private:
-    std::string bytes_;
-    std::size_t begin_ = 0;
 };
 
 // A cache, and what is known of the requests in it: how many there are of a number, how often they were sent.
@@ -143,55 +113,29 @@ private:
     bool mayDrop_ = false;
 };
 
-// Both give the same until more bytes are needed.
-void Compare(MessageReader& reader, Model& model, Requests& requests)
-{
-    for (;;) {
-        SentrelAgentMsg header = {};
-        SentrelAgentMsg expectedHeader = {};
-        const unsigned char* message = nullptr;
-        std::string expected;
-        const auto result = reader.Next(header, message);
-        Require(result == model.Next(expectedHeader, expected));
-        if (result != MessageReader::kMessage) {
-            Require(reader.SpaceSize() > 0);
-            return;
-        }
-        Require(std::memcmp(&header, &expectedHeader, sizeof(header)) == 0);
-        Require(std::memcmp(message, expected.data(), expected.size()) == 0);
-        requests.Take(header, expected);
-    }
-}
+// The messages before the first one that is too long, one after the other, and how many there are.
+using Messages = std::pair<std::string, std::size_t>;
 
-void Feed(MessageReader& reader, Model& model, Requests& requests, const std::string& piece)
-{
-    for (std::size_t place = 0; place < piece.size();) {
-        const std::size_t count = std::min(piece.size() - place, reader.SpaceSize());
-        std::memcpy(reader.Space(), &piece[place], count);
-        reader.Filled(count);
-        model.Add(&piece[place], count);
-        Compare(reader, model, requests);
-        place += count;
-    }
-}
-
-// How many messages there are before the first that is too long.
-std::size_t Count(const std::string& stream, std::size_t pieceSize)
+Messages Read(const std::string& stream, std::size_t pieceSize)
 {
     MessageReader reader;
-    std::size_t messages = 0;
+    Messages messages;
     for (std::size_t place = 0; place < stream.size();) {
         const std::size_t count = std::min({stream.size() - place, reader.SpaceSize(), pieceSize});
+        Require(count > 0);
         std::memcpy(reader.Space(), &stream[place], count);
         reader.Filled(count);
         place += count;
-        SentrelAgentMsg header;
+        SentrelAgentMsg header = {};
         const unsigned char* message = nullptr;
         MessageReader::Result result;
         while ((result = reader.Next(header, message)) == MessageReader::kMessage) {
-            ++messages;
+            Require(std::memcmp(&header, message, sizeof(header)) == 0);
+            messages.first.append(reinterpret_cast<const char*>(message), sizeof(header) + header.length);
+            ++messages.second;
         }
         if (result == MessageReader::kTooLong) {
+            Require(header.length > NEUtils::kMaxMsgBody);
             break;
         }
     }
@@ -203,16 +147,20 @@ std::size_t Count(const std::string& stream, std::size_t pieceSize)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     Steps steps(data, size);
-    MessageReader reader;
-    Model model;
-    Requests requests;
     std::string stream;
     for (std::string piece; stream.size() <= 3 * NEUtils::kMaxMsgSize && steps.Next(piece);) {
-        Feed(reader, model, requests, piece);
         stream += piece;
     }
-    // However the bytes are cut, the messages are the same.
-    const std::size_t inOneGo = Count(stream, stream.size());
-    Require(Count(stream, 1 + stream.size() / 64) == inOneGo);
+    // However the bytes are cut, the messages are the same: those that the stream begins with.
+    const Messages messages = Read(stream, std::max<std::size_t>(stream.size(), 1));
+    Require(Read(stream, 1 + stream.size() / 64) == messages);
+    Require(stream.compare(0, messages.first.size(), messages.first) == 0);
+    Requests requests;
+    for (std::size_t place = 0; place < messages.first.size();) {
+        SentrelAgentMsg header;
+        messages.first.copy(reinterpret_cast<char*>(&header), sizeof(header), place);
+        requests.Take(header, messages.first.substr(place, sizeof(header) + header.length));
+        place += sizeof(header) + header.length;
+    }
     return 0;
 }
