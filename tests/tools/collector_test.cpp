@@ -19,10 +19,18 @@ TEST_F(CollectorTest, PrintsAndAnswersWholeMessages)
     const std::string digest = Item(kTagPath, "/x") + Item(kTagDigest, "12") + Item(kTagAction, "digest");
     ASSERT_TRUE(Send(agent, Message(kMsgFile, 10, digest)));
     EXPECT_EQ(Receive(agent, 16), Message(6, 10, ""));
+    const std::string pid = kTime + Item(kTagPid, Int(7));
+    const std::string killed = pid + Item(kTagEvent, Int(kProcessKilled)) + Item(kTagSignal, Int(9));
+    ASSERT_TRUE(
+        Send(agent, Message(kMsgProcess, 11, killed) + Message(kMsgProcess, 12, pid + Item(kTagEvent, Int(9)))));
+    EXPECT_EQ(Receive(agent, 32), Message(2, 11, "") + Message(2, 12, ""));
+    ASSERT_TRUE(Send(agent, Message(99, 13, std::string(kMaxMsgBody, 'x'))));  // the longest
+    EXPECT_EQ(Receive(agent, 16), Message(100, 13, ""));
     EXPECT_EQ(End(), 0);
+    EXPECT_TRUE(Prints(" killed pid=7 signal=9\n") && Prints(" process event=9 pid=7\n"));
     EXPECT_TRUE(Prints(" file action=digest sha256=12 path=/x\n"));
     EXPECT_TRUE(Prints(" exited pid=42 container=f00d exitCode=3 cmdLine=a?[1m???\"b\n")) << Read(out_);
-    EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=3 ")) << Read(out_);
+    EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=6 ")) << Read(out_);
     EXPECT_FALSE(fs::exists(path_));
 
     Listen("--json --count 1");
