@@ -98,7 +98,8 @@ std::string CheckReport(Report& report)
     case kMsgProcess:
         return CheckProcess(report);
     case kMsgDroppedReports:
-        report.type = "dropped";
+    case kMsgRepeats:
+        report.type = report.header.type == kMsgRepeats ? "repeats" : "dropped";
         return CheckItems(report, {kTagCount});
     default:
         report.type = report.header.type == kMsgFile ? "file" : "access";
@@ -108,7 +109,8 @@ std::string CheckReport(Report& report)
 
 bool IsKnown(std::uint32_t type)
 {
-    return type == kMsgProcess || type == kMsgDroppedReports || type == kMsgFile || type == kMsgAccess;
+    constexpr std::uint32_t kKnown[] = {kMsgProcess, kMsgDroppedReports, kMsgFile, kMsgAccess, kMsgRepeats};
+    return std::ranges::find(kKnown, type) != std::end(kKnown);
 }
 
 }  // namespace

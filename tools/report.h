@@ -19,14 +19,16 @@ struct ItemKind {
 
 // In the order of printing. The last of a report's texts is printed as it is.
 inline constexpr ItemKind kItemKinds[] = {
-    {NEUtils::kTagTime, "time", 8},           {NEUtils::kTagEvent, "event", 4},
-    {NEUtils::kTagCount, "count", 8},         {NEUtils::kTagPid, "pid", 4},
-    {NEUtils::kTagParentPid, "ppid", 4},      {NEUtils::kTagUser, "user", 0},
-    {NEUtils::kTagContainer, "container", 0}, {NEUtils::kTagExitCode, "exitCode", 4},
-    {NEUtils::kTagSignal, "signal", 4},       {NEUtils::kTagAction, "action", 0},
-    {NEUtils::kTagDigest, "sha256", 0},       {NEUtils::kTagChange, "change", 0},
-    {NEUtils::kTagOldPath, "oldPath", 0},     {NEUtils::kTagPath, "path", 0},
-    {NEUtils::kTagCmdLine, "cmdLine", 0},
+    {NEUtils::kTagTime, "time", 8},         {NEUtils::kTagEvent, "event", 4},
+    {NEUtils::kTagCount, "count", 8},       {NEUtils::kTagTotal, "total", 8},
+    {NEUtils::kTagPid, "pid", 4},           {NEUtils::kTagParentPid, "ppid", 4},
+    {NEUtils::kTagUser, "user", 0},         {NEUtils::kTagContainer, "container", 0},
+    {NEUtils::kTagExitCode, "exitCode", 4}, {NEUtils::kTagSignal, "signal", 4},
+    {NEUtils::kTagAction, "action", 0},     {NEUtils::kTagDigest, "sha256", 0},
+    {NEUtils::kTagMode, "mode", 0},         {NEUtils::kTagOwner, "owner", 0},
+    {NEUtils::kTagChange, "change", 0},     {NEUtils::kTagFault, "fault", 0},
+    {NEUtils::kTagOldPath, "oldPath", 0},   {NEUtils::kTagPath, "path", 0},
+    {NEUtils::kTagProgram, "program", 0},   {NEUtils::kTagCmdLine, "cmdLine", 0},
 };
 
 // A request of an agent, taken apart.

@@ -117,6 +117,9 @@ std::string ReportText(const Sender& sender, const Report& report)
     std::string line = LineStart(sender, timeMs == nullptr ? NowMs() : *timeMs);
     if (report.header.type == kMsgDroppedReports) {
         line.append("dropped ").append(std::to_string(*FindNumber(report, kTagCount))).append(" reports");
+        if (const std::int64_t* total = FindNumber(report, kTagTotal); total != nullptr) {
+            line.append(", ").append(std::to_string(*total)).append(" since the agent's start");
+        }
         AppendOthers(line, report);
         return line;
     }

@@ -54,6 +54,11 @@ TEST_F(CollectorTest, ShowsUnknownTypesAndItemsOneByOne)
         {201, Item(900, std::string(65, '\1')), "0101...\n", R"(0101","length":65})"},
         {203, "no items", "type=203 seq=1 length=8 body=\"no items\"\n", R"("length":8,"body":"no items","received":)"},
         {205, Item(kTagPid, "xx") + Item(kTagUser, Text("root")), " item3=30840 user=root\n", R"([{"tag":3,"number":)"},
+        {kMsgRepeats, Item(kTagProgram, Text("/bin/true x")) + Item(kTagCount, Int(5) + Int(0)) + Item(kTagUser, "a"),
+         " repeats count=5 user=a program=/bin/true x\n",
+         R"("type":"repeats","seq":1,"count":5,"user":"a","program":)"},
+        {kMsgDroppedReports, Item(kTagTotal, Int(9) + Int(0)) + Item(kTagCount, Int(5) + Int(0)),
+         " dropped 5 reports, 9 since the agent's start\n", R"("type":"dropped","seq":1,"count":5,"total":9,)"},
         {kMsgFile, file + Item(900, Text("new")), " file action=x,y oldPath=\"a path=b\" item900=\"new\" path=c \"d\n",
          R"("oldPath":"a path=b","path":"c \"d","items":[{"tag":900,"text":"new","length":4}],"received":)"},
     };
