@@ -32,6 +32,7 @@ using NEUtils::Monitor::FileEvent;
 using NEUtils::Monitor::FileWatchRule;
 using NEUtils::Monitor::WatchState;
 
+constexpr int kCountMs = 5000;
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U;
 constexpr std::uint32_t kContentChange = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO;
 
@@ -124,7 +125,7 @@ public:
         }
         Count();
         return isAny && ticker_.Start("FileIntegrity", [this](int stopFd) {
-            WaitFor(stopFd, LoopThread::kMostWaitMs);
+            WaitFor(stopFd, kCountMs);
             Count();
         });
     }

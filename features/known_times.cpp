@@ -39,5 +39,9 @@ std::string KnownTimes::Update(const std::string& path, const struct stat& statu
     known->second = now;
     const std::string change =
         Difference("mtime", before.mtimeMs, now.mtimeMs) + Difference("atime", before.atimeMs, now.atimeMs);
-    return change.empty() ? Difference("ctime", before.ctimeMs, now.ctimeMs) : change;
+    if (!change.empty()) {
+        return change;
+    }
+    const std::string beyond = Difference("ctime", before.ctimeMs, now.ctimeMs);
+    return beyond.empty() ? Piece("ctime", now.ctimeMs) : beyond;
 }

@@ -15,7 +15,8 @@ class KnownTimes {
 public:
     // Stores the times of a path, and gives what is different: "omtime=T mtime=T " for the time of the content,
     // likewise "oatime=" "atime=" for that of the last use, or "octime=" "ctime=" alone where only the status has
-    // changed: extended attributes, an access control list, flags. Without a former time the present ones alone.
+    // changed: extended attributes, an access control list, flags. "ctime=" alone: the last event has said all that is
+    // different. Without former times the present ones.
     std::string Update(const std::string& path, const struct stat& status);
 
     void Forget(const std::string& path) { times_.erase(path); }

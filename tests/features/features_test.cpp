@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include "config.h"
 #include "feature_counters.h"
@@ -12,6 +13,7 @@
 #include "monitor_manager.h"
 #include "tests/support/support.h"
 #include "thread_pool.h"
+#include "util/unique_fd.h"
 
 using Manager::Policy;
 using Policies = std::map<std::string, Policy>;
@@ -225,6 +227,71 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
                                     [](const auto& line) { return Contains(line, "Guarded file changed."); }),
               60);
     EXPECT_EQ(FeatureCounters::Of("file_access").watches, 3U);
+}
+
+// A record that names a file by half, that a file's name can forge, or that makes the next one, misleads.
+TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "mounts need CAP_SYS_ADMIN";
+    }
+    const std::string log = dir_ / "log";
+    const std::string late = dir_ / "late";
+    fs::create_directories(log);
+    fs::create_directories(tree_ + "/mount");
+    fs::create_directories(tree_ + "/sub/cache");
+    Config::ParseConfig("LOG_FILE=" + log + "/own.log", false, {});
+    const UniqueFd own(open((log + "/own.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    ASSERT_EQ(mount(log.c_str(), (tree_ + "/mount").c_str(), nullptr, MS_BIND, nullptr), 0);
+    Records records;
+    manager_.UpdateModulePolicy({{"file_integrity",
+                                  {true,
+                                   "watch=" + tree_ +
+                                       ";recursive;cross-mounts;events=create,delete,rename,write,"
+                                       "modify,attrib;exclude=*.tmp,sub/cache," +
+                                       tree_ + "/sub/o*\nwatch=" + late,
+                                   ""}}});
+    ASSERT_TRUE(manager_.IsRunable("file_integrity"));
+    EXPECT_EQ(FeatureCounters::Of("file_integrity").lacking, 1U);
+    const auto logged = [&](const std::string& piece, const std::string& path) {
+        return Eventually([&] { return Logs(records, "File changed.[" + piece, " path=" + path + "]"); });
+    };
+    const std::string file = tree_ + "/y path=innocent";
+    Write(tree_ + "/mount/other", "");  // the first one waits until the monitor looks
+    EXPECT_TRUE(logged("action=create mode=", tree_ + "/mount/other"));
+    EXPECT_TRUE(write(own.Get(), "x", 1) == 1 && Logs(records, "other", "]"));
+    fs::create_hard_link(log + "/own.log", tree_ + "/link");
+    EXPECT_EQ(write(own.Get(), "x", 1), 1);
+    Write(log + "/own.log.1.gz", "");
+    Write(tree_ + "/x.tmp", "");
+    Write(tree_ + "/sub/cache/x", "");
+    Write(tree_ + "/sub/out", "");
+    Write(file, "");
+    fs::rename(file, tree_ + "/z\033[1m\"\\\n");
+    EXPECT_TRUE(logged("action=rename mode=0644 owner=root oldPath=\"" + file + "\" time=", tree_ + "/z?[1m\"\\?"));
+    fs::rename(tree_ + "/z\033[1m\"\\\n", tree_ + "/z]");
+    EXPECT_TRUE(
+        logged("action=rename mode=0644 owner=root oldPath=\"" + tree_ + "/z?[1m\\\"\\\\?\" time=", tree_ + "/z]"));
+    Write(tree_ + "/new", "");
+    chmod((tree_ + "/new").c_str(), 04777);
+    fs::rename(tree_ + "/new", tree_ + "/z]");
+    EXPECT_TRUE(logged("action=rename mode=4777 owner=root oldPath=" + tree_ + "/new ", tree_ + "/z]"));
+    const timespec times[] = {{86400, 0}, {172800, 0}};
+    utimensat(AT_FDCWD, (tree_ + "/z]").c_str(), times, 0);
+    EXPECT_TRUE(logged("action=attrib change=\"omtime=", tree_ + "/z]"));
+    EXPECT_TRUE(Logs(records, " mtime=1970-01-03T", "]"));
+    EXPECT_TRUE(Eventually([&] {  // the kernel's clock for it may stand still for some milliseconds
+        return setxattr((tree_ + "/z]").c_str(), "trusted.x", "1", 1, 0) == 0 &&
+               Logs(records, "action=attrib change=\"octime=", tree_ + "/z]]");
+    }));
+    EXPECT_FALSE(Logs(records, "own.log", "]") || Logs(records, "/link]", "]") || Logs(records, ".tmp", "]") ||
+                 Logs(records, "cache", "]") || Logs(records, "sub/out", "]"));
+    EXPECT_GE(FeatureCounters::Of("file_integrity").filtered, 3U);
+    Write(late, "");
+    EXPECT_TRUE(logged("action=create", late));
+    EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_integrity").lacking == 0; }, 30));
+    EXPECT_TRUE(Logs(records, "WARN Path to be watched is not there, it is waited for.", "path=" + late + "]"));
+    umount2((tree_ + "/mount").c_str(), MNT_DETACH);
 }
 
 // Digests of files above the limit would hold the pool up, and one under way the stop.
