@@ -160,6 +160,25 @@ std::uint32_t SocketComm::GetConnectionCount() const
     return members_->keeper.GetCount();
 }
 
+bool SocketComm::GetPeerUser(std::uint32_t& uid) const
+{
+    const auto connection = members_->keeper.GetCurrent();
+    if (connection == nullptr || !connection->IsUp()) {
+        return false;
+    }
+    const int fd = connection->GetSocket().GetFd();
+    int domain = 0;
+    ucred peer = {};
+    socklen_t domainSize = sizeof(domain);
+    socklen_t peerSize = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &domainSize) != 0 || domain != AF_UNIX ||
+        getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &peerSize) != 0) {
+        return false;
+    }
+    uid = peer.uid;
+    return true;
+}
+
 bool SocketComm::Open(Connection& connection)
 {
     const auto type = FindConfig("SOCKET_TYPE");

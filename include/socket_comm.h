@@ -81,6 +81,9 @@ public:
     // nothing if there has been another connection since GetConnectionCount gave this number.
     void GiveUp(std::uint32_t connection, const char* reason);
 
+    // The user who listens at the other end of a local socket. False: not connected, or over the network.
+    bool GetPeerUser(std::uint32_t& uid) const;
+
 private:
     bool Open(Connection& connection);
     bool CreateNetConnection(Connection& connection);
