@@ -1,17 +1,19 @@
 #include "agent.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <iterator>
-#include <utility>
+#include <string>
+#include <thread>
 
-#include "agent_log.h"
 #include "command_line.h"
 #include "console.h"
+#include "event_file.h"
 #include "feature_counters.h"
 #include "hips_guard.h"
 #include "logger.h"
@@ -19,14 +21,18 @@
 #include "my_program.h"
 #include "report_queue.h"
 #include "thread_pool.h"
+#include "util/unique_fd.h"
 
 using NEUtils::MyProgram;
 using NEUtils::ThreadPool;
+using NEUtils::UniqueFd;
 
 namespace {
 
-constexpr unsigned int kLeastPoolThreads = 3;  // the server's check, policies and digests: none waits for another
+// The server's check, the agent's own, policies and digests: none waits for another.
+constexpr unsigned int kLeastPoolThreads = 4;
 constexpr unsigned int kStopLimitSeconds = 10;
+constexpr unsigned int kSelfCheckSeconds = 10;
 constexpr int kRetryMs = 1000;
 
 void* ReportUsage(void*)
@@ -41,20 +47,26 @@ void* CheckServer(void* link)
     return nullptr;
 }
 
-std::uint64_t LostEvents()
+void* CheckSelf(void* check)
+{
+    static_cast<SelfCheck*>(check)->Check();
+    return nullptr;
+}
+
+bool IsFault(int signo)
+{
+    return signo == SIGSEGV || signo == SIGBUS || signo == SIGILL || signo == SIGFPE || signo == SIGABRT;
+}
+
+void LogEnd()
 {
     std::uint64_t lost = 0;
     for (const auto& feature : NEUtils::FeatureCounters::All()) {
         lost += feature.second->lost;
     }
-    return lost;
-}
-
-void LogEnd()
-{
     auto& reports = NEUtils::ReportQueue::GetInstance();
     NE_LOG(INFO, "Agent stopped.[lostEvents=%llu droppedReports=%llu unsentReports=%zu]",
-           static_cast<unsigned long long>(LostEvents()), static_cast<unsigned long long>(reports.GetDroppedCount()),
+           static_cast<unsigned long long>(lost), static_cast<unsigned long long>(reports.GetDroppedCount()),
            reports.GetCount());
 }
 
@@ -63,31 +75,31 @@ void LogEnd()
 // Pool and scheduler run on the guard's threads, features need all of that and the file monitor, and what they
 // still report at their end needs the link. The file monitor stops first: it ends the walk through a large tree
 // that a feature may be waiting for.
-const std::array<Agent::Part, 9> Agent::kParts = {{
-    {"log",
+const std::array<Agent::Part, 12> Agent::kParts = {{
+    {"last run",
      [](Agent& own) {
-         const bool opened = AgentLog::Open(own.config_);
-         if (opened) {
-             NE_LOG(INFO, "Agent started.[version=%s pid=%d]", AGENT_VERSION, getpid());
-         }
-         return opened;
+         own.lastRun_.Begin();
+         return true;
      },
-     [](Agent&) {
+     [](Agent& own) { own.lastRun_.End(); }},
+    {"log", [](Agent& own) { return own.OpenLog(); },
+     [](Agent& own) {
          LogEnd();
-         AgentLog::Close();
+         own.log_.Close();
      }},
     {"status socket",
      [](Agent& own) {
-         if (const std::string fault = own.socket_.Open(); !fault.empty()) {
-             NE_LOG(ERROR, "Status cannot be asked for.[reason=%s]", fault.c_str());
-         }
+         const std::string fault = own.socket_.Open();
+         own.status_.SetProblem("socket", fault.empty() ? "" : "the status cannot be asked for: " + fault);
          return true;
      },
      [](Agent& own) { own.socket_.Close(); }},
     {"guard",
      [](Agent& own) {
-         return InitHipsGuard(static_cast<long>(own.config_.memoryLimitKiB),
-                              static_cast<int>(own.config_.descriptorLimit), own.config_.cpuLimitPercent) == 0;
+         const bool started = InitHipsGuard(own.config_.memoryLimitKiB, static_cast<int>(own.config_.descriptorLimit),
+                                            own.config_.cpuLimitPercent) == 0;
+         own.ApplyLimits();
+         return started;
      },
      [](Agent&) { UninitHipsGuard(); }},
     {"pool",
@@ -95,10 +107,16 @@ const std::array<Agent::Part, 9> Agent::kParts = {{
          return ThreadPool::GetInstance().Start(1, std::max(own.config_.poolMaxThreads, kLeastPoolThreads));
      },
      [](Agent&) { ThreadPool::GetInstance().Stop(); }},
+    {"event file",
+     [](Agent& own) {
+         own.OpenEventFile();
+         return true;
+     },
+     [](Agent&) { NEUtils::EventFile::GetInstance().Close(); }},
     {"tasks",
      [](Agent& own) {
          const bool started = own.tasks_.Start(&ThreadPool::GetInstance());
-         own.RunEvery(own.config_.reportSeconds, &ReportUsage, nullptr, "self-usage", false);
+         own.usageTask_ = own.RunEvery(own.config_.reportSeconds, &ReportUsage, nullptr, "self-usage", false);
          return started;
      },
      [](Agent& own) { own.tasks_.Stop(); }},
@@ -108,66 +126,137 @@ const std::array<Agent::Part, 9> Agent::kParts = {{
          return true;
      },
      [](Agent& own) { own.commands_.Stop(); }},
-    {"server link",
+    {"server link", [](Agent& own) { return !own.config_.reportsToServer || own.StartLink(); },
+     [](Agent& own) { own.server_.Stop(); }},
+    {"self check",
      [](Agent& own) {
-         if (!own.config_.reportsToServer) {
-             return true;
-         }
-         if (!own.server_.Start(own.config_.queueCount, own.config_.queueBytes)) {
-             return false;
-         }
-         if (!own.commands_.Listen()) {
-             NE_LOG(ERROR, "Commands of the server are not taken.");
-         }
-         own.RunEvery(1, &CheckServer, &own.server_, "server-check", true);  // it may wait for a connection
+         own.RunEvery(kSelfCheckSeconds, &CheckSelf, &own.selfCheck_, "self-check", true);
          return true;
      },
-     [](Agent& own) { own.server_.Stop(); }},
-    {"features", [](Agent&) { return true; },
-     [](Agent& own) {
-         own.commands_.StopApplying();
-         own.features_.Stop();
-     }},
-    {"file monitor",
+     [](Agent&) {}},
+    {"features",
      [](Agent& own) {
          NEUtils::Monitor::InitFileMonitor();  // without it the features that need it fail, and say so
          own.commands_.ApplyKept();
          return true;
      },
-     [](Agent&) { NEUtils::Monitor::DeInitFileMonitor(); }},
+     [](Agent& own) {
+         own.commands_.StopApplying();
+         own.features_.Stop();
+     }},
+    {"file monitor", [](Agent&) { return true; },
+     [](Agent&) {
+         FastStopAll();  // the guarded threads sleep to their ends side by side
+         NEUtils::Monitor::DeInitFileMonitor();
+     }},
 }};
 
-Agent::Agent(const std::string& root, AgentConfig config)
+Agent::Agent(const std::string& root, const std::string& configPath, const AgentConfig& config)
     : root_(root),
-      config_(std::move(config)),
+      configPath_(configPath),
+      config_(config),
+      lastRun_(root),
+      log_(config),
       features_(root),
-      status_(features_, server_, tasks_, config_.memoryLimitKiB, config_.cpuLimitPercent),
-      commands_(features_, [this] { return status_.ToJson(); }),
+      status_(features_, server_, tasks_),
+      commands_(
+          features_, [this] { return status_.ToJson(); }, [this] { return server_.GetCommandRefusal(); }),
+      selfCheck_(status_),
       socket_(root + "/conf")
 {
+    status_.AddSource([this](Problems& problems) { AddProblems(problems); });
 }
 
-void Agent::RunEvery(unsigned int seconds, void* (*function)(void*), void* argument, const char* name, bool onPool)
+std::uint32_t Agent::RunEvery(unsigned int seconds, void* (*function)(void*), void* argument, const char* name,
+                              bool onPool)
 {
     if (seconds == 0) {
-        return;
+        return 0;
     }
     NEUtils::TASK_CONDITION condition = {};
     condition.createThread = onPool;
     condition.firstDelayMs = condition.intervalMs = std::int64_t{seconds} * 1000;
     condition.firstLaunchTime = condition.nextLaunchTime =
         std::int64_t{std::time(nullptr)} * 1000 + condition.firstDelayMs;
-    tasks_.RegisterTask(NEUtils::TASK_FIXED_INTERVAL, condition, function, argument, name);
+    return tasks_.RegisterTask(NEUtils::TASK_FIXED_INTERVAL, condition, function, argument, name);
+}
+
+// An old log is compressed first, which may hang. It does so on a thread of its own: a stop need not wait for it.
+bool Agent::OpenLog()
+{
+    const UniqueFd done(eventfd(0, EFD_CLOEXEC));
+    bool opened = false;
+    std::thread opener([&] {
+        opened = log_.Prepare();
+        eventfd_write(done.Get(), 1);
+    });
+    pollfd wanted[] = {{done.Get(), POLLIN, 0}, {signals_.GetStopFd(), POLLIN, 0}};
+    while (wanted[0].revents == 0) {
+        poll(wanted, std::size(wanted), -1);
+        if (Signals::Stop stop; signals_.TakeStop(stop)) {
+            EndBy(stop);
+        }
+    }
+    opener.join();
+    if (!opened) {
+        Complain("log file " + config_.logFile + " cannot be opened, or the old one cannot be rolled away");
+        return false;
+    }
+    if (!log_.Register()) {
+        return false;
+    }
+    NE_LOG(INFO, "Agent started.[version=%s pid=%d]", AGENT_VERSION, getpid());
+    if (const std::string& fault = lastRun_.GetFault(); !fault.empty()) {
+        NE_LOG(WARN, "Last run did not stop by itself.[reason=%s]", fault.c_str());
+        status_.AddNews("last run", fault);
+    }
+    return true;
+}
+
+// Without it events are in the log still, so the agent runs on.
+void Agent::OpenEventFile()
+{
+    if (config_.eventFile.empty()) {
+        return;
+    }
+    const std::string fault =
+        NEUtils::EventFile::GetInstance().Open({config_.eventFile, config_.eventMaxSize, config_.eventCopies});
+    if (!fault.empty()) {
+        NE_LOG(ERROR, "Event file cannot be opened.[reason=%s]", fault.c_str());
+        status_.SetProblem("event file", "the event file cannot be opened: " + fault);
+    }
+}
+
+// What can go wrong with files that are written all the time.
+void Agent::AddProblems(Problems& problems) const
+{
+    const std::string log = log_.GetFault();
+    problems.AddIf(!log.empty(), "log", "the log cannot be written: " + log);
+    problems.AddIf(NEUtils::LogSystem::IsBudgetUsedUp(), "log budget",
+                   "the log has used up LOG_LINES_PER_DAY, " +
+                       std::to_string(NEUtils::LogSystem::GetLinesOverBudget()) + " lines were left out");
+    const std::string events = NEUtils::EventFile::GetInstance().GetFault();
+    problems.AddIf(!events.empty(), "event file writes", "the event file cannot be written: " + events);
+}
+
+bool Agent::StartLink()
+{
+    if (!server_.Start(config_.queueCount, config_.queueBytes)) {
+        return false;
+    }
+    status_.SetProblem("commands", commands_.Listen() ? "" : "commands of the server are not taken");
+    RunEvery(1, &CheckServer, &server_, "server-check", true);  // it may wait for a connection
+    return true;
 }
 
 bool Agent::Start()
 {
     for (const Part& part : kParts) {
-        if (const int signo = signals_.Take(); signo != 0) {
-            OnSignal(signo);
+        if (Signals::Stop stop; signals_.TakeStop(stop)) {
+            EndBy(stop);
         }
         if (!part.start(*this)) {
-            if (started_ > 0) {  // the log says itself what is wrong
+            if (started_ > 1) {  // the log says itself what is wrong
                 NE_LOG(ERROR, "Agent cannot start.[part=%s]", part.name);
             }
             return false;
@@ -201,34 +290,91 @@ int Agent::Run()
 // Waits for a signal or for somebody who asks for the status, and does what is asked.
 void Agent::Serve()
 {
-    pollfd wanted[] = {{signals_.GetFd(), POLLIN, 0}, {socket_.GetFd(), POLLIN, 0}};
+    pollfd wanted[] = {
+        {signals_.GetStopFd(), POLLIN, 0}, {signals_.GetReloadFd(), POLLIN, 0}, {socket_.GetFd(), POLLIN, 0}};
     if (poll(wanted, std::size(wanted), -1) <= 0) {
         return;
     }
-    if (const int signo = signals_.Take(); signo != 0) {
-        OnSignal(signo);
-    } else if (wanted[1].revents != 0) {
-        const int client = socket_.Accept();
-        if (client >= 0) {
-            StatusSocket::Send(client, status_.ToJson());
-        } else {  // no descriptors left, say: whoever asks would be there again at once
-            poll(wanted, 1, kRetryMs);
-        }
+    if (Signals::Stop stop; signals_.TakeStop(stop)) {
+        EndBy(stop);
+    }
+    if (signals_.TakeReload()) {
+        Reload();
+    }
+    if (wanted[2].revents != 0) {
+        ServeStatus();
     }
 }
 
-// A stop does not come back, except where the frame swallows it.
-void Agent::OnSignal(int signo)
+void Agent::ServeStatus()
 {
-    MyProgram::SigActionHandler(signo, nullptr, nullptr);
-    NE_LOG(ERROR, "Stop signal is without effect, the crash report cannot be written.[signo=%d]", signo);
+    const UniqueFd client = socket_.Accept();
+    if (client.IsValid()) {
+        StatusSocket::Send(client, status_.ToJson());
+    } else {  // no descriptors left, say: whoever asks would be there again at once
+        pollfd stop = {signals_.GetStopFd(), POLLIN, 0};
+        poll(&stop, 1, kRetryMs);
+    }
+}
+
+// Does not come back.
+void Agent::EndBy(const Signals::Stop& stop)
+{
+    if (stop.isOfGuard) {
+        lastRun_.Note(LastRun::kHung);
+        NE_LOG(ERROR, "Guard ends the agent, a thread hangs.");
+    }
+    MyProgram::SigActionHandler(stop.signo, nullptr, nullptr);
+    // The frame swallows a signal whose report cannot be written. That must not make the agent run for ever.
+    NE_LOG(ERROR, "Crash report cannot be written, the agent stops without one.[signo=%d]", stop.signo);
+    MyProgram::SigDeal(-1, stop.signo);
+    _exit(kExitFailed);
 }
 
 void Agent::Stop()
 {
-    for (const int signo : {SIGINT, SIGQUIT, SIGTSTP}) {
-        signal(signo, SIG_IGN);
+    const int signo = MyProgram::GetStopSignal();
+    const bool hasCrashed = IsFault(signo);
+    if (hasCrashed) {
+        lastRun_.Note(LastRun::kCrashed, signo);  // first: it is sure to work
+    }
+    if (stopping_.exchange(true)) {
+        while (!hasCrashed) {
+            pause();  // another thread has crashed, and ends the process when it has stopped what it can
+        }
+        return;
     }
     alarm(kStopLimitSeconds);  // a stop that hangs still ends
+    if (hasCrashed) {
+        NE_LOG(ERROR, "Agent has crashed.[signal=%d report=%s]", signo, MyProgram::GetReportPath());
+    } else {
+        lastRun_.Note(LastRun::kStopping);
+    }
     StopParts();
+}
+
+void Agent::ApplyLimits()
+{
+    const UseLimits limits = LimitsOf(config_);
+    SetResourceLimit(limits.memoryKiB, limits.descriptors, limits.cpuPercent);
+    status_.SetLimits(limits);
+}
+
+// Reads configuration and policies again.
+void Agent::Reload()
+{
+    AgentConfig loaded;
+    const std::string fault = LoadAgentConfig(configPath_, root_, loaded);
+    status_.SetProblem("configuration", fault.empty() ? "" : "the configuration has not been reloaded: " + fault);
+    if (fault.empty()) {
+        const std::string fixed = TakeChanges(loaded, config_);
+        log_.SetLimits(config_);
+        ApplyLimits();
+        tasks_.UnregisterTask(usageTask_);
+        usageTask_ = RunEvery(config_.reportSeconds, &ReportUsage, nullptr, "self-usage", false);
+        NE_LOG(INFO, "Configuration has been reloaded.[onlyFromNextStart=%s]", fixed.c_str());
+    } else {
+        NE_LOG(ERROR, "Configuration has not been reloaded.[reason=%s]", fault.c_str());
+    }
+    commands_.Reload();
 }

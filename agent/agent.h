@@ -5,8 +5,11 @@
 #include <string>
 
 #include "agent_config.h"
+#include "agent_log.h"
 #include "feature_commands.h"
 #include "feature_host.h"
+#include "last_run.h"
+#include "self_check.h"
 #include "server_link.h"
 #include "signals.h"
 #include "status.h"
@@ -18,7 +21,8 @@
 // Threads  Run: the main thread. Stop: the main thread, or on a crash the thread that crashed.
 class Agent {
 public:
-    Agent(const std::string& root, AgentConfig config);
+    // The configuration as it was loaded from the path.
+    Agent(const std::string& root, const std::string& configPath, const AgentConfig& config);
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
@@ -36,23 +40,36 @@ private:
         bool (*start)(Agent&);
         void (*stop)(Agent&);
     };
-    static const std::array<Part, 9> kParts;  // in the order of their start
+    static const std::array<Part, 12> kParts;  // in the order of their start
 
     bool Start();
     void StopParts();
     void Serve();
-    void OnSignal(int signo);
-
-    void RunEvery(unsigned int seconds, void* (*function)(void*), void* argument, const char* name, bool onPool);
+    void ServeStatus();
+    void EndBy(const Signals::Stop& stop);
+    void Reload();
+    void ApplyLimits();
+    bool OpenLog();
+    void OpenEventFile();
+    void AddProblems(Problems& problems) const;
+    bool StartLink();
+    std::uint32_t RunEvery(unsigned int seconds, void* (*function)(void*), void* argument, const char* name,
+                           bool onPool);
 
     const std::string root_;
-    const AgentConfig config_;
+    const std::string configPath_;
+    AgentConfig config_;  // of the main thread once the parts run
     Signals signals_;
+    LastRun lastRun_;
+    AgentLog log_;
     NEUtils::TaskManager tasks_;
     ServerLink server_;
     FeatureHost features_;
-    const Status status_;
+    Status status_;
     FeatureCommands commands_;
+    SelfCheck selfCheck_;
     StatusSocket socket_;
+    std::uint32_t usageTask_ = 0;
     std::atomic<std::size_t> started_{0};  // how many parts run
+    std::atomic<bool> stopping_{false};
 };

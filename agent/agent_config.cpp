@@ -2,166 +2,146 @@
 
 #include <arpa/inet.h>
 
-#include <charconv>
 #include <climits>
 #include <filesystem>
 #include <functional>
 #include <iterator>
-#include <map>
+#include <utility>
 
 #include "config.h"
-#include "file_tools.h"
 #include "logger.h"
+#include "text_file.h"
+#include "util/key_lines.h"
 
 namespace {
 
 constexpr std::size_t kMaxFileSize = 1U << 20;
+constexpr std::size_t kMaxSocketPath = 107;
 constexpr const char* kLevels[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
-// A check gives what is wrong with a value, or null.
-using Check = std::function<const char*(const std::string&)>;
+// Takes a value. Gives what is wrong with it, or nothing.
+using Take = std::function<std::string(const std::string& value)>;
 
-struct Key {
-    const char* defaultValue;
-    Check check;
-};
-
-const char* CheckKind(const std::string& value)
+Take NumberUpTo(std::uint64_t most, unsigned int& number)
 {
-    // Not the startup kind: it is never written.
-    const bool written = value == NEUtils::kNormalLog || value == NEUtils::kDotLog;
-    return written ? nullptr : "is not one of NormalLog, DotLog";
+    return [most, &number](const std::string& value) {
+        std::uint64_t read = number;
+        std::string fault = NEUtils::ReadNumber(value, most, read);
+        number = static_cast<unsigned int>(read);
+        return fault;
+    };
 }
 
-const char* CheckLevel(const std::string& value)
+Take LogKind(std::string& kind)
 {
-    for (const char* level : kLevels) {
-        if (value == level) {
-            return nullptr;
+    return [&kind](const std::string& value) {
+        kind = value;  // not the startup kind: it is never written
+        const bool written = value == NEUtils::kNormalLog || value == NEUtils::kDotLog;
+        return std::string(written ? "" : "is not one of NormalLog, DotLog");
+    };
+}
+
+Take LogLevel(unsigned int& level)
+{
+    return [&level](const std::string& value) {
+        for (unsigned int number = 0; number < std::size(kLevels); ++number) {
+            if (value == kLevels[number]) {
+                level = number;
+                return std::string();
+            }
         }
-    }
-    return "is not one of DEBUG, INFO, WARN, ERROR, FATAL";
+        return std::string("is not one of DEBUG, INFO, WARN, ERROR, FATAL");
+    };
 }
 
-const char* CheckPath(const std::string& value)
+std::string CheckPath(const std::string& value)
 {
-    return value.empty() || value.back() == '/' ? "is not the path of a file" : nullptr;
+    return value.empty() || value.back() == '/' ? "is not the path of a file" : "";
 }
 
-const char* CheckNothing(const std::string&)
+Take PathOf(std::string& path)
 {
-    return nullptr;
+    return [&path](const std::string& value) {
+        path = value;
+        return CheckPath(value);
+    };
 }
 
-const char* CheckSocketType(const std::string& value)
+std::string CheckSocketType(const std::string& value)
 {
-    return value == "1" || value == "2" ? nullptr : "is not one of 1 (local), 2 (network)";
+    return value == "1" || value == "2" ? "" : "is not one of 1 (local), 2 (network)";
 }
 
-const char* CheckAddress(const std::string& value)
+std::string CheckAddress(const std::string& value)
 {
     in6_addr address;
     const bool numeric =
         inet_pton(AF_INET, value.c_str(), &address) == 1 || inet_pton(AF_INET6, value.c_str(), &address) == 1;
-    return numeric ? nullptr : "is not an IPv4 or IPv6 address";
+    return numeric ? "" : "is not an IPv4 or IPv6 address";
 }
 
-Check CheckNumber(int most, const char* fault)
+std::string CheckPort(const std::string& value)
 {
-    return [most, fault](const std::string& value) {
-        int number = -1;
-        const auto [stop, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-        const bool whole = error == std::errc() && stop == value.data() + value.size();
-        return whole && number >= 0 && number <= most ? nullptr : fault;
+    unsigned int port = 0;
+    return NumberUpTo(65535, port)(value).empty() ? "" : "is not a port number";
+}
+
+// Keeps a value for the library or the features, once it is checked.
+Take Shared(AgentConfig& config, const char* key, const Take& check)
+{
+    return [&config, key, check](const std::string& value) {
+        config.shared[key] = value;
+        return check(value);
     };
 }
 
-const std::map<std::string, Key>& Keys()
+std::map<std::string, Take> Keys(AgentConfig& config)
 {
-    static const std::map<std::string, Key> keys = {
-        {"LOG_KIND", {"NormalLog", CheckKind}},
-        {"LOG_FILE", {"log/agent.log", CheckPath}},
-        {"LOG_LEVEL", {"INFO", CheckLevel}},
-        {"LOG_MAX_SIZE", {"10485760", CheckNumber(1 << 28, "is not a number from 0 to 268435456")}},
-        {"LOG_COPIES", {"5", CheckNumber(100, "is not a number from 0 to 100")}},
-        {"LOG_LINES_PER_DAY", {"0", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
-        {"GUARD_MEMORY_KIB", {"66560", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
-        {"GUARD_CPU_PERCENT", {"5", CheckNumber(10000, "is not a number from 0 to 10000")}},
-        {"GUARD_DESCRIPTORS", {"0", CheckNumber(INT_MAX, "is not a number from 0 to 2147483647")}},
-        {"POOL_MAX_THREADS", {"4", CheckNumber(64, "is not a number from 0 to 64")}},
-        {"TrivaneRole", {"", CheckNothing}},
-        {"REPORT_SECONDS", {"3600", CheckNumber(86400, "is not a number from 0 to 86400")}},
-        {"SOCKET_TYPE", {"", CheckSocketType}},
-        {"SERVER_SOCKET_PATH", {"", CheckPath}},
-        {"SERVER_IP", {"", CheckAddress}},
-        {"SERVER_PORT", {"", CheckNumber(65535, "is not a port number")}},
-        {"AGENT_IP", {"", CheckAddress}},
-        {"REPORT_QUEUE_COUNT", {"10000", CheckNumber(1000000, "is not a number from 0 to 1000000")}},
-        {"REPORT_QUEUE_BYTES", {"8388608", CheckNumber(1 << 30, "is not a number from 0 to 1073741824")}},
+    std::map<std::string, Take> keys = {
+        {"LOG_KIND", LogKind(config.logKind)},
+        {"LOG_FILE", PathOf(config.logFile)},
+        {"LOG_LEVEL", LogLevel(config.logLevel)},
+        {"LOG_MAX_SIZE", NumberUpTo(1U << 28U, config.logMaxSize)},
+        {"LOG_COPIES", NumberUpTo(100, config.logCopies)},
+        {"LOG_LINES_PER_DAY", NumberUpTo(INT_MAX, config.logLinesPerDay)},
+        {"GUARD_MEMORY_KIB", NumberUpTo(INT_MAX, config.memoryLimitKiB)},
+        {"GUARD_CPU_PERCENT", NumberUpTo(10000, config.cpuLimitPercent)},
+        {"GUARD_DESCRIPTORS", NumberUpTo(INT_MAX, config.descriptorLimit)},
+        {"POOL_MAX_THREADS", NumberUpTo(64, config.poolMaxThreads)},
+        {"REPORT_SECONDS", NumberUpTo(86400, config.reportSeconds)},
+        {"REPORT_QUEUE_COUNT", NumberUpTo(1000000, config.queueCount)},
+        {"REPORT_QUEUE_BYTES", NumberUpTo(1U << 30U, config.queueBytes)},
+        {"EVENT_FILE", PathOf(config.eventFile)},
+        {"EVENT_MAX_SIZE", NumberUpTo(1U << 30U, config.eventMaxSize)},
+        {"EVENT_COPIES", NumberUpTo(100, config.eventCopies)},
     };
+    const std::pair<const char*, Take> shared[] = {
+        {"TrivaneRole", [](const std::string&) { return std::string(); }},
+        {"SOCKET_TYPE", CheckSocketType},
+        {"SERVER_SOCKET_PATH", CheckPath},
+        {"SERVER_IP", CheckAddress},
+        {"SERVER_PORT", CheckPort},
+        {"AGENT_IP", CheckAddress},
+    };
+    for (const auto& [key, check] : shared) {
+        keys[key] = Shared(config, key, check);
+    }
     return keys;
 }
 
-// What a message may repeat of a file: a short piece, without control characters.
-std::string Shown(const std::string& text)
+std::string TakeLine(const std::map<std::string, Take>& keys, const std::string& name, const std::string& value)
 {
-    constexpr std::size_t kMost = 40;
-    std::string shown = text.substr(0, kMost);
-    for (char& byte : shown) {
-        if (static_cast<unsigned char>(byte) < ' ' || byte == '\x7f') {
-            byte = '?';
-        }
-    }
-    return text.size() > kMost ? shown + "..." : shown;
-}
-
-std::string CheckLine(const std::string& line)
-{
-    if (line.empty() || line[0] == '#') {
-        return {};
-    }
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) {
-        return std::string("'") + Shown(line) + "' has no '='";
-    }
-    const std::string name = line.substr(0, equals);
-    const std::string value = line.substr(equals + 1);
-    const auto key = Keys().find(name);
-    if (key == Keys().end()) {
-        return std::string("unknown key '") + Shown(name) + "'";
+    const auto key = keys.find(name);
+    if (key == keys.end()) {
+        return "unknown key " + NEUtils::Excerpt(name);
     }
     for (const char byte : value) {
         if (static_cast<unsigned char>(byte) < ' ') {
             return name + ": the value holds a control character (a carriage return, say)";
         }
     }
-    const char* fault = key->second.check(value);
-    return fault == nullptr ? std::string() : name + ": '" + Shown(value) + "' " + fault;
-}
-
-std::string Text(const char* key)
-{
-    std::string value;
-    return NEUtils::Config::GetConfigValue(key, value) ? value : Keys().at(key).defaultValue;
-}
-
-unsigned int Number(const char* key)
-{
-    int value = 0;
-    if (!NEUtils::Config::GetConfigValue(key, value)) {
-        const std::string text = Keys().at(key).defaultValue;
-        std::from_chars(text.data(), text.data() + text.size(), value);
-    }
-    return static_cast<unsigned int>(value);
-}
-
-unsigned int LevelNumber(const std::string& name)
-{
-    unsigned int number = 0;
-    while (number + 1 < std::size(kLevels) && name != kLevels[number]) {
-        ++number;
-    }
-    return number;
+    const std::string fault = key->second(value);
+    return fault.empty() ? fault : name + ": " + NEUtils::Excerpt(value) + " " + fault;
 }
 
 // Makes a path absolute that may start at the install root.
@@ -170,78 +150,124 @@ std::string Below(const std::string& root, const std::string& path)
     return std::filesystem::path(path[0] == '/' ? path : root + "/" + path).lexically_normal().string();
 }
 
-// Settles where reports go to; gives what is wrong with it.
-std::string SettleServer(const std::string& root, AgentConfig& config)
+std::string CheckNetwork(std::map<std::string, std::string>& shared)
 {
-    constexpr std::size_t kMaxSocketPath = 107;
-    const std::string type = Text("SOCKET_TYPE");
-    if (type == "1") {
-        const std::string path = Text("SERVER_SOCKET_PATH");
+    for (const char* key : {"SERVER_IP", "SERVER_PORT", "AGENT_IP"}) {
+        if (shared[key].empty() || shared[key] == "0") {
+            return std::string("reports over the network need ") + key;
+        }
+    }
+    const bool mixed =
+        (shared["SERVER_IP"].find(':') == std::string::npos) != (shared["AGENT_IP"].find(':') == std::string::npos);
+    return mixed ? "SERVER_IP and AGENT_IP are not of one kind" : "";
+}
+
+std::string ValueOf(const AgentConfig& config, const std::string& key)
+{
+    const auto found = config.shared.find(key);
+    return found == config.shared.end() ? std::string() : found->second;
+}
+
+// Finds out where reports go to; gives what is wrong with it.
+std::string CheckServer(const std::string& root, AgentConfig& config)
+{
+    const bool typed = config.shared.count("SOCKET_TYPE") != 0;
+    std::string& path = config.shared["SERVER_SOCKET_PATH"];
+    if (typed && config.shared["SOCKET_TYPE"] == "1") {
         if (path.empty()) {
             return "SOCKET_TYPE=1 needs SERVER_SOCKET_PATH";
         }
-        const std::string settled = Below(root, path);
-        if (settled.size() > kMaxSocketPath) {
-            return "SERVER_SOCKET_PATH: longer than 107 characters: " + settled;
-        }
-        NEUtils::Config::ParseConfig("SERVER_SOCKET_PATH=" + settled, false, {});
+        path = Below(root, path);
         config.reportsToServer = true;
-        return {};
+        return path.size() > kMaxSocketPath ? "SERVER_SOCKET_PATH: longer than 107 characters: " + path : "";
     }
-    config.reportsToServer = !type.empty() || !Text("SERVER_IP").empty();
+    config.reportsToServer = typed || !config.shared["SERVER_IP"].empty();
     if (config.reportsToServer) {
-        for (const char* key : {"SERVER_IP", "SERVER_PORT", "AGENT_IP"}) {
-            if (Text(key).empty() || Text(key) == "0") {
-                return std::string("reports over the network need ") + key;
-            }
-        }
-        if ((Text("SERVER_IP").find(':') == std::string::npos) != (Text("AGENT_IP").find(':') == std::string::npos)) {
-            return "SERVER_IP and AGENT_IP are not of one kind";
-        }
+        return CheckNetwork(config.shared);
     }
-    return config.reportsToServer || Text("SERVER_SOCKET_PATH").empty() ? std::string()
-                                                                        : "SERVER_SOCKET_PATH needs SOCKET_TYPE=1";
+    return path.empty() ? "" : "SERVER_SOCKET_PATH needs SOCKET_TYPE=1";
 }
 
 }  // namespace
 
-bool LoadAgentConfig(const std::string& path, const std::string& root, AgentConfig& config, std::string& error)
+std::string LoadAgentConfig(const std::string& path, const std::string& root, AgentConfig& config)
 {
     std::string text;
-    if (const std::string fault = ReadFile(path, kMaxFileSize, text); !fault.empty()) {
-        error = path + ": " + fault;
-        return false;
+    if (const std::string fault = ReadTextFile(path, kMaxFileSize, text); !fault.empty()) {
+        return path + ": " + fault;
     }
-    std::size_t number = 0;
-    for (std::size_t start = 0; start < text.size();) {
-        const std::size_t end = std::min(text.find('\n', start), text.size());
-        ++number;
-        const std::string fault = CheckLine(text.substr(start, end - start));
-        if (!fault.empty()) {
-            error = path + ":" + std::to_string(number).append(": ").append(fault);
-            return false;
+    const auto keys = Keys(config);
+    const auto fault = NEUtils::ReadKeyLines(
+        text, [&keys](const std::string& key, const std::string& value) { return TakeLine(keys, key, value); });
+    if (!fault.reason.empty()) {
+        return path + ":" + std::to_string(fault.line) + ": " + NEUtils::Printable(fault.reason);
+    }
+    config.logFile = Below(root, config.logFile);
+    config.eventFile = config.eventFile.empty() ? "" : Below(root, config.eventFile);
+    config.shared["LOG_FILE"] = config.logFile;  // features leave both out of what they watch
+    config.shared["EVENT_FILE"] = config.eventFile;
+    if (config.eventFile == config.logFile) {
+        return path + ": EVENT_FILE is the log file";
+    }
+    const std::string server = CheckServer(root, config);
+    return server.empty() ? server : path + ": " + server;
+}
+
+void PublishConfig(const AgentConfig& config)
+{
+    for (const auto& [key, value] : config.shared) {
+        if (!value.empty()) {
+            NEUtils::Config::ParseConfig(key + "=" + value, false, {});
         }
-        start = end + 1;
     }
-    NEUtils::Config::ParseConfig(text, false, {});  // a path may look like a number
-    NEUtils::Config::ParseConfig(text, true, {});
-    config.logKind = Text("LOG_KIND");
-    config.logFile = Below(root, Text("LOG_FILE"));
-    NEUtils::Config::ParseConfig("LOG_FILE=" + config.logFile, false, {});  // features leave it out of what they tell
-    config.logLevel = LevelNumber(Text("LOG_LEVEL"));
-    config.logMaxSize = Number("LOG_MAX_SIZE");
-    config.logCopies = Number("LOG_COPIES");
-    config.logLinesPerDay = Number("LOG_LINES_PER_DAY");
-    config.memoryLimitKiB = Number("GUARD_MEMORY_KIB");
-    config.cpuLimitPercent = Number("GUARD_CPU_PERCENT");
-    config.descriptorLimit = Number("GUARD_DESCRIPTORS");
-    config.poolMaxThreads = Number("POOL_MAX_THREADS");
-    config.reportSeconds = Number("REPORT_SECONDS");
-    config.queueCount = Number("REPORT_QUEUE_COUNT");
-    config.queueBytes = Number("REPORT_QUEUE_BYTES");
-    const std::string fault = SettleServer(root, config);
-    if (!fault.empty()) {
-        error = path + ": " + fault;
+}
+
+std::string TakeChanges(const AgentConfig& loaded, AgentConfig& running)
+{
+    AgentConfig next = loaded;
+    next.logKind = running.logKind;
+    next.eventFile = running.eventFile;
+    next.eventMaxSize = running.eventMaxSize;
+    next.eventCopies = running.eventCopies;
+    next.logFile = running.logFile;
+    next.poolMaxThreads = running.poolMaxThreads;
+    next.queueCount = running.queueCount;
+    next.queueBytes = running.queueBytes;
+    next.reportsToServer = running.reportsToServer;
+    next.shared = running.shared;
+    std::string fixed;
+    const auto add = [&fixed](bool differs, const std::string& key) {
+        if (differs) {
+            fixed += (fixed.empty() ? "" : ",") + key;
+        }
+    };
+    add(next.logKind != loaded.logKind, "LOG_KIND");
+    add(next.poolMaxThreads != loaded.poolMaxThreads, "POOL_MAX_THREADS");
+    add(next.queueCount != loaded.queueCount, "REPORT_QUEUE_COUNT");
+    add(next.queueBytes != loaded.queueBytes, "REPORT_QUEUE_BYTES");
+    add(next.eventMaxSize != loaded.eventMaxSize, "EVENT_MAX_SIZE");
+    add(next.eventCopies != loaded.eventCopies, "EVENT_COPIES");
+    auto all = loaded.shared;
+    all.insert(next.shared.begin(), next.shared.end());  // also what has been taken out
+    for (const auto& entry : all) {
+        add(ValueOf(next, entry.first) != ValueOf(loaded, entry.first), entry.first);
     }
-    return fault.empty();
+    running = std::move(next);
+    return fixed;
+}
+
+// What the guard makes of the configured limits, settled in one place: without one of the two the defaults hold.
+UseLimits LimitsOf(const AgentConfig& config)
+{
+    const AgentConfig defaults;
+    const bool given = config.memoryLimitKiB > 0 && config.cpuLimitPercent > 0;
+    const AgentConfig& used = given ? config : defaults;
+    UseLimits limits;
+    limits.memoryKiB = used.memoryLimitKiB;
+    limits.cpuPercent = used.cpuLimitPercent;
+    if (given && ValueOf(config, "TrivaneRole") == "broker") {
+        limits.cpuPercent /= 2;
+    }
+    limits.descriptors = static_cast<int>(config.descriptorLimit);
+    return limits;
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "config.h"
@@ -24,13 +25,14 @@ constexpr char kHelp[] =
     "  --root DIR      install root; otherwise the environment variable RUNTIME_CENTER_PATH\n"
     "  --config FILE   configuration, instead of conf/agent.conf below the root\n"
     "  --daemon        run in the background\n"
-    "  --check-config  check the configuration and exit\n"
+    "  --check-config  check the configuration, the policies and what else a start needs, and exit\n"
     "  --status        tell how the agent that runs from the root is, and exit\n"
     "  --json          with --status: one JSON object instead of text\n"
     "  --version       print the version and exit\n"
     "  --help          print this and exit\n"
     "\n"
-    "Signals: SIGINT, SIGQUIT and SIGTSTP stop the agent, SIGUSR1 writes a report to log/coredump.log.\n"
+    "Signals: SIGTERM, SIGINT, SIGQUIT and SIGTSTP stop the agent. SIGHUP reads the policies and the configuration\n"
+    "again; what holds only from the next start on is logged. SIGUSR1 writes a report to log/coredump.log.\n"
     "Exit status: 0 success, 1 the agent could not run or, for --status, does not answer, 2 wrong options, root\n"
     "or configuration, 3 --status names problems. A stopped agent ends by SIGTERM.\n";
 
@@ -122,6 +124,9 @@ int ParseOptions(int argc, char** argv, Options& options)
     }
     if (options.config.empty()) {
         options.config = options.root + "/conf/agent.conf";
+    } else if (options.config[0] != '/') {
+        std::error_code error;
+        options.config = std::filesystem::absolute(options.config, error).string();  // it is read again at a SIGHUP
     }
     return -1;
 }

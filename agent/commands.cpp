@@ -1,5 +1,7 @@
 #include "commands.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <string>
 
@@ -18,12 +20,11 @@ Agent* g_agent = nullptr;  // never destroyed: a stop may come until the very en
 
 bool LoadConfig(const Options& options, AgentConfig& config)
 {
-    std::string fault;
-    if (!LoadAgentConfig(options.config, options.root, config, fault)) {
+    const std::string fault = LoadAgentConfig(options.config, options.root, config);
+    if (!fault.empty()) {
         Complain(fault);
-        return false;
     }
-    return true;
+    return fault.empty();
 }
 
 }  // namespace
@@ -35,11 +36,13 @@ int RunAgent(const Options& options)
         return kExitUsage;
     }
     SubscribeConsole();
-    if (!CheckStart(options.root, config)) {
+    if (const std::string fault = CheckStart(options.root, config, true); !fault.empty()) {
+        Complain(fault);
         return kExitFailed;
     }
+    PublishConfig(config);
     Signals::Block();
-    g_agent = new Agent(options.root, config);
+    g_agent = new Agent(options.root, options.config, config);
     auto& program = NEUtils::MyProgram::GetInstance();
     program.SetLogPath(options.root + "/log");
     const auto run = [] { return g_agent->Run(); };
@@ -47,7 +50,8 @@ int RunAgent(const Options& options)
         g_agent->Stop();
         return 0;
     };
-    return program.RunProgram(options.daemon, true, run, stop, nullptr, nullptr, nullptr) ? 0 : kExitFailed;
+    const auto detach = [] { return chdir("/"); };  // a daemon holds no file system but its root
+    return program.RunProgram(options.daemon, true, run, stop, detach, nullptr, nullptr) ? 0 : kExitFailed;
 }
 
 int ShowStatus(const Options& options)
@@ -68,6 +72,17 @@ int CheckConfig(const Options& options)
 {
     AgentConfig config;
     if (!LoadConfig(options, config)) {
+        return kExitUsage;
+    }
+    SubscribeConsole();
+    auto faults = CheckPolicies(options.root);
+    if (const std::string fault = CheckStart(options.root, config, false); !fault.empty()) {
+        faults.push_back(fault);
+    }
+    for (const std::string& fault : faults) {
+        Complain(fault);
+    }
+    if (!faults.empty()) {
         return kExitUsage;
     }
     std::printf("%s: correct\n", options.config.c_str());

@@ -1,14 +1,17 @@
 #include "feature_commands.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <utility>
 
 #include "basecomm.h"
+#include "hips_guard.h"
 #include "logger.h"
 #include "report_messages.h"
 #include "thread_pool.h"
 #include "tlv.h"
+#include "util/clock.h"
 
 using namespace NEUtils;
 
@@ -54,6 +57,13 @@ void FeatureCommands::OnMessage(std::uint32_t type, void* message, void* self)
     const char* body = static_cast<const char*>(message) + sizeof(header);
     Command command = {type, header.seq, {}};
     auto& own = *static_cast<FeatureCommands*>(self);
+    if (const std::string refusal = own.refusal_(); !refusal.empty()) {
+        if (own.refusals_.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
+            NE_LOG(WARN, "Command of the server is refused.[type=%u reason=%s]", type, refusal.c_str());
+        }
+        own.Answer(command, {kCommandRefused, refusal}, {});
+        return;
+    }
     if (header.length > kMaxBody) {
         own.Answer(command, Malformed("it is longer than 128 KiB"), {});
         return;
@@ -67,7 +77,14 @@ void FeatureCommands::Queue(const Command& command)
     bool full = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        full = commands_.size() >= kMaxCommands;
+        const auto isSame = [&command](const Command& other) { return other.type == command.type; };
+        if (!NEUtils::IsRequestMessage(command.type)) {  // of the agent itself: one of a kind is enough, and has room
+            if (std::any_of(commands_.begin(), commands_.end(), isSame)) {
+                return;
+            }
+        } else {
+            full = commands_.size() >= kMaxCommands;
+        }
         if (!full) {
             commands_.push_back(command);
         }
@@ -82,8 +99,9 @@ void FeatureCommands::Queue(const Command& command)
 void FeatureCommands::CarryOut()
 {
     for (Command command; Take(command);) {
+        KeepCurrentThreadAlive();  // commands may come without end
         const FeatureHost::Outcome outcome = command.type == kMsgStatus ? FeatureHost::Outcome() : Apply(command);
-        if (command.type != 0) {
+        if (IsRequestMessage(command.type)) {
             Answer(command, outcome, status_());
         }
     }
@@ -114,8 +132,12 @@ FeatureHost::Outcome FeatureCommands::Apply(Command& command)
             own.applied_.notify_all();
         }
     } applying{*this};
-    if (command.type == 0) {
+    if (command.type == kApplyKept) {
         features_.Start();
+        return {};
+    }
+    if (command.type == kReload) {
+        features_.Reload();
         return {};
     }
     return ApplyPolicy(command);

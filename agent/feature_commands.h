@@ -10,23 +10,28 @@
 
 #include "feature_host.h"
 #include "pool_job.h"
+#include "util/rate_limiter.h"
 
-// What is to be done with the features: first what the kept policies want, then what the server orders, and its
-// questions for the status. A handler of the channel only queues commands; one job of the pool carries them out,
-// in their order, and answers. So a feature that takes its time holds up neither the channel nor a stop signal.
+// What is to be done with the features: what the kept policies want, what has changed in them, and the commands of
+// the server. A handler of the channel only queues commands; one job of the pool carries them out, in their order,
+// and answers. So a feature that takes its time holds up neither the channel nor a stop signal.
 //
 // Threads  all but the job: the main thread, and on a crash whichever that had it.
 // Limits   16 commands that wait, of 128 KiB each; the one above is answered at once.
 class FeatureCommands {
 public:
-    using Status = std::function<std::string()>;  // the agent's status, one JSON object
+    using Status = std::function<std::string()>;   // the agent's status, one JSON object
+    using Refusal = std::function<std::string()>;  // why the server gets no command carried out, or nothing
 
-    FeatureCommands(FeatureHost& features, Status status) : features_(features), status_(std::move(status)) {}
+    FeatureCommands(FeatureHost& features, Status status, Refusal refusal)
+        : features_(features), status_(std::move(status)), refusal_(std::move(refusal))
+    {
+    }
 
     void Start();
 
-    // Has the kept policies applied.
-    void ApplyKept() { Queue({}); }
+    void ApplyKept() { Queue({kApplyKept, 0, {}}); }  // the kept policies
+    void Reload() { Queue({kReload, 0, {}}); }        // what has changed in them
 
     // Takes commands too; before the channel is started. False if the channel does not hand them on.
     bool Listen();
@@ -38,8 +43,11 @@ public:
     void Stop();
 
 private:
+    static constexpr std::uint32_t kApplyKept = 0;  // of the agent itself, even unlike the commands of the server
+    static constexpr std::uint32_t kReload = 2;
+
     struct Command {
-        std::uint32_t type = 0;  // 0: the kept policies
+        std::uint32_t type = kApplyKept;
         std::uint32_t seq = 0;
         std::string body;
     };
@@ -54,6 +62,8 @@ private:
 
     FeatureHost& features_;
     const Status status_;
+    const Refusal refusal_;
+    NEUtils::RateLimiter refusals_{60000};  // records of them
     NEUtils::PoolJob job_;
 
     std::mutex mutex_;

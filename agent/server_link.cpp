@@ -1,6 +1,8 @@
 #include "server_link.h"
 
-#include <algorithm>
+#include <unistd.h>
+
+#include <chrono>
 #include <utility>
 
 #include "basecomm.h"
@@ -9,13 +11,11 @@
 namespace {
 
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
-constexpr milliseconds kFirstDelay{1000};
-constexpr milliseconds kLongestDelay{60000};
-constexpr milliseconds kLeastSpread{2000};
-constexpr milliseconds kSettled{10000};  // a connection that lived that long was a good one
 constexpr milliseconds kStopPeriod{50};
 constexpr unsigned int kDrainMs = 2000;
+constexpr std::chrono::seconds kSilenceLimit{30};
 
 }  // namespace
 
@@ -28,7 +28,21 @@ bool ServerLink::Start(std::size_t queueCount, std::size_t queueBytes)
 
 const char* ServerLink::GetState() const
 {
-    return !isOn_ ? "off" : channel_->StatusCheck() ? "up" : "down";
+    if (!isOn_) {
+        return "off";
+    }
+    if (!channel_->StatusCheck()) {
+        return "down";
+    }
+    return NEUtils::ReportQueue::GetInstance().IsServerAnswering() ? "up" : "silent";
+}
+
+void ServerLink::AddProblems(Problems& problems) const
+{
+    const std::string state = GetState();
+    problems.AddIf(state == "down", "server", "no connection to the server");
+    problems.AddIf(state == "silent" && steady_clock::now() - answered_.load() > kSilenceLimit, "server",
+                   "the server does not answer");
 }
 
 void ServerLink::Check()
@@ -49,43 +63,36 @@ void ServerLink::Check()
             link.checked_.notify_all();
         }
     } end{*this};
-    Look(std::chrono::steady_clock::now());
+    Look();
 }
 
-void ServerLink::Look(Time now)
+void ServerLink::Look()
 {
-    if (channel_->StatusCheck()) {
-        if (now - upSince_ > kSettled) {
-            delay_ = kFirstDelay;
-        }
-        return;
+    if (NEUtils::ReportQueue::GetInstance().IsServerAnswering()) {
+        answered_ = steady_clock::now();
     }
-    if (up_) {
-        up_ = false;
-        PutOff(now);
-    }
-    if (now < nextTry_) {
+    if (!plan_.IsDue(channel_->StatusCheck(), steady_clock::now())) {
         return;
     }
     std::exchange(started_, true) ? NEUtils::BaseCommStatusCheck() : NEUtils::BaseCommStart();
-    up_ = channel_->StatusCheck();
-    upSince_ = std::chrono::steady_clock::now();
-    if (!up_) {
-        PutOff(upSince_);
-    }
+    plan_.SetResult(channel_->StatusCheck(), steady_clock::now());
 }
 
-void ServerLink::PutOff(Time now)
+std::string ServerLink::GetCommandRefusal() const
 {
-    const milliseconds spread = std::max(delay_ / 2, kLeastSpread);
-    nextTry_ = now + delay_ + milliseconds(std::uniform_int_distribution<long>(0, spread.count())(random_));
-    delay_ = std::min(delay_ * 2, kLongestDelay);
+    std::uint32_t uid = 0;
+    if (!channel_->GetPeerUser(uid)) {
+        return "commands are taken over a local socket only";
+    }
+    return uid == 0 || uid == geteuid() ? ""
+                                        : "the server runs as user " + std::to_string(uid) +
+                                              ", commands are taken of root and the agent's own user only";
 }
 
 void ServerLink::Stop()
 {
     auto& queue = NEUtils::ReportQueue::GetInstance();
-    queue.Drain(kDrainMs);
+    queue.Drain(kDrainMs);  // it gives up earlier on a server that does not answer
     std::unique_lock<std::mutex> lock(mutex_);
     stopping_ = true;
     const auto isChecked = [this] {  // by another thread: a crash in the check stops from there

@@ -1,44 +1,48 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
 #include <mutex>
 #include <random>
+#include <string>
 #include <thread>
 
+#include "problems.h"
+#include "retry_plan.h"
 #include "socket_comm.h"
 
 // The agent's link to its server: the socket channel, kept up by a regular check, and the report queue on it.
-// After a failure it waits before it connects again, 1 s first and twice as long each time up to 60 s, and
-// up to half of that or 2 s more by chance: a thousand agents whose server comes back spread themselves.
 //
-// Threads  Check: one at a time. GetState: any. The others: the main thread.
+// Threads  Check: one at a time. GetState, AddProblems and GetCommandRefusal: any. The others: the main thread.
 class ServerLink {
 public:
     bool Start(std::size_t queueCount, std::size_t queueBytes);
-    const char* GetState() const;  // off, up or down
-    void Check();                  // connects where that is due, which may take 10 s
-    void Stop();                   // gives what is queued 2 s to go, and ends a connect under way
+    const char* GetState() const;  // off, down, silent (connected, without an answer lately), up
+    void AddProblems(Problems& problems) const;
+    void Check();  // connects where that is due, which may take 10 s
+
+    // Why commands of the server are not taken, or nothing. The channel knows no other proof of who is at its other
+    // end than the user who listens on a local socket: root and the agent's own may command.
+    std::string GetCommandRefusal() const;
+
+    // Gives what is queued up to 2 s to go, as long as the server answers, and ends a connect under way.
+    void Stop();
 
 private:
-    using Time = std::chrono::steady_clock::time_point;
-
-    void Look(Time now);
-    void PutOff(Time now);
+    void Look();
 
     std::atomic<bool> isOn_{false};
+    std::atomic<RetryPlan::Time> answered_{std::chrono::steady_clock::now()};  // when the server was seen to answer
     const std::shared_ptr<NEUtils::SocketComm> channel_ = std::make_shared<NEUtils::SocketComm>();
 
     // Of Check alone:
     bool started_ = false;
-    bool up_ = false;
-    Time upSince_;
-    Time nextTry_;
-    std::chrono::milliseconds delay_{1000};
     std::minstd_rand random_{std::random_device()()};
+    RetryPlan plan_{[this](RetryPlan::Milliseconds most) {
+        return RetryPlan::Milliseconds(std::uniform_int_distribution<long>(0, most.count())(random_));
+    }};
 
     std::mutex mutex_;
     std::condition_variable checked_;

@@ -1,9 +1,14 @@
 #include "signals.h"
 
+#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <initializer_list>
+
 namespace {
+
+constexpr std::initializer_list<int> kStops = {SIGINT, SIGQUIT, SIGTSTP, SIGTERM};
 
 sigset_t SetOf(std::initializer_list<int> signals)
 {
@@ -15,33 +20,50 @@ sigset_t SetOf(std::initializer_list<int> signals)
     return set;
 }
 
-sigset_t StopSet()
+int Descriptor(const sigset_t& set)
 {
-    return SetOf({SIGINT, SIGQUIT, SIGTSTP});
+    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+bool Take(int fd, signalfd_siginfo& info)
+{
+    return read(fd, &info, sizeof(info)) == sizeof(info);
 }
 
 }  // namespace
 
 void Signals::Block()
 {
-    for (const int signo : {SIGTERM, SIGALRM, SIGCHLD}) {
+    for (const int signo : {SIGTERM, SIGHUP, SIGALRM, SIGCHLD}) {
         signal(signo, SIG_DFL);  // an ignored SIGCHLD would hide how gzip ended
     }
-    const sigset_t open = SetOf({SIGTERM, SIGALRM, SIGUSR1});
+    const sigset_t open = SetOf({SIGALRM, SIGUSR1});
     pthread_sigmask(SIG_UNBLOCK, &open, nullptr);
-    const sigset_t stop = StopSet();
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    for (const sigset_t& set : {SetOf(kStops), SetOf({SIGHUP})}) {
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    }
 }
 
 bool Signals::Open()
 {
-    const sigset_t stop = StopSet();
-    fd_.Reset(signalfd(-1, &stop, SFD_CLOEXEC | SFD_NONBLOCK));
-    return fd_.IsValid();
+    stops_.Reset(Descriptor(SetOf(kStops)));
+    reloads_.Reset(Descriptor(SetOf({SIGHUP})));
+    return stops_.IsValid() && reloads_.IsValid();
 }
 
-int Signals::Take() const
+bool Signals::TakeStop(Stop& stop) const
 {
     signalfd_siginfo info = {};
-    return read(fd_.Get(), &info, sizeof(info)) == sizeof(info) ? static_cast<int>(info.ssi_signo) : 0;
+    if (!Take(stops_.Get(), info)) {
+        return false;
+    }
+    stop.signo = static_cast<int>(info.ssi_signo);
+    stop.isOfGuard = info.ssi_code == SI_TKILL && info.ssi_pid == static_cast<unsigned int>(getpid());
+    return true;
+}
+
+bool Signals::TakeReload() const
+{
+    signalfd_siginfo info = {};
+    return Take(reloads_.Get(), info);
 }

@@ -2,39 +2,44 @@
 
 #include <fcntl.h>
 #include <sys/auxv.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <functional>
 
 #include "agent_log.h"
 #include "config.h"
-#include "console.h"
+#include "policy_store.h"
+#include "util/errno_text.h"
+#include "util/file.h"
 #include "util/unique_fd.h"
+
+using NEUtils::ErrnoText;
+using NEUtils::UniqueFd;
 
 namespace {
 
 // The frame finds its install root in the environment.
-bool CheckPrivileges()
+std::string CheckPrivileges()
 {
-    if (getauxval(AT_SECURE) == 0) {
-        return true;
-    }
-    Complain("runs set-user-id or with file capabilities, where the environment is ignored: start it as root");
-    return false;
+    return getauxval(AT_SECURE) == 0 ? ""
+                                     : "runs set-user-id or with file capabilities, where the environment is "
+                                       "ignored: start it as root";
 }
 
 // Without a report to write the frame swallows every signal, a stop too.
-bool CheckReport(const std::string& root)
+std::string CheckReport(const std::string& root, bool create)
 {
     const std::string report = root + "/log/coredump.log";
-    const NEUtils::UniqueFd fd(open(report.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
-    if (!fd.IsValid()) {
-        Complain("crash report " + report + " cannot be written: " + std::strerror(errno));
+    const int flags = O_WRONLY | O_CLOEXEC | O_NONBLOCK | (create ? O_CREAT : 0);
+    const UniqueFd fd(open(report.c_str(), flags, 0600));
+    const bool isMissing = !fd.IsValid() && errno == ENOENT && !create;
+    if (fd.IsValid() || (isMissing && access((root + "/log").c_str(), W_OK | X_OK) == 0)) {
+        return {};
     }
-    return fd.IsValid();
+    const int error = errno;
+    return "crash report " + report + " cannot be written: " + ErrnoText(error).Get();
 }
 
 bool IsInPath(const std::string& program)
@@ -57,28 +62,60 @@ bool IsInPath(const std::string& program)
     return false;
 }
 
-bool CheckLog(const AgentConfig& config)
+std::string CheckDirectory(const AgentConfig& config)
 {
     const std::string directory = config.logFile.substr(0, config.logFile.rfind('/') + 1);
-    if (access(directory.c_str(), W_OK | X_OK) != 0) {
-        Complain("log folder " + directory + " cannot be written: " + std::strerror(errno));
-        return false;
+    if (access(directory.c_str(), W_OK | X_OK) == 0) {
+        return {};
     }
-    struct stat status = {};
-    if (lstat(config.logFile.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
-        Complain("log file " + config.logFile + " is a directory or a special file");
-        return false;
+    const int error = errno;
+    return "log directory " + directory + " cannot be written: " + ErrnoText(error).Get();
+}
+
+std::string CheckLog(const std::string& root, const AgentConfig& config)
+{
+    if (config.logFile == root + "/log/coredump.log") {
+        return "log file " + config.logFile + " is the crash report";
     }
-    if (config.logCopies > 0 && !IsInPath("gzip")) {
-        Complain("gzip is missing, and the log cannot roll without it: install gzip or set LOG_COPIES=0");
-        return false;
-    }
-    return AgentLog::IsAccepted(config);
+    return AgentLog::Check(config);
+}
+
+std::string CheckGzip(const AgentConfig& config)
+{
+    return config.logCopies == 0 || IsInPath("gzip")
+               ? ""
+               : "gzip is missing, and the log cannot roll without it: install gzip or set LOG_COPIES=0";
 }
 
 }  // namespace
 
-bool CheckStart(const std::string& root, const AgentConfig& config)
+std::string CheckStart(const std::string& root, const AgentConfig& config, bool create)
 {
-    return CheckPrivileges() && CheckReport(root) && CheckLog(config);
+    std::string fault = CheckPrivileges();
+    const std::function<std::string()> checks[] = {
+        [&] { return CheckReport(root, create); }, [&] { return CheckDirectory(config); },
+        [&] { return CheckLog(root, config); }, [&] { return CheckGzip(config); }};
+    for (const auto& check : checks) {
+        fault = fault.empty() ? check() : fault;
+    }
+    return fault;
+}
+
+std::vector<std::string> CheckPolicies(const std::string& root)
+{
+    const PolicyStore::Kept kept = PolicyStore(root + "/conf/policies").Load();
+    std::vector<std::string> faults;
+    if (!kept.fault.empty() && !kept.isMissing) {
+        faults.push_back("policies: " + kept.fault);
+    }
+    for (const auto& [file, reason] : kept.unusable) {
+        faults.push_back("policy " + file + " " + reason);
+    }
+    for (const auto& [feature, policy] : kept.policies) {
+        const std::string library = root + "/lib/features/lib" + feature + ".so";
+        if (policy.enable && !NEUtils::FileAttribute::AccessFile(library)) {
+            faults.push_back("policy " + PolicyStore::FileOf(feature) + ": there is no " + library);
+        }
+    }
+    return faults;
 }

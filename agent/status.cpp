@@ -3,16 +3,14 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "event_file.h"
 #include "feature_counters.h"
-#include "file_tools.h"
 #include "hips_guard.h"
 #include "hips_instance_manager.h"
+#include "log_system.h"
 #include "monitor_manager.h"
 #include "report_queue.h"
 #include "task.h"
@@ -23,6 +21,7 @@ using Json = nlohmann::ordered_json;
 using NEUtils::FeatureCounters;
 
 constexpr unsigned int kBadMisses = 2;  // the first says only that the checker has looked
+constexpr std::chrono::hours kNews{1};
 
 double Rounded(double value)
 {
@@ -39,29 +38,6 @@ double CpuSeconds()
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-long MemoryKiB()
-{
-    std::string pages;  // all of them, the resident ones, and more
-    ReadFile("/proc/self/statm", 4096, pages);
-    return std::strtol(pages.substr(std::min(pages.find(' '), pages.size())).c_str(), nullptr, 10) *
-           (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-// What is not well, in sentences.
-class Problems {
-public:
-    void AddIf(bool isOne, const std::string& text)
-    {
-        if (isOne) {
-            list_.push_back(text);
-        }
-    }
-    Json Take() { return std::move(list_); }
-
-private:
-    Json list_ = Json::array();
-};
-
 std::string Count(std::uint64_t count, const char* of)
 {
     return std::to_string(count) + of;
@@ -71,8 +47,10 @@ using Counters = std::map<std::string, const FeatureCounters*>;
 
 Json Feature(const FeatureHost::State& state, const Counters& counters, Problems& problems)
 {
-    problems.AddIf(state.status == "failed", "feature " + state.name + " has failed");
     Json feature = {{"name", state.name}, {"status", state.status}};
+    if (!state.reason.empty()) {
+        feature["reason"] = state.reason;
+    }
     if (const auto found = counters.find(state.name); found != counters.end()) {
         const FeatureCounters& own = *found->second;
         const std::uint64_t lacking = own.lacking;
@@ -81,16 +59,16 @@ Json Feature(const FeatureHost::State& state, const Counters& counters, Problems
         feature["seen"] = own.seen.load();
         feature["filtered"] = own.filtered.load();
         feature["lost"] = own.lost.load();
-        problems.AddIf(lacking > 0, "feature " + state.name + " cannot watch " + Count(lacking, " of its paths"));
+        feature["overflows"] = own.overflows.load();
+        problems.AddIf(lacking > 0, "lacking " + state.name,
+                       "feature " + state.name + " cannot watch " + Count(lacking, " of its paths"));
     }
     return feature;
 }
 
 Json Features(const FeatureHost& features, Problems& problems)
 {
-    for (const std::string& file : features.GetUnusable()) {
-        problems.AddIf(true, "policy " + file + " cannot be used");
-    }
+    features.AddProblems(problems);
     const Counters counters = FeatureCounters::All();
     Json list = Json::array();
     for (const FeatureHost::State& state : features.GetStates()) {
@@ -110,8 +88,9 @@ Json Threads(Problems& problems)
                         {"does", thread->GetRuntimeName()},
                         {"lastBeatSeconds", beat},
                         {"missedBeats", missed}});
-        problems.AddIf(missed >= kBadMisses, "thread " + thread->GetName() + " has not come round for " +
-                                                 std::to_string(std::lround(beat)) + " s");
+        problems.AddIf(
+            missed >= kBadMisses, "thread " + thread->GetName(),
+            "thread " + thread->GetName() + " has not come round for " + std::to_string(std::lround(beat)) + " s");
     }
     return list;
 }
@@ -143,16 +122,67 @@ Json Inotify(Problems& problems)
 {
     auto& files = NEUtils::MonitorManager::GetInstance().GetInotifyMonitor();
     const std::size_t lacking = files.GetLackingCount();
-    problems.AddIf(lacking > 0, Count(lacking, " directories cannot be watched"));
+    problems.AddIf(lacking > 0, "directories", Count(lacking, " directories cannot be watched"));
     return {{"watches", files.GetWatchCount()}, {"lacking", lacking}, {"overflows", files.GetOverflowCount()}};
+}
+
+Json Queue()
+{
+    const NEUtils::ReportAccount account = NEUtils::ReportQueue::GetInstance().GetAccount();
+    return {{"reports", account.waiting + account.unanswered},
+            {"pushed", account.pushed},
+            {"waiting", account.waiting},
+            {"unanswered", account.unanswered},
+            {"acknowledged", account.acknowledged},
+            {"dropped", account.GetDropped()},
+            {"droppedFull", account.droppedFull},
+            {"droppedTooLarge", account.droppedTooLarge},
+            {"droppedStopped", account.droppedStopped},
+            {"droppedInvalid", account.droppedInvalid},
+            {"droppedNoMemory", account.droppedNoMemory},
+            {"repeats", account.repeats}};
+}
+
+Json Log()
+{
+    return {{"failedLines", NEUtils::LogSystem::GetFailedLineCount()},
+            {"linesOverBudget", NEUtils::LogSystem::GetLinesOverBudget()}};
+}
+
+Json Self()
+{
+    return {{"cpuPercent", Rounded(GetCpuUsage())},
+            {"cpuSeconds", Rounded(CpuSeconds())},
+            {"memoryKiB", GetMemoryUsage()},
+            {"descriptors", GetFdUsage()}};
 }
 
 }  // namespace
 
-// A loss stays a problem for an hour after it was first told, so that an alarm can end.
+void Status::SetLimits(const UseLimits& limits)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    limits_ = limits;
+}
+
+void Status::SetProblem(const std::string& key, const std::string& text)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    lasting_.erase(key);
+    if (!text.empty()) {
+        lasting_[key] = text;
+    }
+}
+
+void Status::AddNews(const std::string& key, const std::string& text)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    news_[key] = text;
+}
+
+// A loss stays a problem for an hour after it was first seen, so that an alarm can end.
 bool Status::IsNews(const std::string& what, std::uint64_t count) const
 {
-    constexpr std::chrono::hours kNews{1};
     const auto now = Steady::now();
     const std::lock_guard<std::mutex> lock(mutex_);
     Loss& loss = losses_[what];
@@ -162,44 +192,90 @@ bool Status::IsNews(const std::string& what, std::uint64_t count) const
     return count > 0 && now - loss.since < kNews;
 }
 
-std::string Status::ToJson() const
+void Status::AddOwn(Problems& problems) const
 {
-    Problems problems;
-    const std::string channel = server_.GetState();
-    problems.AddIf(channel == "down", "no connection to the server");
-    auto& reports = NEUtils::ReportQueue::GetInstance();
-    const std::uint64_t dropped = reports.GetDroppedCount();
-    problems.AddIf(IsNews("reports", dropped), Count(dropped, " reports were dropped"));
-    for (const auto& [name, counters] : FeatureCounters::All()) {
-        const std::uint64_t lost = counters->lost;
-        problems.AddIf(IsNews(name, lost), "feature " + name + " has lost " + Count(lost, " events"));
+    std::map<std::string, std::string> standing;
+    UseLimits limits;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        standing = lasting_;
+        limits = limits_;
+        if (Steady::now() - started_ < kNews) {
+            standing.insert(news_.begin(), news_.end());
+        }
     }
-    const long memoryKiB = MemoryKiB();
-    const double cpuPercent = Rounded(GetCpuUsage());
-    problems.AddIf(memoryLimitKiB_ > 0 && memoryKiB > memoryLimitKiB_, "memory is above GUARD_MEMORY_KIB");
-    problems.AddIf(cpuLimitPercent_ > 0 && cpuPercent > cpuLimitPercent_, "processor time is above GUARD_CPU_PERCENT");
+    for (const auto& [key, text] : standing) {
+        problems.Add(key, text);
+    }
+    for (const Source& source : sources_) {
+        source(problems);
+    }
+    problems.AddIf(limits.memoryKiB > 0 && GetMemoryUsage() > limits.memoryKiB, "memory",
+                   "memory is above GUARD_MEMORY_KIB: " + std::to_string(GetMemoryUsage()));
+    problems.AddIf(limits.cpuPercent > 0 && GetCpuUsage() > limits.cpuPercent, "processor",
+                   "processor time is above GUARD_CPU_PERCENT: " + std::to_string(std::lround(GetCpuUsage())));
+    problems.AddIf(limits.descriptors > 0 && GetFdUsage() > limits.descriptors, "descriptors",
+                   "descriptors are above GUARD_DESCRIPTORS: " + std::to_string(GetFdUsage()));
+}
+
+void Status::AddLosses(Problems& problems) const
+{
+    const std::uint64_t dropped = NEUtils::ReportQueue::GetInstance().GetDroppedCount();
+    problems.AddIf(IsNews("reports", dropped), "dropped reports", Count(dropped, " reports were dropped"));
+    const std::uint64_t lines = NEUtils::LogSystem::GetFailedLineCount();
+    problems.AddIf(IsNews("lines", lines), "lost lines", "the log has lost " + Count(lines, " lines"));
+    const std::uint64_t unwritten = NEUtils::EventFile::GetInstance().GetFigures().dropped;
+    problems.AddIf(IsNews("event file", unwritten), "event file lines",
+                   "the event file has lost " + Count(unwritten, " lines"));
+    for (const auto& [name, counters] : FeatureCounters::All()) {
+        const std::uint64_t overflows = counters->overflows;
+        problems.AddIf(IsNews("overflows " + name, overflows), "overflows " + name,
+                       "feature " + name + " has lost an unknown number of events " + Count(overflows, " times"));
+        const std::uint64_t lost = counters->lost;
+        problems.AddIf(IsNews(name, lost), "lost " + name, "feature " + name + " has lost " + Count(lost, " events"));
+    }
+}
+
+Json Status::Describe(Problems& problems) const
+{
+    const std::string channel = server_.GetState();
+    server_.AddProblems(problems);
+    AddLosses(problems);
+    AddOwn(problems);
     Json features = Features(features_, problems);
     Json inotify = Inotify(problems);
     Json threads = Threads(problems);
-    Json list = problems.Take();
-    const Json status = {
+    Json list = Json::array();
+    for (const Problems::Problem& problem : problems.GetList()) {
+        list.push_back(problem.text);
+    }
+    return {
         {"version", AGENT_VERSION},
         {"pid", getpid()},
         {"uptimeSeconds", std::chrono::duration_cast<std::chrono::seconds>(Steady::now() - started_).count()},
         {"well", list.empty()},
         {"problems", std::move(list)},
         {"channel", channel},
-        {"queue", {{"reports", reports.GetCount()}, {"dropped", dropped}}},
+        {"queue", Queue()},
         {"features", std::move(features)},
         {"events", Events()},
         {"inotify", std::move(inotify)},
         {"threads", std::move(threads)},
         {"tasks", Tasks(tasks_)},
-        {"self",
-         {{"cpuPercent", cpuPercent},
-          {"cpuSeconds", Rounded(CpuSeconds())},
-          {"memoryKiB", memoryKiB},
-          {"descriptors", ListFolder("/proc/self/fd").size() - 1}}},  // but for the one that lists
+        {"log", Log()},
+        {"self", Self()},
     };
-    return status.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+Problems Status::FindProblems() const
+{
+    Problems problems;
+    Describe(problems);
+    return problems;
+}
+
+std::string Status::ToJson() const
+{
+    Problems problems;
+    return Describe(problems).dump(-1, ' ', true, Json::error_handler_t::replace);
 }

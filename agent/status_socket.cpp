@@ -11,7 +11,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+
+#include "util/errno_text.h"
+
+using NEUtils::UniqueFd;
 
 namespace {
 
@@ -20,39 +23,42 @@ constexpr int kWaiting = 8;
 constexpr std::chrono::seconds kAnswerLimit{5};
 constexpr std::size_t kMaxAnswer = std::size_t{1} << 20U;
 
-// A folder, and the address of the socket in it, which by way of the descriptor is always short enough.
-class Place {
-public:
-    explicit Place(const std::string& folder) : fd_(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
-    {
-        address_.sun_family = AF_UNIX;
-        std::snprintf(address_.sun_path, sizeof(address_.sun_path), "/proc/self/fd/%d/%s", fd_, kName);
-    }
-    ~Place()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
+UniqueFd OpenDirectory(const std::string& path)
+{
+    return UniqueFd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
 
-    void Remove() const { unlinkat(fd_, kName, 0); }
-    bool Bind(int fd) const
-    {
-        const mode_t mask = umask(0177);
-        const bool bound = bind(fd, Address(), sizeof(address_)) == 0;
-        umask(mask);
-        return bound;
-    }
-    bool Connect(int fd) const { return connect(fd, Address(), sizeof(address_)) == 0; }
+// The address of the socket in a directory. By way of the descriptor it is always short enough.
+sockaddr_un AddressIn(const UniqueFd& directory)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s", directory.Get(), kName);
+    return address;
+}
 
-private:
-    const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address_); }
+bool Bind(const UniqueFd& fd, const UniqueFd& directory)
+{
+    const sockaddr_un address = AddressIn(directory);
+    const mode_t mask = umask(0177);
+    const bool bound = bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    umask(mask);
+    return bound;
+}
 
-    const int fd_;
-    sockaddr_un address_ = {};
-};
+bool Connect(const UniqueFd& fd, const UniqueFd& directory)
+{
+    const timeval limit = {std::chrono::seconds(kAnswerLimit).count(), 0};  // also of a connect that has to wait
+    const sockaddr_un address = AddressIn(directory);
+    return setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0 &&
+           connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+ino_t InodeIn(const UniqueFd& directory)
+{
+    struct stat status = {};
+    return fstatat(directory.Get(), kName, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_ino : 0;
+}
 
 // Reads to the end of the stream, while the time lasts.
 bool ReadAll(int fd, std::string& text)
@@ -85,54 +91,47 @@ bool ReadAll(int fd, std::string& text)
 
 std::string StatusSocket::Open()
 {
-    const Place place(folder_);
-    place.Remove();  // of an agent that was killed
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd_ >= 0 && place.Bind(fd_) && listen(fd_, kWaiting) == 0) {
+    directory_ = OpenDirectory(path_);
+    unlinkat(directory_.Get(), kName, 0);  // of an agent that was killed
+    fd_.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (fd_.IsValid() && Bind(fd_, directory_) && listen(fd_.Get(), kWaiting) == 0) {
+        inode_ = InodeIn(directory_);
         return {};
     }
-    std::string fault = folder_ + "/" + kName + ": " + std::strerror(errno);
-    Close();
+    std::string fault = path_ + "/" + kName + ": " + NEUtils::ErrnoText(errno).Get();
+    fd_.Reset();
     return fault;
 }
 
 void StatusSocket::Close()
 {
-    if (fd_ >= 0) {
-        close(fd_);
-        fd_ = -1;
-        Place(folder_).Remove();
+    if (fd_.IsValid() && InodeIn(directory_) == inode_) {
+        unlinkat(directory_.Get(), kName, 0);
     }
+    fd_.Reset();
 }
 
-int StatusSocket::Accept() const
+UniqueFd StatusSocket::Accept() const
 {
-    return accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    return UniqueFd(accept4(fd_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
 }
 
-void StatusSocket::Send(int client, const std::string& text)
+void StatusSocket::Send(const UniqueFd& client, const std::string& text)
 {
-    send(client, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    close(client);
+    send(client.Get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-std::string StatusSocket::Ask(const std::string& folder, std::string& text)
+std::string StatusSocket::Ask(const std::string& directory, std::string& text)
 {
-    const Place place(folder);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const timeval limit = {std::chrono::seconds(kAnswerLimit).count(), 0};  // also of a connect that has to wait
-    const bool answered = fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0 &&
-                          place.Connect(fd) && ReadAll(fd, text);
-    const int error = errno;
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (answered) {
+    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.IsValid() && Connect(fd, OpenDirectory(directory)) && ReadAll(fd.Get(), text)) {
         return {};
     }
+    const int error = errno;
     if (error == ENOENT || error == ECONNREFUSED) {
         return "no agent runs from there";
     }
     const bool late = error == EAGAIN || error == ETIMEDOUT;
-    return late ? "the agent does not answer" : "the agent cannot be asked: " + std::string(std::strerror(error));
+    return late ? "the agent does not answer"
+                : std::string("the agent cannot be asked: ") + NEUtils::ErrnoText(error).Get();
 }

@@ -1,33 +1,39 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
-// The local socket by which "sentrel-agent --status" asks the running agent: <root>/conf/agent.sock, mode 0600.
+#include "util/unique_fd.h"
+
+// The local socket by which "sentrel-agent --status" asks the running agent: R/conf/agent.sock, mode 0600.
 // Whoever connects gets the status and the end of the stream.
 //
 // Threads  one.
 class StatusSocket {
 public:
-    explicit StatusSocket(std::string folder) : folder_(std::move(folder)) {}
+    explicit StatusSocket(std::string directory) : path_(std::move(directory)) {}
     ~StatusSocket() { Close(); }
     StatusSocket(const StatusSocket&) = delete;
     StatusSocket& operator=(const StatusSocket&) = delete;
 
     // Replaces what is there. Gives what went wrong, or nothing.
     std::string Open();
-    void Close();  // and removes it
+    void Close();  // and removes it, unless it has been replaced
 
-    int GetFd() const { return fd_; }  // readable when somebody waits
+    int GetFd() const { return fd_.Get(); }  // readable when somebody waits
 
-    // Takes whoever waits; -1 if nobody does. Then Send answers and hangs up, without waiting: a status is
-    // smaller than a socket's buffer.
-    int Accept() const;
-    static void Send(int client, const std::string& text);
+    // Takes whoever waits; invalid if nobody does. Then Send answers and hangs up. It does not wait: what the client
+    // has no room for is cut.
+    NEUtils::UniqueFd Accept() const;
+    static void Send(const NEUtils::UniqueFd& client, const std::string& text);
 
     // The other side: asks the agent, up to 5 seconds. Gives what went wrong, or nothing.
-    static std::string Ask(const std::string& folder, std::string& text);
+    static std::string Ask(const std::string& directory, std::string& text);
 
 private:
-    const std::string folder_;
-    int fd_ = -1;
+    const std::string path_;
+    NEUtils::UniqueFd directory_;  // as it was at Open, whatever is done to its path meanwhile
+    NEUtils::UniqueFd fd_;
+    ino_t inode_ = 0;  // of the socket's name
 };

@@ -15,6 +15,7 @@ inline constexpr std::uint32_t kMsgDroppedReports = 3;  // reports that the agen
 inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched file
 inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
 inline constexpr std::uint32_t kMsgRepeats = 13;        // process events that were only counted
+inline constexpr std::uint32_t kMsgProblem = 17;        // the agent is not well, or is again
 
 // Asks the server for a sign of life, with no items; it answers like to a report. A server answers every
 // request, also of a type that it does not know: an agent that gets no answer for 30 seconds gives the
@@ -58,6 +59,7 @@ enum ReportTag : std::uint16_t {
     kTagResult = 19,     // 4 bytes: 0 done, otherwise a CommandResult
     kTagReason = 20,     // long text: why it could not be done
     kTagStatus = 21,     // long text: the agent's status, one JSON object
+    kTagProblem = 25,    // text: what is not well
     kTagMode = 22,       // text: the permissions of a file in octal, such as "4755"
     kTagOwner = 23,      // text: its user
     kTagProgram = 24,    // text: a command line without its arguments

@@ -1,0 +1,212 @@
+// What goes wrong with an agent: stops of every kind, crashes, upgrades, other files in its places.
+#include <sys/resource.h>
+
+#include "report_messages.h"
+#include "tests/agent/agent_fixture.h"
+#include "tests/comm/peer.h"
+
+using AgentFaultsTest = AgentTest;
+
+// A service manager's signal must leave as little behind as an operator's, also where the agent was started with it
+// ignored or blocked, and where it comes twice.
+TEST_F(AgentFaultsTest, EverySignalThatStopsItStopsItCleanly)
+{
+    for (const int signo : {SIGTERM, SIGINT, SIGQUIT, SIGTSTP}) {
+        SCOPED_TRACE(signo);
+        fs::remove(log_);
+        signal(signo, SIG_IGN);
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, signo);
+        pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+        StartAgent();
+        pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+        signal(signo, SIG_DFL);
+        ASSERT_TRUE(Eventually([this] { return fs::exists(root_ / "conf/agent.sock"); }));
+        kill(agent_, signo);
+        kill(agent_, SIGHUP);
+        kill(agent_, signo);
+        EXPECT_EQ(StopAgent(SIGTERM), SIGTERM);
+        EXPECT_TRUE(Logged("Agent stopped."));
+        for (const char* left : {"conf/agent.sock", "conf/sentrel-agent.pid", "conf/agent.run"}) {
+            EXPECT_FALSE(fs::exists(root_ / left)) << left;
+        }
+    }
+}
+
+// The frame swallows a stop whose report it cannot write; the agent must end nevertheless.
+TEST_F(AgentFaultsTest, StopsWithoutALogDirectory)
+{
+    StartAgent();
+    ASSERT_TRUE(Says("tasks "));
+    fs::remove_all(root_ / "log");
+    EXPECT_EQ(StopAgent(SIGTERM), SIGTERM);
+    EXPECT_FALSE(fs::exists(pidFile_) || fs::exists(root_ / "conf/agent.sock"));
+}
+
+// A feature that never stops must not keep the process, and the next start says so.
+TEST_F(AgentFaultsTest, AStopThatHangsEnds)
+{
+    SetPolicy("odd", "enable=on\nhang-stop\n");
+    StartAgent();
+    ASSERT_TRUE(Says("odd               started"));
+    EXPECT_EQ(StopAgent(SIGTERM), SIGALRM);
+    SetPolicy("odd", "enable=off\n");
+    StartAgent();
+    EXPECT_TRUE(Says("the last run (process "));
+    EXPECT_TRUE(Says("did not come to the end of its stop"));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    StartAgent();
+    EXPECT_FALSE(Contains(Status(), "the last run"));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// A crash must not look like a stop: not in the log, not in the next status, not to the server.
+TEST_F(AgentFaultsTest, ACrashIsTold)
+{
+    SetPolicy("odd", "enable=on\ncrash\n");
+    agent_ = Start(run_);
+    EXPECT_EQ(WTERMSIG(Wait(agent_)), SIGTERM);
+    EXPECT_TRUE(Logged("Agent has crashed.[signal=11 report=" + report_ + "]"));
+    EXPECT_TRUE(Contains(Read(report_), "Exception Signal.[number=11]"));
+    SetPolicy("odd", "enable=off\n");
+    Peer server(root_ / "socket");
+    Write(config_, "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\n");
+    StartAgent();
+    const std::string what = "the last run (process " + std::to_string(agent_);
+    EXPECT_TRUE(Says(") crashed by signal 11, report " + report_));
+    ASSERT_TRUE(server.Accept());
+    std::string message;
+    do {
+        message = server.ReceiveMessage();
+        server.Answer(message);
+    } while (!message.empty() && !Contains(message, "crashed by signal 11"));
+    EXPECT_EQ(HeaderOf(message).type, kMsgProblem);
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    agent_ = Start(run_);
+    ASSERT_TRUE(Says("tasks "));
+    EXPECT_EQ(StopAgent(SIGKILL), SIGKILL);
+    StartAgent();
+    EXPECT_TRUE(Says("was killed, or the host went down"));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// A new binary is moved over the one that runs: the check by the executable's path finds nobody then.
+TEST_F(AgentFaultsTest, AnUpgradeMakesNoSecondAgent)
+{
+    StartAgent();
+    ASSERT_TRUE(Says("tasks "));
+    fs::copy(AGENT_PROGRAM, program_ + ".new");
+    fs::rename(program_ + ".new", program_);
+    const std::string refusal = Run(run_);
+    EXPECT_TRUE(Contains(refusal, "Another program is running")) << refusal;
+    EXPECT_TRUE(Contains(refusal, std::to_string(agent_))) << refusal;
+    EXPECT_TRUE(Contains(Status(), "process " + std::to_string(agent_)));
+    // Somebody else's socket in its place is not removed.
+    fs::remove(root_ / "conf/agent.sock");
+    Write(root_ / "conf/agent.sock", "another");
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_EQ(Read(root_ / "conf/agent.sock"), "another");
+}
+
+// Restarts must not roll the history away, and what is no log of the agent must not be touched.
+TEST_F(AgentFaultsTest, ASmallLogIsCarriedOver)
+{
+    Write(log_, kOldLine);
+    for (int i = 0; i < 6; ++i) {
+        agent_ = Start(run_);
+        ASSERT_TRUE(Says("tasks "));
+        EXPECT_EQ(StopAgent(), SIGTERM);
+    }
+    const std::string all = Read(log_);
+    EXPECT_EQ(all.find(kOldLine), 0U);
+    std::size_t starts = 0;
+    for (std::size_t at = 0; (at = all.find("Agent started.", at)) != std::string::npos; ++at) {
+        ++starts;
+    }
+    EXPECT_EQ(starts, 6U);
+    EXPECT_FALSE(fs::exists(log_ + ".1.gz") || fs::exists(log_ + ".carried"));
+    // A start that broke off left it; a large file is rolled all the same.
+    fs::rename(log_, log_ + ".carried");
+    Write(log_, kOldLine + std::string(70000, 'x'));
+    agent_ = Start(run_);
+    ASSERT_TRUE(Says("tasks "));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_EQ(Read(log_).find(all), 0U);
+    EXPECT_TRUE(fs::exists(log_ + ".1.gz"));
+    EXPECT_FALSE(fs::exists(log_ + ".carried"));
+}
+
+TEST_F(AgentFaultsTest, TakesNoOthersFileForItsLog)
+{
+    const std::string other = root_ / "other";
+    Write(other, "root:x:0:0\n");
+    const std::pair<std::function<void()>, std::string> rows[] = {
+        {[&] { fs::create_symlink(other, log_); }, "is a link"},
+        {[&] { fs::create_hard_link(other, log_); }, "belongs to another user or has several names"},
+        {[&] { fs::copy(other, log_); }, "is no log, a start would compress it"},
+        {[&] { mkfifo(log_.c_str(), 0600); }, "is a directory or a special file"},
+    };
+    for (const auto& [make, fault] : rows) {
+        fs::remove(log_);
+        make();
+        const std::string line = "sentrel-agent: log file " + log_ + " " + fault + "\n";
+        EXPECT_EQ(Run(run_), "1 " + line);
+        EXPECT_EQ(Run(run_ + " --check-config"), "2 " + line);
+        EXPECT_TRUE(fs::exists(fs::symlink_status(log_)));
+    }
+    EXPECT_EQ(Read(other), "root:x:0:0\n");
+}
+
+TEST_F(AgentFaultsTest, CheckConfigChecksWhatAStartNeeds)
+{
+    Write(config_, "");
+    SetPolicy("process_watch", "on\n");
+    SetPolicy("gone", "enable=on\n");
+    SetPolicy("a b", "enable=on\n");
+    const std::string all = Run(run_ + " --check-config");
+    for (const std::string fault : {"policy process_watch.policy does not begin with enable=on or enable=off",
+                                    "policy a b.policy its name is not made of letters, digits, '_' and '-'",
+                                    "policy gone.policy: there is no "}) {
+        EXPECT_TRUE(Contains(all, fault)) << all;
+    }
+    EXPECT_EQ(all[0], '2');
+    EXPECT_FALSE(fs::exists(report_));  // a check leaves nothing behind
+    fs::remove(config_);
+    mkfifo(config_.c_str(), 0600);
+    EXPECT_EQ(Run(run_ + " --check-config"), "2 sentrel-agent: " + config_ + ": is not a regular file\n");
+}
+
+// SIGHUP takes over what can change, says what cannot, and never makes things worse than they were.
+TEST_F(AgentFaultsTest, ReloadsAtSighup)
+{
+    SetPolicy("process_watch", "enable=off\n");
+    StartAgent();
+    ASSERT_TRUE(Says("odd               off"));
+    const auto reload = [this] { kill(agent_, SIGHUP); };
+    Write(config_, "REPORT_SECONDS=1\nLOG_FILE=log/other.log\nPOOL_MAX_THREADS=9\nGUARD_DESCRIPTORS=1\n");
+    SetPolicy("odd", "enable=on\n");
+    reload();
+    EXPECT_TRUE(Eventually([&] { return Logged("[onlyFromNextStart=POOL_MAX_THREADS,LOG_FILE]"); })) << Read(log_);
+    EXPECT_TRUE(Says("odd               started"));
+    EXPECT_TRUE(Says("descriptors are above GUARD_DESCRIPTORS"));
+    EXPECT_TRUE(Eventually([&] { return Logged("Self resource usage.[cpu="); }));
+    Write(config_, "REPORT_SECONDS=x\n");
+    SetPolicy("odd", "enable=on\nfail\n");
+    reload();
+    EXPECT_TRUE(
+        Says("the configuration has not been reloaded: " + config_ + ":1: REPORT_SECONDS: 'x' is not a number"));
+    EXPECT_TRUE(Says("feature odd has refused its new policy: It fails as told."));
+    EXPECT_TRUE(Contains(Status(), "odd               started"));  // with the former one
+    fs::rename(root_ / "conf/policies", root_ / "conf/aside");
+    Write(config_, "");
+    reload();
+    EXPECT_TRUE(Says("policies: " + (root_ / "conf/policies") + " cannot be read: No such file or directory"));
+    EXPECT_TRUE(Contains(Status(), "odd               started"));
+    fs::rename(root_ / "conf/aside", root_ / "conf/policies");
+    fs::remove(PolicyFile("odd"));
+    reload();
+    EXPECT_TRUE(Says("odd               off"));
+    EXPECT_TRUE(Contains(Status(), ": well\n")) << Status();
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
