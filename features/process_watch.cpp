@@ -84,6 +84,7 @@ public:
     bool Start()
     {
         monitor_.SetEventKinds(ProcessLog::kEventKinds);
+        monitor_.SetProcessesOnly(true);
         monitor_.StartProcessMonitor();
         for (int ms = 0; monitor_.GetPhase() == ProcessMonitor::kStarting && ms < kStartMs; ++ms) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -111,13 +112,14 @@ private:
         std::uint64_t seen = 0;
         std::uint64_t filtered = 0;
         std::uint64_t lost = 0;
+        std::uint64_t overflows = 0;
     };
 
     static void OnEvent(proc_event* event) { s_watch->Handle(*event); }
 
     void Handle(const proc_event& event)
     {
-        if (monitor_.GetLostEventCount() != counted_.lost) {
+        if (monitor_.GetLostEventCount() != counted_.lost || monitor_.GetOverflowCount() != counted_.overflows) {
             log_.DoubtCounts();
             lossAt_ = Steady::now();
         } else if (lossAt_ != Steady::time_point() && Steady::now() - lossAt_ > kQuiet) {
@@ -131,10 +133,11 @@ private:
     void Count()
     {
         const Figures now = {monitor_.GetEventCount(), monitor_.GetFilteredEventCount() + log_.GetLeftOutCount(),
-                             monitor_.GetLostEventCount()};
+                             monitor_.GetLostEventCount(), monitor_.GetOverflowCount()};
         counters_.seen += now.seen - counted_.seen;
         counters_.filtered += now.filtered - counted_.filtered;
         counters_.lost += now.lost - counted_.lost;
+        counters_.overflows += now.overflows - counted_.overflows;
         counted_ = now;
     }
 
