@@ -29,8 +29,8 @@ struct Policy {
 // Threads  one at a time, entry points included; GetStatus any.
 // Owns     the library: the destructor is DestroyModule.
 // Blocks   as long as the entry points do.
-// Errors   each failed step is one record and status 4. Steps are not refused by status: that is their
-//          caller's affair (module_manager.h).
+// Errors   each failed step is one record and status 4. No step is refused for the status: its caller
+//          (module_manager.h) decides that.
 class NEUTILS_API Module {
 public:
     Module() = default;
@@ -47,10 +47,10 @@ public:
     // The directory's name ends in a slash; without any slash the loader would search the system's paths.
     std::string GetLibraryPath(const std::string& directory) const;
 
-    // Gives back first what was loaded before.
+    // Closes first what was loaded before.
     bool LoadModule(const std::string& directory);
 
-    // They give what the entry point has given, and 0 where there is none.
+    // Give the entry point's result, and 0 where there is no entry point.
     int InitModule();
     int StartModule();                                                     // with the policy of the last start
     int StartModule(const std::string& policy, const std::string& extra);  // remembers both if it succeeds
@@ -58,8 +58,8 @@ public:
     void StopModule(const std::string& policy);
     void DeinitModule();
 
-    // Loads and initialises it where that is still to be done, and starts, stops, restarts or leaves it. A
-    // failed module stays as it is.
+    // Loads and initialises it where that is not yet done, then starts, stops or restarts it, or leaves it as it
+    // is. A failed module stays as it is.
     void AdjustModule(const std::string& directory, bool enable, const Policy& policy);
 
     // Stops it if it is started, with the policy of its start, and deinitialises it if it was initialised. A

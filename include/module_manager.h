@@ -15,15 +15,16 @@ namespace NEUtils::Manager {
 // Holds one module a feature and moves it through its states by policy.
 //
 // Use      SetModulePrefix, then UpdateModulePolicy whenever there is a new policy, StopAndDeinitAllModule last.
-// Threads  any. One at a time works on a module, another one waits for it. An entry point may call the manager;
-//          such a call never waits: a module that is being worked on, its own included, is left alone, with
-//          an ERROR record. An entry point may not wait for another thread that works on modules.
+// Threads  any. One thread at a time works on a module; others wait. An entry point may call the manager, but
+//          such a call never waits: a module that some thread works on, its own included, is left alone, with
+//          an ERROR record. An entry point must not wait for another thread that works on modules.
 // Locks    none is held while an entry point runs, a library is loaded or a record is written.
 // Blocks   as long as the entry points do.
 // Limits   feature names of letters, digits, '_' and '-'. A feature stays known once it was added.
-// Errors   a library is loaded only if it is a regular file and nobody but root and the own user may write it
-//          or its folder: otherwise one ERROR record with the reason, and status 4. Folders above are not
-//          looked at. A failed module is left alone by policies until DestroyModule.
+// Errors   a library is loaded only if it is a regular file, and nobody but root and the own user may write it
+//          or its directory. Otherwise there is one ERROR record with the reason, and the status is 4. Directories
+//          above are not checked. Policies leave a failed module alone until DestroyModule. Out of memory:
+//          std::bad_alloc.
 class NEUTILS_API ModuleManager {
 public:
     ModuleManager() = default;
@@ -31,11 +32,10 @@ public:
     ModuleManager(const ModuleManager&) = delete;
     ModuleManager& operator=(const ModuleManager&) = delete;
 
-    // The folder of the libraries with a slash at the end; what is loaded already stays.
+    // The directory of the libraries, with a slash at the end. What is loaded already stays.
     void SetModulePrefix(const std::string& prefix);
 
-    // Adds a feature that is not known yet, and loads and initialises it where that is still to be done. True
-    // if it is initialised.
+    // Makes the feature known, and loads and initialises it where that is not yet done. True if it is initialised.
     bool InitModule(const std::string& feature);
 
     // Starts with the policy of the last start. False if the feature is unknown or it was not started by this.
@@ -68,7 +68,7 @@ private:
     std::condition_variable turnEnd_;
     std::string prefix_;
     std::map<std::string, Module> modules_;             // none is ever taken out
-    std::map<const Module*, std::thread::id> working_;  // who works on which
+    std::map<const Module*, std::thread::id> working_;  // the thread that works on it
 };
 
 }  // namespace NEUtils::Manager

@@ -64,7 +64,7 @@ bool Module::LoadModule(const std::string& directory)
     DestroyModule();
     library_ = dlopen(GetLibraryPath(directory).c_str(), loadFlags_);
     if (library_ == nullptr) {
-        // Kept at INFO: a feature that is not installed is no fault.
+        // Kept at INFO because a feature that is not installed is no fault.
         NE_LOG(INFO, "Try load library.[feature=%s, reason=%s]", feature_.c_str(), LoadError().c_str());
         status_ = kFailed;
         return false;
@@ -138,7 +138,7 @@ void Module::StopModule(const std::string& policy)
         status_ = kFailed;
         return;
     }
-    stop_(policy.c_str());  // Kept unexamined: a module that cannot stop counts as stopped.
+    stop_(policy.c_str());  // Kept unexamined because a module that cannot stop counts as stopped
     status_ = kStopped;
 }
 
@@ -179,7 +179,7 @@ void Module::StopAndDeinit()
         const bool failed = status_ == kFailed;
         DeinitModule();
         if (failed) {
-            SetFailed();  // policies go on to leave it alone
+            SetFailed();  // policies still leave it alone
         }
     }
 }

@@ -31,16 +31,16 @@ bool MayOthersWrite(const struct stat& status)
     return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }
 
-// What is missing is left to the loader, which says so.
+// Where something is missing there is no objection: the loader fails and logs why.
 const char* ObjectionToError(int error, const char* otherwise)
 {
     return error == ENOENT || error == ENOTDIR ? nullptr : otherwise;
 }
 
-const char* ObjectionToFile(int folder, const char* name)
+const char* ObjectionToFile(int directory, const char* name)
 {
     struct stat file = {};
-    if (fstatat(folder, name, &file, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(directory, name, &file, AT_SYMLINK_NOFOLLOW) != 0) {
         return ObjectionToError(errno, "it cannot be looked at");
     }
     if (!S_ISREG(file.st_mode)) {
@@ -57,17 +57,17 @@ const char* ObjectionTo(const std::string& path)
 {
     const std::size_t nameAt = path.rfind('/') + 1;
     if (nameAt == 0) {
-        return "no folder is given";  // the loader would search the system's
+        return "no directory is given";  // the loader would search the system's paths
     }
-    const UniqueFd folder(open(path.substr(0, nameAt).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd directory(open(path.substr(0, nameAt).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat status = {};
-    if (!folder.IsValid() || fstat(folder.Get(), &status) != 0) {
-        return ObjectionToError(errno, "its folder cannot be looked at");
+    if (!directory.IsValid() || fstat(directory.Get(), &status) != 0) {
+        return ObjectionToError(errno, "its directory cannot be looked at");
     }
     if (!IsOwnedByUs(status)) {
-        return "its folder belongs to another user";
+        return "its directory belongs to another user";
     }
-    return MayOthersWrite(status) ? "others may write its folder" : ObjectionToFile(folder.Get(), &path[nameAt]);
+    return MayOthersWrite(status) ? "others may write its directory" : ObjectionToFile(directory.Get(), &path[nameAt]);
 }
 
 void LogRefusal(const std::string& feature, const char* reason)
@@ -82,7 +82,7 @@ void LogAddFailure(const std::string& feature)
 
 }  // namespace
 
-// One thread's turn at a known module; null where there is none to be had.
+// The right of one thread to work on a known module; null where the feature is unknown or must not be waited for.
 class ModuleManager::Turn {
 public:
     Turn(ModuleManager& manager, const std::string& feature) : manager_(manager)
@@ -113,7 +113,7 @@ public:
     Module* operator->() const { return module_; }
 
 private:
-    // Who works on a module already must not wait for one: they could wait for each other.
+    // A thread that works on a module already must not wait for another: two could wait for each other.
     bool Take(std::unique_lock<std::mutex>& lock, Module& module)
     {
         auto& working = manager_.working_;
@@ -133,7 +133,7 @@ private:
     Module* module_ = nullptr;
 };
 
-// Entry points that call the manager still find it whole.
+// Not left to the members: entry points may still call the manager.
 ModuleManager::~ModuleManager()
 {
     for (const std::string& feature : Features()) {
@@ -163,7 +163,7 @@ std::vector<std::string> ModuleManager::Features() const
     return features;
 }
 
-// Makes a feature known. A name with a slash would lead out of the folder.
+// Makes a feature known. A name with a slash would lead out of the directory.
 bool ModuleManager::AddFeature(const std::string& feature)
 {
     if (!IsFeatureName(feature)) {
@@ -237,7 +237,7 @@ bool ModuleManager::StartModule(const std::string& feature)
         NE_LOG(INFO, "Module's status is not stopped, so won't start.[feature=%s]", feature.c_str());
         return false;
     }
-    // Kept for a failed module and for one that is not initialised: only policies leave those alone.
+    // Kept because operators restart features by hand: also a module that failed or is not initialised is started.
     return turn->StartModule() != 0;
 }
 
@@ -305,7 +305,9 @@ ModuleStatus ModuleManager::GetModuleStatus(const std::string& feature) const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = modules_.find(feature);
-    return found == modules_.end() ? kNotLoaded : found->second.GetStatus();  // Kept: both are 0.
+    return found == modules_.end()
+               ? kNotLoaded
+               : found->second.GetStatus();  // Kept because callers compare it with 0: unknown is 0 too
 }
 
 }  // namespace NEUtils::Manager

@@ -12,7 +12,7 @@ namespace NEUtils {
 
 namespace {
 
-constexpr std::chrono::milliseconds kKeptExitPeriod{500};
+constexpr std::chrono::milliseconds kHeldExitPeriod{500};
 constexpr std::chrono::milliseconds kDrainTime{500};
 
 }  // namespace
@@ -58,10 +58,10 @@ void EventReception::HandOnOfProcess(proc_event& event)
     }
 }
 
-void EventReception::HandOnKeptExits()
+void EventReception::HandOnHeldExits()
 {
     const auto now = Steady::now();
-    if (leaderExits_.IsEmpty() || now - lookedAtExits_ < kKeptExitPeriod) {
+    if (leaderExits_.IsEmpty() || now - lookedAtExits_ < kHeldExitPeriod) {
         return;
     }
     for (proc_event& exit : leaderExits_.TakeEnded()) {
@@ -87,7 +87,7 @@ void EventReception::Drain()
         HandOn(count);
     }
     lookedAtExits_ = {};
-    HandOnKeptExits();
+    HandOnHeldExits();
     CountDrops(false);
 }
 

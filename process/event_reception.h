@@ -32,7 +32,7 @@ public:
     void HandOn(int count);
 
     // Hands on the exits of first threads whose processes have ended since. Looks at most every half second.
-    void HandOnKeptExits();
+    void HandOnHeldExits();
 
     // Hands on what is there now and takes nothing more off the socket: for the end. What takes too long counts
     // as lost.

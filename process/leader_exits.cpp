@@ -17,7 +17,7 @@ namespace NEUtils {
 
 namespace {
 
-constexpr std::size_t kMaxKept = 1024;
+constexpr std::size_t kMaxHeld = 1024;
 // Places of fields behind the name in /proc/<pid>/stat, counted from 0.
 constexpr std::size_t kState = 0;
 constexpr std::size_t kThreads = 17;
@@ -96,7 +96,7 @@ bool LeaderExits::HasEnded(proc_event& exit)
 {
     Stat stat;
     const int pid = exit.event_data.exit.process_pid;
-    kept_.erase(pid);
+    held_.erase(pid);
     if (!ReadStat(pid, stat) || BeganAfter(stat, exit)) {
         return true;
     }
@@ -104,29 +104,29 @@ bool LeaderExits::HasEnded(proc_event& exit)
         SetExitCode(exit, stat);
         return true;
     }
-    if (kept_.size() >= kMaxKept) {
+    if (held_.size() >= kMaxHeld) {
         return true;
     }
-    kept_[pid] = {exit, stat.startTicks};
+    held_[pid] = {exit, stat.startTicks};
     return false;
 }
 
 std::vector<proc_event> LeaderExits::TakeEnded()
 {
     std::vector<proc_event> ended;
-    for (auto entry = kept_.begin(); entry != kept_.end();) {
-        auto& [pid, kept] = *entry;
+    for (auto entry = held_.begin(); entry != held_.end();) {
+        auto& [pid, held] = *entry;
         Stat stat;
-        const bool isThere = ReadStat(pid, stat) && stat.startTicks == kept.startTicks;
+        const bool isThere = ReadStat(pid, stat) && stat.startTicks == held.startTicks;
         if (isThere && !stat.ended) {
             ++entry;
             continue;
         }
         if (isThere) {
-            SetExitCode(kept.exit, stat);
+            SetExitCode(held.exit, stat);
         }
-        ended.push_back(kept.exit);
-        entry = kept_.erase(entry);
+        ended.push_back(held.exit);
+        entry = held_.erase(entry);
     }
     return ended;
 }

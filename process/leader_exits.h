@@ -9,32 +9,32 @@
 namespace NEUtils {
 
 // Decides when a process has ended, for a monitor that gets the exits of first threads alone. The first thread
-// of a process can end before the others: its exit is then kept until they have ended too.
+// of a process can end before the others: its exit is then held until they have ended too.
 //
 // Threads  one.
-// Limits   1,024 exits are kept; one above that counts as the end of its process.
+// Limits   1,024 exits are held; one above that counts as the end of its process.
 // Source   /proc/<pid>/stat, and only for a process that is still there when its exit is read.
 class LeaderExits {
 public:
-    // Takes the exit of a first thread. True: its process has ended. False: it lives on, the exit is kept.
+    // Takes the exit of a first thread. True: its process has ended. False: it lives on, the exit is held.
     bool HasEnded(proc_event& exit);
 
     // A thread has taken the place of the first one by an exec: the process goes on under its id.
-    void Forget(int pid) { kept_.erase(pid); }
+    void Forget(int pid) { held_.erase(pid); }
 
-    // Takes out the kept exits whose processes have ended, with the status that the process ended with where it
+    // Takes out the held exits whose processes have ended, with the status that the process ended with where it
     // can still be read.
     std::vector<proc_event> TakeEnded();
 
-    bool IsEmpty() const { return kept_.empty(); }
+    bool IsEmpty() const { return held_.empty(); }
 
 private:
-    struct Kept {
+    struct Held {
         proc_event exit;
         std::uint64_t startTicks;
     };
 
-    std::map<int, Kept> kept_;
+    std::map<int, Held> held_;
 };
 
 }  // namespace NEUtils

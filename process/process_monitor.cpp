@@ -275,7 +275,7 @@ void ProcessMonitor::ReceiveRound(int fd, EventReception& reception)
 {
     Beat();
     MakeWhiteList();
-    reception.HandOnKeptExits();
+    reception.HandOnHeldExits();
     // recvmmsg's own timeout does not end a wait on an idle socket, so poll waits.
     pollfd waiting = {fd, POLLIN, 0};
     const int ready = poll(&waiting, 1, kWaitMs);

@@ -13,7 +13,7 @@ std::mutex g_mutex;
 Strings g_calls;
 std::function<int(const std::string& call)> g_answer;  // of the entry points
 
-// A folder for modules, and a manager that loads from there.
+// A directory for modules, and a manager that loads from there.
 struct ModuleTest : testing::Test {
     ModuleTest()
     {
@@ -171,13 +171,24 @@ TEST_F(ModuleTest, ReplacedLibraryComesIntoUseAndRoundsLeaveNothing)
     EXPECT_TRUE(module.GetStatus() == kNotLoaded && !Contains(Read("/proc/self/maps"), prefix_));
 }
 
-// Whoever may write a library or its folder could run code as the agent.
+// A feature's names must not take the place of another's, unless its owner wants them to.
+TEST_F(ModuleTest, LoadFlagsAreTheOwners)
+{
+    Install("traced");
+    Module module;
+    module.SetFeature("f");
+    EXPECT_TRUE(module.LoadModule(prefix_) && dlsym(RTLD_DEFAULT, "StartModule") == nullptr);
+    module.SetLoadFlags(RTLD_NOW | RTLD_GLOBAL);
+    EXPECT_TRUE(module.LoadModule(prefix_) && dlsym(RTLD_DEFAULT, "StartModule") != nullptr);
+}
+
+// Whoever may write a library or its directory could run code as the agent.
 TEST_F(ModuleTest, OnlyLibrariesThatNobodyElseMayWriteAreLoaded)
 {
     Install("traced");
     fs::create_symlink("libf.so", prefix_ + "liblink.so");
     EXPECT_EQ(Refused("it is no regular file", "link"), kFailed);
-    for (const std::string object : {"it", "its folder"}) {
+    for (const std::string object : {"it", "its directory"}) {
         const std::string path = prefix_ + (object == "it" ? "libf.so" : "");
         for (const mode_t mode : {0720, 0702}) {
             chmod(path.c_str(), mode);
@@ -196,7 +207,7 @@ TEST_F(ModuleTest, OnlyLibrariesThatNobodyElseMayWriteAreLoaded)
     manager_.DestroyModule("f");
     for (const char* prefix : {"", "lib"}) {
         manager_.SetModulePrefix(prefix);
-        EXPECT_EQ(Refused("no folder is given"), kFailed);
+        EXPECT_EQ(Refused("no directory is given"), kFailed);
     }
 }
 
