@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -32,6 +34,8 @@ struct Attribute {
 extern NEUTILS_API std::map<std::string, Attribute>& g_attrMap;
 extern NEUTILS_API std::mutex g_mutex;
 
+NEUTILS_API Attribute AttributeOf(const struct stat& status);
+
 // False, and attr unchanged, if there is no such file.
 NEUTILS_API bool GetFileAttr(const std::string& path, Attribute& attr);
 
@@ -39,6 +43,9 @@ NEUTILS_API bool GetFileAttr(const std::string& path, Attribute& attr);
 // for "ouid=" "cuid=", "ogid=" "cgid=", "olink=" "link=", "osize=" "size=", in this order. All numbers are
 // decimal, each ends in a blank. Empty without a difference.
 NEUTILS_API std::string GetDiff(const Attribute& oldAttr, const Attribute& newAttr);
+
+// Stores a status of a path that the caller has read.
+NEUTILS_API void RecordAttribute(const std::string& path, const Attribute& attr);
 
 // Stores the present status of a path; the recursive one also that of the entries of a directory, one level
 // deep.
@@ -59,5 +66,8 @@ NEUTILS_API void UpdateFileNameRecursive(const std::string& oldPath, const std::
 // If a recorded file has changed: takes over its present status, appends the path, a blank and the change
 // text to text, and is true. False otherwise, also for a path that is gone or not recorded.
 NEUTILS_API bool UpdateAttrAndLog(const std::string& path, std::string& text);
+
+// The same with a present status that the caller has read.
+NEUTILS_API bool UpdateAttrAndLog(const std::string& path, const Attribute& attr, std::string& text);
 
 }  // namespace NEUtils::Monitor

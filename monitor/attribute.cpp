@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "logger.h"
-#include "monitor/attribute_table.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/file.h"

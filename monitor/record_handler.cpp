@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "attribute.h"
-#include "monitor/attribute_table.h"
 #include "monitor/renamer.h"
 #include "monitor/watch_scope.h"
 
@@ -41,7 +40,7 @@ void RecordHandler::Handle(const WatchRecord& record, std::int64_t nowNs)
     } else if (record.name.empty()) {
         HandleOwn(*only, record);
     } else if (only->entries != nullptr) {
-        HandleEntry({*only, record.name, Monitor::EntryOf(only->entries->path, record.name)}, record, nowNs);
+        HandleEntry({only, record.name, Monitor::EntryOf(only->entries->path, record.name)}, record, nowNs);
     }
     for (const std::string& path : paths) {  // each may change what is known of the others
         WatchedFile* file = state_.tree.Find(path);
@@ -51,7 +50,7 @@ void RecordHandler::Handle(const WatchRecord& record, std::int64_t nowNs)
         if (record.name.empty()) {
             HandleOwn(*file, record);
         } else if (file->entries != nullptr) {
-            HandleEntry({*file, record.name, Monitor::EntryOf(path, record.name)}, record, nowNs);
+            HandleEntry({file, record.name, Monitor::EntryOf(path, record.name)}, record, nowNs);
         }
     }
 }
@@ -83,10 +82,9 @@ void RecordHandler::HandleOwn(WatchedFile& file, const WatchRecord& record)
     }
 }
 
-void RecordHandler::HandleEntry(const Place& place, const WatchRecord& record, std::int64_t nowNs)
+void RecordHandler::HandleEntry(Place place, const WatchRecord& record, std::int64_t nowNs)
 {
-    const WatchedFile::Entries& entries = *place.directory.entries;
-    if (entries.inside.empty() && !entries.holdsWay) {
+    if (place.directory->entries->inside.empty() && !place.directory->entries->holdsWay) {
         return;
     }
     const bool isDirectory = (record.mask & IN_ISDIR) != 0;
@@ -94,12 +92,15 @@ void RecordHandler::HandleEntry(const Place& place, const WatchRecord& record, s
     const std::optional<Move> pair = isMovedTo && HasMoves() ? moves_.Take(record.cookie) : std::nullopt;
     if (HasMoves()) {
         EndMoves([&place](const Move& move) { return move.path == place.path; });
+        if (!FindAgain(place)) {
+            return;
+        }
     }
     if ((record.mask & kContentEvents) != 0) {
         ChangeEntry(place, record);
         return;
     }
-    if (entries.holdsWay) {
+    if (place.directory->entries->holdsWay) {
         state_.Unplace(state_.rules.OnWay(place.path));
     }
     if (pair.has_value()) {
@@ -113,18 +114,32 @@ void RecordHandler::HandleEntry(const Place& place, const WatchRecord& record, s
     }
 }
 
-void RecordHandler::FinishMove(const Move& from, const Place& place, bool isDirectory)
+// The end of a move may have taken the directory along.
+bool RecordHandler::FindAgain(Place& place)
 {
+    place.directory = state_.tree.Find(Monitor::ParentOf(place.path));
+    return place.directory != nullptr && place.directory->entries != nullptr;
+}
+
+void RecordHandler::FinishMove(const Move& from, Place& place, bool isDirectory)
+{
+    EndMoves([&from](const Move& move) { return Monitor::IsAtOrBelow(move.path, from.path); });
     WatchedFile* const old = state_.tree.Find(from.path);
-    WatchedFile* const target = place.File();
     if (old == nullptr || !old->isKnown || Monitor::IsAtOrBelow(from.path, place.path) ||
         Monitor::IsAtOrBelow(place.path, from.path)) {
         EndMove(from);
-        Create(place, isDirectory, true);
+        if (FindAgain(place)) {
+            Create(place, isDirectory, true);
+        }
         return;
     }
-    if (target == nullptr &&
-        state_.rules.Covering(place.directory.entries->inside, place.directory.entries->holdsWay, place.path).empty()) {
+    if (!FindAgain(place)) {
+        EndMove(from);
+        return;
+    }
+    const WatchedFile::Entries& entries = *place.directory->entries;
+    WatchedFile* const target = place.File();
+    if (target == nullptr && state_.rules.Covering(entries.inside, entries.holdsWay, place.path).empty()) {
         EndMove(from);
         return;
     }
@@ -141,12 +156,11 @@ void RecordHandler::FinishMove(const Move& from, const Place& place, bool isDire
         state_.Suspect(place.path);
         return;
     }
-    EndMoves([&from](const Move& move) { return Monitor::IsAtOrBelow(move.path, from.path); });
     if (old->status.IsSeen() && !old->status.IsSameFile(now)) {  // it is elsewhere by now, or was never that file
         state_.Suspect(from.path);
         state_.Suspect(place.path);
     }
-    Renamer(state_, reader_).Rename(*old, from.path, place.directory, place.name, look);
+    Renamer(state_, reader_).Rename(*old, from.path, *place.directory, place.name, look);
 }
 
 void RecordHandler::EndMovesBefore(std::int64_t timeNs)
@@ -182,7 +196,7 @@ void RecordHandler::EndMove(const Move& move)
 
 void RecordHandler::Create(const Place& place, bool isDirectory, bool isMoved)
 {
-    const WatchedFile::Entries& entries = *place.directory.entries;
+    const WatchedFile::Entries& entries = *place.directory->entries;
     const WatchRuleList covering = state_.rules.Covering(entries.inside, entries.holdsWay, place.path);
     if (covering.empty()) {
         return;
@@ -195,7 +209,7 @@ void RecordHandler::Create(const Place& place, bool isDirectory, bool isMoved)
     } else if (!isThere || S_ISDIR(status.st_mode) != isDirectory) {
         CreateUnseen(place, isDirectory, isMoved);
     } else {
-        reader_.Create(place.directory, place.name, place.path, status, isMoved);
+        reader_.Create(*place.directory, place.name, place.path, status, isMoved);
     }
 }
 
@@ -225,7 +239,7 @@ void RecordHandler::CreateKnown(const Place& place, WatchedFile& file, const Tra
         reader_.Forget(file);
     }
     if (look.has_value() && S_ISDIR(look->st_mode) == isDirectory) {
-        reader_.Create(place.directory, place.name, place.path, *look, isMoved);
+        reader_.Create(*place.directory, place.name, place.path, *look, isMoved);
         if (WatchedFile* now = place.File(); now != nullptr && isMoved) {
             now->cameOver = records_;
         }
@@ -237,7 +251,7 @@ void RecordHandler::CreateKnown(const Place& place, WatchedFile& file, const Tra
 // It is gone, and maybe something else is there, whose own record is to come. Its end will have a record too.
 void RecordHandler::CreateUnseen(const Place& place, bool isDirectory, bool isMoved)
 {
-    WatchedFile& file = state_.tree.Add(place.directory, place.name);
+    WatchedFile& file = state_.tree.Add(*place.directory, place.name);
     BeKnown(state_, file, place.path, std::nullopt);
     file.isDirectory = isDirectory;
     file.wasRead = false;
@@ -256,7 +270,7 @@ void RecordHandler::Delete(const Place& place, bool isDirectory)
     // It came and went before its directory was read.
     WatchedFile unknown;
     unknown.isDirectory = isDirectory;
-    const WatchedFile::Entries& entries = *place.directory.entries;
+    const WatchedFile::Entries& entries = *place.directory->entries;
     state_.NotifyDeleted(state_.rules.Covering(entries.inside, entries.holdsWay, place.path), place.path, unknown,
                          false);
 }
@@ -276,7 +290,7 @@ void RecordHandler::ChangeOwn(WatchedFile& file, const WatchRecord& record)
 
 void RecordHandler::ChangeEntry(const Place& place, const WatchRecord& record)
 {
-    const WatchedFile::Entries& entries = *place.directory.entries;
+    const WatchedFile::Entries& entries = *place.directory->entries;
     WatchedFile* file = place.File();
     // A file with a watch of its own has a record of its own for the rules that are for this path alone.
     const bool forOwners = entries.holdsWay && (file == nullptr || file->watch == 0);

@@ -28,17 +28,18 @@ private:
 
     // An entry of a watched directory that a record is about.
     struct Place {
-        WatchedFile& directory;
+        WatchedFile* directory;
         const std::string& name;
         std::string path;
-        [[nodiscard]] WatchedFile* File() const { return WatchedTree::Entry(directory, name); }
+        [[nodiscard]] WatchedFile* File() const { return WatchedTree::Entry(*directory, name); }
     };
 
     void HandleOwn(WatchedFile& file, const WatchRecord& record);
-    void HandleEntry(const Place& place, const WatchRecord& record, std::int64_t nowNs);
+    void HandleEntry(Place place, const WatchRecord& record, std::int64_t nowNs);
     void HandleEnd(const WatchRecord& record);
 
-    void FinishMove(const Move& from, const Place& place, bool isDirectory);
+    bool FindAgain(Place& place);
+    void FinishMove(const Move& from, Place& place, bool isDirectory);
     void Create(const Place& place, bool isDirectory, bool isMoved);
     void CreateKnown(const Place& place, WatchedFile& file, const TrackerState::Look& look, bool isDirectory,
                      bool isMoved);

@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include "attribute.h"
-#include "monitor/attribute_table.h"
 #include "monitor/watch_scope.h"
 
 namespace NEUtils {
@@ -28,6 +27,7 @@ void Renamer::Rename(WatchedFile& file, const std::string& from, WatchedFile& di
                      const TrackerState::Look& look)
 {
     const std::string to = Monitor::EntryOf(directory.entries->path, name);
+    const bool isDirectory = look.has_value() ? S_ISDIR(look->st_mode) : file.isDirectory;
     const std::vector<Moved> all = ListMoved(file);
     WatchedFile* const target = WatchedTree::Entry(directory, name);
     const FileStatus replaced = target == nullptr || !target->isKnown ? FileStatus() : target->status;
@@ -45,7 +45,7 @@ void Renamer::Rename(WatchedFile& file, const std::string& from, WatchedFile& di
     }
     state_.tree.Prune(above);
     // What was looked at by a path while its directory was being renamed may have been another file.
-    if (look.has_value() ? S_ISDIR(look->st_mode) : all.front().file->isDirectory) {
+    if (isDirectory) {
         state_.Unplace(state_.rules.OnWayAtOrBelow(from));
         state_.Unplace(state_.rules.OnWayAtOrBelow(to));
         state_.Suspect(from);
@@ -63,16 +63,15 @@ void Renamer::Rename(WatchedFile& file, const std::string& from, WatchedFile& di
     }
 }
 
-// Nothing is notified of a replaced file. A directory is not replaced unless the record of its end was lost.
+// Nothing is notified of a replaced file. A directory is replaced in an exchange, or where the record of its end was
+// lost; the rules that hear of the rename know of its end by that.
 void Renamer::Replace(WatchedFile& target, const std::string& to, const WatchRuleList& before)
 {
     if (target.isKnown && target.isDirectory) {
-        WatchRuleList rules = state_.Covering(target, to);
-        rules.erase(std::remove_if(rules.begin(), rules.end(), [&](const auto& rule) { return Holds(before, rule); }),
-                    rules.end());
-        state_.NotifyDeleted(rules, to, target, true);
+        reader_.Remove(target, to, true, before);
+    } else {
+        reader_.Forget(target);
     }
-    reader_.Forget(target);
 }
 
 std::vector<Renamer::Moved> Renamer::ListMoved(WatchedFile& top) const

@@ -27,10 +27,11 @@ std::vector<std::string> NamesOf(const std::string& path)
     return names;
 }
 
-std::string WithRest(std::string path, const std::vector<std::string>& rest)
+void AddName(std::vector<std::string>& names, const std::string& name)
 {
-    std::for_each(rest.rbegin(), rest.rend(), [&path](const auto& name) { path = Monitor::EntryOf(path, name); });
-    return path;
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+        names.push_back(name);
+    }
 }
 
 }  // namespace
@@ -49,7 +50,7 @@ RulePlacer::Way RulePlacer::Resolve(const Monitor::FileWatchRule& given) const
 RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) const
 {
     Way way;
-    way.path = "/";
+    way.path.assign(1, '/');
     way.isThere = true;
     way.isDirectory = true;
     int links = 0;
@@ -61,13 +62,13 @@ RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) co
         const std::string name = std::move(left.back());
         left.pop_back();
         if (name == "." || name == "..") {
-            way.path = name == "." ? way.path : Monitor::ParentOf(way.path);
+            if (name == "..") {
+                way.path = Monitor::ParentOf(way.path);
+            }
             continue;
         }
         const std::string next = Monitor::EntryOf(way.path, name);
-        if (std::find(way.names.begin(), way.names.end(), next) == way.names.end()) {
-            way.names.push_back(next);
-        }
+        AddName(way.names, next);
         struct stat status = {};
         std::string target;
         const bool isFound = state_.host.Look(next, status);
@@ -75,12 +76,18 @@ RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) co
             state_.host.ReadLink(next, target) && !target.empty()) {
             std::vector<std::string> names = NamesOf(target);
             left.insert(left.end(), names.begin(), names.end());
-            way.path = target[0] == '/' ? "/" : way.path;
+            if (target[0] == '/') {
+                way.path = std::string(1, '/');
+            }
             continue;
         }
         way.isDirectory = isFound && S_ISDIR(status.st_mode);
         way.isThere = isFound && (way.isDirectory || left.empty());
-        way.path = way.isThere ? next : WithRest(next, left);
+        way.path = next;
+    }
+    for (auto name = left.rbegin(); name != left.rend(); ++name) {  // as if they were there
+        way.path = Monitor::EntryOf(way.path, *name);
+        AddName(way.names, way.path);
     }
     return way;
 }

@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include "attribute.h"
-#include "monitor/attribute_table.h"
 
 namespace NEUtils {
 

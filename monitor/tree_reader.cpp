@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "attribute.h"
-#include "monitor/attribute_table.h"
 #include "monitor/watch_scope.h"
 
 namespace NEUtils {
@@ -249,10 +248,16 @@ void TreeReader::RemoveMissing(WatchedFile& directory, const Paths& names)
     }
 }
 
-void TreeReader::Remove(WatchedFile& file, const std::string& path, bool isMoved)
+void TreeReader::Remove(WatchedFile& file, const std::string& path, bool isMoved, const WatchRuleList& knowing)
 {
-    state_.NotifyDeleted(state_.Covering(file, path), path, file, isMoved);
-    WatchedTree::ForEach(file, [&](WatchedFile& one) {
+    WatchRuleList rules = state_.Covering(file, path);
+    rules.erase(std::remove_if(rules.begin(), rules.end(),
+                               [&knowing](const WatchRulePtr& rule) {
+                                   return std::find(knowing.begin(), knowing.end(), rule) != knowing.end();
+                               }),
+                rules.end());
+    state_.NotifyDeleted(rules, path, file, isMoved);
+    WatchedTree::ForEach(file, [&](WatchedFile& one) {  // for rules that only cover something below
         if (&one != &file && one.isKnown && one.parent->entries->holdsWay) {
             const std::string own = one.Path();
             state_.NotifyDeleted(state_.rules.OwnersOf(own), own, one, isMoved);

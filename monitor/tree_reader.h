@@ -31,8 +31,8 @@ public:
     void Create(WatchedFile& directory, const std::string& name, const std::string& path, const struct stat& status,
                 bool isMoved);
 
-    // Notifies the end of a file, and forgets it and all below it.
-    void Remove(WatchedFile& file, const std::string& path, bool isMoved);
+    // Notifies the end of a file, but for rules that know of it otherwise, and forgets it and all below it.
+    void Remove(WatchedFile& file, const std::string& path, bool isMoved, const WatchRuleList& knowing = {});
     void Forget(WatchedFile& file);
 
     // Forgets what no rule covers any more at a path and below it, without a word, and narrows the watches.

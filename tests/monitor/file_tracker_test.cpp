@@ -1,0 +1,257 @@
+#include "monitor/file_tracker.h"
+
+#include <cstdlib>
+#include <random>
+
+#include "tests/monitor/simulated_system.h"
+#include "tests/support/support.h"
+
+namespace {
+
+using Monitor::FileWatchRule;
+
+constexpr std::uint32_t kTreeEvents = IN_CREATE | IN_DELETE | IN_MOVE | IN_ATTRIB | IN_CLOSE_WRITE;
+
+int FromEnvironment(const char* name, int otherwise)
+{
+    const char* text = std::getenv(name);
+    return text == nullptr ? otherwise : std::atoi(text);
+}
+
+// A tracker on a simulated system, and for each rule what somebody knows who applies its events in their order.
+struct Model {
+    explicit Model(unsigned seed) : random(seed), tracker(system) { tracker.SetMounts(system.MountInfo()); }
+
+    unsigned Below(unsigned end) { return static_cast<unsigned>(random() % end); }
+    std::string Path()
+    {
+        std::string path = Below(5) == 0 ? "/out" : "/w";
+        for (unsigned depth = Below(3) + 1; depth > 0; --depth) {
+            path += std::string("/") + "abc"[Below(3)];
+        }
+        return path;
+    }
+    WatchRulePtr Add(const FileWatchRule& given)
+    {
+        const auto rule = std::make_shared<WatchRule>(given);
+        if (tracker.AddRule(rule) != FileTracker::Added::kYes) {
+            return nullptr;
+        }
+        Take();
+        for (const std::string& path : Covered(*rule)) {  // those that were there already are not told
+            known[rule].insert(path);
+        }
+        return rule;
+    }
+
+    void Mutate()
+    {
+        const std::string path = Path();
+        switch (Below(14)) {
+        case 0:
+        case 1:
+        case 2:
+            system.Create(path, true);
+            break;
+        case 3:
+        case 4:
+            system.Create(path, false);
+            break;
+        case 5:
+        case 6:
+            system.Remove(path);
+            break;
+        case 7:
+            system.Change(path, Below(2) == 0);
+            break;
+        case 8:
+            system.Rename(path, Path(), true);
+            break;
+        case 9:
+            if (mounts && Below(4) == 0) {
+                system.Mount(path, Below(2) == 0 ? "" : Path());
+            } else if (mounts) {
+                system.Unmount(static_cast<int>(Below(3)));
+            }
+            break;
+        case 10:
+            if (links) {
+                system.Remove("/link");
+                system.Create("/link", false, Below(2) == 0 ? "/w" : "w/a");
+            }
+            break;
+        default:
+            system.Rename(path, Path(), false);
+            break;
+        }
+    }
+
+    // Hands over so many records, with changes in between and before each look.
+    void Feed(std::size_t count)
+    {
+        for (; count > 0 && !system.records.empty(); --count) {
+            const WatchRecord record = system.records.front();
+            system.records.pop_front();
+            tracker.Handle(record, ++now);
+            Take();
+            if (Below(8) == 0) {
+                tracker.EndMovesBefore(now - 4);
+            }
+        }
+    }
+    // Until nothing is left to do. No change comes meanwhile.
+    void Rest()
+    {
+        for (int i = 0; i < 40; ++i) {
+            if (std::exchange(system.mountsChanged, false)) {
+                tracker.SetMounts(system.MountInfo());
+            }
+            Feed(SIZE_MAX);
+            tracker.EndMovesBefore(INT64_MAX);
+            if (std::exchange(system.overflowed, false)) {
+                tracker.Compare();
+            }
+            tracker.LookAgain();
+            Take();
+        }
+        EXPECT_TRUE(system.records.empty() && !tracker.HasSuspects());
+    }
+
+    void Take()
+    {
+        for (const Notification& notification : tracker.TakeNotifications()) {
+            std::set<std::string>& paths = known[notification.rule];
+            const Monitor::FileEvent& event = notification.event;
+            const auto isBelow = [](const std::string& top) {
+                return [top](const std::string& path) { return Monitor::IsAtOrBelow(path, top); };
+            };
+            if (event.mask == IN_CREATE) {
+                paths.insert(event.path);
+            } else if (event.mask == IN_DELETE) {
+                std::erase_if(paths, isBelow(event.path));
+            } else if (!event.oldPath.empty()) {
+                std::set<std::string> moved;
+                for (const std::string& path : paths) {
+                    if (Monitor::IsAtOrBelow(path, event.oldPath)) {
+                        moved.insert(event.path + path.substr(event.oldPath.size()));
+                    }
+                }
+                std::erase_if(paths, isBelow(event.path));
+                std::erase_if(paths, isBelow(event.oldPath));
+                paths.merge(moved);
+            }
+        }
+    }
+
+    // What a rule covers of what is there.
+    std::set<std::string> Covered(const WatchRule& rule) const
+    {
+        std::set<std::string> paths;
+        Collect(rule.rule, rule.rule.path, paths);
+        return paths;
+    }
+    void Collect(const FileWatchRule& rule, const std::string& path, std::set<std::string>& paths) const
+    {
+        const int inode = system.At(path);
+        if (inode == 0 || !Monitor::Covers(rule, path)) {
+            return;
+        }
+        paths.insert(path);
+        const bool stops = path != rule.path && !rule.crossMounts &&
+                           std::ranges::any_of(system.mounts, [&](auto& mount) { return mount.second.path == path; });
+        if (Monitor::LooksInto(rule, path) && !stops) {
+            for (const auto& [name, entry] : system.inodes.at(inode).entries) {
+                Collect(rule, Monitor::EntryOf(path, name), paths);
+            }
+        }
+    }
+    // True if whoever has followed the events knows what is there.
+    bool Agrees()
+    {
+        bool agrees = true;
+        for (const WatchRulePtr& rule : rules) {
+            const std::set<std::string> there = Covered(*rule);
+            agrees = agrees && known[rule] == there;
+            EXPECT_EQ(known[rule], there) << rule->given.path << (rule->given.recursive ? " recursive" : "")
+                                          << (rule->given.crossMounts ? " across mounts" : "");
+        }
+        return agrees;
+    }
+    // A file in each directory of the tree, for which it must be watched.
+    void Probe()
+    {
+        for (const WatchRulePtr& rule : rules) {
+            for (const std::string& path : Covered(*rule)) {
+                system.Create(path + "/probe", false);
+            }
+        }
+    }
+
+    std::minstd_rand random;
+    SimulatedSystem system;
+    FileTracker tracker;
+    WatchRuleList rules;
+    std::map<WatchRulePtr, std::set<std::string>> known;
+    std::int64_t now = 0;
+    bool mounts = false;
+    bool links = false;
+};
+
+}  // namespace
+
+// Whatever happens, in whatever order it is looked at: who follows the events knows what is there, and every directory
+// is watched. NEUTILS_SEQUENCES makes more of them, NEUTILS_SEED one.
+TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
+{
+    const int only = FromEnvironment("NEUTILS_SEED", -1);
+    const int first = std::max(only, 0);
+    const int count = only >= 0 ? 1 : FromEnvironment("NEUTILS_SEQUENCES", 3000);
+    for (int seed = first; seed < first + count && !testing::Test::HasFailure(); ++seed) {
+        SCOPED_TRACE("NEUTILS_SEED=" + std::to_string(seed));
+        Model model(static_cast<unsigned>(seed) + 1);
+        for (const char* path : {"/w", "/out", "/w/a", "/w/a/b", "/out/b", "/out/b/c"}) {
+            model.system.Create(path, true);
+        }
+        model.mounts = seed % 4 == 3;
+        model.links = seed % 4 == 2;
+        model.system.Create("/link", false, "/w");
+        const std::vector<FileWatchRule> given = {
+            {"/w", true, kTreeEvents, {}, nullptr, nullptr, seed % 8 == 7, false},
+            {"/w/a", false, kTreeEvents, {}, nullptr, nullptr, false, true},
+            {"/w/b/c", true, kTreeEvents, {"a"}, nullptr, nullptr, false, true},
+            {"/link/b", true, kTreeEvents, {}, nullptr, nullptr, false, true},
+        };
+        for (std::size_t i = 0; i < given.size() && (i == 0 || model.Below(2) == 0); ++i) {
+            model.rules.push_back(model.Add(given[i]));
+        }
+        const unsigned hurry = model.Below(4) == 0 ? 0 : 6;  // how often something happens before a look
+        model.system.maxRecords = model.Below(8) == 0 ? 6 : 100000;
+        for (int step = 0; step < 40; ++step) {
+            model.system.meanwhile = nullptr;
+            model.Mutate();
+            int left = 3;
+            model.system.meanwhile = [&model, &left, hurry] {
+                if (hurry > 0 && left > 0 && model.Below(hurry) == 0) {
+                    --left;
+                    model.Mutate();
+                }
+            };
+            if (model.Below(3) == 0) {
+                model.Feed(model.Below(6));
+            }
+            if (model.Below(10) == 0) {
+                model.tracker.LookAgain();
+                model.Take();
+            }
+        }
+        model.system.meanwhile = nullptr;
+        model.system.maxRecords = 100000;
+        model.Rest();
+        if (model.Agrees()) {
+            model.Probe();
+            model.Rest();
+            model.Agrees();
+        }
+        model.tracker.Clear();
+    }
+}
