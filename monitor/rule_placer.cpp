@@ -155,7 +155,7 @@ void RulePlacer::WatchWay(const std::string& directory)
     }
     WatchedFile& file = state_.tree.AddPath(directory);
     WatchedTree::MakeDirectory(file);
-    reader_.FindRulesInside(file);
+    file.entries->holdsWay = true;
     struct stat status = {};
     if (!state_.host.Look(directory, status)) {
         return;

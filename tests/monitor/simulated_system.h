@@ -49,9 +49,8 @@ struct SimulatedSystem : NEUtils::WatchHost {
     int Above(const std::string& path) const { return At(NEUtils::Monitor::ParentOf(path)); }
     bool IsMountedOn(int inode) const
     {
-        return mounts.count(inode) != 0 ||
-               std::any_of(inodes.at(inode).entries.begin(), inodes.at(inode).entries.end(),
-                           [this](const auto& entry) { return IsMountedOn(entry.second); });
+        return mounts.count(inode) != 0 || std::any_of(inodes.at(inode).entries.begin(), inodes.at(inode).entries.end(),
+                                                       [this](const auto& entry) { return IsMountedOn(entry.second); });
     }
 
     void Create(const std::string& path, bool isDirectory, const std::string& target = {})
@@ -68,7 +67,8 @@ struct SimulatedSystem : NEUtils::WatchHost {
     {
         const int above = Above(path);
         const int inode = At(path);
-        if (above == 0 || inode == 0 || !inodes[inode].entries.empty() || IsMountedOn(inodes[above].entries[Name(path)])) {
+        if (above == 0 || inode == 0 || !inodes[inode].entries.empty() ||
+            IsMountedOn(inodes[above].entries[Name(path)])) {
             return;
         }
         inodes[above].entries.erase(Name(path));
@@ -110,11 +110,11 @@ struct SimulatedSystem : NEUtils::WatchHost {
             End(other, IN_DELETE_SELF);
         }
     }
-    // An empty file system, or, as a bind mount, another directory.
+    // An empty file system, or, as a bind mount and alone, so that no circles arise, another directory.
     void Mount(const std::string& path, const std::string& bind)
     {
         const int inode = At(path);
-        if (inode == 0 || !inodes[inode].isDirectory || path == "/" || mounts.size() > 2) {
+        if (inode == 0 || !inodes[inode].isDirectory || path == "/" || mounts.size() > (bind.empty() ? 1 : 0)) {
             return;
         }
         int root = bind.empty() ? ++lastInode : At(bind);
