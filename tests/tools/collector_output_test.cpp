@@ -197,7 +197,7 @@ TEST_F(CollectorOutputTest, AnAgentKeepsItsReportsWhileTheDiskIsFull)
     fs::copy(AGENT_PROGRAM, folder_ / "root/bin");
     fs::copy(FEATURE_DIR "libprocess_watch.so", folder_ / "root/lib/features");
     fs::permissions(folder_ / "root/lib/features/libprocess_watch.so", fs::perms(0755));
-    Write(folder_ / "root/conf/policies/process_watch.policy", "enable=on\n");
+    Write(folder_ / "root/conf/policies/process_watch.policy", "enable=on\nrepeats=0\n");
     Write(folder_ / "root/conf/agent.conf", "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=" + path_ + "\nREPORT_SECONDS=0\n");
     const std::string out = disk + "/out";
     pid_ = Start("--json --listen unix:" + path_, out);
