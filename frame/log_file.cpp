@@ -108,10 +108,10 @@ void LogSystem::LogFile::WriteLog(const Formatter& formatter, const NENormalLog&
 
 bool LogSystem::LogFile::FlushLogStream(const char* data, unsigned int length)
 {
-    const StopDeferral untilWritten;
-    if (abandoned_) {
+    if (abandoned_ || StopDeferral::IsInterrupted()) {
         return false;
     }
+    const StopDeferral untilWritten;
     const std::lock_guard<std::mutex> lock(fileMutex_);
     if (retired_) {
         return false;

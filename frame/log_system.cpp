@@ -120,6 +120,9 @@ const char* LogSystem::AddToSlot(std::shared_ptr<LogFile> file, const std::strin
 bool LogSystem::Register(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
                          Formatter formatter)
 {
+    if (StopDeferral::IsInterrupted()) {
+        return false;
+    }
     const std::string path = file == nullptr ? std::string() : file->filePath_;
     const char* fault = nullptr;
     if (file == nullptr) {
@@ -142,6 +145,9 @@ bool LogSystem::Register(std::shared_ptr<LogFile> file, const std::string& kind,
 bool LogSystem::UpdateLogConfig(const std::string& name, unsigned int minLevel, unsigned int maxFileSize,
                                 unsigned int rollCount)
 {
+    if (StopDeferral::IsInterrupted()) {
+        return false;
+    }
     const StopDeferral untilUnlocked;
     for (Slot& slot : Slots()) {
         const std::lock_guard<std::mutex> lock(slot.slotMutex);
@@ -163,7 +169,7 @@ bool LogSystem::Unregister(const std::string& name)
 {
     std::shared_ptr<LogFile> file;
     std::string kind;
-    {
+    if (!StopDeferral::IsInterrupted()) {
         const StopDeferral untilUnlocked;
         const std::lock_guard<std::mutex> registration(RegistrationMutex());
         for (Slot& slot : Slots()) {
@@ -189,7 +195,7 @@ bool LogSystem::Unregister(const std::string& name)
 void LogSystem::CloseAllLogFile()
 {
     std::vector<std::shared_ptr<LogFile>> files;
-    {
+    if (!StopDeferral::IsInterrupted()) {
         const StopDeferral untilUnlocked;
         const std::lock_guard<std::mutex> registration(RegistrationMutex());
         for (Slot& slot : Slots()) {

@@ -143,7 +143,7 @@ void LoggerWriteLog(const char* logKind, LogLevel level, const char* fileName, u
 {
     // Kept because the startup kind is a name to register files under and no more: its records are dropped.
     if (format == nullptr || logKind == nullptr || std::strcmp(logKind, NEUtils::kStartupLog) == 0 ||
-        t_depth >= kMaxDepth) {
+        t_depth >= kMaxDepth || NEUtils::StopDeferral::IsInterrupted()) {
         return;
     }
     const NEUtils::StopDeferral untilWritten;
@@ -237,6 +237,9 @@ template NEUTILS_API MessageBus::SubList<const NENormalLog&>& MessageBus::GetSub
 
 bool MessageBus::Subscribe(const std::string& kind, const std::string& name, Subscriber subscriber)
 {
+    if (StopDeferral::IsInterrupted()) {
+        return false;
+    }
     GatedSubscriber gated{std::make_shared<GatedSubscriber::Shared>(std::move(subscriber))};
     const StopDeferral untilUnlocked;
     const std::lock_guard<std::mutex> lock(GetSubMutex());
@@ -248,6 +251,9 @@ namespace {
 // Takes a subscriber out of the registry. The caller destroys it, without the lock: it may own a file, or log.
 bool TakeOut(const std::string& kind, const std::string& name, MessageBus::Subscriber& removed)
 {
+    if (StopDeferral::IsInterrupted()) {
+        return false;
+    }
     const StopDeferral untilUnlocked;
     const std::lock_guard<std::mutex> lock(MessageBus::GetSubMutex());
     auto& list = MessageBus::GetSubList<const NENormalLog&>();

@@ -10,6 +10,7 @@ namespace {
 // In the initial-exec model, since any other may allocate at its first use, which can be in the handler.
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_depth = 0;
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_putOff = 0;
+[[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_interrupted = 0;
 
 }  // namespace
 
@@ -21,8 +22,12 @@ void StopDeferral::Begin()
 void StopDeferral::End()
 {
     t_depth = t_depth - 1;
+    if (t_depth > 0) {
+        return;
+    }
+    t_interrupted = 0;
     const int signo = t_putOff;
-    if (t_depth == 0 && signo != 0) {
+    if (signo != 0) {
         t_putOff = 0;
         pthread_kill(pthread_self(), signo);
     }
@@ -30,12 +35,21 @@ void StopDeferral::End()
 
 bool StopDeferral::PutOff(int signo)
 {
-    const bool isStop = signo == SIGINT || signo == SIGQUIT || signo == SIGTSTP;
-    if (!isStop || t_depth == 0 || t_putOff != 0) {
+    if (t_depth == 0 || signo == SIGUSR1) {
         return false;
     }
-    t_putOff = signo;
-    return true;
+    const bool isStop = signo == SIGINT || signo == SIGQUIT || signo == SIGTSTP;
+    if (isStop && t_putOff == 0) {
+        t_putOff = signo;
+        return true;
+    }
+    t_interrupted = 1;
+    return false;
+}
+
+bool StopDeferral::IsInterrupted()
+{
+    return t_interrupted != 0;
 }
 
 }  // namespace NEUtils

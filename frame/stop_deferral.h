@@ -4,7 +4,9 @@ namespace NEUtils {
 
 // Puts a stop signal off while this thread holds locks of the logger or of a log file. The stop function runs in the
 // signal's handler and may log; it would wait for its own thread for ever. The signal is sent again at the end of the
-// scope. A second one is not put off, so a program that hangs in a log call can still be stopped.
+// scope. A second one is not put off, so a program that hangs in a log call can still be stopped, and neither is a
+// fault. The thread then runs the stop function in the middle of a log call, and until that is over it takes none of
+// these locks: its records are dropped.
 //
 // Threads  each puts off its own signals.
 class StopDeferral {
@@ -20,6 +22,9 @@ public:
 
     // For the signal handler: true if the signal has been put off.
     static bool PutOff(int signo);
+
+    // A handler runs on this thread in the middle of a log call.
+    static bool IsInterrupted();
 };
 
 }  // namespace NEUtils

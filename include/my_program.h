@@ -25,7 +25,8 @@ namespace NEUtils {
 // A stop signal that is not blocked interrupts whatever its thread does at that moment, and the stop function then
 // runs in the middle of that. While the thread is in a log call the frame puts the signal off. It cannot do so for
 // other locks, such as malloc's: a stop function that needs one of them may wait for its own thread for ever. So call
-// BlockStopSignals() first in main(), and wait in WaitForStop(). A crash signal is never put off.
+// BlockStopSignals() first in main(), and wait in WaitForStop(). A crash signal and a second stop signal are not put
+// off: after one in the middle of a log call, what the stop function logs on that thread is dropped.
 //
 // Threads  one: the main thread, before it starts others. The handler may run on any thread.
 // Limits   paths of at most 4,095 characters.

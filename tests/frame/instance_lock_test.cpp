@@ -52,7 +52,7 @@ TEST_F(InstanceLockTest, IsHeldByOneUntilItsEndHoweverItEnds)
 TEST_F(InstanceLockTest, AForkedChildKeepsItAndAProgramDoesNot)
 {
     const std::string daemon = dir_ / "daemon";
-    Kill(Hold([&] {
+    const pid_t holder = Hold([&] {
         const pid_t child = Fork([&] {
             prctl(PR_SET_PDEATHSIG, 0);
             InstanceLock().Release();
@@ -60,8 +60,9 @@ TEST_F(InstanceLockTest, AForkedChildKeepsItAndAProgramDoesNot)
             return pause();
         });
         return child > 0 ? pause() : 1;
-    }));
-    EXPECT_TRUE(Eventually([&] { return !Read(daemon).empty(); }));
+    });
+    ASSERT_TRUE(Eventually([&] { return !Read(daemon).empty(); }));
+    Kill(holder);
     EXPECT_EQ(lock_.Take(path_), Result::kHeld);
     kill(std::stoi(Read(daemon)), SIGKILL);
     EXPECT_TRUE(Eventually([&] { return lock_.Take(path_) == Result::kTaken; }));
