@@ -12,9 +12,9 @@
 
 namespace NEUtils {
 
-// Writes the checker's records on a thread of its own, "CheckLog". A log can hang: its disk stalls, or the
-// thread that holds its file's lock hangs. The checker must go on counting heartbeats then, and still end
-// the process.
+// Writes the checker's records on a thread of its own, which is named "CheckManager" as well. A log can hang:
+// its disk stalls, or the thread that holds its file's lock hangs. The checker must go on counting heartbeats
+// then, and still end the process.
 //
 // Threads  any. Without a running thread a record is written by the caller.
 // Blocks   Write and WaitUntilWritten wait at most two seconds for a log that hangs, and no longer at all

@@ -1,16 +1,14 @@
 #include "process/process_search.h"
 
-#include <regex.h>
-
 #include <algorithm>
 
 #include "process_utils.h"
-#include "user_info.h"
 
 namespace NEUtils {
 
 namespace {
 
+constexpr std::size_t kUsualLine = 1024;
 constexpr std::size_t kMaxLine = 128 * 1024;  // as much as ps prints
 constexpr char kLeftOut[] = "grep";
 
@@ -21,27 +19,12 @@ void MakePlain(std::string& text)
         text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
 }
 
-class Pattern {
-public:
-    explicit Pattern(const std::string& text) : isValid_(regcomp(&compiled_, text.c_str(), REG_NOSUB) == 0) {}
-    ~Pattern()
-    {
-        if (isValid_) {
-            regfree(&compiled_);
-        }
-    }
-    Pattern(const Pattern&) = delete;
-    Pattern& operator=(const Pattern&) = delete;
-
-    bool Matches(const std::string& text) const
-    {
-        return isValid_ && regexec(&compiled_, text.c_str(), 0, nullptr, 0) == 0;
-    }
-
-private:
-    regex_t compiled_{};
-    const bool isValid_;
-};
+// Most lines are short: reading the longest possible one for each would take most of the time.
+bool ReadLine(int pid, std::string& line)
+{
+    return ProcessUtils::GetCmdLine(pid, line, kUsualLine) &&
+           (line.size() < kUsualLine || ProcessUtils::GetCmdLine(pid, line, kMaxLine));
+}
 
 }  // namespace
 
@@ -53,7 +36,7 @@ ProcessSearch::ProcessSearch()
     for (const int pid : pids) {
         Line line = {std::to_string(pid), ""};
         // Without a command line it is a kernel thread or has ended, and cannot match.
-        if (!ProcessUtils::GetCmdLine(pid, line.text, kMaxLine) || line.text.empty()) {
+        if (!ReadLine(pid, line.text) || line.text.empty()) {
             continue;
         }
         MakePlain(line.text);
@@ -65,11 +48,11 @@ ProcessSearch::ProcessSearch()
 
 std::vector<std::string> ProcessSearch::Find(const std::string& pattern) const
 {
-    const Pattern compiled(pattern);
+    const auto isSame = [](char inLine, char wanted) { return wanted == '.' || inLine == wanted; };
     std::vector<std::string> pids;
-    for (const Line& line : lines_) {
-        if (compiled.Matches(line.text)) {
-            pids.push_back(line.pid);
+    for (const auto& [pid, text] : lines_) {
+        if (std::search(text.begin(), text.end(), pattern.begin(), pattern.end(), isSame) != text.end()) {
+            pids.push_back(pid);
         }
     }
     return pids;
