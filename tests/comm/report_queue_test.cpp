@@ -130,7 +130,11 @@ TEST_F(ReportQueueTest, DropsAreCountedAndReported)
     EXPECT_TRUE(queue_.Drain(20000));
     EXPECT_FALSE(queue_.Push(2, "", 0) || queue_.Push(1, nullptr, 1) || queue_.Push(1, "", kMaxMsgBody + 1));
     EXPECT_TRUE(records_.Has("ERROR Invalid report.[type=2 length=0]"));
-    EXPECT_EQ(TakeNotice(true).second, 7UL);
+    std::uint64_t total = 0;
+    while (total < 7 && !HasFailure()) {  // in one notice or several
+        total = TakeNotice(true).second;
+    }
+    EXPECT_TRUE(Eventually([this] { return queue_.GetAccount().dropsReported == 7; }));
     const ReportAccount account = queue_.GetAccount();
     EXPECT_EQ(std::tuple(account.pushed, account.acknowledged, account.waiting + account.unanswered),
               std::tuple(11UL, 4UL, 0UL));
