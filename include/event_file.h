@@ -25,7 +25,7 @@ class NEUTILS_API EventFile {
 public:
     struct Settings {
         std::string path;                  // absolute
-        std::uint64_t maxSize = 10 << 20;  // in bytes, above which it rolls; 0: it never does
+        std::uint64_t maxSize = 10 << 20;  // in bytes; a line that does not fit makes it roll; 0: it never does
         unsigned int copies = 5;           // rolled files to keep; 0: a full file is removed
     };
 

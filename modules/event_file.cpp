@@ -235,7 +235,9 @@ std::string EventFile::Writer::Prepare(std::size_t& done)
         return OpenFile();
     }
     size_ = static_cast<std::uint64_t>(opened.st_size);  // somebody may have cut it
-    return atLineStart_ && settings_.maxSize != 0 && size_ >= settings_.maxSize ? Roll() : std::string();
+    const std::uint64_t next = taken_.find('\n', done) + 1 - done;
+    const bool isFull = settings_.maxSize != 0 && size_ > 0 && size_ + next > settings_.maxSize;
+    return atLineStart_ && isFull ? Roll() : std::string();
 }
 
 // Its beginning is in a file that is somewhere else now.
