@@ -8,7 +8,7 @@
 #include "command.h"
 #include "report_text.h"
 
-// What an agent says to a command.
+// What an agent has answered to a command.
 struct Answer {
     std::int32_t result = 0;  // 0 or a CommandResult, of a newer agent any number
     std::string reason;

@@ -15,7 +15,7 @@ Client::Client(event_base* base, Commands& commands) : commands_(commands), resu
 {
 }
 
-// Not from here: whoever tells this is in the middle of something.
+// Later, since the caller is in the middle of something.
 void Client::OnCommandEnded()
 {
     --underWay_;

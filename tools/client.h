@@ -8,7 +8,7 @@
 #include "commands.h"
 #include "event_ptr.h"
 
-// Reads commands, a line each, and runs a few of them at a time.
+// Reads commands, a line each, and runs at most 16 of them at a time.
 class Client : public Asker {
 public:
     Client(event_base* base, Commands& commands);
@@ -16,10 +16,10 @@ public:
 
 protected:
     virtual void Serve() = 0;      // takes what has come
-    void ServeSoon();              // from the event loop
-    void TakeLines(evbuffer* in);  // runs them while it may
-    void DropLines(evbuffer* in);  // says so
-    bool HasRoom() const;          // for one more command
+    void ServeSoon();              // calls Serve from the event loop
+    void TakeLines(evbuffer* in);  // runs whole lines, as long as there is room for another command
+    void DropLines(evbuffer* in);  // removes them, and says so
+    bool HasRoom() const;
     bool IsDone() const { return ended_ && underWay_ == 0; }
 
     bool ended_ = false;  // no more will come

@@ -4,13 +4,14 @@
 #include <cstdint>
 #include <string>
 
-// What the agents are told to do.
+// An order to the agents.
 struct Command {
     std::uint32_t type = 0;  // 0: nothing for them
     bool isHelp = false;
-    std::string feature;  // of kMsgPolicy, as what follows
+    // Of kMsgPolicy:
+    std::string feature;
     bool enable = false;
-    std::string policy;  // empty: none
+    std::string policy;  // empty: the one that the agent keeps
 };
 
 // The commands that a line may hold, as --help and the command help list them.

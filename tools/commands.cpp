@@ -89,7 +89,7 @@ void Commands::SayDone(const UnderWay& underWay) const
 
 void Commands::End(std::uint32_t seq)
 {
-    const auto underWay = underWay_.extract(seq);  // the asker may drop out over what it is told
+    const auto underWay = underWay_.extract(seq);  // what it says may remove the asker
     if (Asker* asker = underWay.mapped().asker; asker != nullptr) {
         SayDone(underWay.mapped());
         asker->OnCommandEnded();

@@ -13,13 +13,13 @@
 #include "printer.h"
 #include "report_text.h"
 
-// Who gives commands. Is told what the agents answer, and when a command has ended.
+// Whoever gives commands.
 class Asker {
 public:
     virtual ~Asker() = default;
-    virtual void Say(const std::string& line) = 0;
-    virtual void SayAnswer(const std::string& line) { Say(line); }
-    virtual void OnCommandEnded() = 0;  // only of one that was left under way
+    virtual void Say(const std::string& line) = 0;                  // a result or a fault
+    virtual void SayAnswer(const std::string& line) { Say(line); }  // what an agent has answered
+    virtual void OnCommandEnded() = 0;                              // of one for which Run gave true
 };
 
 // The agents that commands go to.
@@ -32,25 +32,28 @@ protected:
     ~AgentGroup() = default;
 };
 
-// The commands that are under way: to every agent that is connected, until all have answered or are gone, or
-// the time is over.
+// The commands that are under way. A command goes to every agent that is connected, and ends when all of them have
+// answered or are gone, after 10 seconds at most.
+//
+// Threads  the event loop's only.
+// Limits   512 commands at once.
 class Commands {
 public:
     Commands(event_base* base, Printer& printer, AgentGroup& agents) : base_(base), printer_(printer), agents_(agents)
     {
     }
 
-    // Does what a line says, or says what is wrong with it. True if a command is under way then.
+    // Carries out a line, or says to the asker what is wrong with it. True if a command is under way then.
     bool Run(const std::string& line, Asker& asker);
     std::string FaultText(const std::string& fault) const;
 
-    // Whether a response is the answer of this agent to a command that is under way.
+    // Whether a command waits for this response of this agent.
     bool Expects(const Sender& sender, const NEUtils::SentrelAgentMsg& header) const;
-    // Such a one; tells everybody. Gives what is wrong with it, or nothing.
+    // Takes such a response: prints it and gives it to the asker. Gives what is wrong with it, or nothing.
     std::string TakeAnswer(const Sender& sender, const NEUtils::SentrelAgentMsg& header, unsigned char* body);
 
-    void Forget(const Sender& sender);  // answers no more
-    void Forget(const Asker& asker);    // listens no more; its commands go on
+    void Forget(const Sender& sender);  // waits for this agent no more
+    void Forget(const Asker& asker);    // says nothing more to this asker; its commands go on
 
 private:
     struct UnderWay {

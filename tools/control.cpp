@@ -64,7 +64,7 @@ void SocketClient::Serve()
     }
 }
 
-// Many agents may answer at once: what is due goes out on the spot before a client counts as slow.
+// Many agents may answer at once: before a client counts as slow, what it can take is sent on the spot.
 void SocketClient::Say(const std::string& line)
 {
     if (dropped_) {

@@ -13,12 +13,12 @@
 
 class Control;
 
-// Of a control socket.
+// A client of a control socket.
 class SocketClient final : public Client {
 public:
     SocketClient(Control& control, event_base* base, Commands& commands, EventPtr<bufferevent> buffers);
 
-    // Runs no more commands; ends when those under way have, and all is sent.
+    // Runs no more commands; ends when those under way have ended and all is sent.
     void Finish();
 
     void Say(const std::string& line) override;
@@ -36,7 +36,10 @@ private:
     bool dropped_ = false;  // reads too slowly
 };
 
-// Where commands come from.
+// Where commands come from: clients of the control sockets, and standard input.
+//
+// Threads  the event loop's only.
+// Limits   16 clients; 256 KiB that one does not read, for 60 seconds.
 class Control {
 public:
     // onChange is called when the last client has gone.

@@ -15,6 +15,9 @@
 namespace {
 
 constexpr int kBacklog = 512;
+constexpr int kKeepIdleSeconds = 60;
+constexpr int kKeepPeriodSeconds = 10;
+constexpr int kKeepTries = 6;
 
 const sockaddr* Address(const Endpoint& endpoint)
 {
@@ -204,6 +207,10 @@ bool ListenSocket::BindAddress()
     const int on = 1;
     setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    // An agent whose host is gone without a word is noticed after two minutes.
+    setsockopt(fd_, IPPROTO_TCP, TCP_KEEPIDLE, &kKeepIdleSeconds, sizeof(kKeepIdleSeconds));
+    setsockopt(fd_, IPPROTO_TCP, TCP_KEEPINTVL, &kKeepPeriodSeconds, sizeof(kKeepPeriodSeconds));
+    setsockopt(fd_, IPPROTO_TCP, TCP_KEEPCNT, &kKeepTries, sizeof(kKeepTries));
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     if (endpoint_.address.ss_family == AF_INET6) {  // leaves the port of 0.0.0.0 to whoever wants it
         setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));

@@ -29,8 +29,8 @@ InputClient::~InputClient()
     Close();
 }
 
-// Opened anew where that is possible: others share the one of the shell, so that it cannot be made
-// non-blocking, and one of them may take what has come. A file goes on where it stands.
+// Opens standard input anew where that is possible. Other processes share the descriptor of the shell: it must
+// not become non-blocking for them, and one of them may read what has come. A file goes on where it stands.
 std::string InputClient::Open()
 {
     struct stat status = {};

@@ -6,7 +6,7 @@
 
 #include "client.h"
 
-// Standard input, of whatever kind; is answered on standard error.
+// Commands from standard input, of whatever kind. Standard error has what is said to it.
 class InputClient final : public Client {
 public:
     InputClient(event_base* base, Commands& commands) : Client(base, commands), base_(base), in_(evbuffer_new()) {}
@@ -18,7 +18,7 @@ public:
     void Check();   // once a second
 
     void Say(const std::string& line) override;
-    void SayAnswer(const std::string&) override {}  // standard output has it
+    void SayAnswer(const std::string&) override {}  // standard output has the answers
 
 private:
     static void OnReady(int fd, short what, void* self);
