@@ -1,7 +1,7 @@
 # Lays out a whole install root: bin, conf, log, libraries and headers below one prefix.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS neutils EXPORT NEUtilsTargets
+install(TARGETS neutils neutils_trace EXPORT NEUtilsTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS sentrel-agent RUNTIME DESTINATION bin)
 if(NEUTILS_BUILD_COLLECTOR)
@@ -44,4 +44,5 @@ install(FILES ${PROJECT_BINARY_DIR}/NEUtilsConfig.cmake ${PROJECT_BINARY_DIR}/NE
 file(RELATIVE_PATH pcUpwards /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" pcUpwards "${pcUpwards}")
 configure_file(cmake/neutils.pc.in ${PROJECT_BINARY_DIR}/neutils.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/neutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/neutils-trace.pc.in ${PROJECT_BINARY_DIR}/neutils-trace.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/neutils.pc ${PROJECT_BINARY_DIR}/neutils-trace.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

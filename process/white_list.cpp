@@ -1,8 +1,8 @@
 // The white list of a process monitor: which processes are on it, and how it follows their forks and exits.
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 
+#include "process/platform_patterns.h"
 #include "process/process_search.h"
 #include "process_monitor.h"
 #include "util/file.h"
@@ -10,17 +10,6 @@
 namespace NEUtils {
 
 namespace {
-
-constexpr std::array<const char*, 8> kPatterns = {
-    "/opt/omx/envs/DBAgent",
-    "tools/pyscript/deployagent/DeployAgent.pyc",
-    "/opt/omx/manager/agent/DeployAgent/tools/pyscript/watchdog.pyc",
-    "/opt/omx/envs/NodeAgent",
-    "/usr/bin/sysmonitor --daemon",
-    "/bin/bash /opt/omx/envs/Product-Etcd",
-    "/opt/omx/envs/ServiceAwareWatchAgent",
-    "/usr/sbin/setroubleshootd",
-};
 
 int ToId(const std::string& text)
 {
@@ -103,7 +92,7 @@ void ProcessMonitor::UpdateProcessWhiteList()
 void ProcessMonitor::SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries)
 {
     const ProcessSearch search;
-    for (const char* pattern : kPatterns) {
+    for (const char* pattern : kPlatformPatterns) {
         std::vector<std::string>& ids = entries[pattern];
         ids = search.Find(pattern);
         if (!processesOnly_) {  // which get no event of a thread, so they would not see when its id is free again

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <memory>
+
+#include "process/trace_source.h"
+
+namespace NEUtils {
+
+// The source that works without trace programs: the process connector, completed from /proc.
+std::unique_ptr<TraceSource> MakeConnectorSource(const ProcessTracer::Settings& settings);
+
+}  // namespace NEUtils

@@ -1,0 +1,149 @@
+#include "process/exec_reader.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <vector>
+
+#include "logger.h"
+#include "util/clock.h"
+#include "util/errno_text.h"
+#include "util/stop_signals.h"
+
+namespace NEUtils {
+
+namespace {
+
+constexpr std::size_t kMaxLooks = 20000;
+constexpr std::uint64_t kSwitchNs = 5 * Clock::kNsPerMs;  // an exec changes the process this long before its event
+constexpr std::chrono::milliseconds kPatience{50};
+
+}  // namespace
+
+std::uint64_t ConnectorNow()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * Clock::kNsPerSecond + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+ExecReader::~ExecReader()
+{
+    RequestStop();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+bool ExecReader::Open(int priority, std::string& reason)
+{
+    stop_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!stop_.IsValid()) {
+        const int error = errno;
+        reason = std::string("cannot make an event descriptor: ") + ErrnoText(error).Get();
+        return false;
+    }
+    if (!socket_.Open(ConnectorSocket::kExecs, reason)) {
+        return false;
+    }
+    const StopSignalsBlocked blocked;
+    running_ = true;
+    try {
+        thread_ = std::thread([this, priority] { Run(priority); });
+    } catch (const std::exception& error) {
+        reason = std::string("cannot start the reader of /proc: ") + error.what();
+        return false;
+    }
+    pthread_setname_np(thread_.native_handle(), "process-reader");
+    return true;
+}
+
+void ExecReader::RequestStop()
+{
+    running_ = false;
+    if (stop_.IsValid()) {
+        eventfd_write(stop_.Get(), 1);
+    }
+}
+
+void ExecReader::Run(int priority)
+{
+    const sched_param wanted = {priority};
+    const int error = priority > 0 ? pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) : 0;
+    if (error != 0) {
+        NE_LOG(WARN, "Short programs may be told without details: no real-time priority.[errmsg=%s]",
+               ErrnoText(error).Get());
+    }
+    std::vector<proc_event> events;
+    while (running_) {
+        pollfd waiting[] = {{socket_.Fd(), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
+        if (poll(waiting, 2, -1) < 0) {
+            continue;
+        }
+        while (running_ && socket_.Receive(events) > 0) {
+            for (const proc_event& event : events) {
+                LookAt(event.event_data.exec.process_tgid, event.timestamp_ns);
+            }
+        }
+    }
+}
+
+void ExecReader::LookAt(int pid, std::uint64_t timeNs)
+{
+    Look look;
+    const ProcDirectory process(pid);
+    look.isGood = process.IsOpen() && process.ReadRecord(look.record, look.stat) && look.record.whole;
+    look.endNs = ConnectorNow();
+    Keep({timeNs, pid}, std::move(look));
+}
+
+void ExecReader::Keep(const Key& key, Look look)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto last = last_.find(key.second);
+    const auto before = last == last_.end() ? looks_.end() : looks_.find(last->second);
+    if (before != looks_.end() && before->second.isGood) {
+        // The look at the program before may have met this one.
+        Look& other = before->second;
+        const bool known = look.stat.stackStart != 0 && other.stat.stackStart != 0;
+        const bool met = key.first <= other.endNs ||
+                         (known ? look.stat.IsSameProgram(other.stat) : key.first < other.endNs + kSwitchNs);
+        other.isGood = !met;
+    }
+    last_[key.second] = key;
+    looks_.emplace(key, std::move(look));
+    if (looks_.size() > kMaxLooks) {
+        last_.erase(looks_.begin()->first.second);
+        looks_.erase(looks_.begin());
+    }
+    reachedNs_ = std::max(reachedNs_, key.first);
+    came_.notify_all();
+}
+
+bool ExecReader::Take(int pid, std::uint64_t timeNs, ProcessRecord& record)
+{
+    const Key key{timeNs, pid};
+    std::unique_lock<std::mutex> lock(mutex_);
+    came_.wait_for(lock, kPatience, [&] { return !running_ || reachedNs_ >= timeNs || looks_.count(key) != 0; });
+    const auto found = looks_.find(key);
+    if (found == looks_.end()) {
+        return false;
+    }
+    const bool good = found->second.isGood;
+    if (good) {
+        record = std::move(found->second.record);
+    }
+    const auto last = last_.find(pid);
+    if (last != last_.end() && last->second == key) {
+        last_.erase(last);
+    }
+    looks_.erase(found);
+    return good;
+}
+
+}  // namespace NEUtils

@@ -1,0 +1,240 @@
+#include "tests/process/trace_support.h"
+
+using Record = ProcessRecord;
+
+static const std::string kLive = "sleep 0.1; exit 7";  // long enough for a look at /proc
+
+struct ProcessTracerTest : testing::TestWithParam<ProcessTracer::Source> {
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "trace programs and the process connector need rights";
+        }
+        chmod(dir_.Path().c_str(), 0755);
+        fs::copy_file("/bin/sh", dir_ / "sh");
+    }
+
+    // A program that was opened before it lost its name, or never had one.
+    int Nameless(bool inMemory) const
+    {
+        const int fd = inMemory ? memfd_create("hidden", 0) : open((dir_ / "gone").c_str(), O_CREAT | O_RDWR, 0755);
+        const std::string content = Read("/bin/sh");
+        if (write(fd, content.data(), content.size()) < 0 || inMemory) {
+            return fd;
+        }
+        close(fd);
+        const int again = open((dir_ / "gone").c_str(), O_RDONLY);
+        unlink((dir_ / "gone").c_str());
+        return again;
+    }
+
+    bool ByTrace() const { return GetParam() == ProcessTracer::kTrace; }
+
+    const TempDir dir_;
+    const Records log_;
+    Traced traced_;
+};
+
+struct Kind {
+    const char* name;
+    std::function<int()> run;  // in a child, becomes the program
+    std::function<bool(const Record&)> fits;
+};
+
+static bool Args(const Record& record, const Strings& args)
+{
+    return record.args == args && record.argCount <= args.size() && !record.argsCut;
+}
+
+TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
+{
+    const bool byTrace = ByTrace();
+    const std::string sh = dir_ / "sh";
+    Strings many = {sh, "-c", kLive};
+    for (int i = 0; i < 500; ++i) {
+        many.push_back("arg" + std::to_string(i));
+    }
+    const std::string odd = "two\nlines 'quoted' \"twice\" \\ \xff\xfe \x01";
+    const std::string huge(100000, 'x');
+    const Strings usual = {"sh", "-c", kLive};
+    fs::copy_file("/bin/sh", dir_ / "setuid");
+    Write(dir_ / "script", "#!" + sh + " -e\n" + kLive + "\n");
+    const bool prepared = chown((dir_ / "setuid").c_str(), 65534, 65534) == 0 &&
+                          chmod((dir_ / "setuid").c_str(), 06755) == 0 && chmod((dir_ / "script").c_str(), 0755) == 0;
+    ASSERT_TRUE(prepared);
+    const Kind kinds[] = {
+        {"plain", [&] { return Execute(sh, usual); },
+         [&](const Record& r) { return Args(r, usual) && r.exe == sh && r.exeGiven.empty() && r.uid == 0 && r.comm == "sh"; }},
+        {"no arguments",
+         [&] {
+             int ends[2];
+             const pid_t writer = pipe(ends) == 0 ? fork() : -1;
+             if (writer == 0) {
+                 return usleep(100000);
+             }
+             dup2(ends[0], 0);
+             close(ends[1]);
+             return Execute(sh, {});
+         },
+         [&](const Record& r) { return r.args.size() <= 1 && r.exe == sh; }},
+        {"500 arguments", [&] { return Execute(sh, many); }, [&](const Record& r) { return Args(r, many); }},
+        {"odd and empty arguments", [&] { return Execute(sh, {"sh", "-c", kLive, "", odd, "", ""}); },
+         [&](const Record& r) { return Args(r, {"sh", "-c", kLive, "", odd, "", ""}); }},
+        {"100 KiB", [&] { return Execute(sh, {"sh", "-c", kLive, huge, "behind"}); },
+         [&](const Record& r) {
+             return r.argsCut && r.argsSize == 3 + 3 + kLive.size() + 1 + huge.size() + 1 + 7 && r.args.size() == 4 &&
+                    r.args[3] == huge.substr(0, 16384 - 7 - kLive.size());
+         }},
+        {"another name", [&] { return Execute(sh, {"[kworker/0:1]", "-c", kLive}); },
+         [&](const Record& r) { return r.args[0] == "[kworker/0:1]" && r.exe == sh && r.comm == "sh"; }},
+        {"relative", [&] { return chdir(dir_.Path().c_str()) + Execute("./sh", usual); },
+         [&](const Record& r) { return r.exe == sh && r.exeGiven == (byTrace ? "./sh" : ""); }},
+        {"deleted",
+         [&] {
+             const int fd = Nameless(false);
+             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(kLive.c_str()), nullptr};
+             return fexecve(fd, args, environ);
+         },
+         [&](const Record& r) { return Args(r, usual) && r.exeDeleted && !r.exeInMemory && r.exe == (dir_ / "gone"); }},
+        {"in memory",
+         [&] {
+             const int fd = Nameless(true);
+             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(kLive.c_str()), nullptr};
+             return fexecve(fd, args, environ);
+         },
+         [&](const Record& r) { return Args(r, usual) && r.exeDeleted && r.exeInMemory && r.exe == "/memfd:hidden"; }},
+        {"set-user-id", [&] { return Execute(dir_ / "setuid", {"sh", "-p", "-c", kLive}); },
+         [&](const Record& r) {
+             return r.exeSetUid && r.exeSetGid && r.uid == 0 && r.euid == 65534 && r.gid == 0 && r.egid == 65534;
+         }},
+        {"another user", [&] { return setgid(1) + setuid(2) + Execute(sh, usual); },
+         [&](const Record& r) { return r.uid == 2 && r.euid == 2 && r.gid == 1 && r.egid == 1 && !r.exeSetUid; }},
+        {"script", [&] { return Execute(dir_ / "script", {"script", "x"}); },
+         [&](const Record& r) {
+             return r.script == (dir_ / "script") && r.exe == sh && Args(r, {sh, "-e", dir_ / "script", "x"});
+         }},
+        {"thread",
+         [&] {
+             std::thread([&] { Execute(sh, usual); }).join();
+             return 1;
+         },
+         [&](const Record& r) { return Args(r, usual) && (!byTrace || r.tid != r.pid); }},
+        {"mount namespace", [&] { return unshare(CLONE_NEWNS) + Execute(sh, usual); },
+         [&](const Record& r) { return r.foreignMountNs && r.mountNs != 0; }},
+    };
+    ASSERT_TRUE(traced_.Start(GetParam()));
+    std::vector<pid_t> pids;
+    for (const Kind& kind : kinds) {
+        pids.push_back(Fork(kind.run));
+    }
+    for (const pid_t pid : pids) {
+        Wait(pid);
+    }
+    for (std::size_t i = 0; i < pids.size(); ++i) {
+        const char* const name = kinds[i].name;
+        ASSERT_TRUE(traced_.SawEnd(pids[i])) << name;
+        const auto forks = traced_.Of(pids[i], Record::kFork);
+        const auto execs = traced_.Of(pids[i], Record::kExec);
+        const auto exits = traced_.Of(pids[i], Record::kExit);
+        ASSERT_EQ(std::make_tuple(forks.size(), execs.size(), exits.size()), std::make_tuple(1U, 1U, 1U)) << name;
+        EXPECT_TRUE(execs[0].whole && exits[0].whole && kinds[i].fits(execs[0])) << name << " " << execs[0].exe;
+        EXPECT_EQ(exits[0].exitCode, std::string(name) == "no arguments" ? 0 : 7) << name;
+        EXPECT_EQ(execs[0].startNs, forks[0].startNs) << name;
+        EXPECT_EQ(exits[0].startNs, forks[0].startNs) << name;
+        EXPECT_EQ(forks[0].parentPid, getpid()) << name;
+        EXPECT_EQ(execs[0].parentPid, getpid()) << name;
+        EXPECT_NE(execs[0].parentStartNs, 0U) << name;
+        EXPECT_TRUE(forks[0].bootNs <= execs[0].bootNs && execs[0].bootNs < exits[0].bootNs) << name;
+    }
+}
+
+// Who forked a process stays its parent, also when that has ended; another program is another record.
+TEST_P(ProcessTracerTest, DaemonsNamespacesAndDoubleExecsHaveTheirParents)
+{
+    const std::string out = dir_ / "pid";
+    ASSERT_TRUE(traced_.Start(GetParam()));
+    const pid_t middle = Fork([&] {
+        if (unshare(CLONE_NEWPID) == 0 && fork() == 0) {
+            usleep(100000);  // until the process between is gone
+            return Execute("/bin/sh", {"sh", "-c", "sleep 0.1; exec nice sh -c '" + kLive + "'", out});
+        }
+        return 0;
+    });
+    Wait(middle);
+    int daemon = 0;
+    ASSERT_TRUE(Eventually([&] {
+        const std::lock_guard<std::mutex> lock(traced_.mutex);
+        for (const auto& [pid, records] : traced_.records) {
+            daemon = !records[0].args.empty() || records[0].parentPid != middle ? daemon : pid;
+        }
+        return daemon != 0;
+    }));
+    ASSERT_TRUE(traced_.SawEnd(daemon));
+    const auto execs = traced_.Of(daemon, Record::kExec);
+    ASSERT_GE(execs.size(), 3U);
+    EXPECT_EQ(execs[0].args.back(), out);
+    EXPECT_EQ(execs.back().args, Strings({"sh", "-c", kLive}));
+    EXPECT_TRUE(execs[0].foreignPidNs);
+    EXPECT_EQ(execs[0].nsPid, 1);
+    EXPECT_EQ(execs.back().comm, "sh");
+    for (const Record& record : execs) {
+        EXPECT_EQ(record.parentPid, middle);
+    }
+    EXPECT_EQ(traced_.Of(daemon, Record::kExit)[0].exitCode, 7);
+}
+
+TEST_P(ProcessTracerTest, EndsAreToldOnceWithCodeOrSignal)
+{
+    ASSERT_TRUE(traced_.Start(GetParam()));
+    const pid_t killed = Fork([] { return pause(); });
+    const pid_t leader = Fork([] {
+        std::thread([] {
+            usleep(300000);
+            _exit(9);
+        }).detach();
+        syscall(SYS_exit, 0);  // the first thread alone
+        return 0;
+    });
+    kill(killed, SIGKILL);
+    Wait(killed);
+    Wait(leader);
+    ASSERT_TRUE(traced_.SawEnd(killed) && traced_.SawEnd(leader));
+    EXPECT_EQ(traced_.Of(killed, Record::kExit)[0].exitSignal, SIGKILL);
+    const auto ends = traced_.Of(leader, Record::kExit);
+    ASSERT_EQ(ends.size(), 1U);
+    EXPECT_EQ(ends[0].exitCode, 9);
+    EXPECT_GT(ends[0].bootNs - traced_.Of(leader, Record::kFork)[0].bootNs, 250000000U);
+}
+
+// A callback may do what it likes: stop the tracer, or throw.
+TEST_P(ProcessTracerTest, CallbacksMayStopAndThrow)
+{
+    ProcessTracer tracer;
+    ProcessTracer::Settings settings;
+    settings.source = GetParam();
+    std::atomic<int> calls{0};
+    ASSERT_TRUE(tracer.Start(settings, [&](const Record&) {
+        if (++calls == 3) {
+            tracer.Stop();
+        }
+        throw std::runtime_error("of a callback");
+    }));
+    EXPECT_FALSE(tracer.Start(settings, [](const Record&) {}));
+    EXPECT_TRUE(Eventually([&] {
+        Wait(Fork([] { return 0; }));
+        return calls >= 3;
+    }));
+    EXPECT_EQ(tracer.GetSource(), ProcessTracer::kNone);
+    Wait(Fork([] { return 0; }));
+    tracer.Stop();
+    EXPECT_EQ(calls, 3);
+    EXPECT_TRUE(log_.Has("ERROR A callback of the process tracer failed.[reason=of a callback]"));
+    EXPECT_TRUE(tracer.Start(settings, [&](const Record&) { ++calls; }));
+    EXPECT_TRUE(Eventually([&] {
+        Wait(Fork([] { return 0; }));
+        return calls > 3;
+    }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, ProcessTracerTest, testing::Values(ProcessTracer::kTrace, ProcessTracer::kConnector),
+                         [](const auto& row) { return std::string(ProcessTracer::GetSourceName(row.param)); });

@@ -1,0 +1,76 @@
+// What the tests of the process tracer share.
+#pragma once
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <map>
+#include <mutex>
+
+#include "process_tracer.h"
+#include "tests/support/support.h"
+
+// A tracer with everything that it hands over, by process.
+struct Traced {
+    bool Start(ProcessTracer::Source source, std::size_t ringSize = std::size_t{4} << 20, int wakeMs = 20)
+    {
+        ProcessTracer::Settings settings;
+        settings.source = source;
+        settings.ringSize = ringSize;
+        settings.wakeMs = wakeMs;
+        return tracer.Start(
+            settings,
+            [this](const ProcessRecord& record) {
+                const std::lock_guard<std::mutex> lock(mutex);
+                records[record.pid].push_back(record);
+            },
+            [this](const ProcessTracer::Counts::Kinds&) { ++losses; });
+    }
+
+    std::vector<ProcessRecord> Of(int pid, ProcessRecord::Kind kind) const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        std::vector<ProcessRecord> found;
+        const auto at = records.find(pid);
+        if (at != records.end()) {
+            std::ranges::copy_if(at->second, std::back_inserter(found),
+                                 [=](const ProcessRecord& record) { return record.kind == kind; });
+        }
+        return found;
+    }
+
+    bool SawEnd(int pid, int seconds = 20) const
+    {
+        return Eventually([&] { return !Of(pid, ProcessRecord::kExit).empty(); }, seconds);
+    }
+
+    mutable std::mutex mutex;
+    std::map<int, std::vector<ProcessRecord>> records;
+    std::atomic<int> losses{0};
+    ProcessTracer tracer;
+};
+
+// Gives up all rights but those of a mask.
+inline bool KeepRights(std::uint64_t mask)
+{
+    __user_cap_header_struct head = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    for (const int i : {0, 1}) {
+        data[i].effective = data[i].permitted = static_cast<std::uint32_t>(mask >> (32 * i));
+    }
+    return syscall(SYS_capset, &head, data) == 0;
+}
+
+inline int Execute(const std::string& path, const Strings& args)
+{
+    std::vector<char*> words;
+    for (const std::string& arg : args) {
+        words.push_back(const_cast<char*>(arg.c_str()));
+    }
+    words.push_back(nullptr);
+    return execv(path.c_str(), words.data());
+}
