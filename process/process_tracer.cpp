@@ -21,7 +21,7 @@ namespace NEUtils {
 
 namespace {
 
-constexpr std::int64_t kComparePeriodNs = 10 * Clock::kNsPerSecond;
+constexpr std::int64_t kComparePeriodNs = 2 * Clock::kNsPerSecond;
 
 thread_local const void* t_session = nullptr;  // the one that this thread works for
 

@@ -24,6 +24,13 @@ check_program() {
 # A unique symbol keeps a library in memory after it is closed.
 no_unique_symbols() { [[ $(readelf -sW --dyn-syms "$1") != *' UNIQUE '* ]] || fail "$1: has unique symbols"; }
 
+# The tracer's library is one of its own: nobody else shall need what it needs.
+check_tracer() {
+    bound_to_install "$1"
+    [[ $(ldd "$1") == *"libneutils_trace.so.1 => $prefix/"* ]] || fail "$1: not bound to the install"
+    "$1"
+}
+
 unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH
 
 step 'a first install' "$log"
@@ -54,6 +61,8 @@ run_logged cmake -G Ninja -S "$root/tests/consumer" -B "$scratch/build" -DCMAKE_
 run_logged cmake --build "$scratch/build"
 chmod go-w "$scratch/build" "$scratch/build/libhello.so"  # or the feature is refused
 check_program "$scratch/build/consumer"
+check_tracer "$scratch/build/tracer"
+[[ $(ldd "$scratch/build/consumer") != *libbpf* ]] || fail 'the library needs libbpf'
 
 step 'programs that find the library with pkg-config, the example of the README among them' "$log"
 export PKG_CONFIG_PATH
@@ -79,3 +88,7 @@ for compiler in g++ clang++; do
         -I"$root/tests/consumer/own" "${flags[@]}"
     check_program "$scratch/consumer"
 done
+read -ra flags < <(pkg-config --cflags --libs neutils-trace)
+run_logged g++ -std=c++17 -Wall -Wextra -Werror -o "$scratch/tracer" "$root/tests/consumer/tracer.cpp" "${flags[@]}" \
+    -Wl,-rpath,"$(realpath "$(pkg-config --variable=libdir neutils)")"
+check_tracer "$scratch/tracer"

@@ -38,7 +38,7 @@ case ${1:-} in
 esac
 
 need_packages g++ clang-format clang-tidy cmake ninja-build libgtest-dev libevent-dev libssl-dev nlohmann-json3-dev \
-    pkg-config gzip procps git
+    pkg-config gzip procps git libbpf-dev bpftool clang llvm
 cd "$root"
 mkdir -p build
 

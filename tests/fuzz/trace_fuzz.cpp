@@ -1,0 +1,75 @@
+// The decoder of the trace programs' records beside a walk over the bytes. The input is one record; where it is long
+// enough, its lengths are also made to fit, so that what is behind the head is reached.
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "process/trace_decoder.h"
+#include "process/trace_layout.h"
+#include "tests/fuzz/fuzz_target.h"
+
+namespace {
+
+std::string UpToTerminator(const std::string& text)
+{
+    return text.substr(0, text.find('\0'));
+}
+
+void Check(const std::vector<std::uint8_t>& bytes)
+{
+    NEUtils::ProcessRecord record;
+    trace_head head = {};
+    const bool decoded = NEUtils::DecodeTraceRecord(bytes.data(), bytes.size(), 0, record);
+    if (bytes.size() < sizeof(head)) {
+        Require(!decoded);
+        return;
+    }
+    std::memcpy(&head, bytes.data(), sizeof(head));
+    const std::string behind(bytes.begin() + sizeof(head), bytes.end());
+    const std::size_t args = std::size_t{head.path_size} + head.interpreter_size;
+    const bool fits = head.kind >= 1 && head.kind <= 3 && head.path_size <= 4096 && head.interpreter_size <= 256 &&
+                      head.args_size <= 16384 && head.args_size <= head.args_total &&
+                      args + head.args_size == behind.size() && (head.kind == TRACE_EXEC || behind.empty());
+    Require(decoded == fits);
+    if (!decoded || head.kind != TRACE_EXEC) {
+        Require(record.args.empty() && record.exe.empty());
+        return;
+    }
+    const std::string path = UpToTerminator(behind.substr(0, head.path_size));
+    const bool isScript = (head.flags & TRACE_SCRIPT) != 0;
+    Require((isScript ? record.script : record.exe) == path);
+    Require(!isScript || record.exe == UpToTerminator(behind.substr(head.path_size, head.interpreter_size)));
+    std::string joined;
+    for (const std::string& arg : record.args) {
+        joined += arg + '\0';
+    }
+    std::string expected = behind.substr(args);
+    if (!expected.empty() && expected.back() != '\0') {
+        expected += '\0';
+    }
+    Require(joined == expected);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    std::vector<std::uint8_t> bytes(data, data + size);
+    Check(bytes);
+    if (bytes.size() > sizeof(trace_head)) {
+        trace_head head;
+        std::memcpy(&head, bytes.data(), sizeof(head));
+        const std::size_t behind = std::min<std::size_t>(bytes.size() - sizeof(head), 16384);
+        head.kind = TRACE_EXEC;
+        head.path_size = static_cast<std::uint32_t>(std::min<std::size_t>(head.path_size, std::min<std::size_t>(behind, 4096)));
+        head.interpreter_size =
+            static_cast<std::uint32_t>(std::min<std::size_t>(head.interpreter_size, std::min<std::size_t>(behind - head.path_size, 256)));
+        head.args_size = static_cast<std::uint32_t>(behind - head.path_size - head.interpreter_size);
+        head.args_total |= 0x8000;
+        std::memcpy(bytes.data(), &head, sizeof(head));
+        bytes.resize(sizeof(head) + behind);
+        Check(bytes);
+    }
+    return 0;
+}

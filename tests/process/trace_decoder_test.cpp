@@ -1,0 +1,92 @@
+#include "process/trace_decoder.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "process/trace_layout.h"
+
+using namespace NEUtils;
+
+static const std::string kText = std::string("/bin/x\0/bin/i\0a\0\0bc\0", 20);  // 7 bytes, 7 and 6
+
+static trace_head Script()
+{
+    trace_head head = {};
+    head.kind = TRACE_EXEC;
+    head.flags = TRACE_SCRIPT;
+    head.time = 500;
+    head.path_size = head.interpreter_size = 7;
+    head.args_size = 6;
+    head.args_total = 6;
+    std::memcpy(head.comm, "sixteen_bytes_no", 16);
+    return head;
+}
+
+static bool Decodes(const trace_head& head, std::size_t length, ProcessRecord& record)
+{
+    std::string bytes(sizeof(head), '\0');
+    std::memcpy(bytes.data(), &head, sizeof(head));
+    bytes += kText;
+    const std::vector<char> exact(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
+    return DecodeTraceRecord(exact.data(), length, -1000, record);
+}
+
+TEST(TraceDecoderTest, TakesWholeRecordsOnly)
+{
+    constexpr std::size_t kLength = sizeof(trace_head) + 20;
+    const std::tuple<const char*, std::function<void(trace_head&)>, bool> rows[] = {
+        {"as it is", [](trace_head&) {}, true},
+        {"no kind", [](trace_head& head) { head.kind = 0; }, false},
+        {"unknown kind", [](trace_head& head) { head.kind = 4; }, false},
+        {"an exit with a path", [](trace_head& head) { head.kind = TRACE_EXIT; }, false},
+        {"one byte more behind the head", [](trace_head& head) { head.args_size = head.args_total = 7; }, false},
+        {"one byte less", [](trace_head& head) { head.args_size = 5; }, false},
+        {"lengths that add up only in 32 bits",
+         [](trace_head& head) {
+             head.path_size = 0xFFFFFFFFU;
+             head.interpreter_size = 15;
+         },
+         false},
+        {"interpreter beyond its limit",
+         [](trace_head& head) {
+             head.path_size = 0;
+             head.interpreter_size = 257;
+         },
+         false},
+        {"more arguments than there are", [](trace_head& head) { head.args_total = 5; }, false},
+        {"cut arguments", [](trace_head& head) { head.args_total = 60; }, true},
+    };
+    ProcessRecord record;
+    for (const auto& [name, change, decodes] : rows) {
+        trace_head head = Script();
+        change(head);
+        EXPECT_EQ(Decodes(head, kLength, record), decodes) << name;
+    }
+    EXPECT_TRUE(record.argsCut && record.whole && record.argsSize == 60);
+    for (std::size_t length = 0; length < kLength; ++length) {
+        EXPECT_FALSE(Decodes(Script(), length, record)) << length;
+    }
+}
+
+TEST(TraceDecoderTest, OneObjectServesForAllRecords)
+{
+    ProcessRecord record;
+    trace_head head = Script();
+    ASSERT_TRUE(Decodes(head, sizeof(head) + 20, record));
+    EXPECT_EQ(record.script, "/bin/x");
+    EXPECT_EQ(record.exe, "/bin/i");
+    EXPECT_EQ(record.args, (std::vector<std::string>{"a", "", "bc"}));
+    EXPECT_EQ(record.comm, "sixteen_bytes_no");  // without a terminator
+    EXPECT_EQ(record.wallNs, -500);
+    head = {};
+    head.kind = TRACE_EXIT;
+    head.exit_status = SIGSEGV | 0x80;
+    ASSERT_TRUE(Decodes(head, sizeof(head), record));
+    EXPECT_TRUE(record.script.empty() && record.exe.empty() && record.args.empty() && record.comm.empty());
+    EXPECT_TRUE(record.exitSignal == SIGSEGV && record.coreDumped && record.exitCode == 0);
+    head.exit_status = 0x1200;
+    ASSERT_TRUE(Decodes(head, sizeof(head), record));
+    EXPECT_TRUE(record.exitSignal == 0 && !record.coreDumped && record.exitCode == 0x12);
+}

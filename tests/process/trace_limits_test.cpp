@@ -1,0 +1,345 @@
+// The process tracer under load, at its limits, and without what it needs.
+#include <linux/bpf.h>
+#include <sched.h>
+#include <spawn.h>
+
+#include "tests/process/trace_support.h"
+
+using Record = ProcessRecord;
+
+struct TraceLimitsTest : testing::Test {
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "trace programs and the process connector need rights";
+        }
+    }
+
+    const TempDir dir_;
+    const Records log_;
+    Traced traced_;
+};
+
+// Starts a program many times from a process of its own; every one of them must end well.
+static pid_t Burst(int count, const std::function<Strings(int)>& args)
+{
+    return Fork([=] {
+        for (int i = 0; i < count; ++i) {
+            Strings words = args(i);
+            std::vector<char*> pointers;
+            for (std::string& word : words) {
+                pointers.push_back(word.data());
+            }
+            pointers.push_back(nullptr);
+            pid_t pid = (i & 1) == 0 ? fork() : -1;
+            if (pid == 0) {
+                return Execute("/bin/true", words);
+            }
+            if (pid < 0 && posix_spawn(&pid, "/bin/true", nullptr, nullptr, pointers.data(), environ) != 0) {
+                return 1;
+            }
+            if (Wait(pid) != 0) {
+                return 1;
+            }
+        }
+        return 0;
+    });
+}
+
+static int ThreadsComeAndGo()
+{
+    for (int i = 0; i < 13000; i += 4) {
+        InThreads(4, [](int) {});
+    }
+    return 0;
+}
+
+TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAreEachToldOnceAndWhole)
+{
+    constexpr int kPrograms = 2000;
+    ASSERT_TRUE(traced_.Start(ProcessTracer::kTrace));
+    const pid_t threads = Fork(ThreadsComeAndGo);
+    const pid_t burst = Burst(kPrograms, [](int i) { return Strings{"true", "unique", std::to_string(i), ""}; });
+    EXPECT_EQ(Wait(burst) + Wait(threads), 0);
+    ASSERT_TRUE(traced_.SawEnd(burst));
+    std::map<Strings, int> told;
+    const std::lock_guard<std::mutex> lock(traced_.mutex);
+    for (const auto& [pid, records] : traced_.records) {
+        if (records[0].parentPid != burst) {
+            continue;
+        }
+        ASSERT_EQ(records.size(), 3U);
+        const Record& exec = records[1];
+        told[exec.args] += exec.whole && exec.exe == "/bin/true" && exec.parentPid == burst && exec.kind == Record::kExec &&
+                                   records[2].kind == Record::kExit && records[2].exitCode == 0
+                               ? 1
+                               : 100;
+    }
+    EXPECT_EQ(told.size(), kPrograms);
+    EXPECT_TRUE(std::ranges::all_of(told, [](const auto& row) { return row.second == 1; }));
+    EXPECT_EQ(traced_.records[threads].size(), 2U);  // no thread's start or end
+    EXPECT_EQ(traced_.tracer.GetCounts().lost.Total() + traced_.tracer.GetCounts().malformed, 0U);
+}
+
+// Threads that end at the same moment each see themselves as the last one.
+TEST_F(TraceLimitsTest, AProcessOfManyThreadsEndsOnce)
+{
+    constexpr int kProcesses = 300;
+    ASSERT_TRUE(traced_.Start(ProcessTracer::kTrace));
+    std::vector<pid_t> pids;
+    for (int i = 0; i < kProcesses; ++i) {
+        pids.push_back(Fork([] {
+            for (int thread = 0; thread < 8; ++thread) {
+                std::thread([] { pause(); }).detach();
+            }
+            return 3;
+        }));
+    }
+    for (const pid_t pid : pids) {
+        Wait(pid);
+    }
+    ASSERT_TRUE(traced_.SawEnd(pids.back()));
+    for (const pid_t pid : pids) {
+        EXPECT_TRUE(traced_.SawEnd(pid));
+        const auto ends = traced_.Of(pid, Record::kExit);
+        EXPECT_TRUE(ends.size() == 1 && ends[0].exitCode == 3) << ends.size();
+    }
+}
+
+TEST_F(TraceLimitsTest, WhatDoesNotFitIsCountedExactly)
+{
+    constexpr std::uint64_t kPrograms = 1500;
+    std::atomic<bool> blocked{true};
+    std::atomic<std::uint64_t> told{0};
+    std::atomic<std::uint64_t> losses{0};
+    ProcessTracer tracer;
+    ProcessTracer::Settings settings;
+    settings.source = ProcessTracer::kTrace;
+    settings.ringSize = 1;  // the smallest there is
+    const std::string mark(1000, 'm');
+    ASSERT_TRUE(tracer.Start(
+        settings,
+        [&](const Record& record) {
+            blocked.wait(true);
+            told += record.args.size() == 2 && record.args[1] == mark ? 1 : 0;
+        },
+        [&](const ProcessTracer::Counts::Kinds& lost) { losses = lost.execs; }));
+    EXPECT_EQ(Wait(Burst(kPrograms, [&](int) { return Strings{"true", mark}; })), 0);
+    const auto full = tracer.GetCounts();
+    EXPECT_TRUE(full.lost.forks > 0 && full.lost.execs > 0 && full.lost.exits > 0);
+    blocked = false;
+    blocked.notify_all();
+    ASSERT_TRUE(Eventually([&] {
+        const auto counts = tracer.GetCounts();
+        return counts.received.Total() + counts.lost.Total() == counts.seen.Total() && losses == counts.lost.execs;
+    }));
+    const auto counts = tracer.GetCounts();
+    EXPECT_GE(counts.seen.execs, kPrograms);
+    EXPECT_GE(told + counts.lost.execs, kPrograms);
+    EXPECT_LE(told, counts.received.execs);
+    EXPECT_EQ(counts.received.execs + counts.lost.execs, counts.seen.execs);
+    EXPECT_EQ(counts.received.forks + counts.lost.forks, counts.seen.forks);
+    EXPECT_EQ(counts.received.exits + counts.lost.exits, counts.seen.exits);
+    tracer.Stop();
+    EXPECT_EQ(tracer.GetCounts().lost.execs, counts.lost.execs);  // they stay
+}
+
+static std::uint64_t Bit(int capability)
+{
+    return std::uint64_t{1} << capability;
+}
+
+// What of the sources a process with these rights gets, as "source:told", or "none".
+static std::string SourceWith(std::uint64_t rights, ProcessTracer::Source wanted, const Records& log, std::string& reason)
+{
+    int ends[2] = {};
+    char answer[512] = {};
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = Fork([&] {
+        Traced traced;
+        const bool started = KeepRights(rights) && traced.Start(wanted);
+        const std::string source = ProcessTracer::GetSourceName(traced.tracer.GetSource());
+        std::string text = source + "|" + traced.tracer.GetFallbackReason();
+        if (started) {
+            const pid_t pid = Fork([] { return Execute("/bin/sh", {"sh", "-c", "sleep 0.1"}); });
+            Wait(pid);
+            text += traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole ? "" : "|not told";
+        }
+        for (const std::string& line : log.Lines()) {
+            text += Contains(line, "he process tracer") ? "|" + line : "";
+        }
+        return write(ends[1], text.data(), text.size()) > 0 ? 0 : 1;
+    });
+    close(ends[1]);
+    const ssize_t size = read(ends[0], answer, sizeof(answer));
+    close(ends[0]);
+    Wait(child);
+    reason.assign(answer, size > 0 ? static_cast<std::size_t>(size) : 0);
+    return reason.substr(0, reason.find('|'));
+}
+
+TEST_F(TraceLimitsTest, WithoutRightsTheConnectorTakesOverAndSaysWhy)
+{
+    const std::uint64_t look = Bit(CAP_SYS_PTRACE) | Bit(CAP_DAC_READ_SEARCH) | Bit(CAP_DAC_OVERRIDE);
+    const std::uint64_t net = look | Bit(CAP_NET_ADMIN) | Bit(CAP_SYS_NICE);
+    const std::uint64_t trace = look | Bit(CAP_BPF) | Bit(CAP_PERFMON);
+    struct Row {
+        const char* name;
+        std::uint64_t rights;
+        ProcessTracer::Source wanted;
+        const char* source;
+        Strings texts;
+    };
+    const Row rows[] = {
+        {"those of the programs", trace, ProcessTracer::kAuto, "trace",
+         {"|INFO The process tracer started.[source=trace]"}},
+        {"those of the connector", net, ProcessTracer::kAuto, "connector",
+         {"|cannot load the trace programs: Operation not permitted",
+          "|WARN The process tracer started.[source=connector trace=cannot load the trace programs: "}},
+        {"all, but the connector is wanted", net | trace, ProcessTracer::kConnector, "connector",
+         {"|INFO The process tracer started.[source=connector trace=not wanted]"}},
+        {"the programs are wanted", net, ProcessTracer::kTrace, "none",
+         {"|ERROR Fail to start the process tracer.[source=trace reason=cannot load the trace programs"}},
+        {"none", look, ProcessTracer::kAuto, "none",
+         {"reason=trace: cannot load the trace programs", "; connector: cannot enlarge the process connector: "}},
+    };
+    for (const Row& row : rows) {
+        std::string reason;
+        EXPECT_EQ(SourceWith(row.rights, row.wanted, log_, reason), row.source) << row.name << ": " << reason;
+        EXPECT_FALSE(Contains(reason, "not told")) << row.name << ": " << reason;
+        for (const std::string& text : row.texts) {
+            EXPECT_TRUE(Contains(reason, text)) << row.name << ": " << reason;
+        }
+    }
+}
+
+TEST_F(TraceLimitsTest, RightsMayGoOnceItHasStarted)
+{
+    EXPECT_EQ(Wait(Fork([] {
+                  Traced traced;
+                  if (!traced.Start(ProcessTracer::kTrace) || !BecomePlainUser() || !KeepRights(0)) {
+                      return 1;
+                  }
+                  const pid_t pid = Fork([] { return Execute("/bin/true", {"true", "x"}); });
+                  Wait(pid);
+                  const bool told = traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole;
+                  const auto counts = traced.tracer.GetCounts();
+                  return told && counts.seen.execs > 0 && counts.recursionMisses == 0 ? 0 : 2;
+              })),
+              0);
+}
+
+// Ids of all programs or maps of the kernel.
+static std::vector<std::uint32_t> Loaded(bpf_cmd command)
+{
+    std::vector<std::uint32_t> ids;
+    bpf_attr attr = {};
+    while (syscall(SYS_bpf, command, &attr, sizeof(attr)) == 0) {
+        ids.push_back(attr.next_id);
+        attr.start_id = attr.next_id;
+    }
+    return ids;
+}
+
+static std::ptrdiff_t Entries(const char* directory)
+{
+    return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
+}
+
+TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
+{
+    const auto count = [] {
+        return std::make_tuple(Loaded(BPF_PROG_GET_NEXT_ID).size(), Loaded(BPF_MAP_GET_NEXT_ID).size(),
+                               Loaded(BPF_LINK_GET_NEXT_ID).size(), Entries("/proc/self/fd"), Entries("/proc/self/task"));
+    };
+    const auto before = count();
+    for (int i = 0; i < 1000; ++i) {
+        const auto source = i % 10 == 0 ? ProcessTracer::kTrace : ProcessTracer::kConnector;
+        ProcessTracer tracer;
+        ProcessTracer::Settings settings;
+        settings.source = source;
+        settings.ringSize = 1;
+        ASSERT_TRUE(tracer.Start(settings, [](const Record&) {})) << i;
+    }
+    EXPECT_TRUE(Eventually([&] { return count() == before; }));
+}
+
+// The control groups of a container name it, whatever mounts there are.
+TEST_F(TraceLimitsTest, ContainersAreNamed)
+{
+    const std::string id = std::string(60, 'c') + "0001";
+    EXPECT_EQ(Wait(Fork([&] {
+                  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) != 0) {
+                      return 1;
+                  }
+                  const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
+                  const std::string inner = group + "/" + id + ".scope";
+                  fs::create_directories(inner);
+                  Traced traced;
+                  const bool started = traced.Start(ProcessTracer::kTrace);
+                  const pid_t pid = Fork([&] {
+                      Write(inner + "/cgroup.procs", "0");
+                      return Execute("/bin/true", {"true"});
+                  });
+                  Wait(pid);
+                  const bool named = started && traced.SawEnd(pid) &&
+                                     traced.Of(pid, Record::kFork)[0].containerId.empty() &&
+                                     traced.Of(pid, Record::kExec)[0].containerId == id;
+                  fs::remove(inner);
+                  fs::remove(group);
+                  return named ? 0 : 2;
+              })),
+              0);
+}
+
+// A process chooses its name, but not the program behind it.
+TEST_F(TraceLimitsTest, PlatformProcessesStayUntoldButNoImpostor)
+{
+    EXPECT_EQ(Wait(Fork([this] {
+                  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount("none", "/opt", "tmpfs", 0, "mode=755") != 0) {
+                      return 1;
+                  }
+                  const std::string agent = "/opt/omx/envs/NodeAgent";
+                  const std::string script = "/opt/omx/envs/Product-Etcd.sh";
+                  fs::create_directories("/opt/omx/envs");
+                  fs::copy_file("/bin/sh", agent);
+                  Write(script, "sleep 0.1; true\n");
+                  const Strings command = {agent, "-c", "sleep 0.1; true"};
+                  const std::string bash = "/bin/bash";
+                  struct Row {
+                      bool listedByTrace;
+                      bool listedByName;  // all that the connector asks for, as the process monitor does
+                      std::function<int()> run;
+                  };
+                  const Row rows[] = {
+                      {true, true, [&] { return Execute(agent, command); }},
+                      {true, true, [&] { return Execute(bash, {bash, script}); }},
+                      {false, true, [&] { return Execute("/bin/sh", command); }},
+                      {false, true, [&] { return Execute(bash, {bash + " " + script, "-c", "sleep 0.1; true"}); }},
+                      {false, true, [&] { return chmod(script.c_str(), 0666) + Execute(bash, {bash, script}); }},
+                      {false, false, [&] { return Execute(agent, {"x", "-c", "sleep 0.1; true"}); }},
+                  };
+                  int wrong = 0;
+                  for (const auto source : {ProcessTracer::kTrace, ProcessTracer::kConnector}) {
+                      Traced traced;
+                      wrong += traced.Start(source) && chmod(script.c_str(), 0644) == 0 ? 0 : 100;
+                      for (const Row& row : rows) {
+                          const pid_t pid = Fork(row.run);
+                          Wait(pid);
+                          const pid_t after = Fork([] { return 0; });
+                          Wait(after);
+                          wrong += traced.SawEnd(after) ? 0 : 100;
+                          const bool listed = source == ProcessTracer::kTrace ? row.listedByTrace : row.listedByName;
+                          wrong += traced.Of(pid, Record::kExec).empty() == listed ? 0 : 1;
+                          const std::lock_guard<std::mutex> lock(traced.mutex);
+                          const bool hasChildren = std::ranges::any_of(
+                              traced.records, [=](const auto& told) { return told.second[0].parentPid == pid; });
+                          wrong += hasChildren == listed ? 1 : 0;
+                      }
+                  }
+                  return wrong;
+              })),
+              0);
+}
