@@ -19,7 +19,8 @@ namespace NEUtils {
 struct ProcessRecord {
     enum Kind : std::uint8_t { kFork = 1, kExec = 2, kExit = 3 };  // kFork: the new process is the one described
 
-    static constexpr std::uint32_t kNoId = 0xFFFFFFFFU;  // no login user or session; with the connector also unknown ids
+    static constexpr std::uint32_t kNoId =
+        0xFFFFFFFFU;  // no login user or session; with the connector also unknown ids
 
     Kind kind = kFork;
     bool whole = false;  // nothing is missing that this kind of record has; cut arguments are marked by argsCut
@@ -51,14 +52,14 @@ struct ProcessRecord {
     std::string comm;  // at most 15 bytes
 
     // Of an exec alone:
-    std::string exe;       // the program that runs, of a script its interpreter; not absolute if it could not be resolved
-    std::string exeGiven;  // what was asked for, where that was relative or a descriptor
-    std::string script;    // the script, if it is one
+    std::string exe;  // the program that runs, of a script its interpreter; not absolute if it could not be resolved
+    std::string exeGiven;      // what was asked for, where that was relative or a descriptor
+    std::string script;        // the script, if it is one
     bool exeDeleted = false;   // the executable has no name left
     bool exeInMemory = false;  // and never had one (memfd_create)
     bool exeSetUid = false;    // its file has the set-user-id bit
     bool exeSetGid = false;
-    std::uint64_t exeInode = 0;  // number of its file
+    std::uint64_t exeInode = 0;     // number of its file
     std::vector<std::string> args;  // from argv[0] on, each by itself, bytes as they are
     bool argsCut = false;           // there are more; the last one here may be cut
     std::uint64_t argsSize = 0;     // bytes of all of them, each with its terminator
@@ -110,9 +111,9 @@ public:
             std::uint64_t unknown = 0;
             std::uint64_t Total() const { return forks + execs + exits + unknown; }
         };
-        Kinds seen;      // by the programs; by the connector what was received
-        Kinds received;  // by the tracer, filtered ones included
-        Kinds lost;      // for want of room: seen = received + lost, once everything is read
+        Kinds seen;                         // by the programs; by the connector what was received
+        Kinds received;                     // by the tracer, filtered ones included
+        Kinds lost;                         // for want of room: seen = received + lost, once everything is read
         std::uint64_t filtered = 0;         // kept from the callback by the white list
         std::uint64_t incomplete = 0;       // records that are not whole
         std::uint64_t malformed = 0;        // that could not be understood
@@ -134,7 +135,7 @@ public:
     // No callback runs afterwards, but the one that it is called from.
     void Stop();
 
-    Source GetSource() const;             // kTrace, kConnector, or kNone while it does not run
+    Source GetSource() const;               // kTrace, kConnector, or kNone while it does not run
     std::string GetFallbackReason() const;  // why it is not kTrace; empty where it is or was not wanted
     Counts GetCounts() const;
 

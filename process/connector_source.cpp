@@ -202,21 +202,21 @@ bool ConnectorSource::HandleDue(RecordSink& sink)
 void ConnectorSource::Handle(const proc_event& event, RecordSink& sink)
 {
     switch (static_cast<std::uint32_t>(event.what)) {
-        case kForkEvent:
-            HandleFork(event, sink);
-            break;
-        case kExecEvent:
-            HandleExec(event, sink);
-            break;
-        case kUidEvent:
-        case kGidEvent:
-            HandleIds(event);
-            break;
-        case kExitEvent:
-            HandleExit(event, sink);
-            break;
-        default:
-            break;
+    case kForkEvent:
+        HandleFork(event, sink);
+        break;
+    case kExecEvent:
+        HandleExec(event, sink);
+        break;
+    case kUidEvent:
+    case kGidEvent:
+        HandleIds(event);
+        break;
+    case kExitEvent:
+        HandleExit(event, sink);
+        break;
+    default:
+        break;
     }
 }
 

@@ -21,7 +21,8 @@ namespace {
 
 constexpr std::size_t kMaxLooks = 20000;
 constexpr std::uint64_t kSwitchNs = 5 * Clock::kNsPerMs;  // an exec changes the process this long before its event
-constexpr std::chrono::milliseconds kPatience{50};
+constexpr std::uint64_t kOnItsWayNs = Clock::kNsPerMs;    // an event gets its time before it is sent
+constexpr std::chrono::milliseconds kPatience{500};       // with a reader that is behind
 
 }  // namespace
 
@@ -85,12 +86,23 @@ void ExecReader::Run(int priority)
         if (poll(waiting, 2, -1) < 0) {
             continue;
         }
+        std::uint64_t now = ConnectorNow();
         while (running_ && socket_.Receive(events) > 0) {
             for (const proc_event& event : events) {
                 LookAt(event.event_data.exec.process_tgid, event.timestamp_ns);
             }
+            now = ConnectorNow();
         }
+        SetReached(now - kOnItsWayNs);
     }
+}
+
+// Nobody needs to wait for a look at anything up to this time.
+void ExecReader::SetReached(std::uint64_t timeNs)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    reachedNs_ = std::max(reachedNs_, timeNs);
+    came_.notify_all();
 }
 
 void ExecReader::LookAt(int pid, std::uint64_t timeNs)

@@ -42,6 +42,7 @@ private:
 
     void Run(int priority);
     void LookAt(int pid, std::uint64_t timeNs);
+    void SetReached(std::uint64_t timeNs);
     void Keep(const Key& key, Look look);
 
     ConnectorSocket socket_;
@@ -53,7 +54,7 @@ private:
     std::condition_variable came_;
     std::map<Key, Look> looks_;
     std::unordered_map<int, Key> last_;  // of each process among them
-    std::uint64_t reachedNs_ = 0;        // the time of the latest event that was looked at
+    std::uint64_t reachedNs_ = 0;        // events up to this time were looked at, if they came
 };
 
 // The clock of the connector's events.

@@ -22,8 +22,7 @@ public:
     const std::string& GetFirst() const { return first_; }
 
 private:
-    static int Print(libbpf_print_level level, const char* format, va_list args)
-        __attribute__((format(printf, 2, 0)));
+    static int Print(libbpf_print_level level, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 
     std::string first_;
 };

@@ -90,8 +90,7 @@ bool RunsPlatformProgram(const ProcessRecord& record, std::string_view pattern)
     const ProcDirectory process(record.pid);
     struct stat file = {};
     const std::string exe = process.ReadExecutable(file);
-    if (exe.empty() || file.st_ino != record.exeInode || !IsOurFile(exe, file) ||
-        !process.StartedAt(record.startNs)) {
+    if (exe.empty() || file.st_ino != record.exeInode || !IsOurFile(exe, file) || !process.StartedAt(record.startNs)) {
         return false;
     }
     const std::string_view program = pattern.substr(0, pattern.find(' '));

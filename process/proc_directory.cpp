@@ -21,7 +21,16 @@ constexpr std::uint64_t kStartTolerance = 10 * kNsPerTick;
 constexpr std::size_t kSmallFile = 4096;
 constexpr std::size_t kLongestComm = 15;
 // Fields of /proc/<pid>/stat, counted from the state behind the name.
-enum StatField { kState, kParent, kThreads = 17, kStart = 19, kStackStart = 25, kArgsStart = 45, kArgsEnd, kStatFields };
+enum StatField {
+    kState,
+    kParent,
+    kThreads = 17,
+    kStart = 19,
+    kStackStart = 25,
+    kArgsStart = 45,
+    kArgsEnd,
+    kStatFields
+};
 
 template <typename Number>
 Number ToNumber(std::string_view text)

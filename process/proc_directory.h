@@ -16,7 +16,7 @@ struct ProcStat {
     char state = '?';
     int parentPid = 0;
     int threads = 0;
-    std::uint64_t startNs = 0;  // to 10 ms
+    std::uint64_t startNs = 0;     // to 10 ms
     std::uint64_t stackStart = 0;  // this and the next are 0 where the reader lacks the right to know
     std::uint64_t argsStart = 0;
     std::uint64_t argsEnd = 0;

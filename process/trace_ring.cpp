@@ -195,8 +195,8 @@ void TraceRing::Run(RecordSink& sink)
         const bool found = ReadRing();
         TellLoss();
         sink.Rest(!found);
-        // A program looks at how the reader waits before its record is in the ring. So the reader still comes round once
-        // at the usual time after it has asked to be woken up.
+        // A program looks at how the reader waits before its record is in the ring. So the reader still comes round
+        // once at the usual time after it has asked to be woken up.
         const int timeout = found || !idle ? std::max(wakeMs_, 1) : kIdleWaitMs;
         idle = !found;
         if (leftInRound_ <= 0) {

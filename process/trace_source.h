@@ -12,7 +12,7 @@ public:
     virtual ~RecordSink() = default;
 
     virtual void Put(ProcessRecord& record) = 0;
-    virtual void PutLoss() = 0;          // some were lost since the last call
+    virtual void PutLoss() = 0;           // some were lost since the last call
     virtual void Rest(bool isQuiet) = 0;  // called once a round; isQuiet: nothing came in this one
 };
 

@@ -2,8 +2,6 @@
 
 using Record = ProcessRecord;
 
-static const std::string kLive = "sleep 0.1; exit 7";  // long enough for a look at /proc
-
 struct ProcessTracerTest : testing::TestWithParam<ProcessTracer::Source> {
     void SetUp() override
     {
@@ -12,6 +10,19 @@ struct ProcessTracerTest : testing::TestWithParam<ProcessTracer::Source> {
         }
         chmod(dir_.Path().c_str(), 0755);
         fs::copy_file("/bin/sh", dir_ / "sh");
+        for (const char* fifo : {"go", "input"}) {
+            ASSERT_TRUE(mkfifo((dir_ / fifo).c_str(), 0600) == 0 && chmod((dir_ / fifo).c_str(), 0666) == 0);
+        }
+    }
+
+    // Lets so many programs end that read a line from a fifo.
+    void Release(const char* fifo, int programs)
+    {
+        const int fd = open((dir_ / fifo).c_str(), O_RDWR);
+        for (int i = 0; i < programs; ++i) {
+            EXPECT_EQ(write(fd, "exit 7\n", 7), 7);
+        }
+        held_.emplace_back(fd);
     }
 
     // A program that was opened before it lost its name, or never had one.
@@ -31,7 +42,9 @@ struct ProcessTracerTest : testing::TestWithParam<ProcessTracer::Source> {
     bool ByTrace() const { return GetParam() == ProcessTracer::kTrace; }
 
     const TempDir dir_;
+    const std::string live_ = "read x <" + (dir_ / "go") + "; exit 7";  // what a program does until it is released
     const Records log_;
+    std::vector<UniqueFd> held_;
     Traced traced_;
 };
 
@@ -50,66 +63,81 @@ TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
 {
     const bool byTrace = ByTrace();
     const std::string sh = dir_ / "sh";
-    Strings many = {sh, "-c", kLive};
+    Strings many = {sh, "-c", live_};
     for (int i = 0; i < 500; ++i) {
         many.push_back("arg" + std::to_string(i));
     }
     const std::string odd = "two\nlines 'quoted' \"twice\" \\ \xff\xfe \x01";
     const std::string huge(100000, 'x');
-    const Strings usual = {"sh", "-c", kLive};
+    const Strings usual = {"sh", "-c", live_};
     fs::copy_file("/bin/sh", dir_ / "setuid");
-    Write(dir_ / "script", "#!" + sh + " -e\n" + kLive + "\n");
+    Write(dir_ / "script", "#!" + sh + " -e\n" + live_ + "\n");
     const bool prepared = chown((dir_ / "setuid").c_str(), 65534, 65534) == 0 &&
                           chmod((dir_ / "setuid").c_str(), 06755) == 0 && chmod((dir_ / "script").c_str(), 0755) == 0;
     ASSERT_TRUE(prepared);
     const Kind kinds[] = {
         {"plain", [&] { return Execute(sh, usual); },
-         [&](const Record& r) { return Args(r, usual) && r.exe == sh && r.exeGiven.empty() && r.uid == 0 && r.comm == "sh"; }},
+         [&](const Record& r) {
+             return Args(r, usual) && r.exe == sh && r.exeGiven.empty() && r.uid == 0 && r.comm == "sh";
+         }},
         {"no arguments",
          [&] {
-             int ends[2];
-             const pid_t writer = pipe(ends) == 0 ? fork() : -1;
-             if (writer == 0) {
-                 return usleep(100000);
-             }
-             dup2(ends[0], 0);
-             close(ends[1]);
+             dup2(open((dir_ / "input").c_str(), O_RDWR), 0);
              return Execute(sh, {});
          },
          [&](const Record& r) { return r.args.size() <= 1 && r.exe == sh; }},
         {"500 arguments", [&] { return Execute(sh, many); }, [&](const Record& r) { return Args(r, many); }},
-        {"odd and empty arguments", [&] { return Execute(sh, {"sh", "-c", kLive, "", odd, "", ""}); },
-         [&](const Record& r) { return Args(r, {"sh", "-c", kLive, "", odd, "", ""}); }},
-        {"100 KiB", [&] { return Execute(sh, {"sh", "-c", kLive, huge, "behind"}); },
+        {"odd and empty arguments",
+         [&] {
+             return Execute(sh, {"sh", "-c", live_, "", odd, "", ""});
+         },
          [&](const Record& r) {
-             return r.argsCut && r.argsSize == 3 + 3 + kLive.size() + 1 + huge.size() + 1 + 7 && r.args.size() == 4 &&
-                    r.args[3] == huge.substr(0, 16384 - 7 - kLive.size());
+             return Args(r, {"sh", "-c", live_, "", odd, "", ""});
          }},
-        {"another name", [&] { return Execute(sh, {"[kworker/0:1]", "-c", kLive}); },
+        {"100 KiB",
+         [&] {
+             return Execute(sh, {"sh", "-c", live_, huge, "behind"});
+         },
+         [&](const Record& r) {
+             return r.argsCut && r.argsSize == 3 + 3 + live_.size() + 1 + huge.size() + 1 + 7 && r.args.size() == 4 &&
+                    r.args[3] == huge.substr(0, 16384 - 7 - live_.size());
+         }},
+        {"another name",
+         [&] {
+             return Execute(sh, {"[kworker/0:1]", "-c", live_});
+         },
          [&](const Record& r) { return r.args[0] == "[kworker/0:1]" && r.exe == sh && r.comm == "sh"; }},
         {"relative", [&] { return chdir(dir_.Path().c_str()) + Execute("./sh", usual); },
          [&](const Record& r) { return r.exe == sh && r.exeGiven == (byTrace ? "./sh" : ""); }},
         {"deleted",
          [&] {
              const int fd = Nameless(false);
-             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(kLive.c_str()), nullptr};
+             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(live_.c_str()),
+                             nullptr};
              return fexecve(fd, args, environ);
          },
          [&](const Record& r) { return Args(r, usual) && r.exeDeleted && !r.exeInMemory && r.exe == (dir_ / "gone"); }},
         {"in memory",
          [&] {
              const int fd = Nameless(true);
-             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(kLive.c_str()), nullptr};
+             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(live_.c_str()),
+                             nullptr};
              return fexecve(fd, args, environ);
          },
          [&](const Record& r) { return Args(r, usual) && r.exeDeleted && r.exeInMemory && r.exe == "/memfd:hidden"; }},
-        {"set-user-id", [&] { return Execute(dir_ / "setuid", {"sh", "-p", "-c", kLive}); },
+        {"set-user-id",
+         [&] {
+             return Execute(dir_ / "setuid", {"sh", "-p", "-c", live_});
+         },
          [&](const Record& r) {
              return r.exeSetUid && r.exeSetGid && r.uid == 0 && r.euid == 65534 && r.gid == 0 && r.egid == 65534;
          }},
         {"another user", [&] { return setgid(1) + setuid(2) + Execute(sh, usual); },
          [&](const Record& r) { return r.uid == 2 && r.euid == 2 && r.gid == 1 && r.egid == 1 && !r.exeSetUid; }},
-        {"script", [&] { return Execute(dir_ / "script", {"script", "x"}); },
+        {"script",
+         [&] {
+             return Execute(dir_ / "script", {"script", "x"});
+         },
          [&](const Record& r) {
              return r.script == (dir_ / "script") && r.exe == sh && Args(r, {sh, "-e", dir_ / "script", "x"});
          }},
@@ -127,6 +155,10 @@ TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
     for (const Kind& kind : kinds) {
         pids.push_back(Fork(kind.run));
     }
+    EXPECT_TRUE(Eventually(
+        [&] { return std::ranges::all_of(pids, [&](pid_t pid) { return !traced_.Of(pid, Record::kExec).empty(); }); }));
+    Release("go", static_cast<int>(pids.size()) - 1);
+    Release("input", 1);
     for (const pid_t pid : pids) {
         Wait(pid);
     }
@@ -138,7 +170,7 @@ TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
         const auto exits = traced_.Of(pids[i], Record::kExit);
         ASSERT_EQ(std::make_tuple(forks.size(), execs.size(), exits.size()), std::make_tuple(1U, 1U, 1U)) << name;
         EXPECT_TRUE(execs[0].whole && exits[0].whole && kinds[i].fits(execs[0])) << name << " " << execs[0].exe;
-        EXPECT_EQ(exits[0].exitCode, std::string(name) == "no arguments" ? 0 : 7) << name;
+        EXPECT_EQ(exits[0].exitCode, 7) << name;
         EXPECT_EQ(execs[0].startNs, forks[0].startNs) << name;
         EXPECT_EQ(exits[0].startNs, forks[0].startNs) << name;
         EXPECT_EQ(forks[0].parentPid, getpid()) << name;
@@ -151,12 +183,13 @@ TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
 // Who forked a process stays its parent, also when that has ended; another program is another record.
 TEST_P(ProcessTracerTest, DaemonsNamespacesAndDoubleExecsHaveTheirParents)
 {
+    const std::string last = "sleep 0.1; exit 7";
     const std::string out = dir_ / "pid";
     ASSERT_TRUE(traced_.Start(GetParam()));
     const pid_t middle = Fork([&] {
         if (unshare(CLONE_NEWPID) == 0 && fork() == 0) {
             usleep(100000);  // until the process between is gone
-            return Execute("/bin/sh", {"sh", "-c", "sleep 0.1; exec nice sh -c '" + kLive + "'", out});
+            return Execute("/bin/sh", {"sh", "-c", "sleep 0.1; exec nice sh -c '" + last + "'", out});
         }
         return 0;
     });
@@ -173,7 +206,7 @@ TEST_P(ProcessTracerTest, DaemonsNamespacesAndDoubleExecsHaveTheirParents)
     const auto execs = traced_.Of(daemon, Record::kExec);
     ASSERT_GE(execs.size(), 3U);
     EXPECT_EQ(execs[0].args.back(), out);
-    EXPECT_EQ(execs.back().args, Strings({"sh", "-c", kLive}));
+    EXPECT_EQ(execs.back().args, Strings({"sh", "-c", last}));
     EXPECT_TRUE(execs[0].foreignPidNs);
     EXPECT_EQ(execs[0].nsPid, 1);
     EXPECT_EQ(execs.back().comm, "sh");
@@ -236,5 +269,22 @@ TEST_P(ProcessTracerTest, CallbacksMayStopAndThrow)
     }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Sources, ProcessTracerTest, testing::Values(ProcessTracer::kTrace, ProcessTracer::kConnector),
+#if NEUTILS_HAS_TRACE
+static const ProcessTracer::Source kSources[] = {ProcessTracer::kTrace, ProcessTracer::kConnector};
+#else
+static const ProcessTracer::Source kSources[] = {ProcessTracer::kConnector};
+
+// A library without trace programs says so instead of pretending.
+TEST(ProcessTracerWithoutProgramsTest, TakesTheConnectorAndSaysWhy)
+{
+    const Records log;
+    Traced traced;
+    EXPECT_FALSE(traced.Start(ProcessTracer::kTrace));
+    EXPECT_TRUE(log.Has("ERROR Fail to start the process tracer.[source=trace reason=built without trace programs]"));
+    EXPECT_EQ(traced.Start(ProcessTracer::kAuto), geteuid() == 0);
+    EXPECT_EQ(traced.tracer.GetFallbackReason(), geteuid() == 0 ? "built without trace programs" : "");
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(Sources, ProcessTracerTest, testing::ValuesIn(kSources),
                          [](const auto& row) { return std::string(ProcessTracer::GetSourceName(row.param)); });

@@ -70,8 +70,9 @@ TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAreEachToldOnceAndWhole)
         }
         ASSERT_EQ(records.size(), 3U);
         const Record& exec = records[1];
-        told[exec.args] += exec.whole && exec.exe == "/bin/true" && exec.parentPid == burst && exec.kind == Record::kExec &&
-                                   records[2].kind == Record::kExit && records[2].exitCode == 0
+        told[exec.args] += exec.whole && exec.exe == "/bin/true" && exec.parentPid == burst &&
+                                   exec.kind == Record::kExec && records[2].kind == Record::kExit &&
+                                   records[2].exitCode == 0
                                ? 1
                                : 100;
     }
@@ -150,7 +151,8 @@ static std::uint64_t Bit(int capability)
 }
 
 // What of the sources a process with these rights gets, as "source:told", or "none".
-static std::string SourceWith(std::uint64_t rights, ProcessTracer::Source wanted, const Records& log, std::string& reason)
+static std::string SourceWith(std::uint64_t rights, ProcessTracer::Source wanted, const Records& log,
+                              std::string& reason)
 {
     int ends[2] = {};
     char answer[512] = {};
@@ -191,16 +193,31 @@ TEST_F(TraceLimitsTest, WithoutRightsTheConnectorTakesOverAndSaysWhy)
         Strings texts;
     };
     const Row rows[] = {
-        {"those of the programs", trace, ProcessTracer::kAuto, "trace",
+        {"those of the programs",
+         trace,
+         ProcessTracer::kAuto,
+         "trace",
          {"|INFO The process tracer started.[source=trace]"}},
-        {"those of the connector", net, ProcessTracer::kAuto, "connector",
+        {"those of the connector",
+         net,
+         ProcessTracer::kAuto,
+         "connector",
          {"|cannot load the trace programs: Operation not permitted",
           "|WARN The process tracer started.[source=connector trace=cannot load the trace programs: "}},
-        {"all, but the connector is wanted", net | trace, ProcessTracer::kConnector, "connector",
+        {"all, but the connector is wanted",
+         net | trace,
+         ProcessTracer::kConnector,
+         "connector",
          {"|INFO The process tracer started.[source=connector trace=not wanted]"}},
-        {"the programs are wanted", net, ProcessTracer::kTrace, "none",
+        {"the programs are wanted",
+         net,
+         ProcessTracer::kTrace,
+         "none",
          {"|ERROR Fail to start the process tracer.[source=trace reason=cannot load the trace programs"}},
-        {"none", look, ProcessTracer::kAuto, "none",
+        {"none",
+         look,
+         ProcessTracer::kAuto,
+         "none",
          {"reason=trace: cannot load the trace programs", "; connector: cannot enlarge the process connector: "}},
     };
     for (const Row& row : rows) {
@@ -250,7 +267,8 @@ TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
 {
     const auto count = [] {
         return std::make_tuple(Loaded(BPF_PROG_GET_NEXT_ID).size(), Loaded(BPF_MAP_GET_NEXT_ID).size(),
-                               Loaded(BPF_LINK_GET_NEXT_ID).size(), Entries("/proc/self/fd"), Entries("/proc/self/task"));
+                               Loaded(BPF_LINK_GET_NEXT_ID).size(), Entries("/proc/self/fd"),
+                               Entries("/proc/self/task"));
     };
     const auto before = count();
     for (int i = 0; i < 1000; ++i) {
@@ -315,11 +333,23 @@ TEST_F(TraceLimitsTest, PlatformProcessesStayUntoldButNoImpostor)
                   };
                   const Row rows[] = {
                       {true, true, [&] { return Execute(agent, command); }},
-                      {true, true, [&] { return Execute(bash, {bash, script}); }},
+                      {true, true,
+                       [&] {
+                           return Execute(bash, {bash, script});
+                       }},
                       {false, true, [&] { return Execute("/bin/sh", command); }},
-                      {false, true, [&] { return Execute(bash, {bash + " " + script, "-c", "sleep 0.1; true"}); }},
-                      {false, true, [&] { return chmod(script.c_str(), 0666) + Execute(bash, {bash, script}); }},
-                      {false, false, [&] { return Execute(agent, {"x", "-c", "sleep 0.1; true"}); }},
+                      {false, true,
+                       [&] {
+                           return Execute(bash, {bash + " " + script, "-c", "sleep 0.1; true"});
+                       }},
+                      {false, true,
+                       [&] {
+                           return chmod(script.c_str(), 0666) + Execute(bash, {bash, script});
+                       }},
+                      {false, false,
+                       [&] {
+                           return Execute(agent, {"x", "-c", "sleep 0.1; true"});
+                       }},
                   };
                   int wrong = 0;
                   for (const auto source : {ProcessTracer::kTrace, ProcessTracer::kConnector}) {

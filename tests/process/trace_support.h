@@ -13,6 +13,7 @@
 
 #include "process_tracer.h"
 #include "tests/support/support.h"
+#include "util/unique_fd.h"
 
 // A tracer with everything that it hands over, by process.
 struct Traced {
