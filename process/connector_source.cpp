@@ -38,7 +38,7 @@ std::uint64_t NsOf(clockid_t clock)
 
 class ConnectorSource : public TraceSource {
 public:
-    explicit ConnectorSource(const ProcessTracer::Settings& settings)
+    explicit ConnectorSource(const TracerSettings& settings)
         : priority_(settings.priority), restMs_(std::clamp(settings.wakeMs, 1, kIdleWaitMs))
     {
     }
@@ -46,7 +46,7 @@ public:
     bool Open(std::string& reason) override;
     void Run(RecordSink& sink) override;
     void RequestStop() override;
-    ProcessTracer::Counts GetCounts() const override;
+    TracerCounts GetCounts() const override;
 
 private:
     // What is known of a living process; as a record, since each one begins with it.
@@ -109,9 +109,9 @@ void ConnectorSource::RequestStop()
     eventfd_write(stop_.Get(), 1);
 }
 
-ProcessTracer::Counts ConnectorSource::GetCounts() const
+TracerCounts ConnectorSource::GetCounts() const
 {
-    ProcessTracer::Counts counts;
+    TracerCounts counts;
     counts.seen = counts.received = {forks_, execs_, exits_, 0};
     counts.lost.unknown = lost_;
     return counts;
@@ -348,7 +348,7 @@ void ConnectorSource::HandleExit(const proc_event& event, RecordSink& sink)
 
 }  // namespace
 
-std::unique_ptr<TraceSource> MakeConnectorSource(const ProcessTracer::Settings& settings)
+std::unique_ptr<TraceSource> MakeConnectorSource(const TracerSettings& settings)
 {
     return std::make_unique<ConnectorSource>(settings);
 }

@@ -7,6 +7,6 @@
 namespace NEUtils {
 
 // The source that works without trace programs: the process connector, completed from /proc.
-std::unique_ptr<TraceSource> MakeConnectorSource(const ProcessTracer::Settings& settings);
+std::unique_ptr<TraceSource> MakeConnectorSource(const TracerSettings& settings);
 
 }  // namespace NEUtils

@@ -4,7 +4,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "process_tracer.h"
+#include "process_record.h"
 #include "util/unique_fd.h"
 
 namespace NEUtils {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "process_tracer.h"
+#include "process_record.h"
 
 namespace NEUtils {
 

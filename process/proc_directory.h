@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "process_tracer.h"
+#include "process_record.h"
 #include "util/unique_fd.h"
 
 namespace NEUtils {

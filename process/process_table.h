@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <unordered_map>
 
-#include "process_tracer.h"
+#include "process_record.h"
 
 namespace NEUtils {
 

@@ -58,7 +58,7 @@ struct {
 struct trace_state state = {};
 const volatile __u64 wake_size = 0; /* in the ring, to wake a resting reader; 0: each record wakes it */
 
-static __always_inline void count(__u64 *counter)
+static __always_inline void count(__u64* counter)
 {
     __sync_fetch_and_add(counter, 1);
 }
@@ -75,10 +75,10 @@ static __always_inline __u64 wake_flags(void)
     return BPF_RB_FORCE_WAKEUP;
 }
 
-static __always_inline void put_ids(struct trace_head *head, struct task_struct *task)
+static __always_inline void put_ids(struct trace_head* head, struct task_struct* task)
 {
-    const struct cred *cred = task->cred;
-    struct task_struct *parent = task->real_parent;
+    const struct cred* cred = task->cred;
+    struct task_struct* parent = task->real_parent;
     head->pid = task->tgid;
     head->tid = task->pid;
     head->start = task->group_leader->start_boottime;
@@ -93,11 +93,11 @@ static __always_inline void put_ids(struct trace_head *head, struct task_struct 
     head->cgroup = task->cgroups->dfl_cgrp->kn->id;
 }
 
-static __always_inline void put_namespaces(struct trace_head *head, struct task_struct *task)
+static __always_inline void put_namespaces(struct trace_head* head, struct task_struct* task)
 {
-    struct nsproxy *spaces = task->nsproxy;
-    struct pid *pid = task->group_leader->thread_pid;
-    struct pid_namespace *space = 0;
+    struct nsproxy* spaces = task->nsproxy;
+    struct pid* pid = task->group_leader->thread_pid;
+    struct pid_namespace* space = 0;
     __u32 level;
     head->mount_ns = spaces ? spaces->mnt_ns->ns.inum : 0;
     head->pid_ns = 0;
@@ -107,16 +107,16 @@ static __always_inline void put_namespaces(struct trace_head *head, struct task_
     level = pid->level;
     if (level < MAX_PID_LEVEL) {
         /* The array's length is not in the type: its last element is that of the process's own namespace. */
-        const char *number = (const char *)pid + bpf_core_field_offset(pid->numbers) +
-                             level * bpf_core_type_size(struct upid);
+        const char* number =
+            (const char*)pid + bpf_core_field_offset(pid->numbers) + level * bpf_core_type_size(struct upid);
         bpf_probe_read_kernel(&head->ns_pid, sizeof(head->ns_pid),
-                              number + bpf_core_field_offset(((struct upid *)0)->nr));
-        bpf_probe_read_kernel(&space, sizeof(space), number + bpf_core_field_offset(((struct upid *)0)->ns));
+                              number + bpf_core_field_offset(((struct upid*)0)->nr));
+        bpf_probe_read_kernel(&space, sizeof(space), number + bpf_core_field_offset(((struct upid*)0)->ns));
         head->pid_ns = space ? BPF_CORE_READ(space, ns.inum) : 0;
     }
 }
 
-static __always_inline void put_head(struct trace_head *head, struct task_struct *task, __u32 kind)
+static __always_inline void put_head(struct trace_head* head, struct task_struct* task, __u32 kind)
 {
     head->kind = kind;
     head->flags = 0;
@@ -134,10 +134,10 @@ static __always_inline void put_head(struct trace_head *head, struct task_struct
     bpf_core_read_str(head->comm, sizeof(head->comm), &task->comm);
 }
 
-static __always_inline void put_file(struct trace_head *head, struct mm_struct *mm)
+static __always_inline void put_file(struct trace_head* head, struct mm_struct* mm)
 {
-    struct file *file = mm->exe_file;
-    struct inode *inode;
+    struct file* file = mm->exe_file;
+    struct inode* inode;
     char name[8] = {};
     if (!file)
         return;
@@ -153,11 +153,11 @@ static __always_inline void put_file(struct trace_head *head, struct mm_struct *
 }
 
 /* Give the offset behind what they have put. */
-static __always_inline __u32 put_paths(struct exec_record *record, struct linux_binprm *program)
+static __always_inline __u32 put_paths(struct exec_record* record, struct linux_binprm* program)
 {
-    struct trace_head *head = &record->head;
-    const char *filename = program->filename;
-    const char *interpreter = program->interp;
+    struct trace_head* head = &record->head;
+    const char* filename = program->filename;
+    const char* interpreter = program->interp;
     __u32 at = 0;
     long size = bpf_probe_read_kernel_str(record->data, TRACE_PATH_MAX, filename);
     if (size <= 0) {
@@ -181,14 +181,14 @@ static __always_inline __u32 put_paths(struct exec_record *record, struct linux_
     return at;
 }
 
-static __always_inline __u32 put_args(struct exec_record *record, __u32 at, struct mm_struct *mm)
+static __always_inline __u32 put_args(struct exec_record* record, __u32 at, struct mm_struct* mm)
 {
-    struct trace_head *head = &record->head;
+    struct trace_head* head = &record->head;
     unsigned long begin = mm->arg_start;
     __u64 size = mm->arg_end - begin;
     head->args_total = size;
     LIMIT(size, TRACE_ARGS_MAX);
-    if (bpf_probe_read_user(record->data + at, size, (const void *)begin) != 0) {
+    if (bpf_probe_read_user(record->data + at, size, (const void*)begin) != 0) {
         head->flags |= TRACE_NO_ARGS;
         size = 0;
     }
@@ -197,12 +197,12 @@ static __always_inline __u32 put_args(struct exec_record *record, __u32 at, stru
 }
 
 SEC("tp_btf/sched_process_exec")
-int BPF_PROG(trace_exec, struct task_struct *task, int old_tid, struct linux_binprm *program)
+int BPF_PROG(trace_exec, struct task_struct* task, int old_tid, struct linux_binprm* program)
 {
     __u32 zero = 0, at;
     __u64 size;
-    struct mm_struct *mm = task->mm;
-    struct exec_record *record = bpf_map_lookup_elem(&scratch, &zero);
+    struct mm_struct* mm = task->mm;
+    struct exec_record* record = bpf_map_lookup_elem(&scratch, &zero);
     count(&state.seen[TRACE_EXEC]);
     if (!record || !mm) {
         count(&state.lost[TRACE_EXEC]);
@@ -223,9 +223,9 @@ int BPF_PROG(trace_exec, struct task_struct *task, int old_tid, struct linux_bin
     return 0;
 }
 
-static __always_inline struct trace_head *reserve(__u32 kind)
+static __always_inline struct trace_head* reserve(__u32 kind)
 {
-    struct trace_head *head = bpf_ringbuf_reserve(&ring, sizeof(*head), 0);
+    struct trace_head* head = bpf_ringbuf_reserve(&ring, sizeof(*head), 0);
     count(&state.seen[kind]);
     if (!head)
         count(&state.lost[kind]);
@@ -233,9 +233,9 @@ static __always_inline struct trace_head *reserve(__u32 kind)
 }
 
 SEC("tp_btf/sched_process_fork")
-int BPF_PROG(trace_fork, struct task_struct *parent, struct task_struct *child)
+int BPF_PROG(trace_fork, struct task_struct* parent, struct task_struct* child)
 {
-    struct trace_head *head;
+    struct trace_head* head;
     if (child->pid != child->tgid)
         return 0;
     head = reserve(TRACE_FORK);
@@ -247,9 +247,9 @@ int BPF_PROG(trace_fork, struct task_struct *parent, struct task_struct *child)
 }
 
 /* True for one of the threads that end together as the last ones. */
-static __always_inline bool ends_process(struct task_struct *task)
+static __always_inline bool ends_process(struct task_struct* task)
 {
-    struct signal_struct *group = task->signal;
+    struct signal_struct* group = task->signal;
     struct ended_key key = {task->group_leader->start_boottime, task->tgid, 0};
     __u32 yes = 1;
     if (group->live.counter != 0)
@@ -260,10 +260,10 @@ static __always_inline bool ends_process(struct task_struct *task)
 }
 
 SEC("tp_btf/sched_process_exit")
-int BPF_PROG(trace_exit, struct task_struct *task)
+int BPF_PROG(trace_exit, struct task_struct* task)
 {
-    struct signal_struct *group = task->signal;
-    struct trace_head *head;
+    struct signal_struct* group = task->signal;
+    struct trace_head* head;
     if (!ends_process(task))
         return 0;
     head = reserve(TRACE_EXIT);

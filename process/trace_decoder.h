@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "process_tracer.h"
+#include "process_record.h"
 
 namespace NEUtils {
 

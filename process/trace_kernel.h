@@ -33,12 +33,12 @@ struct pid_namespace {
 };
 
 struct nsproxy {
-    struct mnt_namespace *mnt_ns;
+    struct mnt_namespace* mnt_ns;
 };
 
 struct upid {
     int nr;
-    struct pid_namespace *ns;
+    struct pid_namespace* ns;
 };
 
 struct pid {
@@ -56,15 +56,15 @@ struct kernfs_node {
 };
 
 struct cgroup {
-    struct kernfs_node *kn;
+    struct kernfs_node* kn;
 };
 
 struct css_set {
-    struct cgroup *dfl_cgrp;
+    struct cgroup* dfl_cgrp;
 };
 
 struct qstr {
-    const unsigned char *name;
+    const unsigned char* name;
 };
 
 struct inode {
@@ -78,17 +78,17 @@ struct dentry {
 };
 
 struct path {
-    struct dentry *dentry;
+    struct dentry* dentry;
 };
 
 struct file {
-    struct inode *f_inode;
+    struct inode* f_inode;
     struct path f_path;
 };
 
 struct mm_struct {
     unsigned long arg_start, arg_end;
-    struct file *exe_file;
+    struct file* exe_file;
 };
 
 struct signal_struct {
@@ -102,12 +102,12 @@ struct task_struct {
     int pid, tgid, exit_code;
     __u64 start_boottime;
     struct task_struct *real_parent, *group_leader;
-    const struct cred *cred;
-    struct mm_struct *mm;
-    struct nsproxy *nsproxy;
-    struct pid *thread_pid;
-    struct css_set *cgroups;
-    struct signal_struct *signal;
+    const struct cred* cred;
+    struct mm_struct* mm;
+    struct nsproxy* nsproxy;
+    struct pid* thread_pid;
+    struct css_set* cgroups;
+    struct signal_struct* signal;
     kuid_t loginuid;
     unsigned int sessionid;
     char comm[16];

@@ -2,6 +2,7 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <process_trace.skel.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -16,7 +17,6 @@
 #include "process/proc_directory.h"
 #include "process/trace_decoder.h"
 #include "process/trace_layout.h"
-#include "process_trace.skel.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/file.h"
@@ -62,7 +62,7 @@ std::uint64_t Load(const __u64& counter)
     return __atomic_load_n(&counter, __ATOMIC_RELAXED);
 }
 
-ProcessTracer::Counts::Kinds LoadKinds(const __u64 (&counters)[TRACE_KINDS])
+TracerCounts::Kinds LoadKinds(const __u64 (&counters)[TRACE_KINDS])
 {
     return {Load(counters[TRACE_FORK]), Load(counters[TRACE_EXEC]), Load(counters[TRACE_EXIT]), 0};
 }
@@ -82,7 +82,7 @@ std::uint64_t RecursionMisses(int program)
 
 class TraceRing : public TraceSource {
 public:
-    explicit TraceRing(const ProcessTracer::Settings& settings)
+    explicit TraceRing(const TracerSettings& settings)
         : ringSize_(ToRingSize(settings.ringSize)), wakeMs_(std::clamp(settings.wakeMs, 0, kIdleWaitMs))
     {
     }
@@ -95,7 +95,7 @@ public:
     bool Open(std::string& reason) override;
     void Run(RecordSink& sink) override;
     void RequestStop() override;
-    ProcessTracer::Counts GetCounts() const override;
+    TracerCounts GetCounts() const override;
 
 private:
     static int OnRecord(void* self, void* data, std::size_t length);
@@ -262,9 +262,9 @@ void TraceRing::TellLoss()
     }
 }
 
-ProcessTracer::Counts TraceRing::GetCounts() const
+TracerCounts TraceRing::GetCounts() const
 {
-    ProcessTracer::Counts counts;
+    TracerCounts counts;
     counts.seen = LoadKinds(programs_->bss->state.seen);
     counts.lost = LoadKinds(programs_->bss->state.lost);
     counts.received = {received_[TRACE_FORK], received_[TRACE_EXEC], received_[TRACE_EXIT], 0};
@@ -278,7 +278,7 @@ ProcessTracer::Counts TraceRing::GetCounts() const
 
 }  // namespace
 
-std::unique_ptr<TraceSource> MakeTraceRing(const ProcessTracer::Settings& settings)
+std::unique_ptr<TraceSource> MakeTraceRing(const TracerSettings& settings)
 {
     return std::make_unique<TraceRing>(settings);
 }

@@ -3,7 +3,7 @@
 
 namespace NEUtils {
 
-std::unique_ptr<TraceSource> MakeTraceRing(const ProcessTracer::Settings&)
+std::unique_ptr<TraceSource> MakeTraceRing(const TracerSettings&)
 {
     return nullptr;
 }

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "process_tracer.h"
+#include "process_record.h"
 
 namespace NEUtils {
 
@@ -27,7 +27,7 @@ public:
     virtual bool Open(std::string& reason) = 0;
     virtual void Run(RecordSink& sink) = 0;
     virtual void RequestStop() = 0;
-    virtual ProcessTracer::Counts GetCounts() const = 0;
+    virtual TracerCounts GetCounts() const = 0;
 };
 
 }  // namespace NEUtils

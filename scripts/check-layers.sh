@@ -30,7 +30,7 @@ declare -A headersOf=(
     [monitor]='attribute fanotify_watcher file_watch inotify_monitor inotify_watcher monitor monitor_manager myfanotify'
     [comm]='base_socket basecomm ipv4_socket ipv6_socket report report_messages report_queue socket_comm
             socket_proxy tcp_socket tlv unix_socket'
-    [process]='process_monitor process_tracer process_utils user_info'
+    [process]='process_monitor process_record process_tracer process_utils user_info'
 )
 # These use the library as anybody does: public headers and util/ only, and their own files by bare name.
 embedders=' agent features tools '
