@@ -39,16 +39,16 @@ elseif(NOT NEUTILS_TRACE STREQUAL "OFF")
   message(FATAL_ERROR "NEUTILS_TRACE is AUTO, ON or OFF, not '${NEUTILS_TRACE}'")
 endif()
 
-set(traceSources connector_socket.cpp connector_source.cpp container_names.cpp exec_reader.cpp platform_processes.cpp
+set(tracerFiles connector_socket.cpp connector_source.cpp container_names.cpp exec_reader.cpp platform_processes.cpp
                  proc_directory.cpp process_table.cpp process_tracer.cpp trace_decoder.cpp)
 if(NEUTILS_HAS_TRACE)
-  list(APPEND traceSources libbpf_messages.cpp trace_ring.cpp)
+  list(APPEND tracerFiles libbpf_messages.cpp trace_ring.cpp)
 else()
-  list(APPEND traceSources trace_ring_missing.cpp)
+  list(APPEND tracerFiles trace_ring_missing.cpp)
 endif()
-list(TRANSFORM traceSources PREPEND ${PROJECT_SOURCE_DIR}/process/)
+list(TRANSFORM tracerFiles PREPEND ${PROJECT_SOURCE_DIR}/process/)
 
-add_library(neutils_trace_objects OBJECT ${traceSources})
+add_library(neutils_trace_objects OBJECT ${tracerFiles})
 target_link_libraries(neutils_trace_objects PRIVATE neutils_flags Threads::Threads)
 target_include_directories(neutils_trace_objects PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 # Unique symbols would keep the library in memory after a feature that uses it is closed.

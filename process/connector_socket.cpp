@@ -4,18 +4,14 @@
 #include <linux/connector.h>
 #include <linux/filter.h>
 #include <linux/netlink.h>
-#include <linux/sock_diag.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
-#include "process/proc_event_decoder.h"
 #include "process_monitor.h"
 #include "util/errno_text.h"
 
@@ -24,8 +20,6 @@ namespace NEUtils {
 namespace {
 
 constexpr int kReceiveBuffer = 0x8000000;
-constexpr std::size_t kDatagramSize = 272;
-constexpr std::size_t kBatch = 64;
 constexpr std::uint32_t kEventAt = sizeof(nlmsghdr) + sizeof(cn_msg);
 constexpr std::uint32_t kKindAt = kEventAt + offsetof(proc_event, what);
 constexpr std::uint32_t kChildAt = kEventAt + offsetof(proc_event, event_data.fork.child_pid);
@@ -43,13 +37,6 @@ constexpr sock_filter IfEqual(std::uint32_t value, std::uint8_t skipIfTrue, std:
 }
 
 }  // namespace
-
-struct ConnectorSocket::Batch {
-    std::array<std::array<unsigned char, kDatagramSize>, kBatch> data;
-    std::array<sockaddr_nl, kBatch> senders;
-};
-
-ConnectorSocket::ConnectorSocket() : batch_(std::make_unique<Batch>()) {}
 
 ConnectorSocket::~ConnectorSocket()
 {
@@ -136,27 +123,15 @@ bool ConnectorSocket::SetMode(proc_cn_mcast_op mode) const
 
 std::size_t ConnectorSocket::Receive(std::vector<proc_event>& events)
 {
-    std::array<iovec, kBatch> pieces;
-    std::array<mmsghdr, kBatch> headers = {};
-    for (std::size_t i = 0; i < kBatch; ++i) {
-        pieces[i] = {batch_->data[i].data(), kDatagramSize};
-        headers[i].msg_hdr.msg_iov = &pieces[i];
-        headers[i].msg_hdr.msg_iovlen = 1;
-        headers[i].msg_hdr.msg_name = &batch_->senders[i];
-        headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_nl);
-    }
     events.clear();
-    const int count = recvmmsg(fd_.Get(), headers.data(), kBatch, MSG_DONTWAIT, nullptr);
+    const int count = batch_->Receive(fd_.Get());
     if (count < 0) {
         noBuffers_ = noBuffers_ || errno == ENOBUFS;
         return 0;
     }
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-        const msghdr& header = headers[i].msg_hdr;
-        const bool fromKernel = header.msg_namelen == sizeof(sockaddr_nl) && batch_->senders[i].nl_pid == 0;
         proc_event event;
-        if (fromKernel && (header.msg_flags & MSG_TRUNC) == 0 &&
-            DecodeProcEvent(batch_->data[i].data(), headers[i].msg_len, event)) {
+        if (batch_->Decode(i, event)) {
             events.push_back(event);
         }
     }
@@ -165,14 +140,9 @@ std::size_t ConnectorSocket::Receive(std::vector<proc_event>& events)
 
 std::uint64_t ConnectorSocket::TakeLosses()
 {
-    std::uint32_t info[SK_MEMINFO_VARS] = {};
-    socklen_t length = sizeof(info);
+    std::uint32_t drops = 0;
     const bool noBuffers = std::exchange(noBuffers_, false);
-    if (getsockopt(fd_.Get(), SOL_SOCKET, SO_MEMINFO, info, &length) != 0 ||
-        length <= SK_MEMINFO_DROPS * sizeof(info[0])) {
-        return noBuffers ? 1 : 0;
-    }
-    return info[SK_MEMINFO_DROPS] - std::exchange(drops_, info[SK_MEMINFO_DROPS]);
+    return drops_.Take(fd_.Get(), drops) ? drops : noBuffers;
 }
 
 }  // namespace NEUtils

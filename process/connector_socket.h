@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "process/datagram_batch.h"
 #include "util/unique_fd.h"
 
 namespace NEUtils {
@@ -22,8 +23,10 @@ public:
         kProcesses,  // forks of processes without those of threads, execs, exits, changes of users and groups
     };
 
-    ConnectorSocket();
+    ConnectorSocket() = default;
     ~ConnectorSocket();
+    ConnectorSocket(const ConnectorSocket&) = delete;
+    ConnectorSocket& operator=(const ConnectorSocket&) = delete;
 
     bool Open(Wanted wanted, std::string& reason);
     int Fd() const { return fd_.Get(); }
@@ -35,15 +38,13 @@ public:
     std::uint64_t TakeLosses();
 
 private:
-    struct Batch;
-
     bool SetFilter(Wanted wanted) const;
     bool SetMode(proc_cn_mcast_op mode) const;
 
     UniqueFd fd_;
-    std::unique_ptr<Batch> batch_;
+    std::unique_ptr<DatagramBatch> batch_ = std::make_unique<DatagramBatch>();
+    DropCounter drops_;
     bool noBuffers_ = false;
-    std::uint32_t drops_ = 0;
 };
 
 }  // namespace NEUtils

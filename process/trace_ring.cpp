@@ -2,7 +2,6 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
-#include <process_trace.skel.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -21,6 +20,9 @@
 #include "util/errno_text.h"
 #include "util/file.h"
 #include "util/unique_fd.h"
+
+// Made from the programs, with types of the layout.
+#include <process_trace.skel.h>
 
 namespace NEUtils {
 
