@@ -11,7 +11,7 @@ namespace NEUtils {
 
 // Hands a record to its owner about every process that starts, executes a program or ends, however short it
 // lives, except those of white-listed processes: the platform's management tooling, a few system daemons,
-// and the children of both.
+// and the children of both. Such a process is known from its exec on: its fork is told, its end is not.
 //
 // Source   trace programs in the kernel, which see everything at the moment it happens: Linux 5.8 with BTF,
 //          CAP_BPF and CAP_PERFMON. Otherwise the process connector (CAP_NET_ADMIN, the first pid and network

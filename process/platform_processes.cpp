@@ -16,8 +16,8 @@ namespace {
 // Each pattern holds one of these, and none has a blank before or in it: so most arguments are done with at once.
 constexpr std::array<std::string_view, 4> kMarks = {"/opt/omx/", "tools/pyscript/deployagent/", "/usr/bin/sysmonitor",
                                                     "/usr/sbin/setroubleshootd"};
-// Options of an interpreter behind which the script still follows; not such as -c, -m and -i.
-constexpr std::string_view kHarmlessPythonOptions = "-BEIOPRSWdqsuvx";
+// Options of an interpreter behind which the script follows at once; not such as -c, -m, -i and -W.
+constexpr std::string_view kHarmlessPythonOptions = "-BEIOPRSdqsuvx";
 
 bool HasMark(const ProcessRecord& record)
 {

@@ -230,6 +230,23 @@ TEST_F(TraceLimitsTest, WithoutRightsTheConnectorTakesOverAndSaysWhy)
     }
 }
 
+TEST_F(TraceLimitsTest, WithoutTheKernelsTypesTheConnectorTakesOver)
+{
+    EXPECT_EQ(Wait(Fork([] {
+                  Traced traced;
+                  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) != 0 ||
+                      traced.Start(ProcessTracer::kTrace)) {
+                      return 1;
+                  }
+                  return traced.Start(ProcessTracer::kAuto) && traced.tracer.GetSource() == ProcessTracer::kConnector &&
+                                 Contains(traced.tracer.GetFallbackReason(), "cannot load the trace programs: ")
+                             ? 0
+                             : 2;
+              })),
+              0);
+}
+
 TEST_F(TraceLimitsTest, RightsMayGoOnceItHasStarted)
 {
     EXPECT_EQ(Wait(Fork([] {
