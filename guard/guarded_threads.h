@@ -70,7 +70,7 @@ private:
     std::vector<ThreadPtr> closed_;  // their handles were closed while they still ran
     std::shared_ptr<HipsResourceManager> resources_;
     HipsInstanceManager* manager_ = nullptr;
-    HeartbeatChecker checker_;  // of whoever changes the phase
+    HeartbeatChecker checker_;  // started and stopped by the thread that changes the phase
 };
 
 }  // namespace NEUtils

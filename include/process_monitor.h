@@ -131,6 +131,7 @@ public:
 
 private:
     void MonitorProcessEvent();
+    void Listen(int fd);
     bool SetUpSocket(int fd) const;
     bool SendConnectorMode(int fd, proc_cn_mcast_op mode, nlmsghdr& header) const;
     void ReceiveEvents(int fd);

@@ -9,7 +9,7 @@
 // Details of processes, read from /proc at the moment of the call.
 //
 // Threads  any.
-// Errors   false, and the output unchanged, for a process that is gone or may not be looked at.
+// Errors   false, and the output unchanged, for a process that is gone or must not be read.
 // Source   what a process says of itself (name, command line) is its own choice: do not trust it.
 namespace ProcessUtils {
 

@@ -86,7 +86,7 @@ void ProcessMonitor::StartProcessMonitor()
     }
     if (result != 0) {
         NE_LOG(ERROR, "Fail to create process monitor thread.");
-        running_ = false;  // there is nothing that a stop could wait for
+        running_ = false;  // not left set: the next start would find a monitor that runs, and do nothing
         phase_ = kEnded;
         return;
     }
@@ -163,31 +163,40 @@ void* ProcessMonitor::MonitorProcessThread(void* monitor)
 
 void ProcessMonitor::MonitorProcessEvent()
 {
+    // Close-on-exec in addition to the fixed type: a child must not inherit the events.
     const UniqueFd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
     if (!fd.IsValid()) {
         const int error = errno;
         NE_LOG(ERROR, "Fail to create socket, error information.[errno=%d errmsg=%s]", error, ErrnoText(error).Get());
-    } else if (SetUpSocket(fd.Get())) {
-        const std::unique_ptr<void, decltype(&std::free)> block(std::malloc(DatagramBatch::kDatagramSize), &std::free);
-        if (block == nullptr) {
-            NE_LOG(ERROR, "Fail to allocate memory for netlink header.");
-        } else {
-            std::memset(block.get(), 0, DatagramBatch::kDatagramSize);
-            auto& header = *static_cast<nlmsghdr*>(block.get());
-            if (SendConnectorMode(fd.Get(), PROC_CN_MCAST_LISTEN, header)) {
-                phase_ = kListening;
-                try {
-                    ReceiveEvents(fd.Get());
-                } catch (const std::exception& error) {
-                    ++overflows_;
-                    NE_LOG(ERROR, "The process event detection has failed.[what=%s]", error.what());
-                }
-                SendConnectorMode(fd.Get(), PROC_CN_MCAST_IGNORE, header);
-            }
+    } else {
+        try {
+            Listen(fd.Get());
+        } catch (const std::exception& error) {  // memory has run out
+            ++overflows_;
+            NE_LOG(ERROR, "The process event detection has failed.[what=%s]", error.what());
         }
     }
     // Kept because owners stop a monitor whose setup failed too: the running flag stays set until then.
     NE_LOG(INFO, "The process event detection has stopped.");
+}
+
+void ProcessMonitor::Listen(int fd)
+{
+    if (!SetUpSocket(fd)) {
+        return;
+    }
+    const std::unique_ptr<void, decltype(&std::free)> block(std::malloc(DatagramBatch::kDatagramSize), &std::free);
+    if (block == nullptr) {
+        NE_LOG(ERROR, "Fail to allocate memory for netlink header.");
+        return;
+    }
+    std::memset(block.get(), 0, DatagramBatch::kDatagramSize);
+    auto& header = *static_cast<nlmsghdr*>(block.get());
+    if (SendConnectorMode(fd, PROC_CN_MCAST_LISTEN, header)) {
+        phase_ = kListening;
+        ReceiveEvents(fd);
+        SendConnectorMode(fd, PROC_CN_MCAST_IGNORE, header);
+    }
 }
 
 bool ProcessMonitor::SetUpSocket(int fd) const

@@ -206,6 +206,7 @@ TEST(HeartbeatCheckerTest, SaysWhyItEndsTheProcess)
     const auto third = log.find("failedCount=3");
     EXPECT_TRUE(third != std::string::npos && third < log.find("Terminate signal will be sent to main thread.\n"))
         << log;
+    EXPECT_FALSE(Contains(log, "failedCount=4"));
 }
 
 TEST(HipsResourceManagerTest, LogsOnceWhenALimitIsCrossed)

@@ -152,15 +152,15 @@ TEST_F(HipsGuardTest, EndsAndBeginsAgain)
     EXPECT_GT(GetFdUsage(), 2);
 }
 
-TEST_F(HipsGuardTest, LongRunIsToldAfterItsEndAndFastStopIsSeen)
+TEST_F(HipsGuardTest, LongRunIsLoggedAfterItsEndAndFastStopIsSeen)
 {
     const auto slow = [](void*) {
         Clock::monotonicOffsetNs = 121 * Clock::kNsPerSecond;
         return 0;
     };
     const std::uintptr_t handle = CreateHipsThreadEx(slow, nullptr, 0, "slow");
-    const std::string told = "INFO The task running more than 2min.[name=slow, time=121s]";
-    EXPECT_TRUE(Eventually([&] { return records_.Has(told); }));
+    const std::string record = "INFO The task running more than 2min.[name=slow, time=121s]";
+    EXPECT_TRUE(Eventually([&] { return records_.Has(record); }));
     Clock::monotonicOffsetNs = 0;
     EXPECT_TRUE(FastStopAll());
     EXPECT_TRUE(Eventually([handle] { return !IsHipsThreadRunningEx(handle); }));

@@ -1,6 +1,11 @@
 #include "process/proc_event_decoder.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "process/event_filter.h"
+#include "process_monitor.h"
 
 using namespace NEUtils;
 
@@ -45,4 +50,41 @@ TEST(ProcEventDecoderTest, TakesWholeDatagramsOfTheConnectorOnly)
         EXPECT_FALSE(Decodes(length, 1, 3)) << length;
     }
     EXPECT_FALSE(DecodeProcEvent(nullptr, 76, g_event));
+}
+
+// A filter that lets too much through leaves the monitor to be flooded; one that drops too much blinds it.
+TEST(EventFilterTest, KernelDropsWhatNobodyAskedFor)
+{
+    struct Row {
+        const char* name;
+        std::uint32_t kinds;
+        bool processesOnly;
+        std::vector<std::uint32_t> event;  // kind, and its first four ids
+        bool comes;
+    };
+    constexpr std::uint32_t kAll = ProcessMonitor::kAllEventKinds;
+    const Row rows[] = {
+        {"fork of a process", kExecEvent, true, {kForkEvent, 1, 1, 7, 7}, true},
+        {"fork of a thread", kExecEvent, true, {kForkEvent, 7, 7, 8, 7}, false},
+        {"fork of a thread, all kinds", kAll, true, {kForkEvent, 7, 7, 8, 7}, false},
+        {"fork of a thread, threads wanted", kExecEvent, false, {kForkEvent, 7, 7, 8, 7}, true},
+        {"exit of a process", kExecEvent, true, {kExitEvent, 7, 7, 0, 0}, true},
+        {"exit of a thread", kExecEvent, true, {kExitEvent, 8, 7, 0, 0}, false},
+        {"exit of a thread, threads wanted", kExecEvent, false, {kExitEvent, 8, 7, 0, 0}, true},
+        {"wanted kind of a thread", kUidEvent, true, {kUidEvent, 8, 7, 0, 0}, true},
+        {"another kind", kExecEvent, true, {kCommEvent, 7, 7, 0, 0}, false},
+        {"another kind, threads wanted", kExecEvent, false, {kCommEvent, 7, 7, 0, 0}, false},
+        {"answer to the start, all kinds", kAll, true, {0, 0, 0, 0, 0}, true},
+    };
+    for (const Row& row : rows) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
+        EXPECT_EQ(AttachEventFilter(pair[1], row.kinds, row.processesOnly), 0);
+        std::uint32_t words[19] = {76, 3, 0, 0, 1, 1, 0, 0, 40, row.event[0]};
+        std::copy(row.event.begin() + 1, row.event.end(), words + 13);
+        send(pair[0], words, sizeof(words), 0);
+        EXPECT_EQ(recv(pair[1], words, sizeof(words), MSG_DONTWAIT) > 0, row.comes) << row.name;
+        close(pair[0]);
+        close(pair[1]);
+    }
 }

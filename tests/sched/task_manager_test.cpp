@@ -319,7 +319,7 @@ TEST(TaskManagerStartTest, FailedStartLeavesItRunning)
     EXPECT_TRUE(records.Has("ERROR Create thread failed.[name=TaskManager]"));
     const std::uint32_t id = manager.RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, "memo");
     EXPECT_NE(id, 0U);
-    // A launch that the pool refuses is told, and gives back the run lock that it took.
+    // A launch that the pool refuses is logged, and gives back the run lock that it took.
     ThreadPool stopped;
     TASK_CONDITION condition = {};
     condition.createThread = true;
