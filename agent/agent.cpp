@@ -269,7 +269,9 @@ bool Agent::Start()
 void Agent::StopParts()
 {
     while (started_ > 0) {
-        kParts[--started_].stop(*this);
+        const Part& part = kParts[--started_];
+        lastRun_.Note(LastRun::kStopping, 0, part.name);  // if it hangs, the next start says where
+        part.stop(*this);
     }
 }
 
@@ -347,8 +349,6 @@ void Agent::Stop()
     alarm(kStopLimitSeconds);  // a stop that hangs still ends
     if (hasCrashed) {
         NE_LOG(ERROR, "Agent has crashed.[signal=%d report=%s]", signo, MyProgram::GetReportPath());
-    } else {
-        lastRun_.Note(LastRun::kStopping);
     }
     StopParts();
 }

@@ -39,12 +39,13 @@ std::string LastRun::Read() const
     if (!fd.IsValid()) {
         return {};
     }
-    char text[64] = {};
+    char text[96] = {};
+    char part[32] = {};
     char state[16] = "running";  // also where a full disk has left nothing
     int pid = 0;
     int signo = 0;
     if (NEUtils::FileOperation::Read(fd.Get(), text, sizeof(text) - 1) > 0) {
-        std::sscanf(text, "%15s pid=%d signal=%d", state, &pid, &signo);
+        std::sscanf(text, "%15s pid=%d signal=%d %31[^\n]", state, &pid, &signo, part);
     }
     const std::string which = "the last run (process " + std::to_string(pid) + ") ";
     if (std::strcmp(state, kStates[kCrashed]) == 0) {
@@ -53,11 +54,13 @@ std::string LastRun::Read() const
     if (std::strcmp(state, kStates[kHung]) == 0) {
         return which + "was ended by its guard, a thread hung";
     }
-    return which + (std::strcmp(state, kStates[kStopping]) == 0 ? "did not come to the end of its stop"
-                                                                : "was killed, or the host went down");
+    if (std::strcmp(state, kStates[kStopping]) == 0) {
+        return which + "did not come to the end of its stop, at: " + part;
+    }
+    return which + "was killed, or the host went down";
 }
 
-void LastRun::Note(State state, int signo)
+void LastRun::Note(State state, int signo, const char* part)
 {
     if (state == kStopping && isBad_) {
         return;
@@ -66,7 +69,7 @@ void LastRun::Note(State state, int signo)
     const UniqueFd fd(
         openat(directory_.Get(), kName, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
     if (fd.IsValid()) {
-        NEUtils::WriteLog(fd.Get(), "%s pid=%d signal=%d\n", kStates[state], getpid(), signo);
+        NEUtils::WriteLog(fd.Get(), "%s pid=%d signal=%d %s\n", kStates[state], getpid(), signo, part);
     }
 }
 

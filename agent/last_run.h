@@ -22,9 +22,9 @@ public:
     // How the last run ended, one sentence; empty if it stopped, or there was none.
     const std::string& GetFault() const { return fault_; }
 
-    // Calls only what is safe in a signal handler. The signal counts for a crash. What is noted last stays, but for
-    // a stop after a crash or a hang.
-    void Note(State state, int signo = 0);
+    // Calls only what is safe in a signal handler. The signal counts for a crash, the part for a stop: the one that
+    // is being stopped. What is noted last stays, but for a stop after a crash or a hang.
+    void Note(State state, int signo = 0, const char* part = "");
 
     void End();  // of a clean stop; after a crash or a hang the file stays
 

@@ -59,12 +59,12 @@ enum ReportTag : std::uint16_t {
     kTagResult = 19,     // 4 bytes: 0 done, otherwise a CommandResult
     kTagReason = 20,     // long text: why it could not be done
     kTagStatus = 21,     // long text: the agent's status, one JSON object
-    kTagProblem = 25,    // text: what is not well
     kTagMode = 22,       // text: the permissions of a file in octal, such as "4755"
     kTagOwner = 23,      // text: its user
     kTagProgram = 24,    // text: a command line without its arguments
     kTagTotal = 25,      // 8 bytes, how many reports were dropped since the agent's start
     kTagFault = 26,      // text: why a file has no digest
+    kTagProblem = 27,    // text: what is not well
 };
 
 enum ProcessEvent : std::int32_t {
