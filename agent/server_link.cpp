@@ -91,6 +91,9 @@ std::string ServerLink::GetCommandRefusal() const
 
 void ServerLink::Stop()
 {
+    if (!isOn_) {
+        return;
+    }
     auto& queue = NEUtils::ReportQueue::GetInstance();
     queue.Drain(kDrainMs);  // it gives up earlier on a server that does not answer
     std::unique_lock<std::mutex> lock(mutex_);
