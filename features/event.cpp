@@ -97,7 +97,7 @@ void Event::AddItem(const char* name, const std::string& value)
     }
 }
 
-void Event::Tell(const char* name, NEUtils::ReportTag tag, const std::string& text)
+void Event::Send(const char* name, NEUtils::ReportTag tag, const std::string& text)
 {
     report_.Add(tag, text).Push();
     if (hasFile_) {

@@ -31,7 +31,7 @@ public:
     Event& AddToReport(NEUtils::ReportTag tag, int number);  // what the title says already
 
     // Ends it with the free text, which may hold anything, and sends it off.
-    void Tell(const char* name, NEUtils::ReportTag tag, const std::string& text);
+    void Send(const char* name, NEUtils::ReportTag tag, const std::string& text);
 
 private:
     void AddItem(const char* name, const std::string& value);

@@ -119,7 +119,7 @@ private:
             .Add("pid", NEUtils::kTagPid, pid)
             .Add("user", NEUtils::kTagUser, user)
             .Add("path", NEUtils::kTagPath, path)
-            .Tell("cmdLine", NEUtils::kTagCmdLine, cmdLine);
+            .Send("cmdLine", NEUtils::kTagCmdLine, cmdLine);
     }
 
     NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);

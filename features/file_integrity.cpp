@@ -75,7 +75,7 @@ std::string ModeOf(const FileEvent& event)
     return text;
 }
 
-void TellDigest(const std::string& path, Sha256::Result result, const std::string& digest)
+void LogDigest(const std::string& path, Sha256::Result result, const std::string& digest)
 {
     const bool isDone = result == Sha256::kOk;
     const char* fault = result == Sha256::kTooLarge ? "too large" : "cannot be read";
@@ -83,7 +83,7 @@ void TellDigest(const std::string& path, Sha256::Result result, const std::strin
         .Add("action", NEUtils::kTagAction, "digest")
         .Add("sha256", NEUtils::kTagDigest, digest)
         .Add("fault", NEUtils::kTagFault, isDone ? "" : fault)
-        .Tell("path", NEUtils::kTagPath, path);
+        .Send("path", NEUtils::kTagPath, path);
 }
 
 // Watches as long as it lives.
@@ -96,7 +96,7 @@ public:
             rule.userData = this;
             rules_.push_back({std::move(rule)});
         }
-        digests_.Start(digestMaxBytes_, &TellDigest);
+        digests_.Start(digestMaxBytes_, &LogDigest);
     }
     ~FileIntegrity()
     {
@@ -178,7 +178,7 @@ private:
             .Add("mode", NEUtils::kTagMode, mode)
             .Add("owner", NEUtils::kTagOwner, mode.empty() ? "" : UserName(event.status->st_uid))
             .Add("oldPath", NEUtils::kTagOldPath, event.oldPath)
-            .Tell("path", NEUtils::kTagPath, event.path);
+            .Send("path", NEUtils::kTagPath, event.path);
         // A file is often replaced by renaming a new one.
         const bool hasContent = !event.isDirectory && (event.mask & kContentChange) != 0;
         if (hasContent && digestMaxBytes_ > 0 && !digests_.Add(event.path)) {

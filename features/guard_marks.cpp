@@ -18,7 +18,7 @@ namespace {
 using NEUtils::Clock::kNsPerMs;
 
 constexpr std::int64_t kLookPeriodMs = 60000;
-constexpr std::int64_t kTellPeriodMs = 1000;
+constexpr std::int64_t kLogPeriodMs = 1000;
 constexpr unsigned int kMostOldMarks = 256;
 
 std::int64_t NowMs()
@@ -39,7 +39,7 @@ bool GuardMarks::Start(const std::vector<FileGuard>& guards)
         guards_.push_back({rule});
         LookAt(guards_.size() - 1);
         LogStart(guards_.back());
-        guards_.back().toldState = guards_.back().state;
+        guards_.back().loggedState = guards_.back().state;
     }
     lookedAtMs_ = NowMs();
     Count();
@@ -70,8 +70,8 @@ void GuardMarks::Tick()
         LookAtAll();
     }
     for (Guard& guard : guards_) {
-        if (guard.changes > 0 && (guard.toldAtMs == 0 || now - guard.toldAtMs >= kTellPeriodMs)) {
-            TellChange(guard, now);
+        if (guard.changes > 0 && (guard.loggedAtMs == 0 || now - guard.loggedAtMs >= kLogPeriodMs)) {
+            LogChange(guard, now);
         }
     }
 }
@@ -80,7 +80,7 @@ int GuardMarks::GetWaitMs() const
 {
     const bool isDue =
         std::any_of(guards_.begin(), guards_.end(), [](const Guard& guard) { return guard.changes > 0; });
-    return isDue ? static_cast<int>(kTellPeriodMs) : LoopThread::kMostWaitMs;
+    return isDue ? static_cast<int>(kLogPeriodMs) : LoopThread::kMostWaitMs;
 }
 
 // The names are watched before the mark is set: what changes in between is looked at again.
@@ -162,22 +162,22 @@ void GuardMarks::LogStart(const Guard& guard)
     }
 }
 
-void GuardMarks::TellChange(Guard& guard, std::int64_t nowMs)
+void GuardMarks::LogChange(Guard& guard, std::int64_t nowMs)
 {
-    const char* action = guard.state == kMissing                                      ? "missing"
-                         : guard.state == kRefused                                    ? "unguarded"
-                         : guard.toldState == kMissing || guard.toldState == kRefused ? "guarded"
-                                                                                      : "replaced";
+    const char* action = guard.state == kMissing                                          ? "missing"
+                         : guard.state == kRefused                                        ? "unguarded"
+                         : guard.loggedState == kMissing || guard.loggedState == kRefused ? "guarded"
+                                                                                          : "replaced";
     Event change({NEUtils::kMsgFile, "file", "Guarded file changed."}, NEUtils::Clock::WallMs());
     change.Add("action", NEUtils::kTagAction, action);
     if (guard.changes > 1) {
         change.AddCount(guard.changes);
     }
-    change.Tell("path", NEUtils::kTagPath, guard.rule.path);
+    change.Send("path", NEUtils::kTagPath, guard.rule.path);
     if (guard.state == kRefused) {
         LogStart(guard);
     }
-    guard.toldState = guard.state;
-    guard.toldAtMs = nowMs;
+    guard.loggedState = guard.state;
+    guard.loggedAtMs = nowMs;
     guard.changes = 0;
 }

@@ -47,10 +47,10 @@ private:
         FileGuard rule;
         State state = kNew;
         Identity identity = {};
-        std::string reason = {};    // of kRefused
-        State toldState = kNew;     // as it was logged last
-        std::int64_t toldAtMs = 0;  // when
-        std::uint64_t changes = 0;  // since then
+        std::string reason = {};      // of kRefused
+        State loggedState = kNew;     // as it was logged last
+        std::int64_t loggedAtMs = 0;  // when
+        std::uint64_t changes = 0;    // since then
     };
 
     void LookAt(std::size_t number);
@@ -59,7 +59,7 @@ private:
     void ForgetOldMarks();
     void Count();
     static void LogStart(const Guard& guard);
-    static void TellChange(Guard& guard, std::int64_t nowMs);
+    static void LogChange(Guard& guard, std::int64_t nowMs);
 
     const NEUtils::FanotifyWatcher& watcher_;
     NEUtils::FeatureCounters& counters_;

@@ -145,7 +145,7 @@ void ProcessLog::OnExec(int pid)
         process.cmdLine = CmdLineOf(pid, status);
     }
     if (!IsLeftOut(process, settings_.executed)) {
-        Tell(NEUtils::kProcessExecuted, pid, process, 0);
+        LogEvent(NEUtils::kProcessExecuted, pid, process, 0);
     }
 }
 
@@ -174,9 +174,9 @@ void ProcessLog::OnThreadExit(int thread, int pid, unsigned int waitStatus)
     }
     const int status = static_cast<int>(waitStatus);
     if (WIFSIGNALED(status)) {
-        Tell(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
+        LogEvent(NEUtils::kProcessKilled, pid, process, WTERMSIG(status));
     } else {
-        Tell(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
+        LogEvent(NEUtils::kProcessExited, pid, process, WEXITSTATUS(status));
     }
 }
 
@@ -206,7 +206,7 @@ bool ProcessLog::IsLeftOut(const Process& process, bool isWanted)
 }
 
 // The command line is the free text, since a process chooses it.
-void ProcessLog::Tell(NEUtils::ProcessEvent event, int pid, const Process& process, int code)
+void ProcessLog::LogEvent(NEUtils::ProcessEvent event, int pid, const Process& process, int code)
 {
     if (!repeats_.Admit({event, process.parentPid, ProgramOf(process.cmdLine), process.user, 0, timeMs_}, timeNs_)) {
         return;
@@ -222,10 +222,10 @@ void ProcessLog::Tell(NEUtils::ProcessEvent event, int pid, const Process& proce
         record.Add("signal", NEUtils::kTagSignal, code);
     }
     record.Add("container", NEUtils::kTagContainer, process.container)
-        .Tell("cmdLine", NEUtils::kTagCmdLine, process.cmdLine);
+        .Send("cmdLine", NEUtils::kTagCmdLine, process.cmdLine);
 }
 
-void ProcessLog::TellRepeats()
+void ProcessLog::LogRepeats()
 {
     for (const Repeats::Sum& sum : repeats_.Take()) {
         Event({NEUtils::kMsgRepeats, "repeats", "Process repeated."}, sum.lastMs)
@@ -233,7 +233,7 @@ void ProcessLog::TellRepeats()
             .AddCount(sum.count)
             .Add("ppid", NEUtils::kTagParentPid, sum.parentPid)
             .Add("user", NEUtils::kTagUser, sum.user)
-            .Tell("program", NEUtils::kTagProgram, sum.program);
+            .Send("program", NEUtils::kTagProgram, sum.program);
     }
 }
 

@@ -29,7 +29,7 @@ struct ProcessLogSettings {
 // The agent's own children (gzip for a roll, ps for the white list) are left out: a record about them
 // could make the next roll, and that the next record, without end.
 //
-// Threads  one: the process monitor's, once it has started. TellRepeats: any.
+// Threads  one: the process monitor's, once it has started. LogRepeats: any.
 // Limits   65,536 processes; above that, those whose end was lost are forgotten.
 class ProcessLog {
 public:
@@ -48,7 +48,7 @@ public:
     void Handle(const proc_event& event);
 
     // Logs and reports what was only counted since the last call; to be called about once a second.
-    void TellRepeats();
+    void LogRepeats();
 
     std::uint64_t GetLeftOutCount() const { return leftOut_; }  // starts and ends that were not logged, by policy
 
@@ -70,7 +70,7 @@ private:
     Process& Remember(int pid);
     void ForgetEnded();
     bool IsLeftOut(const Process& process, bool isWanted);
-    void Tell(NEUtils::ProcessEvent event, int pid, const Process& process, int code);
+    void LogEvent(NEUtils::ProcessEvent event, int pid, const Process& process, int code);
 
     const ProcessLogSettings settings_;
     Repeats repeats_;

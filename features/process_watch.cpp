@@ -73,7 +73,7 @@ public:
     {
         monitor_.StopProcessMonitor();
         ticker_.Stop();
-        log_.TellRepeats();
+        log_.LogRepeats();
         Count();
         counters_.watches = 0;
     }
@@ -100,7 +100,7 @@ public:
         counters_.watches = 1;
         return ticker_.Start("ProcessRepeats", [this](int stopFd) {
             WaitFor(stopFd, kRepeatsMs);
-            log_.TellRepeats();
+            log_.LogRepeats();
         });
     }
 

@@ -10,11 +10,11 @@
 #include "report_messages.h"
 
 // Sums up process events of one program by one parent that come faster than a rate, so that a loop of /bin/true
-// cannot push all else out of the log. Nothing is lost from the count: each event is either told by itself or counted
+// cannot push all else out of the log. Nothing is lost from the count: each event has a record of its own or is counted
 // in one sum.
 //
 // Threads  any.
-// Limits   10,000 programs and parents at a time; what is beyond them is told one by one.
+// Limits   10,000 programs and parents at a time; each event beyond them has a record of its own.
 class Repeats {
 public:
     struct Sum {
@@ -26,7 +26,7 @@ public:
         std::int64_t lastMs = 0;  // when the last one happened
     };
 
-    // The most that are told by themselves in a second; 0: all are.
+    // The most that have records of their own in a second; 0: all have.
     explicit Repeats(std::uint64_t limit) : limit_(limit) {}
 
     // False: the event is counted. Once a second has brought too many, all are counted until one has not. Times are

@@ -59,7 +59,7 @@ private:
     std::string CheckFile();
     std::string Roll();
     void DropCutLine(std::size_t& done);
-    void TellFault(const std::string& fault);
+    void LogFault(const std::string& fault);
 
     mutable std::mutex mutex_;
     std::string waiting_;
@@ -168,7 +168,7 @@ void EventFile::Writer::WriteAll()
         }
         retryAtNs_ = fault.empty() ? 0 : Clock::MonotonicNs() + kRetryNs;
     }
-    TellFault(fault);
+    LogFault(fault);
 }
 
 // More lines only when those before are in the file.
@@ -298,7 +298,7 @@ std::string EventFile::Writer::Roll()
     return moved ? OpenFile() : Fault(path, "cannot be rolled", errno);
 }
 
-void EventFile::Writer::TellFault(const std::string& fault)
+void EventFile::Writer::LogFault(const std::string& fault)
 {
     {
         const std::lock_guard<std::mutex> lock(mutex_);

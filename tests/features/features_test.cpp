@@ -6,6 +6,7 @@
 #include <sys/xattr.h>
 
 #include "config.h"
+#include "event_file.h"
 #include "feature_counters.h"
 #include "hips_guard.h"
 #include "module_manager.h"
@@ -229,6 +230,49 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
     EXPECT_EQ(FeatureCounters::Of("file_access").watches, 3U);
 }
 
+// What the kernel dropped is not known by number: it must not look like nothing.
+TEST_F(FeaturesTest, OverflowOfGuardedUsesIsCountedAsUnknown)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "fanotify needs CAP_SYS_ADMIN";
+    }
+    manager_.UpdateModulePolicy({{"file_access", {true, "guard=" + tree_ + ";events=open", ""}}});
+    std::mutex held;
+    held.lock();  // holds the thread that reads the events at its first record
+    MessageBus::Subscribe(kNormalLog, "test-hold", [&held](const NENormalLog& record) {
+        if (Contains(record.content, "File accessed.")) {
+            const std::lock_guard<std::mutex> wait(held);
+        }
+    });
+    Wait(Fork([this] {
+        for (int i = 0; i < 18000; ++i) {  // of one file they would be merged
+            close(open((tree_ + "/" + std::to_string(i)).c_str(), O_CREAT | O_RDONLY, 0600));
+        }
+        return 0;
+    }));
+    MessageBus::Unsubscribe(kNormalLog, "test-hold");
+    held.unlock();
+    EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_access").overflows > 0; }, 60));
+    EXPECT_EQ(FeatureCounters::Of("file_access").lost, 0U);
+}
+
+// With a file of their own, events leave the log alone.
+TEST_F(FeaturesTest, EventsGoToTheirFileInsteadOfTheLog)
+{
+    const std::string path = dir_ / "events.jsonl";
+    ASSERT_EQ(EventFile::GetInstance().Open({path}), "");
+    Records records;
+    manager_.UpdateModulePolicy({{"file_integrity", {true, "watch=" + dir_.Path() + ";recursive", ""}}});
+    Write(tree_ + "/a\"\xff\033", "");
+    const std::string line = ",\"path\":\"" + tree_ + "/a\\\"\\ufffd\\u001b\"}\n";
+    EXPECT_TRUE(Eventually([&] { return Contains(Read(path), line); }));
+    EXPECT_EQ(Read(path).find("{\"type\":\"file\",\"time\":1"), 0U);
+    EXPECT_FALSE(Contains(Read(path), "events.jsonl"));  // its own changes
+    EXPECT_FALSE(Logs(records, "File changed.", ""));
+    manager_.UpdateModulePolicy({});
+    EventFile::GetInstance().Close();
+}
+
 // A record that names a file by half, that a file's name can forge, or that makes the next one, misleads.
 TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
 {
@@ -284,6 +328,7 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
         return setxattr((tree_ + "/z]").c_str(), "trusted.x", "1", 1, 0) == 0 &&
                Logs(records, "action=attrib change=\"octime=", tree_ + "/z]]");
     }));
+    for (const auto& l : records.Lines()) { if (Contains(l, "attrib")) { std::puts(l.c_str()); } }
     EXPECT_FALSE(Logs(records, "own.log", "]") || Logs(records, "/link]", "]") || Logs(records, ".tmp", "]") ||
                  Logs(records, "cache", "]") || Logs(records, "sub/out", "]"));
     EXPECT_GE(FeatureCounters::Of("file_integrity").filtered, 3U);

@@ -157,8 +157,8 @@ TEST(ProcessLogTest, RemembersWhatAProcessWas)
                  feed.Fork(kGone, kGone + i);
                  feed.Exec(kGone + i);
              }
-             feed.log.TellRepeats();
-             feed.log.TellRepeats();
+             feed.log.LogRepeats();
+             feed.log.LogRepeats();
          },
          {"Process executed." + who + "?" + unread, "Process executed.[pid=5000002 ppid=5000000 user=?" + unread,
           "Process repeated.[action=executed count=5 ppid=5000000 user=? program=(ended before it could be read)]"}},
