@@ -53,6 +53,13 @@ struct SimulatedSystem : NEUtils::WatchHost {
                                                        [this](const auto& entry) { return IsMountedOn(entry.second); });
     }
 
+    bool Holds(int top, int inode) const
+    {
+        const auto& entries = inodes.at(top).entries;
+        return top == inode || std::any_of(entries.begin(), entries.end(),
+                                           [&](const auto& entry) { return Holds(entry.second, inode); });
+    }
+
     void Create(const std::string& path, bool isDirectory, const std::string& target = {})
     {
         const int above = Above(path);
@@ -91,9 +98,8 @@ struct SimulatedSystem : NEUtils::WatchHost {
         const int other = At(to);
         const int oneAbove = Above(from);
         const int otherAbove = Above(to);
-        using NEUtils::Monitor::IsAtOrBelow;
-        if (one == 0 || oneAbove == 0 || otherAbove == 0 || !inodes[otherAbove].isDirectory || IsAtOrBelow(to, from) ||
-            IsAtOrBelow(from, to) || inodes[oneAbove].device != inodes[otherAbove].device ||
+        if (one == 0 || oneAbove == 0 || otherAbove == 0 || !inodes[otherAbove].isDirectory || Holds(one, otherAbove) ||
+            (other != 0 && Holds(other, oneAbove)) || inodes[oneAbove].device != inodes[otherAbove].device ||
             IsMountedOn(inodes[oneAbove].entries[Name(from)]) ||
             (other != 0 && IsMountedOn(inodes[otherAbove].entries[Name(to)])) || (exchange && other == 0) ||
             (!exchange && other != 0 &&
@@ -118,8 +124,7 @@ struct SimulatedSystem : NEUtils::WatchHost {
             return;
         }
         int root = bind.empty() ? ++lastInode : At(bind);
-        if (root == 0 || !inodes[root].isDirectory || NEUtils::Monitor::IsAtOrBelow(path, bind) ||
-            NEUtils::Monitor::IsAtOrBelow(bind, path)) {
+        if (root == 0 || !inodes[root].isDirectory || Holds(root, inode) || Holds(inode, root)) {
             return;
         }
         if (bind.empty()) {
