@@ -154,7 +154,7 @@ WatchedFile* TreeReader::MeetKnown(WatchedFile& file, const std::string& path, c
         state_.tree.SetStatus(file, now);
         state_.NotifyChanged(covering, differences, event);
     }
-    if (manner.newFor != nullptr && std::find(covering.begin(), covering.end(), manner.newFor) != covering.end()) {
+    if (manner.newFor != nullptr && manner.newFor->rule.path == path) {
         state_.NotifyCreated({manner.newFor}, path, file.isDirectory, status, manner.isMoved);
     }
     return &file;
@@ -165,6 +165,7 @@ void TreeReader::Enter(WatchedFile& directory, const std::string& path, const Ma
     WatchedTree::MakeDirectory(directory);
     const WatchRuleList before = directory.entries->inside;
     FindRulesInside(directory);
+    JoinEntries(directory, before, manner);
     LeaveEntries(directory, before);
     if (!Watch(directory, path, manner) || directory.entries->inside.empty()) {
         return;
@@ -210,6 +211,25 @@ bool TreeReader::Watch(WatchedFile& directory, const std::string& path, const Ma
     state_.Suspect(path);
     state_.Suspect(otherPath);
     return false;
+}
+
+// Entries that are known for the sake of other rules are new to a rule that reaches them only now.
+void TreeReader::JoinEntries(WatchedFile& directory, const WatchRuleList& before, const Manner& manner)
+{
+    WatchRuleList joined;
+    for (const WatchRulePtr& rule : directory.entries->inside) {
+        if (rule.get() != manner.silentFor && std::find(before.begin(), before.end(), rule) == before.end()) {
+            joined.push_back(rule);
+        }
+    }
+    for (const auto& [name, file] : directory.entries->files) {
+        if (!joined.empty() && file->isKnown) {
+            const std::string path = file->Path();
+            const TrackerState::Look last =
+                file->status.IsSeen() ? TrackerState::Look(file->status.AsStat()) : std::nullopt;
+            state_.NotifyCreated(state_.rules.Covering(joined, false, path), path, file->isDirectory, last, true);
+        }
+    }
 }
 
 // After a mount: the entries that a rule does not reach any more are gone for it.

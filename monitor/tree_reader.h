@@ -50,6 +50,7 @@ private:
                            const WatchRuleList& covering, const Manner& manner);
     void Enter(WatchedFile& directory, const std::string& path, const Manner& manner, Paths& waiting);
     bool Watch(WatchedFile& directory, const std::string& path, const Manner& manner);
+    void JoinEntries(WatchedFile& directory, const WatchRuleList& before, const Manner& manner);
     void LeaveEntries(WatchedFile& directory, const WatchRuleList& before);
     void RemoveMissing(WatchedFile& directory, const Paths& names);
 
