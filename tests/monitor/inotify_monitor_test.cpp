@@ -229,6 +229,99 @@ TEST_F(InotifyMonitorTest, RulesShareAPathAndItsWatch)
                  monitor_.AddRule(Rule(*this / "d", true, 0)));
 }
 
+// Whoever exchanges two paths changes both; what is there afterwards is watched, and nothing that is there is told
+// gone.
+TEST_F(InotifyMonitorTest, ExchangesAreToldOnBothSides)
+{
+    fs::create_directories(*this / "d/one");
+    fs::create_directories(*this / "out/other");
+    Write(*this / "d/one/old", "");
+    Write(*this / "out/other/new", "");
+    Write(*this / "d/a", "1");
+    Write(*this / "d/b", "22");
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d")));
+    const auto exchange = [this](const std::string& one, const std::string& other) {
+        EXPECT_EQ(renameat2(AT_FDCWD, (*this / one).c_str(), AT_FDCWD, (*this / other).c_str(), RENAME_EXCHANGE), 0);
+    };
+    exchange("d/a", "d/b");
+    Expect({"rename $/d/a -> $/d/b", "create $/d/a"});
+    exchange("out/other", "d/one");
+    Expect({"delete $/d/one/", "create $/d/one/", "create $/d/one/new"});
+    Write(*this / "d/one/new", "1");
+    Write(*this / "d/a", "1");
+    Expect({"8 $/d/one/new osize=0 size=1 ", "8 $/d/a osize=2 size=1 "});
+}
+
+// A path that is missing is waited for; links on the way are followed wherever they lead later.
+TEST_F(InotifyMonitorTest, PathsComeAndLinksLeadElsewhere)
+{
+    fs::create_directories(*this / "v1/conf");
+    fs::create_directories(*this / "v2/conf");
+    Write(*this / "v2/conf/file", "");
+    fs::create_directory_symlink("v1", *this / "current");
+    fs::create_directory_symlink(*this / "v1/conf", *this / "direct");
+    FileWatchRule rule = Rule(*this / "current/conf");
+    FileWatchRule direct = Rule(*this / "direct");
+    FileWatchRule missing = Rule(*this / "a/b/file", false);
+    Told directs;
+    Told comings;
+    direct.userData = &directs;
+    missing.userData = &comings;
+    EXPECT_FALSE(monitor_.AddRule(missing));
+    missing.mayBeMissing = true;
+    ASSERT_TRUE(monitor_.AddRule(rule) && monitor_.AddRule(direct) && monitor_.AddRule(missing));
+    EXPECT_TRUE(monitor_.GetWatchState(missing) == Monitor::kWaiting &&
+                monitor_.GetWatchState(rule) == Monitor::kWatching);
+    Write(*this / "v1/conf/x", "");
+    Expect({"create $/v1/conf/x", "8 $/v1/conf/x"});
+    Expect({"create $/v1/conf/x", "8 $/v1/conf/x"}, directs);
+    fs::create_directory_symlink("v2", *this / "next");
+    fs::rename(*this / "next", *this / "current");
+    Expect({"delete $/v1/conf/", "create $/v2/conf/", "create $/v2/conf/file"});
+    Write(*this / "v2/conf/file", "1");
+    Expect({"8 $/v2/conf/file osize=0 size=1 "});
+    fs::create_directories(*this / "a/b");
+    Write(*this / "a/b/file", "");
+    EXPECT_TRUE(Eventually([&] { return comings.Has("create " + (*this / "a/b/file")); }));
+    EXPECT_EQ(monitor_.GetWatchState(missing), Monitor::kWatching);
+    EXPECT_EQ(monitor_.GetWatchState(Rule("/none")), Monitor::kNotWatched);
+}
+
+TEST_F(InotifyMonitorTest, RulesOnTwoNamesOfAFileKeepTheirOwn)
+{
+    Write(*this / "one", "");
+    fs::create_hard_link(*this / "one", *this / "two");
+    Told others;
+    FileWatchRule second = Rule(*this / "two", false, IN_CLOSE_WRITE);
+    second.userData = &others;
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "one", false)) && monitor_.AddRule(second));
+    Write(*this / "one", "1");
+    Expect({"8 $/one osize=0 size=1 "});
+    Expect({"8 $/two osize=0 size=1 "}, others);
+    EXPECT_TRUE(monitor_.RemoveRule(Rule(*this / "one", false)));
+    Write(*this / "one", "22");
+    Expect({"8 $/two osize=1 size=2 "}, others);
+}
+
+// Files that are gone before anybody looks are told whole.
+TEST_F(InotifyMonitorTest, WhatIsGoneIsTold)
+{
+    ASSERT_TRUE(monitor_.AddRule(Rule(folder_.Path())));
+    constexpr int kFiles = 20000;
+    for (int i = 0; i < kFiles; ++i) {
+        const std::string path = *this / std::to_string(i);
+        close(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        unlink(path.c_str());
+    }
+    const auto count = [this](char kind) {
+        return std::ranges::count_if(told_.Lines(), [kind](const auto& line) { return line[0] == kind; });
+    };
+    EXPECT_TRUE(Eventually([&] { return count('d') >= kFiles || monitor_.GetOverflowCount() > 0; }));
+    if (monitor_.GetOverflowCount() == 0) {  // else the kernel has not said what was lost
+        EXPECT_TRUE(count('c') == kFiles && count('8') == kFiles && count('d') == kFiles);
+    }
+}
+
 // While the reader is held the kernel's queue overflows. What has really changed is found by comparing.
 TEST_F(InotifyMonitorTest, OverflowLosesNoChange)
 {
@@ -374,6 +467,44 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
         }
     }
     EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+}
+
+// What is mounted over a directory hides it. Without being asked a rule stays on its file system.
+TEST(InotifyMonitorMountTest, MountsComeAndGo)
+{
+    const TempDir folder;
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "a mount of its own needs CAP_SYS_ADMIN";
+    }
+    const std::string sub = folder / "d/sub";
+    fs::create_directories(sub);
+    Write(sub + "/hidden", "");
+    Told told;
+    Told across;
+    InotifyMonitor monitor;
+    ASSERT_TRUE(monitor.Init());
+    std::jthread reader([&] { monitor.ReadEvent(); });
+    FileWatchRule rule{folder / "d", true, kTreeEvents, {}, &Told::Take, &told, false, false};
+    ASSERT_TRUE(monitor.AddRule(rule));
+    rule.crossMounts = true;
+    rule.userData = &across;
+    ASSERT_TRUE(monitor.AddRule(rule));
+    EXPECT_FALSE(monitor.AddRule({"/proc", true, kTreeEvents, {}, &Told::Take, &told, false, false}));
+    const auto eventually = [](Told& one, const std::string& line) {
+        EXPECT_TRUE(Eventually([&] { return one.Has(line); }, 5)) << line;
+    };
+    ASSERT_EQ(mount("none", sub.c_str(), "tmpfs", 0, nullptr), 0);
+    eventually(told, "delete " + sub + "/hidden");
+    eventually(across, "delete " + sub + "/hidden");
+    Write(sub + "/mounted", "");
+    eventually(across, "create " + sub + "/mounted");
+    ASSERT_EQ(umount2(sub.c_str(), MNT_DETACH), 0);
+    eventually(told, "create " + sub + "/hidden");
+    eventually(across, "delete " + sub + "/mounted");
+    Write(sub + "/hidden", "1");
+    eventually(told, "8 " + sub + "/hidden osize=0 size=1 ");
+    EXPECT_FALSE(told.Has("delete " + sub + "/") || told.Has("create " + sub + "/mounted"));
+    monitor.DeInit();
 }
 
 // With room for eight watches a tree of twenty directories is watched in part, which is told once.
