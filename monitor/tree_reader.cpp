@@ -225,8 +225,10 @@ void TreeReader::JoinEntries(WatchedFile& directory, const WatchRuleList& before
     for (const auto& [name, file] : directory.entries->files) {
         if (!joined.empty() && file->isKnown) {
             const std::string path = file->Path();
-            const TrackerState::Look last =
-                file->status.IsSeen() ? TrackerState::Look(file->status.AsStat()) : std::nullopt;
+            const TrackerState::Look last = LookAt(state_.host, path);
+            if (!last.has_value() || !file->status.IsSameFile(FileStatus(*last))) {
+                continue;  // it is removed or replaced by what is read next
+            }
             state_.NotifyCreated(state_.rules.Covering(joined, false, path), path, file->isDirectory, last, true);
         }
     }
