@@ -503,7 +503,8 @@ TEST(InotifyMonitorMountTest, MountsComeAndGo)
     eventually(across, "delete " + sub + "/mounted");
     Write(sub + "/hidden", "1");
     eventually(told, "8 " + sub + "/hidden osize=0 size=1 ");
-    EXPECT_FALSE(told.Has("delete " + sub + "/") || told.Has("create " + sub + "/mounted"));
+    EXPECT_FALSE(told.Has("delete " + sub + "/") || told.Has("create " + sub + "/mounted"))
+        << testing::PrintToString(told.Lines());
     monitor.DeInit();
 }
 
