@@ -38,7 +38,7 @@ TEST(ConfigTest, ReadsFilesOfAnyContent)
 TEST(ConfigTest, TakesNoMoreThanTheFileAndItsEntries)
 {
     const TempDir dir;
-    const std::size_t size = 16U << 20;
+    const std::size_t size = 17U << 20;
     for (const std::string& content : {std::string(size, '\n'), "k=" + std::string(size - 2, 'v')}) {
         Write(dir / "large", content);
         const std::size_t before = allocation.used;

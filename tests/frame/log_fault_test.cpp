@@ -72,14 +72,17 @@ TEST_F(LogFaultTest, ALostDirectoryIsToldAndReopensByItself)
 TEST_F(LogFaultTest, AFailingGzipIsTriedAgainAfterAGrowingPause)
 {
     const std::string runs = dir_ / "runs";
-    ReplaceGzip("echo >>" + runs + "; exit 1\n");
+    ReplaceGzip("echo >>" + runs + "; cp $1 $1.gz; exit 1\n");
     Write(path_, "old");
     LogFile file(path_, DEBUG, 0, 2);
     std::size_t expected = 0;
-    for (const int waitMs : {0, 1100, 2100, 4100, 8100, 16100, 32100, 60100, 60100}) {
-        Clock::monotonicOffsetNs += waitMs * Clock::kNsPerMs;
-        EXPECT_FALSE(Put(file, "lost\n", 20));
-        EXPECT_EQ(Read(runs).size(), ++expected) << waitMs;
+    for (const int pauseMs : {0, 1000, 2000, 4000, 8000, 16000, 32000, 60000, 60000}) {
+        Clock::monotonicOffsetNs += pauseMs / 2 * Clock::kNsPerMs;
+        EXPECT_FALSE(Put(file, "lost\n", 10));
+        EXPECT_EQ(Read(runs).size(), expected + (pauseMs == 0 ? 1 : 0)) << pauseMs;
+        Clock::monotonicOffsetNs += (pauseMs / 2 + 100) * Clock::kNsPerMs;
+        EXPECT_FALSE(Put(file, "lost\n", 10));
+        EXPECT_EQ(Read(runs).size(), ++expected) << pauseMs;
     }
     EXPECT_EQ(file.GetFault(), "the old file cannot be rolled away");
     EXPECT_EQ(file.GetFailedLineCount(), 180U);
@@ -92,7 +95,6 @@ TEST_F(LogFaultTest, AFailingGzipIsTriedAgainAfterAGrowingPause)
     Clock::monotonicOffsetNs += 1100 * Clock::kNsPerMs;
     Put(file, "lost\n", 20);
     EXPECT_EQ(Read(runs).size(), expected + 2);
-    ReplaceGzip("exec " + savedPath_.substr(0, savedPath_.find(':')) + "/gzip \"$@\"\n");
     setenv("PATH", savedPath_.c_str(), 1);
     Clock::monotonicOffsetNs += 60100 * Clock::kNsPerMs;
     EXPECT_TRUE(Put(file, "rolled\n"));
@@ -180,7 +182,7 @@ TEST_F(LogFaultTest, NoPathReachesTheShellAndNoNameThatGzipRefuses)
     const std::string evil = dir_ / "x;touch${IFS}evil";
     Write(evil, "old");
     const std::string planted = fs::current_path() / "evil";
-    EXPECT_FALSE(LogFile(evil, DEBUG, 0, 2).CheckLogInfo());
+    EXPECT_FALSE(LogFile(evil, DEBUG, 0, 2).CheckLogInfo() || LogFile(evil + ".new", DEBUG, 0, 2).CheckLogInfo());
     LogFile(path_, DEBUG, 0, 2).RollFiles(evil, 2);
     EXPECT_TRUE(Read(evil) == "old" && !fs::remove(planted));
     std::vector<std::pair<std::string, bool>> names = {{std::string(241, 'n'), true}, {std::string(242, 'n'), false}};

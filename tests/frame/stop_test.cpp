@@ -143,7 +143,7 @@ TEST_F(StopTest, ASwallowedStopDoesNotEndTheWait)
             } while (sigismember(&pending, SIGINT) == 1);
             pthread_kill(main, SIGUSR1);
         });
-        return !handled && MyProgram::WaitForStop() ? 7 : 1;
+        return !handled && MyProgram::WaitForStop() && MyProgram::GetStopSignal() == SIGINT ? 7 : 1;
     }));
     EXPECT_EQ(WEXITSTATUS(status), 7);
 }
