@@ -1,6 +1,5 @@
 #include "config.h"
 
-#include "tests/frame/allocation.h"
 #include "tests/support/support.h"
 
 using Table = std::unordered_map<std::string, std::string>;
@@ -32,20 +31,6 @@ TEST(ConfigTest, ReadsFilesOfAnyContent)
     EXPECT_TRUE(Config::ParseConfigByFile(dir / "big", false, {}));
     const Table expected = {{std::string("n\0k", 3), std::string("v\0w", 3)}, {"long", most}, {"end", "1"}};
     EXPECT_TRUE(Config::GetConfigMap<std::string>() == expected);
-}
-
-// A file of line feeds alone took seventy times its size.
-TEST(ConfigTest, TakesNoMoreThanTheFileAndItsEntries)
-{
-    const TempDir dir;
-    const std::size_t size = 17U << 20;
-    for (const std::string& content : {std::string(size, '\n'), "k=" + std::string(size - 2, 'v')}) {
-        Write(dir / "large", content);
-        const std::size_t before = allocation.used;
-        allocation.most = before;
-        EXPECT_TRUE(Config::ParseConfigByFile(dir / "large", false, {}));
-        EXPECT_LE(allocation.most - before, 2 * size + 65536);
-    }
 }
 
 TEST(ConfigTest, ParsesAndReadsFromManyThreads)

@@ -2,7 +2,6 @@
 #include <sys/resource.h>
 
 #include "log_system.h"
-#include "tests/frame/allocation.h"
 #include "tests/support/support.h"
 #include "util/clock.h"
 
@@ -159,21 +158,6 @@ TEST_F(LogFaultTest, AForkedChildLogsWhateverOthersWereDoing)
     busy.clear();
     LogSystem::CloseAllLogFile();
     EXPECT_TRUE(Contains(Read(path_), "child 0.\n") && Contains(Read(path_), "child 299.\n"));
-}
-
-// A record that finds no memory is lost; it must not end the agent that watches the host.
-TEST_F(LogFaultTest, WithoutMemoryRecordsAreLostAndNothingElse)
-{
-    Write(path_, "old");
-    ASSERT_TRUE(LogSystem::Register(std::make_shared<LogFile>(path_, DEBUG, 1, 2), kNormalLog, "a", &Echo));
-    for (long most = 0; most < 40; ++most) {
-        allocation.left = most;
-        NE_LOG(INFO, "x");
-        allocation.left = -1;
-        Clock::monotonicOffsetNs += 61 * Clock::kNsPerSecond;
-    }
-    EXPECT_EQ(Unzipped(path_ + ".1.gz"), "old");
-    EXPECT_TRUE(Contains(Read(path_), "x\nx\n"));
 }
 
 // An unchecked path would become a shell command of root's, also by way of the check that comes before Register.

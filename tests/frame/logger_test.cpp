@@ -138,19 +138,6 @@ TEST(LoggerTest, EmptyCallableEndsTheProcess)
     EXPECT_DEATH(NE_LOG(INFO, "x"), "bad_function_call");
 }
 
-TEST(LoggerTest, ManyThreadsLogWhileSubscribersComeAndGo)
-{
-    const Records records;
-    InThreads(4, [](int i) {
-        for (int n = 0; n < 300; ++n) {
-            NE_LOG(INFO, "record");
-            MessageBus::Subscribe(kNormalLog, std::to_string(i), [](const NENormalLog&) {});
-            MessageBus::Unsubscribe(kNormalLog, std::to_string(i));
-        }
-    });
-    EXPECT_EQ(records.Count("INFO record"), 1200);
-}
-
 TEST(LoggerTest, DefaultLineEndsInOneLineFeedOrIsRefused)
 {
     struct tm time = {0, 0, 7, 9, 1, 2026, 0, 0, 0, 0, nullptr};

@@ -172,10 +172,15 @@ TEST_F(MyProgramTest, ARealFaultEndsTheProcessWhateverItWasStartedWith)
             signal(SIGTERM, ignored ? SIG_IGN : SIG_DFL);
             alarm(20);  // a loop ends the test too
             const auto main = [] { return Fault(12); };
-            MyProgram::GetInstance().RunProgram(false, true, main, kStop, nullptr, nullptr, nullptr);
+            const auto stop = [] {
+                return WriteLog(creat(g_stopped.c_str(), 0600), "%d %s", MyProgram::GetStopSignal(),
+                                MyProgram::GetReportPath());
+            };
+            MyProgram::GetInstance().RunProgram(false, true, main, stop, nullptr, nullptr, nullptr);
             return 0;
         }));
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << ignored;
+        EXPECT_EQ(Read(g_stopped), "11 " + report_);  // what the stop function may ask for
         const std::string report = ExpectReport(SIGSEGV);
         const std::size_t stack = report.find("Call Stack :\n") + 13;
         EXPECT_EQ(std::count(report.begin() + static_cast<std::ptrdiff_t>(stack),
@@ -183,23 +188,6 @@ TEST_F(MyProgramTest, ARealFaultEndsTheProcessWhateverItWasStartedWith)
                   10);
         fs::remove(report_);
     }
-}
-
-// Whoever looks for the report, or writes down why the process stopped, asks for these in its stop function.
-TEST_F(MyProgramTest, TheStopFunctionLearnsTheSignalAndWhereTheReportIs)
-{
-    EXPECT_EQ(MyProgram::GetStopSignal(), 0);
-    Wait(Fork([] {
-        const auto stop = [] {
-            const int fd = creat(g_stopped.c_str(), 0600);
-            WriteLog(fd, "%d %s", MyProgram::GetStopSignal(), MyProgram::GetReportPath());
-            return close(fd);
-        };
-        const auto main = [] { return Fault(0); };
-        MyProgram::GetInstance().RunProgram(false, false, main, stop, nullptr, nullptr, nullptr);
-        return 0;
-    }));
-    EXPECT_EQ(Read(g_stopped), "11 " + report_);
 }
 
 // A stop that removes the pid file of another instance lets a third one start beside that.
