@@ -29,6 +29,7 @@ using std::chrono::milliseconds;
 
 constexpr std::int64_t kDropRecordPeriodMs = 60000;
 constexpr milliseconds kLookPeriod{1000};     // at the channel and the clock
+constexpr milliseconds kIdlePeriod{3000};     // the same, with nothing to send or to be answered
 constexpr milliseconds kRest{10};             // of a sender that was idle, so that reports join the first one
 constexpr std::size_t kRestEnd = 100;         // so many reports need not wait
 constexpr std::size_t kWindowHalfOpen = 100;  // so many unanswered ones let the sender go on
@@ -248,7 +249,7 @@ void ReportQueue::Members::Wait(Lock& lock)
     }
     idle = !store.IsWaiting();
     const bool wasIdle = idle;
-    changed.wait_for(lock, kLookPeriod);
+    changed.wait_for(lock, idle && store.GetUnanswered() == 0 ? kIdlePeriod : kLookPeriod);
     idle = false;
     if (wasIdle && store.IsWaiting()) {
         resting = true;
