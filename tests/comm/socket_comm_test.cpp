@@ -67,9 +67,13 @@ TEST_F(SocketCommTest, DispatchesOnlyWantedResponses)
     EXPECT_EQ(peer_.Receive(16 * 3 + 8 + 5), request + Message(3, 8) + Message(4, 9) + "short");
     EXPECT_EQ(comm_.SendMessage(nullptr, 5), kSendRefused);
     EXPECT_EQ(Send(std::string(kMaxMsgSize + 1, 'x')), kSendRefused);
-    const std::string answers[] = {Message(2, 6, "nobody asked"), Message(2, 9, "not cached"),
-                                   Message(2, 7, "answer"),       Message(2, 7, "again"),
-                                   Message(4, 8, "newer", 2),     Message(4, 8, "uncached by the newer one")};
+    const std::string answers[] = {Message(9, 7, "a request answers none"),
+                                   Message(2, 6, "nobody asked"),
+                                   Message(2, 9, "not cached"),
+                                   Message(2, 7, "answer"),
+                                   Message(2, 7, "again"),
+                                   Message(4, 8, "newer", 2),
+                                   Message(4, 8, "uncached by the newer one")};
     for (const std::string& answer : answers) {
         EXPECT_TRUE(peer_.Send(answer));
     }
@@ -363,7 +367,9 @@ TEST_F(SocketCommTest, StopEndsAStartUnderWay)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(ended, 0);
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(comm_.Stop());  // returns once the start has given up
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // of the 10 of a connect
     EXPECT_TRUE(Eventually([&] { return ended == 1; }, 5));
     starter.join();
 }
