@@ -12,6 +12,7 @@
 
 #include "feature.h"
 #include "feature_counters.h"
+#include "hips_guard.h"
 #include "logger.h"
 #include "loop_thread.h"
 #include "policy_text.h"
@@ -71,11 +72,15 @@ public:
     explicit ProcessWatch(ProcessLogSettings settings) : log_(std::move(settings)) {}
     ~ProcessWatch()
     {
+        if (supervised_ != 0) {
+            UnwatchPlainThread(supervised_);
+        }
         monitor_.StopProcessMonitor();
         ticker_.Stop();
         log_.LogRepeats();
         Count();
         counters_.watches = 0;
+        counters_.lacking = 0;
     }
     ProcessWatch(const ProcessWatch&) = delete;
     ProcessWatch& operator=(const ProcessWatch&) = delete;
@@ -98,9 +103,14 @@ public:
         s_watch = this;
         monitor_.AddProcessEventCallback(&ProcessWatch::OnEvent);
         counters_.watches = 1;
+        supervised_ = WatchPlainThread("monitor-process", &ProcessWatch::BeatAgeMs, &monitor_);
         return ticker_.Start("ProcessRepeats", [this](int stopFd) {
             WaitFor(stopFd, kRepeatsMs);
             log_.LogRepeats();
+            if (monitor_.GetPhase() == ProcessMonitor::kEnded) {  // by itself: nothing is watched any more
+                counters_.watches = 0;
+                counters_.lacking = 1;
+            }
         });
     }
 
@@ -115,6 +125,7 @@ private:
         std::uint64_t overflows = 0;
     };
 
+    static long long BeatAgeMs(void* monitor) { return static_cast<ProcessMonitor*>(monitor)->GetBeatAgeMs(); }
     static void OnEvent(proc_event* event) { s_watch->Handle(*event); }
 
     void Handle(const proc_event& event)
@@ -149,6 +160,7 @@ private:
     ProcessLog log_;
     LoopThread ticker_;
     ProcessMonitor monitor_;
+    std::uintptr_t supervised_ = 0;  // the monitor's thread, by the guard
 };
 
 ProcessWatch* ProcessWatch::s_watch = nullptr;
