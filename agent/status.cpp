@@ -61,7 +61,7 @@ Json Feature(const FeatureHost::State& state, const Counters& counters, Problems
         feature["lost"] = own.lost.load();
         feature["overflows"] = own.overflows.load();
         problems.AddIf(lacking > 0, "lacking " + state.name,
-                       "feature " + state.name + " cannot watch " + Count(lacking, " of its paths"));
+                       "feature " + state.name + " cannot watch " + Count(lacking, " of what its policy names"));
     }
     return feature;
 }

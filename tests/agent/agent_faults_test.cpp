@@ -1,6 +1,4 @@
 // What goes wrong with an agent: stops of every kind, crashes, upgrades, other files in its places.
-#include <sys/resource.h>
-
 #include "report_messages.h"
 #include "tests/agent/agent_fixture.h"
 #include "tests/comm/peer.h"
@@ -208,5 +206,80 @@ TEST_F(AgentFaultsTest, ReloadsAtSighup)
     reload();
     EXPECT_TRUE(Says("odd               off"));
     EXPECT_TRUE(Contains(Status(), ": well\n")) << Status();
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// An old log that cannot be compressed at the start must not hold up a stop.
+TEST_F(AgentFaultsTest, StopsWhileItsLogRolls)
+{
+    ReplaceGzip("echo $$ >" + (root_ / "rolling") + "\nexec sleep 30\n");
+    agent_ = Start(run_);
+    ASSERT_TRUE(Eventually([this] { return Read(root_ / "rolling").size() > 1; }));
+    kill(agent_, SIGTERM);
+    EXPECT_TRUE(Eventually([this] { return waitpid(agent_, nullptr, WNOHANG) == agent_; }, 5));
+    kill(std::stoi(Read(root_ / "rolling")), SIGKILL);
+    EXPECT_FALSE(fs::exists(pidFile_));
+}
+
+// What would leave the agent running without a log ends it with a reason instead.
+TEST_F(AgentFaultsTest, MissingSurroundingsAreNamed)
+{
+    const std::string failed = "1 sentrel-agent: ";
+    fs::create_directory(log_);
+    EXPECT_EQ(Run(run_), failed + "log file " + log_ + " is a directory or a special file\n");
+    fs::remove(log_);
+    ReplaceGzip("exit 1\n");  // as on a full disk
+    EXPECT_EQ(Run(run_), failed + "log file " + log_ + " cannot be opened, or the old one cannot be rolled away\n");
+    EXPECT_EQ(Read(log_).find(kOldLine), 0U);
+    path_ = root_.Path();
+    EXPECT_TRUE(Contains(Run(run_), failed + "gzip is missing"));
+    Write(config_, "LOG_COPIES=0\nLOG_FILE=log/a b.log\n");
+    EXPECT_TRUE(Contains(Run(run_), "ERROR: Unable to register log file.[kind=StartupLog name=AgentLog"));
+    fs::remove_all(root_ / "log");
+    EXPECT_EQ(Run(run_), failed + "crash report " + report_ + " cannot be written: No such file or directory\n");
+}
+
+// Whoever can take the server's place must not command the agent.
+TEST_F(AgentFaultsTest, TakesNoCommandOfAnotherUser)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "another user is needed";
+    }
+    fs::permissions(root_.Path(), fs::perms::all);
+    ASSERT_EQ(seteuid(65534), 0);
+    Peer server(root_ / "socket");  // the kernel notes who listens
+    ASSERT_EQ(seteuid(0), 0);
+    Write(config_, "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\nREPORT_SECONDS=0\n");
+    fs::remove(PolicyFile("process_watch"));
+    SetPolicy("odd", "enable=on\n");
+    StartAgent();
+    ASSERT_TRUE(server.Accept());
+    const std::string off("\x10\0\3\0odd\x11\0\4\0\0\0\0\0", 15);
+    EXPECT_TRUE(server.Send(Message(kMsgPolicy, 1, off) + Message(kMsgStatus, 2)));
+    for (const std::uint32_t type : {kMsgPolicy, kMsgStatus}) {
+        const std::string answer = server.ReceiveMessage();
+        EXPECT_EQ(HeaderOf(answer).type, type + 1);
+        EXPECT_TRUE(Contains(answer, "the server runs as user 65534, commands are taken of root"));
+    }
+    EXPECT_TRUE(Says("odd               started"));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// A log that cannot be written must not look well: neither without its directory nor without lines left for the day.
+TEST_F(AgentFaultsTest, ALogThatTakesNothingIsAProblem)
+{
+    SetPolicy("process_watch", "enable=off\n");
+    Write(config_, "LOG_LINES_PER_DAY=3\n");
+    StartAgent();
+    EXPECT_TRUE(Says("the log has used up LOG_LINES_PER_DAY, "));
+    Write(config_, "");
+    kill(agent_, SIGHUP);
+    EXPECT_TRUE(Eventually([this] { return !Contains(Status(), "LOG_LINES_PER_DAY"); }));
+    fs::remove_all(root_ / "log");
+    kill(agent_, SIGHUP);  // logs something
+    EXPECT_TRUE(Says("the log cannot be written: "));
+    fs::create_directory(root_ / "log");
+    kill(agent_, SIGHUP);
+    EXPECT_TRUE(Eventually([this] { return !Contains(Status(), "the log cannot be written"); }));
     EXPECT_EQ(StopAgent(), SIGTERM);
 }

@@ -180,7 +180,8 @@ TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
     Status status(host, server, tasks);
     using Action = std::function<void()>;
     const std::tuple<const char*, Action, Action> rows[] = {
-        {"feature odd cannot watch 2 of its paths", [&] { counters_.lacking = 2; }, [&] { counters_.lacking = 0; }},
+        {"feature odd cannot watch 2 of what its policy names", [&] { counters_.lacking = 2; },
+         [&] { counters_.lacking = 0; }},
         {"memory is above GUARD_MEMORY_KIB",
          [&] {
              status.SetLimits({1, 0, 0});

@@ -120,18 +120,6 @@ TEST_F(AgentTest, ItsOwnRollsMakeNoRecords)
     EXPECT_FALSE(Contains(all, "gzip " + log_) || Contains(all, " ppid=" + std::to_string(agent_) + " "));
 }
 
-// An old log that cannot be compressed at the start must not hold up a stop.
-TEST_F(AgentTest, StopsWhileItsLogRolls)
-{
-    ReplaceGzip("echo $$ >" + (root_ / "rolling") + "\nexec sleep 30\n");
-    agent_ = Start(run_);
-    ASSERT_TRUE(Eventually([this] { return Read(root_ / "rolling").size() > 1; }));
-    kill(agent_, SIGTERM);
-    EXPECT_TRUE(Eventually([this] { return waitpid(agent_, nullptr, WNOHANG) == agent_; }, 5));
-    kill(std::stoi(Read(root_ / "rolling")), SIGKILL);
-    EXPECT_FALSE(fs::exists(pidFile_));
-}
-
 TEST_F(AgentTest, RunsAsADaemonAsAPlainUser)
 {
     for (const std::string& path : {root_.Path(), root_ / "conf", root_ / "log", config_}) {
@@ -400,22 +388,4 @@ TEST_F(AgentTest, TellsHowItIs)
     EXPECT_EQ(StopAgent(), SIGTERM);
     close(silent);
     EXPECT_FALSE(fs::exists(socket));
-}
-
-// What would leave the agent running without a log ends it with a reason instead.
-TEST_F(AgentTest, MissingSurroundingsAreNamed)
-{
-    const std::string failed = "1 sentrel-agent: ";
-    fs::create_directory(log_);
-    EXPECT_EQ(Run(run_), failed + "log file " + log_ + " is a directory or a special file\n");
-    fs::remove(log_);
-    ReplaceGzip("exit 1\n");  // as on a full disk
-    EXPECT_EQ(Run(run_), failed + "log file " + log_ + " cannot be opened, or the old one cannot be rolled away\n");
-    EXPECT_EQ(Read(log_).find(kOldLine), 0U);
-    path_ = root_.Path();
-    EXPECT_TRUE(Contains(Run(run_), failed + "gzip is missing"));
-    Write(config_, "LOG_COPIES=0\nLOG_FILE=log/a b.log\n");
-    EXPECT_TRUE(Contains(Run(run_), "ERROR: Unable to register log file.[kind=StartupLog name=AgentLog"));
-    fs::remove_all(root_ / "log");
-    EXPECT_EQ(Run(run_), failed + "crash report " + report_ + " cannot be written: No such file or directory\n");
 }
