@@ -134,17 +134,17 @@ const std::array<Agent::Part, 12> Agent::kParts = {{
          return true;
      },
      [](Agent&) {}},
-    {"features",
+    {"features", [](Agent&) { return true; },
+     [](Agent& own) {
+         own.commands_.StopApplying();
+         own.features_.Stop();
+     }},
+    {"file monitor",
      [](Agent& own) {
          NEUtils::Monitor::InitFileMonitor();  // without it the features that need it fail, and say so
          own.commands_.ApplyKept();
          return true;
      },
-     [](Agent& own) {
-         own.commands_.StopApplying();
-         own.features_.Stop();
-     }},
-    {"file monitor", [](Agent&) { return true; },
      [](Agent&) {
          FastStopAll();  // the guarded threads sleep to their ends side by side
          NEUtils::Monitor::DeInitFileMonitor();
