@@ -324,11 +324,12 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
     utimensat(AT_FDCWD, (tree_ + "/z]").c_str(), times, 0);
     EXPECT_TRUE(logged("action=attrib change=\"omtime=", tree_ + "/z]"));
     EXPECT_TRUE(Logs(records, " mtime=1970-01-03T", "]"));
+    char value = '1';
     EXPECT_TRUE(Eventually([&] {  // the kernel's clock for it may stand still for some milliseconds
-        return setxattr((tree_ + "/z]").c_str(), "trusted.x", "1", 1, 0) == 0 &&
+        value = value == '1' ? '2' : '1';
+        return setxattr((tree_ + "/z]").c_str(), "trusted.x", &value, 1, 0) == 0 &&
                Logs(records, "action=attrib change=\"octime=", tree_ + "/z]]");
     }));
-    for (const auto& l : records.Lines()) { if (Contains(l, "attrib")) { std::puts(l.c_str()); } }
     EXPECT_FALSE(Logs(records, "own.log", "]") || Logs(records, "/link]", "]") || Logs(records, ".tmp", "]") ||
                  Logs(records, "cache", "]") || Logs(records, "sub/out", "]"));
     EXPECT_GE(FeatureCounters::Of("file_integrity").filtered, 3U);
