@@ -89,7 +89,7 @@ std::string ReadStatus(Answer& answer)
     }
     answer.features = ListFeatures(status);
     answer.statusJson = std::move(status);
-    return CheckLength("status in ASCII", ToLine(answer.statusJson), kMaxStatusText);
+    return CheckLength("status in ASCII", ToLine(*answer.statusJson), kMaxStatusText);
 }
 
 // Gives what is wrong; there need not be such a text.
@@ -155,8 +155,8 @@ std::string AnswerJson(const Sender& sender, const Command& command, const Answe
     if (!answer.reason.empty()) {
         object["reason"] = answer.reason;
     }
-    if (!answer.statusJson.is_null()) {
-        object["status"] = answer.statusJson;
+    if (answer.statusJson.has_value()) {
+        object["status"] = *answer.statusJson;
     }
     object["received"] = NowMs();
     return ToLine(object);

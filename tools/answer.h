@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "basecomm.h"
@@ -10,11 +11,15 @@
 
 // What an agent has answered to a command.
 struct Answer {
+    Answer() = default;
+    Answer(const Answer&) = delete;
+    Answer& operator=(const Answer&) = delete;
+
     std::int32_t result = 0;  // 0 or a CommandResult, of a newer agent any number
     std::string reason;
-    std::string status;                 // as it came, a JSON object; or nothing
-    nlohmann::ordered_json statusJson;  // the same; null without one
-    std::string features;               // the name and the state of each
+    std::string status;                                // as it came, a JSON object; or nothing
+    std::optional<nlohmann::ordered_json> statusJson;  // the same
+    std::string features;                              // the name and the state of each
 };
 
 // The body must be the header's length. Gives what is wrong with it, or nothing.

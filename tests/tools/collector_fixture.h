@@ -72,9 +72,9 @@ protected:
         return ended ? WEXITSTATUS(status) : -1;
     }
     bool Prints(const std::string& text) const { return Contains(Read(out_), text); }
-    bool Says(const std::string& text) const
+    bool Says(const std::string& text, int seconds = 20) const
     {
-        return Eventually([&] { return Contains(Read(err_), text); });
+        return Eventually([&] { return Contains(Read(err_), text); }, seconds);
     }
     UniqueFd Connect() const { return Connect(path_); }
     static UniqueFd Connect(const std::string& path)

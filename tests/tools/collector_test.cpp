@@ -181,6 +181,9 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
         {"--listen unix:" + std::string(108, 'x'), "2 sentrel-collector: "},
         {"--listen http:x", "2 sentrel-collector: --listen 'http:x' "},
         {"--listen unix:x --count many", "2 sentrel-collector: --count 'many' "},
+        {"--listen unix:x --count 0", "2 sentrel-collector: --count '0' is not a number from 1 to 4294967295"},
+        {"--listen unix:x --agents 100001", "2 sentrel-collector: --agents '100001' is not a number from 1 to 100000"},
+        {"--listen unix:x --patience -1", "2 sentrel-collector: --patience '-1' "},
         {"--control tcp:127.0.0.1:1", "2 sentrel-collector: --control 'tcp:127.0.0.1:1' "},
         {"--listen unix:x --control - <&-", "1 sentrel-collector: --control -: standard input is closed"},
         {"--listen unix:" + folder_.Path(), "1 sentrel-collector: "},
@@ -311,14 +314,23 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
 {
     Listen("--control unix:" + control_);
     const std::string good = Item(kTagResult, Int(0));
-    const auto deep = [&good](const std::string& open, const std::string& close) {
-        std::string pieces = good;
-        for (std::string text = open + std::string(30000, '[') + std::string(30000, ']') + close; !text.empty();) {
-            pieces += Item(kTagStatus, text.substr(0, 2048));
-            text.erase(0, 2048);
+    const auto pieces = [](std::string text) {
+        std::string items;
+        for (; !text.empty(); text.erase(0, 2048)) {
+            items += Item(kTagStatus, text.substr(0, 2048));
         }
-        return pieces;
+        return items;
     };
+    const auto deep = [&](const std::string& open, const std::string& close) {
+        return good + pieces(open + std::string(30000, '[') + std::string(30000, ']') + close);
+    };
+    const auto nested = [](std::size_t depth) {
+        return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
+    };
+    std::string members;
+    for (int i = 0; i < 2001; ++i) {
+        members += "\"" + std::to_string(i) + "\":1" + (i < 2000 ? "," : "");
+    }
     const std::pair<std::string, std::string> rows[] = {
         {"", "the body is empty or not made of whole items"},
         {good + "x", "the body is empty or not made of whole items"},
@@ -329,6 +341,8 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
         {good + Item(kTagStatus, R"({"a":1e999})"), "status is no JSON object"},
         {good + Item(kTagStatus, "{\"a\":\"\xff\"}"), "status is no JSON object"},
         {deep("", ""), "status is nested too deeply"},
+        {good + Item(kTagStatus, nested(33)), "status is nested too deeply"},
+        {good + pieces("{" + members + "}"), "status has more than 2000 members"},
         {deep("{\"a\":", "}"), "status is nested too deeply"},
         {good + Item(kTagReason, std::string(3000, 'x')), "reason has an item of more than 2048 bytes"},
         {deep("{\"a\":\"", std::string(9000, 'x') + "\"}"), "status has more than 65536 bytes"},
@@ -359,14 +373,14 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
     shutdown(gone.Get(), SHUT_RDWR);
     ASSERT_TRUE(Send(agent, Message(12, seq + 2, good + Item(kTagStatus, "{}"))));
     EXPECT_TRUE(Eventually([this] { return Prints(" status {}\n"); }));
-    ASSERT_TRUE(Send(silent, Message(12, seq + 2, good + Item(kTagStatus, "{\"a\":1}"))));
-    EXPECT_TRUE(Eventually([this] { return Prints(" status {\"a\":1}\n"); }));
+    ASSERT_TRUE(Send(silent, Message(12, seq + 2, good + Item(kTagStatus, nested(32)))));
+    EXPECT_TRUE(Eventually([&] { return Prints(" status " + nested(32) + "\n"); }));
     dying.Reset();
     EXPECT_TRUE(Told(client, "\n").ends_with(" policy a on: done\n"));
     EXPECT_EQ(Told(client, "\n"), "done: sent=3 answered=1\n");  // after the time that the silent one has
     EXPECT_TRUE(IsAnswered(silent, Message(1, 1, kExit)));
     EXPECT_EQ(End(), 0);
-    EXPECT_TRUE(Prints(" ignored=3 ") && Prints(" refused=12 ")) << Read(out_);
+    EXPECT_TRUE(Prints(" ignored=3 ") && Prints(" refused=14 ")) << Read(out_);
 }
 
 // Neither side makes the collector wait, or keep more than so much.
@@ -386,6 +400,17 @@ TEST_F(CollectorTest, StalledClientsAndAgentsHoldNothingUp)
     while (send(clients[0].Get(), helps.data(), helps.size(), MSG_NOSIGNAL) > 0) {  // until it is dropped
     }
     const UniqueFd agent = ConnectAgent();
+    std::string asks;
+    for (int i = 0; i < 20; ++i) {
+        asks += "status\n";
+    }
+    ASSERT_TRUE(Send(clients[2], asks) && Send(clients[3], "help\n"));
+    EXPECT_EQ(Receive(agent, std::size_t{16} * 16).size(), 256U);
+    EXPECT_TRUE(Contains(Told(clients[3], "list the commands\n"), "policy FEATURE"));
+    char byte = 0;
+    EXPECT_EQ(recv(agent.Get(), &byte, 1, MSG_DONTWAIT), -1);  // the others wait until one has ended
+    ASSERT_TRUE(Send(agent, Message(12, 1, Item(kTagResult, Int(0)) + Item(kTagStatus, "{}"))));
+    EXPECT_EQ(Receive(agent, 16), Message(11, 17, ""));
     std::string policies;
     for (int i = 0; i < 16; ++i) {
         policies += "policy a on " + folder_ / "policy" + "\n";
