@@ -48,7 +48,7 @@ static pid_t Burst(int count, const std::function<Strings(int)>& args)
 
 static int ThreadsComeAndGo()
 {
-    for (int i = 0; i < 13000; i += 4) {
+    for (int i = 0; kThreadsInChildren && i < 13000; i += 4) {
         InThreads(4, [](int) {});
     }
     return 0;
@@ -85,6 +85,9 @@ TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAreEachToldOnceAndWhole)
 // Threads that end at the same moment each see themselves as the last one.
 TEST_F(TraceLimitsTest, AProcessOfManyThreadsEndsOnce)
 {
+    if (!kThreadsInChildren) {
+        GTEST_SKIP() << "ThreadSanitizer allows no threads in a forked child";
+    }
     constexpr int kProcesses = 300;
     ASSERT_TRUE(traced_.Start(ProcessTracer::kTrace));
     std::vector<pid_t> pids;
@@ -282,12 +285,15 @@ static std::ptrdiff_t Entries(const char* directory)
 
 TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
 {
-    const auto count = [] {
-        return std::make_tuple(Loaded(BPF_PROG_GET_NEXT_ID).size(), Loaded(BPF_MAP_GET_NEXT_ID).size(),
-                               Loaded(BPF_LINK_GET_NEXT_ID).size(), Entries("/proc/self/fd"),
-                               Entries("/proc/self/task"));
+    // Other tests load programs at the same time; what leaks with each start is many more.
+    constexpr std::size_t kOfOthers = 30;
+    const auto loaded = [] {
+        return Loaded(BPF_PROG_GET_NEXT_ID).size() + Loaded(BPF_MAP_GET_NEXT_ID).size() +
+               Loaded(BPF_LINK_GET_NEXT_ID).size();
     };
-    const auto before = count();
+    const auto own = [] { return std::pair(Entries("/proc/self/fd"), Entries("/proc/self/task")); };
+    const auto before = loaded();
+    const auto ownBefore = own();
     for (int i = 0; i < 1000; ++i) {
         const auto source = i % 10 == 0 ? ProcessTracer::kTrace : ProcessTracer::kConnector;
         ProcessTracer tracer;
@@ -296,7 +302,8 @@ TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
         settings.ringSize = 1;
         ASSERT_TRUE(tracer.Start(settings, [](const Record&) {})) << i;
     }
-    EXPECT_TRUE(Eventually([&] { return count() == before; }));
+    EXPECT_EQ(own(), ownBefore);
+    EXPECT_TRUE(Eventually([&] { return loaded() <= before + kOfOthers; }));
 }
 
 // The control groups of a container name it, whatever mounts there are.

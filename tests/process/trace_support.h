@@ -15,6 +15,13 @@
 #include "tests/support/support.h"
 #include "util/unique_fd.h"
 
+// ThreadSanitizer ends a forked child that makes threads where its parent had some.
+#ifdef __SANITIZE_THREAD__
+constexpr bool kThreadsInChildren = false;
+#else
+constexpr bool kThreadsInChildren = true;
+#endif
+
 // A tracer with everything that it hands over, by process.
 struct Traced {
     bool Start(ProcessTracer::Source source, std::size_t ringSize = std::size_t{4} << 20, int wakeMs = 20)
