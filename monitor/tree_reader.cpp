@@ -225,10 +225,12 @@ void TreeReader::JoinEntries(WatchedFile& directory, const WatchRuleList& before
     for (const auto& [name, file] : directory.entries->files) {
         if (!joined.empty() && file->isKnown) {
             const std::string path = file->Path();
-            const TrackerState::Look last = LookAt(state_.host, path);
-            if (!last.has_value() || !file->status.IsSameFile(FileStatus(*last))) {
-                continue;  // it is removed or replaced by what is read next
+            const TrackerState::Look look = LookAt(state_.host, path);
+            const bool isSame = look.has_value() && file->status.IsSameFile(FileStatus(*look));
+            if (manner.why.isRemounted && !isSame) {
+                continue;  // it went with the mount
             }
+            const TrackerState::Look last = isSame ? look : std::nullopt;
             state_.NotifyCreated(state_.rules.Covering(joined, false, path), path, file->isDirectory, last, true);
         }
     }
