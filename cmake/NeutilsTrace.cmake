@@ -64,7 +64,9 @@ if(NEUTILS_HAS_TRACE)
     COMMAND ${BPF_CLANG} -g -O2 -target bpf -Wall -Wextra -Wno-unused-parameter -Werror
             -I ${LIBBPF_INCLUDE_DIR} -I /usr/include/${CMAKE_LIBRARY_ARCHITECTURE} -c ${traceProgram} -o ${traceObject}
     COMMAND ${LLVM_STRIP} -g ${traceObject}
-    COMMAND ${BPFTOOL} gen skeleton ${traceObject} name process_trace > ${traceSkeleton}
+    COMMAND ${CMAKE_COMMAND} -E echo "// NOLINTBEGIN" > ${traceSkeleton}
+    COMMAND ${BPFTOOL} gen skeleton ${traceObject} name process_trace >> ${traceSkeleton}
+    COMMAND ${CMAKE_COMMAND} -E echo "// NOLINTEND" >> ${traceSkeleton}
     DEPENDS ${traceProgram} ${PROJECT_SOURCE_DIR}/process/trace_kernel.h ${PROJECT_SOURCE_DIR}/process/trace_layout.h
     COMMENT "Building the trace programs" VERBATIM)
   add_custom_target(neutils_trace_skeleton DEPENDS ${traceSkeleton})

@@ -27,9 +27,9 @@ struct ProcessRecord {
     int pid = 0;  // of the process, which is that of its thread group; as the host counts
     int tid = 0;  // the thread it was; for an exec the id that the thread had before it
     int parentPid = 0;
+    int nsPid = 0;                    // the process's id in its own pid namespace; 0: unknown
     std::uint64_t startNs = 0;        // since the boot
     std::uint64_t parentStartNs = 0;  // 0: unknown
-    int nsPid = 0;                    // the process's id in its own pid namespace; 0: unknown
 
     std::uint32_t uid = kNoId;
     std::uint32_t gid = kNoId;
@@ -49,17 +49,17 @@ struct ProcessRecord {
 
     // Of an exec alone:
     std::string exe;  // the program that runs, of a script its interpreter; not absolute if it could not be resolved
-    std::string exeGiven;      // what was asked for, where that was relative or a descriptor
-    std::string script;        // the script, if it is one
-    bool exeDeleted = false;   // the executable has no name left
-    bool exeInMemory = false;  // and never had one (memfd_create)
-    bool exeSetUid = false;    // its file has the set-user-id bit
-    bool exeSetGid = false;
-    std::uint64_t exeInode = 0;     // number of its file
+    std::string exeGiven;           // what was asked for, where that was relative or a descriptor
+    std::string script;             // the script, if it is one
     std::vector<std::string> args;  // from argv[0] on, each by itself, bytes as they are
-    bool argsCut = false;           // there are more; the last one here may be cut
     std::uint64_t argsSize = 0;     // bytes of all of them, each with its terminator
-    std::uint32_t argCount = 0;     // of all of them; 0: unknown
+    std::uint64_t exeInode = 0;     // number of the executable's file
+    std::uint32_t argCount = 0;     // of all arguments; 0: unknown
+    bool argsCut = false;           // there are more; the last one here may be cut
+    bool exeDeleted = false;        // the executable has no name left
+    bool exeInMemory = false;       // and never had one (memfd_create)
+    bool exeSetUid = false;         // its file has the set-user-id bit
+    bool exeSetGid = false;
 
     // Of an exit alone:
     int exitCode = 0;

@@ -19,7 +19,7 @@ namespace NEUtils {
 
 namespace {
 
-constexpr std::size_t kMaxLooks = 4096;  // of up to 20 KiB
+constexpr std::size_t kMaxLooks = 4096;                   // of up to 20 KiB
 constexpr std::uint64_t kSwitchNs = 5 * Clock::kNsPerMs;  // an exec changes the process this long before its event
 constexpr std::uint64_t kOnItsWayNs = Clock::kNsPerMs;    // an event gets its time before it is sent
 constexpr std::chrono::milliseconds kPatience{500};       // with a reader that is behind
