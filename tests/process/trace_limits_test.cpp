@@ -370,6 +370,15 @@ TEST_F(TraceLimitsTest, PlatformProcessesStayUntoldButNoImpostor)
                        [&] {
                            return chmod(script.c_str(), 0666) + Execute(bash, {bash, script});
                        }},
+                      {false, true,
+                       [&] {  // the same path, but in a file system of its own
+                           if (unshare(CLONE_NEWNS) + mount("none", "/opt", "tmpfs", 0, "mode=755") != 0) {
+                               return 1;
+                           }
+                           fs::create_directories("/opt/omx/envs");
+                           fs::copy_file("/bin/sh", agent);
+                           return Execute(agent, command);
+                       }},
                       {false, false,
                        [&] {
                            return Execute(agent, {"x", "-c", "sleep 0.1; true"});
