@@ -6,6 +6,7 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <vector>
@@ -18,6 +19,7 @@ namespace {
 
 constexpr std::uint32_t kAccept = 0xFFFFFFFFU;
 constexpr std::uint32_t kDrop = 0;
+constexpr std::size_t kMaxFollowed = 500;  // each takes two instructions of the 4,096 that a filter may have
 
 // Where a field of the event stands in the datagram.
 constexpr std::uint32_t At(std::size_t field)
@@ -30,22 +32,29 @@ constexpr std::uint32_t kExitIds = At(offsetof(proc_event, event_data));  // pro
 constexpr std::uint32_t kForkIds = kExitIds + 8;                          // child_pid, child_tgid
 
 // The filter loads words in network order; the event holds its kind in host order.
-void AcceptOnlyFirstThreads(std::vector<sock_filter>& code, std::uint32_t kind, std::uint32_t ids)
+void AcceptOnlyFirstThreads(std::vector<sock_filter>& code, std::uint32_t kind, std::uint32_t ids,
+                            const std::vector<int>& followed)
 {
+    const std::size_t count = std::min(followed.size(), kMaxFollowed);
     code.insert(code.end(), {
-                                BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kind), 0, 6),
+                                BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kind), 1, 0),
+                                BPF_STMT(BPF_JMP | BPF_JA, static_cast<std::uint32_t>(6 + 2 * count)),
                                 BPF_STMT(BPF_LD | BPF_W | BPF_ABS, ids),
                                 BPF_STMT(BPF_MISC | BPF_TAX, 0),
                                 BPF_STMT(BPF_LD | BPF_W | BPF_ABS, ids + 4),
                                 BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_X, 0, 0, 1),
                                 BPF_STMT(BPF_RET | BPF_K, kAccept),
-                                BPF_STMT(BPF_RET | BPF_K, kDrop),
                             });
+    for (std::size_t i = 0; i < count; ++i) {
+        code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(static_cast<std::uint32_t>(followed[i])), 0, 1));
+        code.push_back(BPF_STMT(BPF_RET | BPF_K, kAccept));
+    }
+    code.push_back(BPF_STMT(BPF_RET | BPF_K, kDrop));
 }
 
 }  // namespace
 
-int AttachEventFilter(int fd, std::uint32_t kinds, bool processesOnly)
+int AttachEventFilter(int fd, std::uint32_t kinds, bool processesOnly, const std::vector<int>& followed)
 {
     const bool all = kinds == ProcessMonitor::kAllEventKinds;
     if (all && !processesOnly) {
@@ -53,8 +62,8 @@ int AttachEventFilter(int fd, std::uint32_t kinds, bool processesOnly)
     }
     std::vector<sock_filter> code = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kWhat)};
     if (processesOnly) {
-        AcceptOnlyFirstThreads(code, kForkEvent, kForkIds);
-        AcceptOnlyFirstThreads(code, kExitEvent, kExitIds);
+        AcceptOnlyFirstThreads(code, kForkEvent, kForkIds, {});
+        AcceptOnlyFirstThreads(code, kExitEvent, kExitIds, followed);
     }
     if (!all) {
         code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(kinds | kForkEvent | kExitEvent), 1, 0));

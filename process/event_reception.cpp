@@ -17,8 +17,8 @@ constexpr std::chrono::milliseconds kDrainTime{500};
 
 }  // namespace
 
-EventReception::EventReception(int fd, bool processesOnly, Handler handler)
-    : fd_(fd), processesOnly_(processesOnly), handler_(std::move(handler))
+EventReception::EventReception(int fd, std::uint32_t kinds, bool processesOnly, Handler handler)
+    : fd_(fd), kinds_(kinds), processesOnly_(processesOnly), handler_(std::move(handler))
 {
 }
 
@@ -44,7 +44,19 @@ void EventReception::HandOn(int count)
             handler_(event);
         } else if (!IsOfFurtherThread(event)) {
             HandOnOfProcess(event);
+        } else if (event.what == kExitEvent) {
+            leaderExits_.TakeThreadExit(event);
         }
+    }
+    FollowHeldProcesses();
+}
+
+// The status of a process whose first thread has left comes with the exit of its last one. If the filter cannot be
+// attached, the one before stays, and /proc is asked alone.
+void EventReception::FollowHeldProcesses()
+{
+    if (leaderExits_.HasChanged()) {
+        AttachEventFilter(fd_, kinds_, processesOnly_, leaderExits_.GetHeld());
     }
 }
 
@@ -68,6 +80,7 @@ void EventReception::HandOnHeldExits()
         handler_(exit);
     }
     lookedAtExits_ = Steady::now();
+    FollowHeldProcesses();
 }
 
 void EventReception::Drain()

@@ -24,8 +24,9 @@ public:
         std::uint64_t overflows = 0;  // of a kernel that does not count: how many events each cost is unknown
     };
 
-    // With processesOnly an exit is the end of a process, and nothing of further threads is handed on.
-    EventReception(int fd, bool processesOnly, Handler handler);
+    // With processesOnly an exit is the end of a process, and nothing of further threads is handed on. The socket
+    // has the filter of these kinds.
+    EventReception(int fd, std::uint32_t kinds, bool processesOnly, Handler handler);
 
     // Takes one batch, and then hands its events on. The number of datagrams, or 0 or -1 with errno set.
     int Receive();
@@ -44,9 +45,11 @@ private:
     using Steady = std::chrono::steady_clock;
 
     void HandOnOfProcess(proc_event& event);
+    void FollowHeldProcesses();
     void CountDrops(bool overflow);
 
     const int fd_;
+    const std::uint32_t kinds_;
     const bool processesOnly_;
     const Handler handler_;
     DatagramBatch batch_;

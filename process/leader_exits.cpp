@@ -96,7 +96,7 @@ bool LeaderExits::HasEnded(proc_event& exit)
 {
     Stat stat;
     const int pid = exit.event_data.exit.process_pid;
-    held_.erase(pid);
+    Forget(pid);
     if (!ReadStat(pid, stat) || BeganAfter(stat, exit)) {
         return true;
     }
@@ -108,7 +108,30 @@ bool LeaderExits::HasEnded(proc_event& exit)
         return true;
     }
     held_[pid] = {exit, stat.startTicks};
+    changed_ = true;
     return false;
+}
+
+void LeaderExits::Forget(int pid)
+{
+    changed_ = held_.erase(pid) != 0 || changed_;
+}
+
+void LeaderExits::TakeThreadExit(const proc_event& exit)
+{
+    const auto found = held_.find(exit.event_data.exit.process_tgid);
+    if (found != held_.end()) {
+        found->second.exit.event_data.exit.exit_code = exit.event_data.exit.exit_code;
+    }
+}
+
+std::vector<int> LeaderExits::GetHeld() const
+{
+    std::vector<int> pids;
+    for (const auto& [pid, held] : held_) {
+        pids.push_back(pid);
+    }
+    return pids;
 }
 
 std::vector<proc_event> LeaderExits::TakeEnded()
@@ -127,6 +150,7 @@ std::vector<proc_event> LeaderExits::TakeEnded()
         }
         ended.push_back(held.exit);
         entry = held_.erase(entry);
+        changed_ = true;
     }
     return ended;
 }

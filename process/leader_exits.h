@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <utility>
 #include <vector>
 
 namespace NEUtils {
@@ -20,13 +21,18 @@ public:
     bool HasEnded(proc_event& exit);
 
     // A thread has taken the place of the first one by an exec: the process goes on under its id.
-    void Forget(int pid) { held_.erase(pid); }
+    void Forget(int pid);
+
+    // Takes the exit of a further thread: the last one's status is that of the process.
+    void TakeThreadExit(const proc_event& exit);
 
     // Takes out the held exits whose processes have ended, with the status that the process ended with where it
     // can still be read.
     std::vector<proc_event> TakeEnded();
 
     bool IsEmpty() const { return held_.empty(); }
+    std::vector<int> GetHeld() const;                             // ids of processes
+    bool HasChanged() { return std::exchange(changed_, false); }  // who is held, since the last call
 
 private:
     struct Held {
@@ -35,6 +41,7 @@ private:
     };
 
     std::map<int, Held> held_;
+    bool changed_ = false;
 };
 
 }  // namespace NEUtils

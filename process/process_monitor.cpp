@@ -258,7 +258,7 @@ bool ProcessMonitor::SetNetlinkConnectorMode(int fd, nlmsghdr& header) const
 
 void ProcessMonitor::ReceiveEvents(int fd)
 {
-    EventReception reception(fd, processesOnly_, [this](proc_event& event) {
+    EventReception reception(fd, eventKinds_, processesOnly_, [this](proc_event& event) {
         Beat();
         ProcessEventHandle(event);
     });

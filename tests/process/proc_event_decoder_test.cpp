@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <numeric>
+
 #include "process/event_filter.h"
 #include "process_monitor.h"
 
@@ -61,6 +63,7 @@ TEST(EventFilterTest, KernelDropsWhatNobodyAskedFor)
         bool processesOnly;
         std::vector<std::uint32_t> event;  // kind, and its first four ids
         bool comes;
+        std::size_t followed = 0;  // processes 1, 2, ... are followed
     };
     constexpr std::uint32_t kAll = ProcessMonitor::kAllEventKinds;
     const Row rows[] = {
@@ -70,6 +73,11 @@ TEST(EventFilterTest, KernelDropsWhatNobodyAskedFor)
         {"fork of a thread, threads wanted", kExecEvent, false, {kForkEvent, 7, 7, 8, 7}, true},
         {"exit of a process", kExecEvent, true, {kExitEvent, 7, 7, 0, 0}, true},
         {"exit of a thread", kExecEvent, true, {kExitEvent, 8, 7, 0, 0}, false},
+        {"exit of a thread of a followed process", kExecEvent, true, {kExitEvent, 8, 7, 0, 0}, true, 7},
+        {"the most that are followed", kExecEvent, true, {kExitEvent, 900, 500, 0, 0}, true, 2000},
+        {"beyond those that are followed", kExecEvent, true, {kExitEvent, 900, 501, 0, 0}, false, 2000},
+        {"exit of a process, others are followed", kExecEvent, true, {kExitEvent, 900, 900, 0, 0}, true, 7},
+        {"another kind, some are followed", kExecEvent, true, {kCommEvent, 8, 7, 0, 0}, false, 7},
         {"exit of a thread, threads wanted", kExecEvent, false, {kExitEvent, 8, 7, 0, 0}, true},
         {"wanted kind of a thread", kUidEvent, true, {kUidEvent, 8, 7, 0, 0}, true},
         {"another kind", kExecEvent, true, {kCommEvent, 7, 7, 0, 0}, false},
@@ -79,7 +87,9 @@ TEST(EventFilterTest, KernelDropsWhatNobodyAskedFor)
     for (const Row& row : rows) {
         int pair[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
-        EXPECT_EQ(AttachEventFilter(pair[1], row.kinds, row.processesOnly), 0);
+        std::vector<int> followed(row.followed);
+        std::iota(followed.begin(), followed.end(), 1);
+        EXPECT_EQ(AttachEventFilter(pair[1], row.kinds, row.processesOnly, followed), 0);
         std::uint32_t words[19] = {76, 3, 0, 0, 1, 1, 0, 0, 40, row.event[0]};
         std::copy(row.event.begin() + 1, row.event.end(), words + 13);
         send(pair[0], words, sizeof(words), 0);

@@ -252,9 +252,9 @@ TEST_F(ProcessMonitorTest, ProcessEndsWithItsLastThread)
     Write(dir_ / "end", "");
     kill(killed, SIGKILL);
     for (const auto& [pid, status] : {std::pair(late, 7U << 8), std::pair(killed, 9U), std::pair(executed, 0U)}) {
+        Wait(pid);  // so /proc can no longer tell the status
         EXPECT_TRUE(Seen(pid, kExitEvent));
         EXPECT_EQ(g_status[pid], status);
-        Wait(pid);
     }
     EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
     EXPECT_EQ(g_exits[late] * 100 + g_exits[killed] * 10 + g_exits[executed], 111U);
