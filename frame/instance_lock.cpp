@@ -79,7 +79,9 @@ InstanceLock::Result InstanceLock::Take(const std::string& path)
             return Result::kHeld;
         }
         if (LeadsTo(path, fd.Get())) {
-            static_cast<void>(ftruncate(fd.Get(), 0));  // the id of the holder before
+            if (ftruncate(fd.Get(), 0) != 0) {  // the id of the holder before
+                return Result::kFailed;
+            }
             path_ = path;
             fd_ = fd.Release();
             return Result::kTaken;
