@@ -87,8 +87,15 @@ bool AddMonitor(const FileWatchRule& rule, MonitorType type)
 bool RemoveMonitor(const FileWatchRule& rule, MonitorType type)
 {
     auto& manager = MonitorManager::GetInstance();
-    // No monitor is of the type kAnyMonitor: without a preference the inotify monitor is the one.
-    return manager.RemoveWatch(rule, type == kAnyMonitor ? kInotifyMonitor : type);
+    if (type != kAnyMonitor) {
+        return manager.RemoveWatch(rule, type);
+    }
+    // Kept because a monitor that served every type may hold a rule twice: its second answer counts. None of today's
+    // does, so the inotify monitor is asked.
+    if (manager.RemoveWatch(rule, kAnyMonitor)) {
+        return manager.RemoveWatch(rule, kAnyMonitor);
+    }
+    return manager.RemoveWatch(rule, kInotifyMonitor);
 }
 
 WatchState GetWatchState(const FileWatchRule& rule)

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "monitor/watch_scope.h"
+#include "util/text.h"
 
 namespace NEUtils {
 
@@ -44,8 +45,8 @@ std::vector<std::string> MountTable::Update(const std::string& text)
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         // id, parent's id, device, root, mount point, options, tags up to "-", file system, ...
-        std::istringstream parts(line);
-        const std::vector<std::string> fields(std::istream_iterator<std::string>(parts), {});
+        // Blanks alone divide them: other white space in a name is not escaped.
+        const std::vector<std::string> fields = StringProcess::StrSplit(line, " ");
         const auto dash = std::find(fields.begin(), fields.end(), "-");
         if (fields.size() < 6 || std::distance(dash, fields.end()) < 2) {
             continue;

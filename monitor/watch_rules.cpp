@@ -63,8 +63,12 @@ void WatchRules::CountWay(const WatchRule& rule, int step)
 
 bool WatchRules::StopsAtMount(const WatchRule& rule, const std::string& directory) const
 {
+    if (directory == rule.rule.path) {  // a link may lead it anywhere, after the rule was added too
+        const MountTable::Mount* mount = mounts.Of(directory);
+        return rule.given.recursive && mount != nullptr && mount->isPseudo;
+    }
     const MountTable::Mount* mount = mounts.At(directory);
-    return mount != nullptr && (mount->isPseudo || (!rule.rule.crossMounts && directory != rule.rule.path));
+    return mount != nullptr && (mount->isPseudo || !rule.rule.crossMounts);
 }
 
 WatchRuleList WatchRules::Inside(const WatchRuleList& above, const std::string& directory) const

@@ -505,6 +505,20 @@ TEST(InotifyMonitorMountTest, MountsComeAndGo)
     eventually(told, "8 " + sub + "/hidden osize=0 size=1 ");
     EXPECT_FALSE(told.Has("delete " + sub + "/") || told.Has("create " + sub + "/mounted"))
         << testing::PrintToString(told.Lines());
+    // A name whose white space the kernel does not escape is no mount on the path in front of it.
+    fs::create_directory(sub + "\vx");
+    ASSERT_EQ(mount("none", (sub + "\vx").c_str(), "tmpfs", 0, nullptr), 0);
+    fs::create_directory_symlink(folder / "d", folder / "link");
+    ASSERT_TRUE(monitor.AddRule({folder / "link", true, kTreeEvents, {}, &Told::Take, &told, false, false}));
+    Write(sub + "/hidden", "12");
+    eventually(told, "8 " + sub + "/hidden osize=1 size=2 ");
+    // A link that is switched to a pseudo file system leads a rule into nothing.
+    const std::size_t watches = monitor.GetWatchCount();
+    fs::remove(folder / "link");
+    fs::create_directory_symlink("/proc/1", folder / "link");
+    Write(sub + "/hidden", "123");
+    eventually(told, "8 " + sub + "/hidden osize=2 size=3 ");
+    EXPECT_LE(monitor.GetWatchCount(), watches + 4);  // those on the way
     monitor.DeInit();
 }
 
