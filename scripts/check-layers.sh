@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Checks the include lines of a source tree, this one or --root DIR, against the layers of the house: each
-# file may use its own folder and those below it, public headers included, and no files include each other
+# file may use its own directory and those below it, public headers included, and no files include each other
 # in a circle.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-# The folders that a folder may use beside itself and util/, which is open to all; a header alone by its path.
+# The directories that a directory may use beside itself and util/, which is open to all; a header alone by its path.
 declare -A mayUse=(
     [util]=''
     [frame]=''
@@ -20,7 +20,7 @@ declare -A mayUse=(
     [features]='frame modules guard sched monitor comm process'
     [tools]='frame modules guard sched monitor comm process'
 )
-# The folder that each public header belongs to; one that stands nowhere here is refused.
+# The directory that each public header belongs to; one that stands nowhere here is refused.
 declare -A headersOf=(
     [util]='byte_buffer neutils_api sha256'
     [frame]='config instance_lock log_system logger my_program'
@@ -36,10 +36,10 @@ declare -A headersOf=(
 embedders=' agent features tools '
 outside=' build tests bench '
 
-declare -A folderOf=()
-for folder in "${!headersOf[@]}"; do
-    for header in ${headersOf[$folder]}; do
-        folderOf[$header.h]=$folder
+declare -A directoryOf=()
+for directory in "${!headersOf[@]}"; do
+    for header in ${headersOf[$directory]}; do
+        directoryOf[$header.h]=$directory
     done
 done
 
@@ -55,21 +55,21 @@ open_to() {
 
 # allowed TREE FILE NAME: may FILE hold #include "NAME"?
 allowed() {
-    local tree=$1 file=$2 name=$3 folder=${2%%/*}
-    if [[ $folder == include ]]; then
-        [[ $name != */* && -v folderOf[${file#*/}] ]] || return 1
-        folder=${folderOf[${file#*/}]}
+    local tree=$1 file=$2 name=$3 directory=${2%%/*}
+    if [[ $directory == include ]]; then
+        [[ $name != */* && -v directoryOf[${file#*/}] ]] || return 1
+        directory=${directoryOf[${file#*/}]}
     fi
     if [[ $name != */* ]]; then
         if [[ -e $tree/include/$name ]]; then
-            [[ -v folderOf[$name] ]] && open_to "$folder" "${folderOf[$name]}" "$name"
+            [[ -v directoryOf[$name] ]] && open_to "$directory" "${directoryOf[$name]}" "$name"
             return
         fi
-        [[ $embedders == *" $folder "* && -e $tree/$(dirname "$file")/$name ]]
+        [[ $embedders == *" $directory "* && -e $tree/$(dirname "$file")/$name ]]
         return
     fi
     [[ $name != *..* && $name != *./* ]] || return 1
-    [[ $embedders != *" $folder "* || $name == util/* ]] && open_to "$folder" "${name%%/*}" "${name#*/}"
+    [[ $embedders != *" $directory "* || $name == util/* ]] && open_to "$directory" "${name%%/*}" "${name#*/}"
 }
 
 # The project's own file that a file includes by NAME, as a unit: a header and its source are one, but for a
@@ -78,14 +78,14 @@ unit_of() {
     local tree=$1 file=$2 name=$3
     if [[ $name == */* ]]; then
         echo "${name%.*}"
-    elif [[ -v folderOf[$name] ]]; then
+    elif [[ -v directoryOf[$name] ]]; then
         echo "include/${name%.*}"
     else
         echo "$(dirname "$file")/${name%.*}"
     fi
 }
 
-# Prints each forbidden include of a tree, each folder with code that has no layer, and each circle.
+# Prints each forbidden include of a tree, each directory with code that has no layer, and each circle.
 violations() {
     local tree=$1 file line name unit
     local -a uses=()
@@ -96,7 +96,7 @@ violations() {
             continue
         fi
         unit=${file%.*}
-        if [[ $unit != */* || ! -v mayUse[${unit%%/*}] && ! -v folderOf[${file#include/}] ]]; then
+        if [[ $unit != */* || ! -v mayUse[${unit%%/*}] && ! -v directoryOf[${file#include/}] ]]; then
             echo "$file: no layer"
             continue
         fi
