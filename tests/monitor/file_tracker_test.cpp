@@ -205,7 +205,7 @@ TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
 {
     const int only = FromEnvironment("NEUTILS_SEED", -1);
     const int first = std::max(only, 0);
-    const int count = only >= 0 ? 1 : FromEnvironment("NEUTILS_SEQUENCES", 3000);
+    const int count = only >= 0 ? 1 : FromEnvironment("NEUTILS_SEQUENCES", 5000);
     for (int seed = first; seed < first + count && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE("NEUTILS_SEED=" + std::to_string(seed));
         Model model(static_cast<unsigned>(seed) + 1);
