@@ -87,7 +87,7 @@ WatchedFile* TreeReader::Meet(const std::string& path, const TrackerState::Look&
     if (path != "/" && (directory == nullptr || directory->entries == nullptr)) {
         return nullptr;
     }
-    if (directory != nullptr && directory->isKnown && directory->status.IsSeen() && !directory->status.IsDirectory()) {
+    if (directory != nullptr && directory->isKnown && !directory->isDirectory) {
         return nullptr;  // if a directory stands there by now, that is noticed first
     }
     WatchedFile* file = directory == nullptr ? &state_.tree.Root() : state_.tree.Entry(*directory, NameOf(path));

@@ -135,7 +135,7 @@ void WatchedTree::MakeDirectory(WatchedFile& file)
     if (file.entries == nullptr) {
         file.entries = std::make_unique<WatchedFile::Entries>();
         file.entries->path = file.Path();
-        file.isDirectory = true;
+        file.isDirectory = file.isDirectory || !file.isKnown;
     }
 }
 

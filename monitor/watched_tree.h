@@ -81,6 +81,7 @@ public:
     static WatchedFile* Entry(const WatchedFile& directory, std::string_view name);
     WatchedFile& Add(WatchedFile& directory, const std::string& name);  // or the one that is there
     WatchedFile& AddPath(const std::string& path);
+    // Gives it room for entries. What is known as no directory stays that until its record comes.
     static void MakeDirectory(WatchedFile& file);
 
     // Takes a file out with all below it, each of which is shown first. Its watches must be gone.
