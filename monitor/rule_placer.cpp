@@ -94,24 +94,26 @@ RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) co
 
 void RulePlacer::Place(const WatchRulePtr& rule, bool isNew)
 {
-    const std::string before = rule->rule.path;
+    bool isElsewhere = false;  // also if it comes back in the next round
     Way way = Resolve(rule->given);
     for (int round = 0; round < kMaxRounds; ++round) {
-        if (way.path != rule->rule.path && !isNew) {  // while the tree still knows what the rule has covered
-            if (WatchedFile* file = state_.tree.Find(rule->rule.path); file != nullptr && file->isKnown) {
-                state_.NotifyDeleted({rule}, rule->rule.path, *file, true);
+        const std::string before = rule->rule.path;
+        const bool leaves = way.path != before && !isNew && !isElsewhere;
+        if (leaves) {  // while the tree still knows what the rule has covered
+            if (WatchedFile* file = state_.tree.Find(before); file != nullptr && file->isKnown) {
+                state_.NotifyDeleted({rule}, before, *file, true);
             }
         }
         SetWay(*rule, way);
+        if (leaves) {
+            isElsewhere = true;
+            reader_.Uncover(before);
+        }
         Way again = Resolve(rule->given);
         if (again.path == way.path && again.names == way.names) {
             break;
         }
         way = std::move(again);
-    }
-    const bool isElsewhere = before != rule->rule.path && !isNew;
-    if (isElsewhere) {
-        reader_.Uncover(before);
     }
     TreeReader::Manner manner;
     manner.silentFor = isNew ? rule.get() : nullptr;
