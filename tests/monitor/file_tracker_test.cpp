@@ -255,3 +255,31 @@ TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
         model.tracker.Clear();
     }
 }
+
+// Each watch that becomes free goes to a directory that lacks one, which is then read, as nobody knows it.
+TEST(FileTrackerTest, DirectoriesWithoutAWatchGetThoseThatBecomeFree)
+{
+    Model model(1);
+    const auto pathOf = [](int i) { return std::string("/w/") + "abcde"[i % 5]; };
+    model.system.Create("/w", true);
+    for (int i = 0; i < 5; ++i) {
+        model.system.Create(pathOf(i), true);
+    }
+    model.system.maxWatches = 4;  // for the root, /w and two below
+    model.rules = {model.Add({"/w", true, kTreeEvents, {}, nullptr, nullptr, false, false})};
+    std::size_t lacking = 3;
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(model.tracker.CountLacking(), lacking);
+        EXPECT_EQ(model.tracker.CountLacking(*model.rules[0]), lacking);
+        if (lacking > 0 && model.system.watches.count(model.system.At(pathOf(i))) != 0) {
+            model.system.Remove(pathOf(i) + "/unseen");
+            model.system.Remove(pathOf(i));
+            model.Rest();
+            --lacking;
+        }
+        model.system.Create(pathOf(i) + "/unseen", false);
+    }
+    EXPECT_EQ(lacking, 0);
+    model.Rest();
+    model.Agrees();
+}

@@ -550,6 +550,13 @@ TEST(InotifyMonitorLimitTest, GoesOnWithThoseThatItCanHave)
         return Contains(line, "WARN Watch rule cannot have all its directories.[path=" + (folder / "d") + " lacking=1");
     });
     EXPECT_EQ(lacks, 1);
+    EXPECT_GE(monitor.GetLackingCount(), 10);
+    for (int i = 0; i < 18; ++i) {
+        fs::remove(folder / ("d/" + std::to_string(i)));
+    }
+    EXPECT_TRUE(Eventually([&] { return monitor.GetLackingCount() == 0; }, 10));
+    Write(folder / "d/19/file", "");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/19/file")); }));
     monitor.DeInit();
 }
 

@@ -7,6 +7,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <set>
+
+#include "monitor/inotify_host.h"
 #include "tests/support/support.h"
 #include "util/clock.h"
 #include "util/unique_fd.h"
@@ -221,6 +224,22 @@ TEST(InotifyWatcherTest, HoldsToTheAllowanceAndTellsRefusalsOnceInAQuarterOfAnHo
         EXPECT_EQ(watcher.AddWatch("", IN_MODIFY), 0);  // kept: told like a full table
         EXPECT_EQ(records.Lines().back(), "ERROR Add inotify watch failed.[path=, watchers=0]");
         EXPECT_EQ(taken("10240"), 10241);
+
+        InotifyHost host([] { return true; });  // has another watcher for the rest
+        ASSERT_TRUE(host.Init());
+        std::vector<WatchId> watches;
+        for (int i = 0; i < 10242; ++i) {
+            watches.push_back(host.AddWatch(folder / std::to_string(i), IN_MODIFY, false, 0));
+        }
+        EXPECT_EQ(std::set<WatchId>(watches.begin(), watches.end()).size(), 10242);
+        EXPECT_EQ(host.Descriptors().size(), 2);
+        Write(folder / "10241", "text");
+        std::deque<WatchRecord> heard;
+        host.ReadRecords(heard, 1);
+        EXPECT_TRUE(heard.size() == 1 && heard[0].watch == watches.back());
+        host.RemoveWatch(watches[0]);
+        EXPECT_EQ(host.AddWatch(folder / "0", IN_MODIFY, false, 0) >> 32U, 1);  // what is free again is used first
+
         ASSERT_EQ(mount("none", "/proc/sys/fs/inotify", "tmpfs", 0, nullptr), 0);
         Watcher open;
         EXPECT_FALSE(open.Init());
