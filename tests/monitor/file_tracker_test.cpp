@@ -1,6 +1,7 @@
 #include "monitor/file_tracker.h"
 
 #include <cstdlib>
+#include <numeric>
 #include <random>
 
 #include "tests/monitor/simulated_system.h"
@@ -204,9 +205,13 @@ struct Model {
 TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
 {
     const int only = FromEnvironment("NEUTILS_SEED", -1);
-    const int first = std::max(only, 0);
-    const int count = only >= 0 ? 1 : FromEnvironment("NEUTILS_SEQUENCES", 5000);
-    for (int seed = first; seed < first + count && !testing::Test::HasFailure(); ++seed) {
+    std::vector<int> seeds = {27153, 45470};  // that have been wrong once
+    seeds.resize(2 + static_cast<std::size_t>(FromEnvironment("NEUTILS_SEQUENCES", 5000)));
+    std::iota(seeds.begin() + 2, seeds.end(), 0);
+    for (const int seed : only >= 0 ? std::vector<int>{only} : seeds) {
+        if (testing::Test::HasFailure()) {
+            break;
+        }
         SCOPED_TRACE("NEUTILS_SEED=" + std::to_string(seed));
         Model model(static_cast<unsigned>(seed) + 1);
         for (const char* path : {"/w", "/out", "/w/a", "/w/a/b", "/out/b", "/out/b/c"}) {
