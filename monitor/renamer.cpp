@@ -27,7 +27,9 @@ void Renamer::Rename(WatchedFile& file, const std::string& from, WatchedFile& di
                      const TrackerState::Look& look)
 {
     const std::string to = Monitor::EntryOf(directory.entries->path, name);
-    const bool isDirectory = look.has_value() ? S_ISDIR(look->st_mode) : file.isDirectory;
+    const FileStatus now = look.has_value() ? FileStatus(*look) : FileStatus();
+    const bool isDirectory = file.isDirectory || now.IsDirectory();
+    const bool isSame = file.status.IsSeen() ? file.status.IsSameFile(now) : file.isDirectory == now.IsDirectory();
     const std::vector<Moved> all = ListMoved(file);
     WatchedFile* const target = WatchedTree::Entry(directory, name);
     const FileStatus replaced = target == nullptr || !target->isKnown ? FileStatus() : target->status;
@@ -36,8 +38,8 @@ void Renamer::Rename(WatchedFile& file, const std::string& from, WatchedFile& di
     }
     WatchedFile* const above = file.parent;
     state_.tree.Move(file, directory, name);
-    if (look.has_value() && (!file.status.IsSeen() || file.status.IsSameFile(FileStatus(*look)))) {
-        state_.tree.SetStatus(file, FileStatus(*look));
+    if (now.IsSeen() && isSame) {
+        state_.tree.SetStatus(file, now);
     }
     const bool changesRules = FollowRules(all);
     if (changesRules) {
