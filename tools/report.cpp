@@ -16,6 +16,19 @@ using namespace NEUtils;
 constexpr std::uint32_t kMaxItems = 128;
 constexpr std::size_t kMaxBody = 64;
 
+// A report whose type is known, and an item that it must have.
+struct ReportKind {
+    std::uint32_t message;
+    const char* type;
+    ReportTag needed;
+};
+
+constexpr ReportKind kReportKinds[] = {
+    {kMsgProcess, "process", kTagTime},  {kMsgDroppedReports, "dropped", kTagCount},
+    {kMsgFile, "file", kTagPath},        {kMsgAccess, "access", kTagPath},
+    {kMsgRepeats, "repeats", kTagCount}, {kMsgProblem, "problem", kTagProblem},
+};
+
 struct EventKind {
     ProcessEvent event;
     const char* type;
@@ -68,20 +81,20 @@ void ReadOthers(const TLVAnalyzer& items, Report& report)
 std::string CheckItems(const Report& report, std::initializer_list<ReportTag> needed)
 {
     for (const ReportTag tag : needed) {
-        if (FindNumber(report, tag) == nullptr) {
+        if (report.items[KindOf(tag)].index() == 0) {
             return std::string(kItemKinds[KindOf(tag)].name) + " is missing";
         }
     }
     return {};
 }
 
+// An event that only a newer agent knows stays a "process".
 std::string CheckProcess(Report& report)
 {
-    std::string fault = CheckItems(report, {kTagTime, kTagEvent, kTagPid});
+    std::string fault = CheckItems(report, {kTagEvent, kTagPid});
     if (!fault.empty()) {
         return fault;
     }
-    report.type = "process";  // of an event that only a newer agent knows, perhaps
     for (const EventKind& kind : kEventKinds) {
         if (*FindNumber(report, kTagEvent) == kind.event) {
             report.type = kind.type;
@@ -92,25 +105,11 @@ std::string CheckProcess(Report& report)
     return {};
 }
 
-std::string CheckReport(Report& report)
+std::string CheckReport(const ReportKind& kind, Report& report)
 {
-    switch (report.header.type) {
-    case kMsgProcess:
-        return CheckProcess(report);
-    case kMsgDroppedReports:
-    case kMsgRepeats:
-        report.type = report.header.type == kMsgRepeats ? "repeats" : "dropped";
-        return CheckItems(report, {kTagCount});
-    default:
-        report.type = report.header.type == kMsgFile ? "file" : "access";
-        return report.items[KindOf(kTagPath)].index() == 0 ? "path is missing" : std::string();
-    }
-}
-
-bool IsKnown(std::uint32_t type)
-{
-    constexpr std::uint32_t kKnown[] = {kMsgProcess, kMsgDroppedReports, kMsgFile, kMsgAccess, kMsgRepeats};
-    return std::ranges::find(kKnown, type) != std::end(kKnown);
+    report.type = kind.type;
+    std::string fault = CheckItems(report, {kind.needed});
+    return fault.empty() && kind.message == kMsgProcess ? CheckProcess(report) : fault;
 }
 
 }  // namespace
@@ -129,7 +128,8 @@ const std::int64_t* FindNumber(const Report& report, ReportTag tag)
 std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Report& report)
 {
     report.header = header;
-    const bool isKnown = IsKnown(header.type);
+    const auto* known = std::ranges::find(kReportKinds, header.type, &ReportKind::message);
+    const bool isKnown = known != std::end(kReportKinds);
     TLVAnalyzer items(body, static_cast<int>(header.length));
     if (!items.Analyze(kSwapReport)) {
         if (isKnown) {
@@ -153,5 +153,5 @@ std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Repor
     if (read < items.GetCount()) {
         ReadOthers(items, report);
     }
-    return isKnown ? CheckReport(report) : std::string();
+    return isKnown ? CheckReport(*known, report) : std::string();
 }

@@ -29,6 +29,7 @@ inline constexpr ItemKind kItemKinds[] = {
     {NEUtils::kTagChange, "change", 0},     {NEUtils::kTagFault, "fault", 0},
     {NEUtils::kTagOldPath, "oldPath", 0},   {NEUtils::kTagPath, "path", 0},
     {NEUtils::kTagProgram, "program", 0},   {NEUtils::kTagCmdLine, "cmdLine", 0},
+    {NEUtils::kTagProblem, "problem", 0},
 };
 
 // A request of an agent, taken apart.

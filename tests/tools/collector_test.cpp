@@ -59,6 +59,9 @@ TEST_F(CollectorTest, ShowsUnknownTypesAndItemsOneByOne)
          R"("type":"repeats","seq":1,"count":5,"user":"a","program":)"},
         {kMsgDroppedReports, Item(kTagTotal, Int(9) + Int(0)) + Item(kTagCount, Int(5) + Int(0)),
          " dropped 5 reports, 9 since the agent's start\n", R"("type":"dropped","seq":1,"count":5,"total":9,)"},
+        {kMsgProblem, Item(kTagProblem, Text("it is not well")) + Item(kTagAction, Text("begins")),
+         " problem action=begins problem=it is not well\n",
+         R"("type":"problem","seq":1,"action":"begins","problem":"it is not well","received":)"},
         {kMsgFile, file + Item(900, Text("new")), " file action=x,y oldPath=\"a path=b\" item900=\"new\" path=c \"d\n",
          R"("oldPath":"a path=b","path":"c \"d","items":[{"tag":900,"text":"new","length":4}],"received":)"},
     };
@@ -121,6 +124,7 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
         {Message(1, 5, kTime + Item(kTagEvent, Int(1))), "pid is missing"},
         {Message(1, 5, kTime + Item(kTagPid, "xx")), "pid has 2 bytes"},
         {Message(3, 5, kTime), "count is missing"},
+        {Message(kMsgProblem, 5, kTime), "problem is missing"},
     };
     for (const auto& [bytes, reason] : rows) {
         std::ofstream(err_, std::ios::trunc);
@@ -143,7 +147,7 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
     }
     EXPECT_TRUE(IsAnswered(healthy, Message(1, 1, kExit)));
     EXPECT_EQ(End(), 0);
-    EXPECT_TRUE(Prints(" refused=13 ")) << Read(out_);
+    EXPECT_TRUE(Prints(" refused=14 ")) << Read(out_);
 }
 
 TEST_F(CollectorTest, ServesManyAgentsOverTheNetworkToo)
