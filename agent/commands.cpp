@@ -74,8 +74,8 @@ int CheckConfig(const Options& options)
     if (!LoadConfig(options, config)) {
         return kExitUsage;
     }
+    auto faults = CheckPolicies(options.root);  // with the reasons that the features log
     SubscribeConsole();
-    auto faults = CheckPolicies(options.root);
     if (const std::string fault = CheckStart(options.root, config, false); !fault.empty()) {
         faults.push_back(fault);
     }

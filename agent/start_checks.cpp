@@ -10,7 +10,10 @@
 
 #include "agent_log.h"
 #include "config.h"
+#include "logger.h"
+#include "module_manager.h"
 #include "policy_store.h"
+#include "start_reasons.h"
 #include "util/errno_text.h"
 #include "util/file.h"
 #include "util/unique_fd.h"
@@ -87,6 +90,15 @@ std::string CheckGzip(const AgentConfig& config)
                : "gzip is missing, and the log cannot roll without it: install gzip or set LOG_COPIES=0";
 }
 
+// What a feature's library says to its policy; it logs the reason.
+std::string CheckText(NEUtils::Manager::ModuleManager& manager, const std::string& feature, const std::string& policy)
+{
+    const StartReasons reasons;
+    const bool isUsable = manager.CheckPolicy(feature, policy);
+    manager.DestroyModule(feature);
+    return isUsable ? "" : NEUtils::Printable(reasons.GetText());
+}
+
 }  // namespace
 
 std::string CheckStart(const std::string& root, const AgentConfig& config, bool create)
@@ -103,6 +115,9 @@ std::string CheckStart(const std::string& root, const AgentConfig& config, bool 
 
 std::vector<std::string> CheckPolicies(const std::string& root)
 {
+    StartReasons::Subscribe();
+    NEUtils::Manager::ModuleManager manager;
+    manager.SetModulePrefix(root + "/lib/features/");
     const PolicyStore::Kept kept = PolicyStore(root + "/conf/policies").Load();
     std::vector<std::string> faults;
     if (!kept.fault.empty() && !kept.isMissing) {
@@ -113,9 +128,16 @@ std::vector<std::string> CheckPolicies(const std::string& root)
     }
     for (const auto& [feature, policy] : kept.policies) {
         const std::string library = root + "/lib/features/lib" + feature + ".so";
-        if (policy.enable && !NEUtils::FileAttribute::AccessFile(library)) {
-            faults.push_back("policy " + PolicyStore::FileOf(feature) + ": there is no " + library);
+        if (!policy.enable) {
+            continue;
+        }
+        const std::string fault = NEUtils::FileAttribute::AccessFile(library)
+                                      ? CheckText(manager, feature, policy.policy)
+                                      : "there is no " + library;
+        if (!fault.empty()) {
+            faults.push_back("policy " + PolicyStore::FileOf(feature) + ": " + fault);
         }
     }
+    StartReasons::Unsubscribe();
     return faults;
 }

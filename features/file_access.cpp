@@ -136,6 +136,12 @@ std::unique_ptr<FileAccess> g_access;
 
 const char kFeatureName[] = "file_access";
 
+std::string FindPolicyFault(const std::string& policy)
+{
+    std::vector<FileGuard> guards;
+    return ReadGuards(policy, guards);
+}
+
 bool StartFeature(const std::string& policy)
 {
     std::vector<FileGuard> guards;

@@ -214,6 +214,12 @@ std::unique_ptr<FileIntegrity> g_integrity;
 
 const char kFeatureName[] = "file_integrity";
 
+std::string FindPolicyFault(const std::string& policy)
+{
+    Settings settings;
+    return ReadSettings(policy, settings);
+}
+
 bool StartFeature(const std::string& policy)
 {
     Settings settings;

@@ -66,6 +66,15 @@ std::string TakeExclude(const std::string& value, ProcessLogSettings& settings)
     return value.empty() ? "is not a shell pattern" : "";
 }
 
+std::string ReadSettings(const std::string& policy, ProcessLogSettings& settings)
+{
+    return ReadPolicy(
+        policy,
+        {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
+         {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }},
+         {"repeats", [&](const auto& value) { return NEUtils::ReadNumber(value, kMostRepeats, settings.repeats); }}});
+}
+
 // Watches as long as it lives. There is one at a time.
 class ProcessWatch {
 public:
@@ -171,14 +180,16 @@ std::unique_ptr<ProcessWatch> g_watch;
 
 const char kFeatureName[] = "process_watch";
 
+std::string FindPolicyFault(const std::string& policy)
+{
+    ProcessLogSettings settings;
+    return ReadSettings(policy, settings);
+}
+
 bool StartFeature(const std::string& policy)
 {
     ProcessLogSettings settings;
-    const std::string fault = ReadPolicy(
-        policy,
-        {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
-         {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }},
-         {"repeats", [&](const auto& value) { return NEUtils::ReadNumber(value, kMostRepeats, settings.repeats); }}});
+    const std::string fault = ReadSettings(policy, settings);
     if (!fault.empty()) {
         LogRefusal(kFeatureName, fault);
         return false;

@@ -55,6 +55,9 @@ public:
     int StartModule();                                                     // with the policy of the last start
     int StartModule(const std::string& policy, const std::string& extra);  // remembers both if it succeeds
 
+    // The result of the library's CheckPolicy, and 1 where it has none.
+    int CheckPolicy(const std::string& policy) const;
+
     void StopModule(const std::string& policy);
     void DeinitModule();
 
@@ -85,7 +88,8 @@ private:
     int (*start_)(const char* policy) = nullptr;
     int (*stop_)(const char* policy) = nullptr;
     int (*deinit_)() = nullptr;
-    bool initialised_ = false;  // status 4 does not tell
+    int (*check_)(const char* policy) = nullptr;  // optional
+    bool initialised_ = false;                    // status 4 does not tell
 };
 
 }  // namespace NEUtils::Manager

@@ -3,7 +3,7 @@
 #include "neutils_api.h"
 
 // What a feature library defines, also one written in C. The loader looks these names up, and closes a library
-// again that lacks one.
+// again that lacks one of the first four.
 //
 // Order    InitModule, any number of StartModule and StopModule in turn, DeinitModule; and again.
 // Threads  any, one call at a time. After a crash StopModule and DeinitModule run in the signal handler of the
@@ -23,6 +23,10 @@ NEUTILS_API int InitModule(void);
 NEUTILS_API int StartModule(const char* policy);
 NEUTILS_API int StopModule(const char* policy);
 NEUTILS_API int DeinitModule(void);
+
+// Optional: whether StartModule could use this text. 1: yes. 0: no, with the reason in an ERROR record. It starts
+// nothing and leaves nothing behind, and may come before InitModule: it is how a policy is checked without a start.
+NEUTILS_API int CheckPolicy(const char* policy);
 
 #ifdef __cplusplus
 }

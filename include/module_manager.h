@@ -38,6 +38,10 @@ public:
     // Makes the feature known, and loads and initialises it where that is not yet done. True if it is initialised.
     bool InitModule(const std::string& feature);
 
+    // Whether a feature could use a policy: loads it where that is not yet done, and starts nothing. False, with the
+    // reason in a record, if it is not loaded or its CheckPolicy refuses; a feature without one takes every policy.
+    bool CheckPolicy(const std::string& feature, const std::string& policy);
+
     // Starts with the policy of the last start. False if the feature is unknown or it was not started by this.
     bool StartModule(const std::string& feature);
 
@@ -61,6 +65,7 @@ private:
     bool AddFeature(const std::string& feature);
     std::vector<std::string> Features() const;
     std::string Prefix() const;
+    bool Load(Module& module, const std::string& feature) const;
     bool Prepare(Module& module, const std::string& feature);
     void Adjust(Module& module, const std::string& feature, const Policy& policy);
 

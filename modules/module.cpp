@@ -75,6 +75,7 @@ bool Module::LoadModule(const std::string& directory)
         status_ = kFailed;
         return false;
     }
+    check_ = reinterpret_cast<decltype(check_)>(dlsym(library_, "CheckPolicy"));
     status_ = kLoaded;
     return true;
 }
@@ -129,6 +130,11 @@ int Module::Start(const std::string& policy)
     status_ = kStarted;
     NE_LOG(INFO, "Start module succeed.[feature=%s].", feature_.c_str());
     return result;
+}
+
+int Module::CheckPolicy(const std::string& policy) const
+{
+    return check_ == nullptr ? 1 : check_(policy.c_str());
 }
 
 void Module::StopModule(const std::string& policy)
@@ -197,6 +203,7 @@ void Module::CloseLibrary()
     start_ = nullptr;
     stop_ = nullptr;
     deinit_ = nullptr;
+    check_ = nullptr;
     if (library_ != nullptr) {
         dlclose(library_);
         library_ = nullptr;

@@ -179,11 +179,10 @@ bool ModuleManager::AddFeature(const std::string& feature)
     return true;
 }
 
-// Loads and initialises a module where that is still to be done.
-bool ModuleManager::Prepare(Module& module, const std::string& feature)
+// Loads a module where that is still to be done. False if it has failed, now or before.
+bool ModuleManager::Load(Module& module, const std::string& feature) const
 {
-    const bool isNew = module.GetStatus() == kNotLoaded;
-    if (isNew) {
+    if (module.GetStatus() == kNotLoaded) {
         const std::string prefix = Prefix();
         if (const char* objection = ObjectionTo(module.GetLibraryPath(prefix)); objection != nullptr) {
             LogRefusal(feature, objection);
@@ -192,7 +191,14 @@ bool ModuleManager::Prepare(Module& module, const std::string& feature)
             module.LoadModule(prefix);
         }
     }
-    if (module.GetStatus() == kLoaded) {
+    return module.GetStatus() != kFailed;
+}
+
+// The same, and initialises it.
+bool ModuleManager::Prepare(Module& module, const std::string& feature)
+{
+    const bool isNew = module.GetStatus() == kNotLoaded;
+    if (Load(module, feature) && module.GetStatus() == kLoaded) {
         module.InitModule();
     }
     const bool failed = module.GetStatus() == kFailed;
@@ -221,6 +227,15 @@ bool ModuleManager::InitModule(const std::string& feature)
     }
     const Turn turn(*this, feature);
     return turn && Prepare(*turn, feature);
+}
+
+bool ModuleManager::CheckPolicy(const std::string& feature, const std::string& policy)
+{
+    if (!AddFeature(feature)) {
+        return false;
+    }
+    const Turn turn(*this, feature);
+    return turn && Load(*turn, feature) && turn->CheckPolicy(policy) != 0;
 }
 
 bool ModuleManager::StartModule(const std::string& feature)

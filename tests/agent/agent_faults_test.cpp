@@ -159,13 +159,26 @@ TEST_F(AgentFaultsTest, TakesNoOthersFileForItsLog)
 TEST_F(AgentFaultsTest, CheckConfigChecksWhatAStartNeeds)
 {
     Write(config_, "");
+    SetPolicy("process_watch", "enable=on\nevents=start\n");
+    SetPolicy("file_access", "enable=on\nguard=/etc/shadow\n");
+    SetPolicy("file_integrity", "enable=off\nnone\n");  // does not start
+    SetPolicy("odd", "enable=on\nfail");                // cannot be asked
+    EXPECT_EQ(Run(run_ + " --check-config"), "0 " + config_ + ": correct\n");
     SetPolicy("process_watch", "on\n");
+    SetPolicy("file_access", "enable=on\nguard=/etc/shadow\nguards=/x\n");
+    SetPolicy("file_integrity", "enable=on\n");
+    fs::permissions(root_ / "lib/features/libodd.so", fs::perms::all);
     SetPolicy("gone", "enable=on\n");
     SetPolicy("a b", "enable=on\n");
     const std::string all = Run(run_ + " --check-config");
-    for (const std::string fault : {"policy process_watch.policy does not begin with enable=on or enable=off",
-                                    "policy a b.policy its name is not made of letters, digits, '_' and '-'",
-                                    "policy gone.policy: there is no "}) {
+    for (const std::string fault :
+         {"policy process_watch.policy does not begin with enable=on or enable=off",
+          "policy a b.policy its name is not made of letters, digits, '_' and '-'", "policy gone.policy: there is no ",
+          "policy file_access.policy: Policy is refused.[feature=file_access reason=line 2: "
+          "unknown key 'guards']\n",
+          "policy file_integrity.policy: Policy is refused.[feature=file_integrity reason=it "
+          "has no watch]\n",
+          "policy odd.policy: Library is refused.[feature=odd, reason=others may write it]\n"}) {
         EXPECT_TRUE(Contains(all, fault)) << all;
     }
     EXPECT_EQ(all[0], '2');
