@@ -57,13 +57,22 @@ void Connection::Run()
     } catch (const std::exception& error) {
         Fail(error.what());
     }
+    NoteBeat(0);
     finished_ = true;
+}
+
+void Connection::NoteBeat(std::int64_t nowNs)
+{
+    if (callbacks_.beatNs != nullptr) {
+        *callbacks_.beatNs = nowNs;
+    }
 }
 
 // A request is repeated only when the socket can take it. Otherwise both sides could wait for each other to read.
 void Connection::RunOnce()
 {
     const std::int64_t now = Clock::MonotonicNs();
+    NoteBeat(now);
     const bool isDue = now >= nextRepeatNs_;
     pollfd wanted = {fd_, static_cast<short>(isDue ? POLLIN | POLLOUT : POLLIN), 0};
     if (poll(&wanted, 1, kWaitMs) <= 0) {
@@ -91,6 +100,7 @@ void Connection::Receive()
         const MessageReader::Result result = reader_.Next(header, message);
         if (result == MessageReader::kMessage) {
             HandOver(header, message);
+            NoteBeat(Clock::MonotonicNs());  // a handler may take its time, and there may be many messages
             continue;
         }
         if (result == MessageReader::kTooLong && !std::exchange(discardLogged_, true)) {

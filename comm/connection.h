@@ -31,6 +31,8 @@ public:
         // Repeats a request that is due; called when the socket can take it. Gives after how many milliseconds
         // it is to be called again.
         std::function<int(Connection&)> repeatRequest;
+        // Where it notes when its thread last came round, and 0 at the end of the thread; null: nowhere.
+        std::atomic<std::int64_t>* beatNs = nullptr;
     };
 
     explicit Connection(Callbacks callbacks) : callbacks_(std::move(callbacks)) {}
@@ -59,6 +61,7 @@ public:
 private:
     void Run();
     void RunOnce();
+    void NoteBeat(std::int64_t nowNs);
     void Receive();
     void HandOver(const SentrelAgentMsg& header, const unsigned char* message);
 

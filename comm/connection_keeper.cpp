@@ -23,7 +23,7 @@ ConnectionKeeper::ConnectionKeeper(Connection::Callbacks callbacks)
                      t_receiver = this;
                      onMessage(header, message);
                  },
-                 std::move(callbacks.repeatRequest)}
+                 std::move(callbacks.repeatRequest), callbacks.beatNs}
 {
 }
 

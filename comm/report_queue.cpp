@@ -1,5 +1,6 @@
 #include "report_queue.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
@@ -64,7 +65,8 @@ struct ReportQueue::Members {
     ReportStore store;
     ServerWatch watch{0};
     RateLimiter dropRecords{kDropRecordPeriodMs};
-    std::uint32_t connections = 0;  // the channel's count when last looked at
+    std::atomic<std::int64_t> beatNs{0};  // when the sender last came round; 0 while there is none
+    std::uint32_t connections = 0;        // the channel's count when last looked at
     bool running = false;
     bool idle = false;  // the sender waits for reports
     bool resting = false;
@@ -209,6 +211,7 @@ void ReportQueue::Members::Run()
     SetThreadName("ReportSender");
     Lock lock(mutex);
     while (running) {
+        beatNs = Clock::MonotonicNs();
         try {
             RunOnce(lock);
         } catch (const std::exception&) {  // no memory: later, perhaps
@@ -218,6 +221,7 @@ void ReportQueue::Members::Run()
             changed.wait_for(lock, kLookPeriod);
         }
     }
+    beatNs = 0;
 }
 
 // Sends what is to be sent, or waits until something has changed.
@@ -371,6 +375,12 @@ bool ReportQueue::IsServerAnswering()
     const Members::Lock lock(own.mutex);
     return own.running && own.channel->Get().StatusCheck() &&
            own.channel->Get().GetConnectionCount() == own.connections && own.watch.IsAnswering(Clock::MonotonicNs());
+}
+
+long long ReportQueue::GetBeatAgeMs() const
+{
+    const std::int64_t beatNs = members_->beatNs;
+    return beatNs == 0 ? -1 : (Clock::MonotonicNs() - beatNs) / Clock::kNsPerMs;
 }
 
 ReportAccount ReportQueue::GetAccount()

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <atomic>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
@@ -99,8 +100,12 @@ bool IsConnectedToItself(int fd)
 }  // namespace
 
 struct SocketComm::Members {
-    explicit Members(Connection::Callbacks callbacks) : keeper(std::move(callbacks)) {}
+    explicit Members(Connection::Callbacks callbacks)
+        : keeper({std::move(callbacks.onMessage), std::move(callbacks.repeatRequest), &beatNs})
+    {
+    }
 
+    std::atomic<std::int64_t> beatNs{0};  // when the thread that receives last came round; 0 while there is none
     RequestCache cache;
     MessageHandlers handlers;
     ConnectionKeeper keeper;  // last: its threads use the others
@@ -158,6 +163,12 @@ void SocketComm::GiveUp(std::uint32_t connection, const char* reason)
 std::uint32_t SocketComm::GetConnectionCount() const
 {
     return members_->keeper.GetCount();
+}
+
+long long SocketComm::GetBeatAgeMs() const
+{
+    const std::int64_t beatNs = members_->beatNs;
+    return beatNs == 0 ? -1 : (Clock::MonotonicNs() - beatNs) / Clock::kNsPerMs;
 }
 
 bool SocketComm::GetPeerUser(std::uint32_t& uid) const

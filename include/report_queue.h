@@ -74,6 +74,9 @@ public:
 
     bool IsRunning();
     bool IsServerAnswering();  // whether it has answered anything on this connection within 30 seconds
+    // How long ago "ReportSender" last came round: every 3 seconds, or after a send of up to 11. -1 while it is
+    // stopped.
+    long long GetBeatAgeMs() const;
     ReportAccount GetAccount();
     std::size_t GetCount();  // of the reports in the queue
     std::uint64_t GetDroppedCount();

@@ -77,6 +77,9 @@ public:
     // How many connections there have been. After a change, what was under way before may be lost.
     std::uint32_t GetConnectionCount() const;
 
+    // How long ago "SocketRecv" last came round, which it does every second; -1 while there is no connection.
+    long long GetBeatAgeMs() const;
+
     // Takes the channel down like a failure does, with this reason in the record, and waits for nothing. Does
     // nothing if there has been another connection since GetConnectionCount gave this number.
     void GiveUp(std::uint32_t connection, const char* reason);
