@@ -18,6 +18,7 @@
 #include "hips_guard.h"
 #include "logger.h"
 #include "monitor.h"
+#include "monitor_manager.h"
 #include "my_program.h"
 #include "report_queue.h"
 #include "thread_pool.h"
@@ -74,8 +75,9 @@ void LogEnd()
 
 // Pool and scheduler run on the guard's threads, features need all of that and the file monitor, and what they
 // still report at their end needs the link. The file monitor stops first: it ends the walk through a large tree
-// that a feature may be waiting for.
-const std::array<Agent::Part, 12> Agent::kParts = {{
+// that a feature may be waiting for. Its thread is waited for late: its last sleep may take three seconds, in which
+// all others end.
+const std::array<Agent::Part, 13> Agent::kParts = {{
     {"last run",
      [](Agent& own) {
          own.lastRun_.Begin();
@@ -102,6 +104,7 @@ const std::array<Agent::Part, 12> Agent::kParts = {{
          return started;
      },
      [](Agent&) { UninitHipsGuard(); }},
+    {"file monitor's thread", [](Agent&) { return true; }, [](Agent&) { NEUtils::Monitor::DeInitFileMonitor(); }},
     {"pool",
      [](Agent& own) {
          return ThreadPool::GetInstance().Start(1, std::max(own.config_.poolMaxThreads, kLeastPoolThreads));
@@ -147,7 +150,7 @@ const std::array<Agent::Part, 12> Agent::kParts = {{
      },
      [](Agent&) {
          FastStopAll();  // the guarded threads sleep to their ends side by side
-         NEUtils::Monitor::DeInitFileMonitor();
+         NEUtils::MonitorManager::GetInstance().DeInit();
      }},
 }};
 

@@ -40,7 +40,7 @@ private:
         bool (*start)(Agent&);
         void (*stop)(Agent&);
     };
-    static const std::array<Part, 12> kParts;  // in the order of their start
+    static const std::array<Part, 13> kParts;  // in the order of their start
 
     bool Start();
     void StopParts();

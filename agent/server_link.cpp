@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "basecomm.h"
+#include "hips_guard.h"
 #include "report_queue.h"
 
 namespace {
@@ -23,6 +24,12 @@ bool ServerLink::Start(std::size_t queueCount, std::size_t queueBytes)
 {
     isOn_ = NEUtils::RegisterComponent(NEUtils::kSocketClient, channel_) && NEUtils::BaseCommInit() &&
             NEUtils::ReportQueue::GetInstance().Start(channel_, queueCount, queueBytes);
+    if (isOn_) {
+        const auto receiver = [](void* channel) { return static_cast<NEUtils::SocketComm*>(channel)->GetBeatAgeMs(); };
+        const auto sender = [](void*) { return NEUtils::ReportQueue::GetInstance().GetBeatAgeMs(); };
+        supervised_ = {WatchPlainThread("SocketRecv", receiver, channel_.get()),
+                       WatchPlainThread("ReportSender", sender, nullptr)};
+    }
     return isOn_;
 }
 
@@ -109,4 +116,7 @@ void ServerLink::Stop()
     lock.unlock();
     queue.Stop();
     NEUtils::BaseCommDeInit();
+    for (const std::uintptr_t thread : supervised_) {
+        UnwatchPlainThread(thread);
+    }
 }

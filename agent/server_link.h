@@ -1,8 +1,10 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -36,6 +38,8 @@ private:
     std::atomic<bool> isOn_{false};
     std::atomic<RetryPlan::Time> answered_{std::chrono::steady_clock::now()};  // when the server was seen to answer
     const std::shared_ptr<NEUtils::SocketComm> channel_ = std::make_shared<NEUtils::SocketComm>();
+
+    std::array<std::uintptr_t, 2> supervised_ = {};  // the link's threads, by the guard
 
     // Of Check alone:
     bool started_ = false;

@@ -82,7 +82,11 @@ Json Threads(Problems& problems)
     Json list = Json::array();
     // The guard runs, so this only looks it up.
     for (const auto& thread : NEUtils::HipsInstanceManager::CreateInstance(0, false, 0)->GetInstances()) {
-        const double beat = Rounded(static_cast<double>(thread->GetBeatAgeMs()) / 1000);
+        const std::int64_t age = thread->GetBeatAgeMs();
+        if (age < 0) {  // it does not run at the moment
+            continue;
+        }
+        const double beat = Rounded(static_cast<double>(age) / 1000);
         const unsigned int missed = thread->GetMissedBeats();
         list.push_back({{"name", thread->GetName()},
                         {"does", thread->GetRuntimeName()},
