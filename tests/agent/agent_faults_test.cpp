@@ -253,7 +253,30 @@ TEST_F(AgentFaultsTest, MissingSurroundingsAreNamed)
 }
 
 // Whoever can take the server's place must not command the agent.
-TEST_F(AgentFaultsTest, TakesNoCommandOfAnotherUser)
+struct AgentCommandTest : AgentTest {
+    // Answers neither heartbeats nor reports.
+    void ExpectRefusals(Peer& server, const std::string& config, const std::string& reason)
+    {
+        Write(config_, config + "REPORT_SECONDS=0\n");
+        fs::remove(PolicyFile("process_watch"));
+        SetPolicy("odd", "enable=on\n");
+        StartAgent();
+        ASSERT_TRUE(server.Accept());
+        const std::string off("\x10\0\3\0odd\x11\0\4\0\0\0\0\0", 15);
+        EXPECT_TRUE(server.Send(Message(kMsgPolicy, 1, off) + Message(kMsgStatus, 2)));
+        for (const std::uint32_t type : {kMsgPolicy, kMsgStatus}) {
+            std::string answer = server.ReceiveAny();
+            while (HeaderOf(answer).type == kMsgHeartbeat) {
+                answer = server.ReceiveAny();
+            }
+            EXPECT_EQ(HeaderOf(answer).type, type + 1);
+            EXPECT_TRUE(Contains(answer, reason));
+        }
+        EXPECT_TRUE(Says("odd               started"));
+    }
+};
+
+TEST_F(AgentCommandTest, TakesNoneOfAnotherUser)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "another user is needed";
@@ -262,19 +285,25 @@ TEST_F(AgentFaultsTest, TakesNoCommandOfAnotherUser)
     ASSERT_EQ(seteuid(65534), 0);
     Peer server(root_ / "socket");  // the kernel notes who listens
     ASSERT_EQ(seteuid(0), 0);
-    Write(config_, "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\nREPORT_SECONDS=0\n");
-    fs::remove(PolicyFile("process_watch"));
-    SetPolicy("odd", "enable=on\n");
-    StartAgent();
-    ASSERT_TRUE(server.Accept());
-    const std::string off("\x10\0\3\0odd\x11\0\4\0\0\0\0\0", 15);
-    EXPECT_TRUE(server.Send(Message(kMsgPolicy, 1, off) + Message(kMsgStatus, 2)));
-    for (const std::uint32_t type : {kMsgPolicy, kMsgStatus}) {
-        const std::string answer = server.ReceiveMessage();
-        EXPECT_EQ(HeaderOf(answer).type, type + 1);
-        EXPECT_TRUE(Contains(answer, "the server runs as user 65534, commands are taken of root"));
-    }
-    EXPECT_TRUE(Says("odd               started"));
+    ExpectRefusals(server, "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=socket\n",
+                   "the server runs as user 65534, commands are taken of root");
+    EXPECT_EQ(StopAgent(), SIGTERM);
+}
+
+// A server that lets the agent connect and then answers nothing must not look well either.
+TEST_F(AgentCommandTest, TakesNoneOverTheNetwork)
+{
+    UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in here = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof(here);
+    ASSERT_TRUE(listen(listener.Get(), 8) == 0 &&
+                getsockname(listener.Get(), reinterpret_cast<sockaddr*>(&here), &size) == 0);
+    Peer server(std::move(listener));
+    const std::string port = std::to_string(ntohs(here.sin_port));
+    ExpectRefusals(server, "SOCKET_TYPE=2\nSERVER_IP=127.0.0.1\nAGENT_IP=127.0.0.1\nSERVER_PORT=" + port + "\n",
+                   "commands are taken over a local socket only");
+    EXPECT_TRUE(Says("SocketRecv        last beat ") && Says("ReportSender      last beat "));
+    EXPECT_TRUE(Eventually([this] { return Contains(Status(), "the server does not answer"); }, 60));
     EXPECT_EQ(StopAgent(), SIGTERM);
 }
 

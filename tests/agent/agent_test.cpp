@@ -215,6 +215,18 @@ TEST_F(AgentTest, TellsChangesOfFilesAndWhoTouchesThem)
         Eventually([&] { return Logged("File accessed.[action=open pid=" + std::to_string(guest) + " user=root "); }));
     EXPECT_FALSE(Logged("path=" + (root_ / "tree/x.tmp")) || Logged("path=" + log_ + "]"));
     EXPECT_EQ(StopAgent(), SIGTERM);
+
+    // A file of events has all of that instead of the log, and nothing of itself.
+    const std::string events = root_ / "tree/events.json";
+    Write(config_, "EVENT_FILE=tree/events.json\n");
+    fs::remove(log_);
+    StartAgent();
+    ASSERT_TRUE(Eventually([this] { return Logged("Files are watched."); }));
+    Write(root_ / "tree/y path=z", "");
+    const std::string end = R"("path":")" + (root_ / "tree/y path=z") + "\"}";
+    EXPECT_TRUE(Eventually([&] { return HasLine(Read(events), R"({"type":"file","time":)", end); }));
+    EXPECT_EQ(StopAgent(), SIGTERM);
+    EXPECT_FALSE(Logged("File changed.") || Contains(Read(events), "events.json"));
 }
 
 // Policies of a server hold from then on, over a restart too; one that fails leaves everything as it was.

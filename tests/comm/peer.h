@@ -40,6 +40,7 @@ public:
         EXPECT_EQ(listen(listener_.Get(), backlog), 0);
         Config::ParseConfig("SOCKET_TYPE=1\nSERVER_SOCKET_PATH=" + path, false, {});
     }
+    explicit Peer(UniqueFd listener) : listener_(std::move(listener)) {}
     ~Peer() { unlink(path_.c_str()); }
 
     bool Accept()
