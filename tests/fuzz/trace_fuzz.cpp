@@ -60,13 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (bytes.size() > sizeof(trace_head)) {
         trace_head head;
         std::memcpy(&head, bytes.data(), sizeof(head));
-        const std::size_t behind = std::min<std::size_t>(bytes.size() - sizeof(head), 16384);
+        const auto behind = static_cast<std::uint32_t>(std::min<std::size_t>(bytes.size() - sizeof(head), 16384));
         head.kind = TRACE_EXEC;
-        head.path_size =
-            static_cast<std::uint32_t>(std::min<std::size_t>(head.path_size, std::min<std::size_t>(behind, 4096)));
-        head.interpreter_size = static_cast<std::uint32_t>(
-            std::min<std::size_t>(head.interpreter_size, std::min<std::size_t>(behind - head.path_size, 256)));
-        head.args_size = static_cast<std::uint32_t>(behind - head.path_size - head.interpreter_size);
+        head.path_size = std::min({head.path_size, behind, 4096U});
+        head.interpreter_size = std::min({head.interpreter_size, behind - head.path_size, 256U});
+        head.args_size = behind - head.path_size - head.interpreter_size;
         head.args_total |= 0x8000;
         std::memcpy(bytes.data(), &head, sizeof(head));
         bytes.resize(sizeof(head) + behind);
