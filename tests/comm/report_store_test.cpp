@@ -31,35 +31,23 @@ public:
     void Step()
     {
         now_ += static_cast<std::int64_t>(random_() % 40) * kSecond / 10;
-        switch (random_() % 16) {
-        case 0:
+        const auto choice = random_() % 16;
+        if (choice == 0) {
             Check(!store_.TakeBackAll().empty() || sent_.empty());
             sent_.clear();
-            break;
-        case 1:
+        } else if (choice == 1) {
             store_.CountDrop(random_() % 2 == 0 ? &ReportAccount::droppedStopped : &ReportAccount::droppedNoMemory);
             ++pushed_;
             ++dropped_;
-            break;
-        case 2:
-            if (store_.GetDropsToReport() > 0) {
-                noticed_ += store_.GetDropsToReport();
-                store_.AddNotice(Message());
-            }
-            break;
-        case 3:
+        } else if (choice == 2) {
+            AddNotice();
+        } else if (choice == 3) {
             Forget(store_.TakeBackOverdue(now_));
-            break;
-        case 4:
-        case 5:
+        } else if (choice < 6) {
             Send(random_() % 4 == 0);
-            break;
-        case 6:
-        case 7:
-        case 8:
+        } else if (choice < 9) {
             Answer();
-            break;
-        default:
+        } else {
             const bool added = store_.Add(Message(16 + random_() % (random_() % 50 == 0 ? 21000 : 200)));
             ++pushed_;
             (added ? added_ : dropped_)++;
@@ -71,10 +59,7 @@ public:
     {
         for (int i = 0; i < 10000 && !store_.IsDone(); ++i) {
             Forget(store_.TakeBackOverdue(now_ += 10 * kSecond));
-            if (store_.GetDropsToReport() > 0) {
-                noticed_ += store_.GetDropsToReport();
-                store_.AddNotice(Message());
-            }
+            AddNotice();
             Send(false);
             while (!sent_.empty()) {
                 Answer();
@@ -101,6 +86,13 @@ private:
         ASSERT_LE(account.waiting + account.unanswered, 300U);
         ASSERT_LE(account.dropsReported, noticed_);
         ASSERT_TRUE(account.unanswered == sent_.size() || account.unanswered + 1 == sent_.size());  // a notice
+    }
+    void AddNotice()
+    {
+        if (store_.GetDropsToReport() > 0) {
+            noticed_ += store_.GetDropsToReport();
+            store_.AddNotice(Message());
+        }
     }
     void Send(bool fails)
     {

@@ -29,6 +29,42 @@ struct Received {
     Strings bodies_;
 };
 
+// Sends a message that no socket takes at once; a handler too.
+std::atomic<int> g_begun{0};
+std::atomic<int> g_result{0};
+void SendLarge(std::uint32_t, void*, void* comm)
+{
+    static const std::string large = Message(4, 1, std::string(kMaxMsgBody, 'x'));
+    ++g_begun;
+    g_result = static_cast<SocketComm*>(comm)->SendMessage(large.data(), static_cast<unsigned>(large.size()));
+}
+
+// Requests are due, and the channel looks at them.
+void PassRequestTime()
+{
+    Clock::wallOffsetMs += 6000;
+    Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;
+}
+
+// Makes a TCP server the configured one that leaves connections without an answer: its backlog is full.
+void ConfigureFullServer(UniqueFd (&sockets)[5])
+{
+    sockaddr_in here = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof(here);
+    auto* const address = reinterpret_cast<sockaddr*>(&here);
+    for (UniqueFd& fd : sockets) {
+        fd.Reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        if (&fd == sockets) {
+            ASSERT_TRUE(bind(fd.Get(), address, size) == 0 && listen(fd.Get(), 0) == 0);
+            ASSERT_EQ(getsockname(fd.Get(), address, &size), 0);
+        } else {
+            connect(fd.Get(), address, size);
+        }
+    }
+    const std::string port = std::to_string(ntohs(here.sin_port));
+    Config::ParseConfig("SERVER_IP=127.0.0.1\nAGENT_IP=127.0.0.1\nSOCKET_TYPE=2\nSERVER_PORT=" + port, false, {});
+}
+
 class SocketCommTest : public testing::Test {
 protected:
     void Connect()
@@ -131,19 +167,15 @@ TEST_F(SocketCommTest, RepeatsARequestThreeTimesAcrossConnections)
     Connect();
     ASSERT_EQ(Send(Message(1, 5, "body")), kSendDone);
     EXPECT_EQ(peer_.ReceiveMessage(), Message(1, 5, "body"));
-    const auto later = [] {
-        Clock::wallOffsetMs += 6000;
-        Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;
-    };
-    later();
+    PassRequestTime();
     EXPECT_EQ(peer_.ReceiveMessage(), Message(1, 5, "body"));
     EXPECT_TRUE(comm_.Stop() && comm_.Start() && peer_.Accept());
     EXPECT_EQ(comm_.GetConnectionCount(), 2U);
     for (int i = 0; i < 2; ++i) {
-        later();
+        PassRequestTime();
         EXPECT_EQ(peer_.ReceiveMessage(), Message(1, 5, "body"));
     }
-    later();
+    PassRequestTime();
     EXPECT_EQ(peer_.ReceiveMessage(1500), "");
     EXPECT_TRUE(comm_.DropRequest(5));  // kept: it was cached nevertheless
     EXPECT_FALSE(comm_.DropRequest(5));
@@ -176,38 +208,28 @@ TEST(RequestCacheTest, DropsTheOldestExhaustedAboveTwoHundred)
 TEST_F(SocketCommTest, SendEndsInItsTimeWhateverElseIsDue)
 {
     const std::string down = "ERROR Channel to the server is down.[reason=a message could not be sent, or not in time]";
-    static const std::string large = Message(4, 1, std::string(kMaxMsgBody, 'x'));
-    static std::atomic<int> results{0};
-    const MsgHandler sends = [](std::uint32_t, void*, void* comm) {
-        results += static_cast<SocketComm*>(comm)->SendMessage(large.data(), static_cast<unsigned>(large.size()));
-    };
-    ASSERT_TRUE(comm_.RegisterMsgHandler(1, sends, &comm_));
+    ASSERT_TRUE(comm_.RegisterMsgHandler(1, &SendLarge, &comm_));
     for (const std::string held : {"by nothing", "by a request that is due", "by a slow reader", "in a handler"}) {
         SCOPED_TRACE(held);
         Connect();
-        results = 0;
+        g_result = 0;
         const auto failures = records_.Count(down);
-        if (held == "by a request that is due") {
-            ASSERT_EQ(Send(Message(3, 7)), kSendDone);
-            Clock::wallOffsetMs += 6000;
-        }
-        std::thread sender(
-            [&] { held == "in a handler" ? void(peer_.Send(Message(1, 1))) : sends(0, nullptr, &comm_); });
+        ASSERT_TRUE(held != "by a request that is due" || Send(Message(3, 7)) == kSendDone);
+        std::jthread sender(
+            [&] { held == "in a handler" ? void(peer_.Send(Message(1, 1))) : SendLarge(0, nullptr, &comm_); });
         std::atomic<bool> end{held != "by a slow reader"};
-        std::thread reader([&] {
+        std::jthread reader([&] {
             for (; !end; std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
                 peer_.Receive(100);
             }
         });
-        Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;  // requests are looked at
+        PassRequestTime();
         std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-        EXPECT_EQ(results, 0);
+        EXPECT_EQ(g_result, 0);
         Clock::monotonicOffsetNs += 10 * Clock::kNsPerSecond;
-        EXPECT_TRUE(Eventually([&] { return results == kSendFailed; }, 5));
+        EXPECT_TRUE(Eventually([&] { return g_result == kSendFailed; }, 5));
         EXPECT_EQ(records_.Count(down), failures + 1);
         end = true;
-        sender.join();
-        reader.join();
     }
 }
 
@@ -215,7 +237,7 @@ TEST_F(SocketCommTest, SendEndsInItsTimeWhateverElseIsDue)
 TEST_F(SocketCommTest, MessagesStayWhole)
 {
     Connect();
-    std::thread senders([&] {
+    const std::jthread senders([&] {
         InThreads(3, [&](int number) {
             for (int i = 0; i < 6; ++i) {
                 EXPECT_EQ(Send(Message(4, 1, std::string(400000, static_cast<char>('a' + number)))), kSendDone);
@@ -226,7 +248,6 @@ TEST_F(SocketCommTest, MessagesStayWhole)
         const std::string body = peer_.ReceiveMessage().substr(sizeof(SentrelAgentMsg));
         ASSERT_EQ(body, std::string(400000, body.empty() ? '?' : body.front()));
     }
-    senders.join();
 }
 
 TEST_F(SocketCommTest, SeveralRequestsGoInOneSend)
@@ -238,8 +259,7 @@ TEST_F(SocketCommTest, SeveralRequestsGoInOneSend)
     EXPECT_EQ(comm_.SendRequests({request(1), request(2), request(3)}), kSendDone);
     EXPECT_EQ(peer_.Receive(3 * 20), *request(1) + *request(2) + *request(3));
     EXPECT_TRUE(comm_.DropRequest(1) && comm_.DropRequest(2));
-    Clock::wallOffsetMs += 6000;
-    Clock::monotonicOffsetNs += 3 * Clock::kNsPerSecond;
+    PassRequestTime();
     EXPECT_EQ(peer_.ReceiveMessage(), *request(3));
     comm_.GiveUp(comm_.GetConnectionCount() - 1, "of an earlier connection");
     EXPECT_TRUE(comm_.StatusCheck());
@@ -252,46 +272,37 @@ TEST_F(SocketCommTest, SeveralRequestsGoInOneSend)
 // At none of these points does a stop wait for the other side.
 TEST_F(SocketCommTest, StopEndsWhatIsUnderWay)
 {
-    static const std::string large = Message(4, 1, std::string(kMaxMsgBody, 'x'));
-    static std::atomic<bool> inside{false};
-    const auto send = [](SocketComm& comm) { comm.SendMessage(large.data(), static_cast<unsigned>(large.size())); };
-    const MsgHandler sends = [](std::uint32_t, void*, void* comm) {
-        inside = true;
-        static_cast<SocketComm*>(comm)->SendMessage(large.data(), static_cast<unsigned>(large.size()));
-    };
-    ASSERT_TRUE(comm_.RegisterMsgHandler(1, sends, &comm_));
+    ASSERT_TRUE(comm_.RegisterMsgHandler(1, &SendLarge, &comm_));
     SocketComm other;
-    for (const std::string point : {"send", "handler", "half a message", "turn of another channel", "local connect"}) {
+    for (const std::string point : {"send", "handler", "half a message", "turn", "local connect", "connect"}) {
         SCOPED_TRACE(point);
         Peer full(folder_ / "full", 0);
-        std::vector<std::thread> threads;
-        if (point == "turn of another channel") {
+        UniqueFd sockets[5];
+        g_begun = 0;
+        std::vector<std::jthread> threads;
+        if (point == "turn") {  // of another channel
             ASSERT_TRUE(other.Start() && full.Accept());
-            threads.emplace_back([&] { send(other); });
+            threads.emplace_back([&] { SendLarge(0, nullptr, &other); });
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
-        if (point == "local connect") {
-            ASSERT_TRUE(other.Start());  // fills the backlog
+        if (point.ends_with("connect")) {
+            point == "connect" ? ConfigureFullServer(sockets) : void(other.Start());  // which fills the backlog
             threads.emplace_back([&] { EXPECT_FALSE(comm_.Start()); });
         } else {
             Config::ParseConfig("SERVER_SOCKET_PATH=" + folder_ / "server", false, {});
             Connect();
-            ASSERT_TRUE(peer_.Send(point == "handler"          ? Message(1, 1)
-                                   : point == "half a message" ? large.substr(0, 99)
-                                                               : ""));
-            EXPECT_TRUE(point != "handler" || Eventually([] { return inside.load(); }));
+            ASSERT_TRUE(point != "handler" || (peer_.Send(Message(1, 1)) && Eventually([] { return g_begun == 1; })));
+            ASSERT_TRUE(point != "half a message" || peer_.Send(Message(4, 1, std::string(99, 'x')).substr(0, 99)));
         }
-        for (int i = 0; i < (Contains("send turn of another channel", point) ? 2 : 0); ++i) {
-            threads.emplace_back([&] { send(comm_); });
+        for (int i = 0; i < (point == "send" || point == "turn" ? 2 : 0); ++i) {
+            threads.emplace_back([&] { SendLarge(0, nullptr, &comm_); });
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         const auto start = std::chrono::steady_clock::now();
         EXPECT_TRUE(comm_.Stop());
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));  // of the 10 it could take
         other.Stop();
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        threads.clear();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     }
 }
@@ -342,36 +353,6 @@ TEST_F(SocketCommTest, UnregisteringWaitsForTheCall)
     ASSERT_TRUE(comm_.RegisterMsgHandler(3, &Received::Handle, &received_) && peer_.Send(Message(3, 1, "next")));
     EXPECT_TRUE(Arrives({"next"}));
     EXPECT_TRUE(records_.Has("ERROR Message handler has failed.[type=1 error=of a handler]"));
-}
-
-TEST_F(SocketCommTest, StopEndsAStartUnderWay)
-{
-    // Connections beyond the backlog stay without an answer.
-    const UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in here = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t size = sizeof(here);
-    auto* const address = reinterpret_cast<sockaddr*>(&here);
-    ASSERT_TRUE(bind(listener.Get(), address, size) == 0 && listen(listener.Get(), 0) == 0);
-    ASSERT_EQ(getsockname(listener.Get(), address, &size), 0);
-    UniqueFd fillers[4];
-    for (UniqueFd& filler : fillers) {
-        filler.Reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        connect(filler.Get(), address, size);
-    }
-    const std::string port = std::to_string(ntohs(here.sin_port));
-    Config::ParseConfig("SERVER_IP=127.0.0.1\nAGENT_IP=127.0.0.1\nSOCKET_TYPE=2\nSERVER_PORT=" + port, false, {});
-    std::atomic<int> ended{0};
-    std::thread starter([&] {
-        EXPECT_FALSE(comm_.Start());
-        ++ended;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(ended, 0);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(comm_.Stop());  // returns once the start has given up
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // of the 10 of a connect
-    EXPECT_TRUE(Eventually([&] { return ended == 1; }, 5));
-    starter.join();
 }
 
 TEST_F(SocketCommTest, EachFaultOfTheConfigurationHasItsRecord)
