@@ -182,10 +182,8 @@ TEST_F(MyProgramTest, ARealFaultEndsTheProcessWhateverItWasStartedWith)
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << ignored;
         EXPECT_EQ(Read(g_stopped), "11 " + report_);  // what the stop function may ask for
         const std::string report = ExpectReport(SIGSEGV);
-        const std::size_t stack = report.find("Call Stack :\n") + 13;
-        EXPECT_EQ(std::count(report.begin() + static_cast<std::ptrdiff_t>(stack),
-                             report.begin() + static_cast<std::ptrdiff_t>(report.find("sig_deal", stack)), '\n'),
-                  10);
+        const std::string stack = report.substr(report.find("Call Stack :\n") + 13);
+        EXPECT_EQ(std::ranges::count(stack.substr(0, stack.find("sig_deal")), '\n'), 10);
         fs::remove(report_);
     }
 }
@@ -216,8 +214,7 @@ TEST_F(MyProgramTest, OnlyThePidFileOfALivingStrangerIsLeft)
         EXPECT_EQ(WTERMSIG(status), SIGTERM);
         EXPECT_EQ(fs::remove(pidFile_), left) << text;
     }
-    kill(child, SIGKILL);
-    Wait(child);
+    Kill(child);
 }
 
 // The pid file of the instance that runs is not this one's to remove.

@@ -29,16 +29,18 @@ struct StopTest : testing::Test {
     {
         return Eventually([&] { return Contains(Read(log_), text); });
     }
+    // None sent to the process is left pending.
+    static bool TakesSignals(pid_t pid)
+    {
+        const std::string status = "/proc/" + std::to_string(pid) + "/status";
+        return Eventually([&] { return Contains(Read(status), "ShdPnd:\t0000000000000000"); });
+    }
     // Ended by SIGTERM as each stop does; one that hangs is killed after a while.
     static bool EndsBySigterm(pid_t pid)
     {
         int status = 0;
         const bool ended = Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-        if (!ended) {
-            kill(pid, SIGKILL);
-            Wait(pid);
-        }
-        return ended && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM;
+        return ended ? WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM : Kill(pid) == SIGTERM;
     }
 
     const TempDir dir_;
@@ -79,8 +81,7 @@ TEST_F(StopTest, ASecondStopSignalDoesNotWaitForTheRecord)
     const pid_t pid = Start([] { return 0; }, 1);
     EXPECT_TRUE(Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); }));
     kill(pid, SIGINT);
-    const std::string status = "/proc/" + std::to_string(pid) + "/status";
-    EXPECT_TRUE(Eventually([&] { return Contains(Read(status), "ShdPnd:\t0000000000000000"); }));
+    EXPECT_TRUE(TakesSignals(pid));
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
     kill(pid, SIGINT);
     EXPECT_TRUE(EndsBySigterm(pid));
@@ -176,16 +177,15 @@ TEST_F(StopTest, ReportsDoNotNest)
         const rlimit small = {262144, RLIM_INFINITY};
         setrlimit(RLIMIT_STACK, &small);
         NE_LOG(INFO, "ready");
-        while (true) {
+        for (;;) {
             pause();
         }
         return 0;
     });
     EXPECT_TRUE(Logged("ready\n"));
-    const std::string status = "/proc/" + std::to_string(pid) + "/status";
     for (int i = 0; i < 500; ++i) {
         kill(pid, SIGUSR1);
-        ASSERT_TRUE(Eventually([&] { return Contains(Read(status), "ShdPnd:\t0000000000000000"); }));
+        ASSERT_TRUE(TakesSignals(pid));
     }
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
     fs::remove(report);
@@ -193,6 +193,5 @@ TEST_F(StopTest, ReportsDoNotNest)
         kill(pid, SIGUSR1);
         return Contains(Read(report), "sig_deal signo.[signo=10");
     }));
-    kill(pid, SIGKILL);
-    Wait(pid);
+    Kill(pid);
 }

@@ -36,6 +36,12 @@ inline int Wait(pid_t pid)
     return status;
 }
 
+inline int Kill(pid_t pid)
+{
+    kill(pid, SIGKILL);
+    return Wait(pid);
+}
+
 inline bool BecomePlainUser()
 {
     return geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
