@@ -17,8 +17,7 @@ TEST(ProcessUtilsTest, DescribesALiveProcessAndRefusesADeadOne)
     std::vector<int> pids;
     ASSERT_TRUE(ProcessUtils::GetProcessIds(pids));
     EXPECT_EQ(std::count(pids.begin(), pids.end(), child), 1);
-    kill(child, SIGKILL);
-    Wait(child);
+    Kill(child);
     EXPECT_FALSE(ProcessUtils::GetProcessStatus(child, status) || ProcessUtils::GetCmdLine(child, cmdLine));
     EXPECT_EQ(cmdLine, "sleep");  // unchanged
 }

@@ -44,16 +44,8 @@ TEST(TraceDecoderTest, TakesWholeRecordsOnly)
         {"one byte more behind the head", [](trace_head& head) { head.args_size = head.args_total = 7; }, false},
         {"one byte less", [](trace_head& head) { head.args_size = 5; }, false},
         {"lengths that add up only in 32 bits",
-         [](trace_head& head) {
-             head.path_size = 0xFFFFFFFFU;
-             head.interpreter_size = 15;
-         },
-         false},
-        {"interpreter beyond its limit",
-         [](trace_head& head) {
-             head.path_size = 0;
-             head.interpreter_size = 257;
-         },
+         [](trace_head& head) { head.path_size = 0xFFFFFFFFU, head.interpreter_size = 15; }, false},
+        {"interpreter beyond its limit", [](trace_head& head) { head.path_size = 0, head.interpreter_size = 257; },
          false},
         {"more arguments than there are", [](trace_head& head) { head.args_total = 5; }, false},
         {"cut arguments", [](trace_head& head) { head.args_total = 60; }, true},

@@ -15,13 +15,6 @@
 #include "tests/support/support.h"
 #include "util/unique_fd.h"
 
-// ThreadSanitizer ends a forked child that makes threads where its parent had some.
-#ifdef __SANITIZE_THREAD__
-constexpr bool kThreadsInChildren = false;
-#else
-constexpr bool kThreadsInChildren = true;
-#endif
-
 // A tracer with everything that it hands over, by process.
 struct Traced {
     bool Start(ProcessTracer::Source source, std::size_t ringSize = std::size_t{4} << 20, int wakeMs = 20)
@@ -71,14 +64,4 @@ inline bool KeepRights(std::uint64_t mask)
         data[i].effective = data[i].permitted = static_cast<std::uint32_t>(mask >> (32 * i));
     }
     return syscall(SYS_capset, &head, data) == 0;
-}
-
-inline int Execute(const std::string& path, const Strings& args)
-{
-    std::vector<char*> words;
-    for (const std::string& arg : args) {
-        words.push_back(const_cast<char*>(arg.c_str()));
-    }
-    words.push_back(nullptr);
-    return execv(path.c_str(), words.data());
 }

@@ -1,21 +1,15 @@
 #include "mr1w_lock.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-
+#include "tests/support/support.h"
 #include "util/clock.h"
-
-using NEUtils::MR1WLock;
 
 namespace {
 
 long ElapsedMs(const std::function<void()>& body)
 {
-    const auto start = NEUtils::Clock::MonotonicNs();
+    const auto start = Clock::MonotonicNs();
     body();
-    return static_cast<long>((NEUtils::Clock::MonotonicNs() - start) / NEUtils::Clock::kNsPerMs);
+    return static_cast<long>((Clock::MonotonicNs() - start) / Clock::kNsPerMs);
 }
 
 }  // namespace
@@ -65,25 +59,18 @@ TEST(MR1WLockTest, GuardsATable)
     MR1WLock lock;
     int first = 0;
     int second = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < 2000; ++n) {
+    InThreads(4, [&](int number) {
+        for (int n = 0; n < (number == 0 ? 5 : 2000); ++n) {
+            if (number > 0) {
                 lock.LockForRead();
                 EXPECT_EQ(first, second);
                 lock.UnlockForRead();
+            } else if (lock.LockForWrite(5000)) {
+                ++first;
+                ++second;
+                lock.UnlockForWrite();
             }
-        });
-    }
-    for (int n = 0; n < 5; ++n) {
-        if (lock.LockForWrite(5000)) {
-            ++first;
-            ++second;
-            lock.UnlockForWrite();
         }
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    });
     EXPECT_GT(first, 0);
 }

@@ -1,18 +1,10 @@
 #include "task_manager.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <stdexcept>
-#include <thread>
-
 #include "hips_guard.h"
 #include "sched/task_ids.h"
 #include "tests/support/support.h"
 #include "thread_pool.h"
 #include "util/clock.h"
-
-using namespace NEUtils;
 
 namespace {
 
@@ -34,6 +26,13 @@ TASK_CONDITION After(std::int64_t delayMs, std::int64_t intervalMs = 0)
     condition.firstDelayMs = delayMs;
     condition.intervalMs = intervalMs;
     condition.firstLaunchTime = condition.nextLaunchTime = Clock::WallMs() + delayMs;
+    return condition;
+}
+
+TASK_CONDITION OnWorker(bool allowOverlap, TASK_CONDITION condition = {})
+{
+    condition.createThread = true;
+    condition.allowOverlap = allowOverlap;
     return condition;
 }
 
@@ -67,6 +66,11 @@ protected:
     std::uint32_t Register(TASKTYPE type, const TASK_CONDITION& condition)
     {
         return manager_.RegisterTask(type, condition, &Count, nullptr, "memo");
+    }
+    void Launch(std::uint32_t id)
+    {
+        manager_.MakeTaskLaunch(id);
+        manager_.DoSchedule();
     }
     void Step(std::int64_t ms) { Clock::wallOffsetMs += ms; }
 
@@ -172,25 +176,20 @@ TEST_F(TaskManagerTest, InlineLaunchesWaitTheirTurn)
 
 TEST_F(TaskManagerTest, RunsThatMayNotOverlapAreSkippedAndUnregisteringWaitsForTheRun)
 {
-    TASK_CONDITION condition = {};
-    condition.createThread = true;
-    const std::uint32_t id = Register(TASK_ON_DEMAND, condition);
+    const std::uint32_t id = Register(TASK_ON_DEMAND, OnWorker(false));
     g_hold = true;
-    manager_.MakeTaskLaunch(id);
-    manager_.DoSchedule();
+    Launch(id);
     ASSERT_TRUE(Eventually([] { return g_runs == 1; }));
-    manager_.MakeTaskLaunch(id);
-    manager_.DoSchedule();
-    condition.allowOverlap = true;  // the first run gives back what it took, not what the new timetable says
-    manager_.GetTask(id)->SetTaskCondition(TASK_ON_DEMAND, condition);
+    Launch(id);
+    // The first run gives back what it took, not what the new timetable says.
+    manager_.GetTask(id)->SetTaskCondition(TASK_ON_DEMAND, OnWorker(true));
     std::jthread waiter([&] {
         manager_.PauseAndWaitForEnd(id);
         EXPECT_FALSE(g_hold);  // the run is over
         manager_.MakeTaskLaunch(id);
     });
-    const std::uint32_t other = Register(TASK_ON_DEMAND, condition);
-    manager_.MakeTaskLaunch(other);
-    manager_.DoSchedule();
+    const std::uint32_t other = Register(TASK_ON_DEMAND, OnWorker(true));
+    Launch(other);
     ASSERT_TRUE(Eventually([] { return g_runs == 2; }));
     manager_.UnregisterTask(other);
     EXPECT_EQ(manager_.GetTask(other), nullptr);
@@ -207,13 +206,11 @@ TEST_F(TaskManagerTest, OneShotStaysUntilTheLastOfItsLaunchesIsOver)
     for (const bool createThread : {true, false}) {
         pool_.Start(1, 1);
         g_runs = 0;
-        TASK_CONDITION condition = After(3600000);
+        TASK_CONDITION condition = OnWorker(true, After(3600000));
         condition.createThread = createThread;
-        condition.allowOverlap = true;
         const std::uint32_t id = Register(TASK_ONE_SHOT, condition);
         for (int i = 0; i < 3; ++i) {
-            manager_.MakeTaskLaunch(id);
-            manager_.DoSchedule();
+            Launch(id);
         }
         EXPECT_TRUE(Eventually([&] {
             RunsAfterTick();
@@ -227,15 +224,11 @@ TEST_F(TaskManagerTest, OneShotStaysUntilTheLastOfItsLaunchesIsOver)
 // A launch that the pool drops must not keep the task from ever running again.
 TEST_F(TaskManagerTest, DroppedLaunchGivesItsRunLockBack)
 {
-    TASK_CONDITION condition = {};
-    condition.createThread = true;
-    const std::uint32_t id = Register(TASK_ON_DEMAND, condition);
+    const std::uint32_t id = Register(TASK_ON_DEMAND, OnWorker(false));
     pool_.Stop();
-    manager_.MakeTaskLaunch(id);
-    manager_.DoSchedule();  // queued where nobody takes it
+    Launch(id);  // queued where nobody takes it
     pool_.Start(1, 1);
-    manager_.MakeTaskLaunch(id);
-    manager_.DoSchedule();
+    Launch(id);
     EXPECT_TRUE(Eventually([] { return g_runs == 1; }));
 }
 
@@ -270,27 +263,22 @@ TEST_F(TaskManagerTest, StopDestroysTasksTheDestructorDoesNot)
 TEST_F(TaskManagerTest, RegistersLaunchesAndUnregistersFromManyThreadsUntilStopped)
 {
     std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&, i] {
-            while (!stop) {
-                TASK_CONDITION condition = After(-1);
-                condition.createThread = i == 0;
-                const std::uint32_t id = Register(i == 1 ? TASK_ONE_SHOT : TASK_ON_DEMAND, condition);
-                manager_.MakeTaskLaunch(id);
-                std::this_thread::yield();
-                manager_.UnregisterTask(id);
-            }
-        });
-    }
-    for (int tick = 0; tick < 200; ++tick) {
-        manager_.ScheduleProc();
-    }
-    manager_.Stop();
-    stop = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    InThreads(4, [&](int i) {
+        while (i < 3 && !stop) {
+            const std::uint32_t id =
+                Register(i == 1 ? TASK_ONE_SHOT : TASK_ON_DEMAND, i == 0 ? OnWorker(false, After(-1)) : After(-1));
+            manager_.MakeTaskLaunch(id);
+            std::this_thread::yield();
+            manager_.UnregisterTask(id);
+        }
+        for (int tick = 0; i == 3 && tick < 200; ++tick) {
+            manager_.ScheduleProc();
+        }
+        if (i == 3) {
+            manager_.Stop();
+            stop = true;
+        }
+    });
     for (std::uint32_t id = 1; id < 100000; ++id) {
         ASSERT_EQ(manager_.GetTask(id), nullptr);  // none registered beside the stop is left behind
     }
@@ -325,9 +313,7 @@ TEST(TaskManagerStartTest, FailedStartLeavesItRunning)
     EXPECT_NE(id, 0U);
     // A launch that the pool refuses is logged, and gives back the run lock that it took.
     ThreadPool stopped;
-    TASK_CONDITION condition = {};
-    condition.createThread = true;
-    const auto task = std::make_shared<Task>(1, TASK_ON_DEMAND, condition, &Count, nullptr, "lost", &stopped);
+    const auto task = std::make_shared<Task>(1, TASK_ON_DEMAND, OnWorker(false), &Count, nullptr, "lost", &stopped);
     task->RunTask();
     task->RunTask();
     EXPECT_EQ(records.Count("ERROR Task launch is lost.[taskId=1 memo=lost]"), 2);

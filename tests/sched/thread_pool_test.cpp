@@ -1,20 +1,11 @@
 #include "thread_pool.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-
 #include "hips_guard.h"
 #include "pool_job.h"
 #include "task_manager.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/support.h"
 #include "util/clock.h"
-
-using NEUtils::ThreadPool;
 
 namespace {
 
@@ -100,14 +91,14 @@ TEST_F(ThreadPoolTest, StopIsPromptAndLeavesQueuedJobsUnrun)
     ASSERT_TRUE(pool->Start(4, 2));
     const auto owner = std::make_shared<int>(0);
     std::this_thread::sleep_for(std::chrono::milliseconds(700));  // into the wait for work
-    const auto start = NEUtils::Clock::MonotonicNs();
-    std::thread adder([&] {
+    const auto start = Clock::MonotonicNs();
+    std::jthread adder([&] {
         for (int i = 0; i < 200; ++i) {
             pool->AddThread(&Job, nullptr, "job", owner);
         }
     });
     pool->Stop();
-    EXPECT_LT(NEUtils::Clock::MonotonicNs() - start, 2 * NEUtils::Clock::kNsPerSecond);
+    EXPECT_LT(Clock::MonotonicNs() - start, 2 * Clock::kNsPerSecond);
     adder.join();
     EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=4]"));
     const int ran = g_started;
@@ -119,7 +110,7 @@ TEST_F(ThreadPoolTest, StopIsPromptAndLeavesQueuedJobsUnrun)
     ASSERT_TRUE(pool_.Start(2, 2));
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
     EXPECT_TRUE(UninitHipsGuard());  // before the pool: its idle workers must not wait for their minute
-    EXPECT_LT(NEUtils::Clock::MonotonicNs() - start, 10 * NEUtils::Clock::kNsPerSecond);
+    EXPECT_LT(Clock::MonotonicNs() - start, 10 * Clock::kNsPerSecond);
 }
 
 // Queued jobs are the callers' and must not vanish because somebody starts the pool again.
@@ -146,8 +137,8 @@ TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
     pool_.AddThread(&Job, nullptr, "next");
     ASSERT_TRUE(Eventually([] { return g_started == 1; }));
     EXPECT_TRUE(Eventually([this] { return Workers("1") == 1; }));
-    NEUtils::Clock::sleepDivisor = 100;  // the idle wait is a minute
-    const auto start = NEUtils::Clock::MonotonicNs();
+    Clock::sleepDivisor = 100;  // the idle wait is a minute
+    const auto start = Clock::MonotonicNs();
     const auto released = [this] {
         pool_.CleanThread();
         return std::ranges::count_if(records_.Lines(), [](const std::string& line) {
@@ -155,10 +146,10 @@ TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
         });
     };
     EXPECT_TRUE(Eventually([&] { return released() == 1; }));
-    EXPECT_GT(NEUtils::Clock::MonotonicNs() - start, 850 * NEUtils::Clock::kNsPerMs);  // with the slice before it
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));                      // another idle wait
+    EXPECT_GT(Clock::MonotonicNs() - start, 850 * Clock::kNsPerMs);  // with the slice before it
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));    // another idle wait
     EXPECT_EQ(released(), 1);
-    NEUtils::Clock::sleepDivisor = 1;
+    Clock::sleepDivisor = 1;
     EXPECT_TRUE(pool_.AddThread(&Job, nullptr, "still served"));
     EXPECT_TRUE(Eventually([] { return g_started == 2; }));
 }
@@ -188,7 +179,7 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
                   1);
         EXPECT_TRUE(Eventually([&] { return g_started == accepted; }));
 
-        NEUtils::PoolJob job;
+        PoolJob job;
         std::atomic<int> worked = 0;
         job.Start(pool, name, [&worked] { ++worked; });
         EXPECT_GT(InTurn(
@@ -200,13 +191,13 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
                   2);
         job.Stop();
 
-        NEUtils::TaskManager manager;
+        TaskManager manager;
         ASSERT_TRUE(manager.Start(&pool));
-        NEUtils::TASK_CONDITION condition = {};
+        TASK_CONDITION condition = {};
         condition.createThread = true;
         std::uint32_t id = 0;
         EXPECT_GT(InTurn(
-                      mode, [&] { id = manager.RegisterTask(NEUtils::TASK_ON_DEMAND, condition, &Job, nullptr, name); },
+                      mode, [&] { id = manager.RegisterTask(TASK_ON_DEMAND, condition, &Job, nullptr, name); },
                       [&](int) { EXPECT_EQ(manager.GetTask(id) == nullptr, id == 0); }),
                   2);
         EXPECT_GT(InTurn(mode, [&] { manager.GetTask(id)->RunTask(); }), 2);

@@ -18,6 +18,13 @@ namespace fs = std::filesystem;
 using namespace NEUtils;
 using Strings = std::vector<std::string>;
 
+// ThreadSanitizer ends a forked child that makes threads where its parent had some.
+#ifdef __SANITIZE_THREAD__
+constexpr bool kThreadsInChildren = false;
+#else
+constexpr bool kThreadsInChildren = true;
+#endif
+
 // Runs a function in a forked child; its result is the exit status.
 inline pid_t Fork(const std::function<int()>& body)
 {
@@ -40,6 +47,16 @@ inline int Kill(pid_t pid)
 {
     kill(pid, SIGKILL);
     return Wait(pid);
+}
+
+inline int Execute(const std::string& path, const Strings& args)
+{
+    std::vector<char*> words;
+    for (const std::string& arg : args) {
+        words.push_back(const_cast<char*>(arg.c_str()));
+    }
+    words.push_back(nullptr);
+    return execv(path.c_str(), words.data());
 }
 
 inline bool BecomePlainUser()
