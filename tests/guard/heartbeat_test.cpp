@@ -1,9 +1,5 @@
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/resource.h>
-
-#include <atomic>
-#include <csignal>
 
 #include "hips_guard.h"
 #include "hips_instance_manager.h"
@@ -38,12 +34,7 @@ struct HeartbeatTest : testing::Test {
         g_hold = false;
         UninitHipsGuard();
     }
-    std::ptrdiff_t Misses() const
-    {
-        return std::ranges::count_if(records_.Lines(), [](const std::string& line) {
-            return line.starts_with("ERROR Check instance heart beat failed.");
-        });
-    }
+    std::ptrdiff_t Misses() const { return records_.CountWith("ERROR Check instance heart beat failed."); }
     const Records records_;
 };
 
@@ -151,16 +142,8 @@ TEST(HeartbeatCheckerTest, HungThreadEndsTheProcess)
     };
     const std::tuple<const char*, int, std::function<void()>> rows[] = {
         {"default action", SIGTERM, &Hang},
-        {"a hung main thread has blocked it", SIGTERM,
-         [] {
-             pthread_sigmask(SIG_BLOCK, &terminate, nullptr);
-             Hang();
-         }},
-        {"it is ignored", SIGTERM,
-         [] {
-             signal(SIGTERM, SIG_IGN);
-             Hang();
-         }},
+        {"a hung main thread has blocked it", SIGTERM, [] { pthread_sigmask(SIG_BLOCK, &terminate, nullptr), Hang(); }},
+        {"it is ignored", SIGTERM, [] { signal(SIGTERM, SIG_IGN), Hang(); }},
         {"the main thread takes it and stops", 5 << 8,
          [&] {
              MessageBus::Subscribe(kNormalLog, "time", [](const NENormalLog& record) {
@@ -215,16 +198,12 @@ TEST(HipsResourceManagerTest, LogsOnceWhenALimitIsCrossed)
     const TempDir dir;
     const std::ifstream files[] = {std::ifstream("/dev/null"), std::ifstream("/dev/null"), std::ifstream("/dev/null")};
     HipsResourceManager resources(0, 1, 0);
-    const auto crossed = [&records] {
-        return std::ranges::count_if(records.Lines(), [](const std::string& line) {
-            return line.starts_with("ERROR Self resource usage is above its limit.[measure=memory KiB");
-        });
-    };
+    const std::string crossed = "ERROR Self resource usage is above its limit.[measure=memory KiB";
     EXPECT_TRUE(resources.Update() && resources.Update());
-    EXPECT_EQ(crossed(), 1);
+    EXPECT_EQ(records.CountWith(crossed), 1);
     Clock::monotonicOffsetNs = 16 * 60 * Clock::kNsPerSecond;
     EXPECT_TRUE(resources.Update());
-    EXPECT_EQ(crossed(), 2);
+    EXPECT_EQ(records.CountWith(crossed), 2);
     resources.SetLimits(1L << 30, 2, 0);
     EXPECT_TRUE(resources.Update());
     EXPECT_EQ(records.Lines().size(), 4U);  // memory back below, descriptors above

@@ -1,24 +1,15 @@
 #include "hips_guard.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-
 #include "config.h"
 #include "hips_instance_manager.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/support.h"
 #include "util/clock.h"
 
-namespace Clock = NEUtils::Clock;
-using NEUtils::HipsInstanceManager;
-
 namespace {
 
 std::atomic<int> g_runs{0};
 std::atomic<bool> g_hold{false};
-std::atomic<std::uintptr_t> g_handle{0};
 
 int Count(void*)
 {
@@ -33,16 +24,6 @@ int Hold(void*)
     }
     return 0;
 }
-int StopSelf(void*)
-{
-    while (g_handle == 0) {
-        std::this_thread::yield();
-    }
-    EXPECT_TRUE(StopHipsThreadEx(g_handle));
-    ++g_runs;
-    return 0;
-}
-
 class HipsGuardTest : public testing::Test {
 protected:
     HipsGuardTest()
@@ -86,8 +67,15 @@ TEST_F(HipsGuardTest, SlicesComeAfterTheirSleepUntilStopped)
 // Stop in every state: a thread that is left behind uses freed memory, a stop that hangs holds the agent.
 TEST_F(HipsGuardTest, StopsInEveryState)
 {
-    const std::uintptr_t self = CreateHipsThreadEx(&StopSelf, nullptr, 0, "self");
-    g_handle = self;
+    static std::atomic<std::uintptr_t> handle{0};
+    const auto stopSelf = [](void*) {
+        handle.wait(0);
+        EXPECT_TRUE(StopHipsThreadEx(handle));
+        return Count(nullptr);
+    };
+    const std::uintptr_t self = CreateHipsThreadEx(stopSelf, nullptr, 0, "self");
+    handle = self;
+    handle.notify_all();
     ASSERT_TRUE(Eventually([self] { return !IsHipsThreadRunningEx(self); }));
     EXPECT_TRUE(StopHipsThreadEx(self));  // waits for the thread that was let go
     EXPECT_EQ(g_runs, 1);
@@ -96,18 +84,14 @@ TEST_F(HipsGuardTest, StopsInEveryState)
     g_hold = true;
     const std::uintptr_t busy = CreateHipsThreadEx(&Hold, nullptr, 0, "busy");
     ASSERT_TRUE(Eventually([] { return g_runs == 1; }));
-    std::vector<std::thread> stoppers;
-    for (int i = 0; i < 3; ++i) {
-        stoppers.emplace_back([busy] {
-            EXPECT_TRUE(StopHipsThreadEx(busy));
-            EXPECT_FALSE(g_hold);  // nobody comes back before the routine has
-        });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    g_hold = false;
-    for (auto& stopper : stoppers) {
-        stopper.join();
-    }
+    InThreads(4, [busy](int number) {
+        if (number == 3) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            g_hold = false;
+        }
+        EXPECT_TRUE(StopHipsThreadEx(busy));
+        EXPECT_FALSE(g_hold);  // nobody comes back before the routine has
+    });
 
     g_runs = 0;
     const std::uintptr_t sleeping = CreateHipsThreadEx(&Count, nullptr, 500000, "sleeping");
@@ -118,13 +102,12 @@ TEST_F(HipsGuardTest, StopsInEveryState)
     const std::uintptr_t closed = CreateHipsThreadEx(&Hold, nullptr, 0, "closed");
     ASSERT_TRUE(Eventually([] { return g_runs == 2; }));
     EXPECT_TRUE(CloseHipsThreadHandleEx(closed));
-    std::thread releaser([] {
+    const std::jthread releaser([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         g_hold = false;
     });
     EXPECT_TRUE(UninitHipsGuard());  // waits for a thread without a handle too
     EXPECT_FALSE(g_hold);
-    releaser.join();
 }
 
 TEST_F(HipsGuardTest, EndsAndBeginsAgain)
@@ -145,7 +128,7 @@ TEST_F(HipsGuardTest, EndsAndBeginsAgain)
     EXPECT_EQ(GetMemoryUsage(), 0);
     EXPECT_FALSE(FastStopAll() || SetResourceLimit(1, 1, 1) || KeepCurrentThreadAlive());
     EXPECT_TRUE(records_.Has("ERROR Hips guard is not initialized."));
-    NEUtils::Config::ParseConfig("TrivaneRole=broker", false, {});
+    Config::ParseConfig("TrivaneRole=broker", false, {});
     EXPECT_EQ(InitHipsGuard(1000, 0, 8.0), 0);
     EXPECT_TRUE(records_.Has("INFO Set self resource threshold.[cpu=4.000000, mem=1000]"));
     EXPECT_GT(GetMemoryUsage(), 1000);
@@ -232,13 +215,12 @@ TEST_F(HipsGuardTest, EndWaitsForHandlesThatAreClosedMeanwhile)
 // Without memory the guard answers 0 or false; it used to free twice, and to end the process.
 TEST(HipsGuardMemoryTest, EveryAllocationMayFail)
 {
+    using FailingAllocations::InTurn;
     using FailingAllocations::Mode;
     for (const Mode mode : {Mode::kOne, Mode::kAllFromThere}) {
         int begun = -1;
-        EXPECT_GT(
-            FailingAllocations::InTurn(
-                mode, [&] { begun = InitHipsGuard(0, 0, 0); }, [&](int) { EXPECT_EQ(UninitHipsGuard(), begun == 0); }),
-            1);
+        const auto begin = [&] { begun = InitHipsGuard(0, 0, 0); };
+        EXPECT_GT(InTurn(mode, begin, [&](int) { EXPECT_EQ(UninitHipsGuard(), begun == 0); }), 1);
         InitHipsGuard(0, 0, 0);
         std::uintptr_t handle = 0;
         const auto finish = [&](int) {
@@ -248,16 +230,13 @@ TEST(HipsGuardMemoryTest, EveryAllocationMayFail)
             EXPECT_TRUE(handle == 0 || CloseHipsThreadHandleEx(handle));
         };
         const auto create = [&] { handle = CreateHipsThreadEx(&Count, nullptr, 0, "a-name-beyond-small-strings"); };
-        EXPECT_GT(FailingAllocations::InTurn(mode, create, finish), 4);
-        const auto watch = [&] {
-            handle = WatchPlainThread(
-                "a-name-beyond-small-strings", [](void*) { return 0LL; }, nullptr);
-        };
-        EXPECT_GT(FailingAllocations::InTurn(mode, watch,
-                                             [&](int) { EXPECT_TRUE(handle == 0 || UnwatchPlainThread(handle)); }),
-                  3);
+        EXPECT_GT(InTurn(mode, create, finish), 4);
+        const auto age = [](void*) { return 0LL; };
+        const auto watch = [&] { handle = WatchPlainThread("a-name-beyond-small-strings", age, nullptr); };
+        const auto unwatch = [&](int) { EXPECT_TRUE(handle == 0 || UnwatchPlainThread(handle)); };
+        EXPECT_GT(InTurn(mode, watch, unwatch), 3);
         std::vector<std::uintptr_t> handles(50);
-        FailingAllocations::InTurn(
+        InTurn(
             mode,
             [&] {
                 for (std::uintptr_t& one : handles) {

@@ -105,29 +105,17 @@ TEST_F(ModuleTest, PoliciesMoveModulesThroughTheirStates)
     manager_.StartModule("f");
     EXPECT_EQ(TakeCalls(), (Strings{"init", "start p1", "stop p2", "start p2", "stop p3", "start p2", "stop",
                                     "start p2", "stop p5", "deinit", "start p2", "stop p2"}));
+    const std::string init = "INFO Init module succeed.[feature=f].";
     const std::string start = "INFO Start module.[feature=f].";
-    const std::string started = "INFO Start module succeed.[feature=f].";
+    const std::string done = "INFO Start module succeed.[feature=f].";
     const std::string stop = "INFO Stop module.[feature=f].";
-    EXPECT_EQ(records_.Lines(), (Strings{"INFO Init module succeed.[feature=f].",
-                                         start,
-                                         started,
-                                         "INFO Module's status is not stopped, so won't start.[feature=f]",
-                                         stop,
-                                         start,
-                                         started,
-                                         stop,
-                                         "INFO Module's status is not started, so won't stop.[feature=f]",
-                                         start,
-                                         started,
-                                         stop,
-                                         start,
-                                         started,
-                                         stop,
-                                         "INFO Deinit module.[feature=f].",
-                                         start,
-                                         started,
-                                         stop,
-                                         "INFO Module's status is not loaded, so won't start.[feature=f]"}));
+    const std::string notStopped = "INFO Module's status is not stopped, so won't start.[feature=f]";
+    const std::string notStarted = "INFO Module's status is not started, so won't stop.[feature=f]";
+    const std::string deinit = "INFO Deinit module.[feature=f].";
+    const std::string notLoaded = "INFO Module's status is not loaded, so won't start.[feature=f]";
+    EXPECT_EQ(records_.Lines(),
+              (Strings{init, start, done,  notStopped, stop, start,  done,  stop, notStarted, start,
+                       done, stop,  start, done,       stop, deinit, start, done, stop,       notLoaded}));
 }
 
 // A refused policy must not pass for the running one, and what was initialised must be given back.

@@ -141,9 +141,7 @@ TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
     const auto start = Clock::MonotonicNs();
     const auto released = [this] {
         pool_.CleanThread();
-        return std::ranges::count_if(records_.Lines(), [](const std::string& line) {
-            return line.starts_with("INFO Delete instance.[instanceName=T-Thread");
-        });
+        return records_.CountWith("INFO Delete instance.[instanceName=T-Thread");
     };
     EXPECT_TRUE(Eventually([&] { return released() == 1; }));
     EXPECT_GT(Clock::MonotonicNs() - start, 850 * Clock::kNsPerMs);  // with the slice before it

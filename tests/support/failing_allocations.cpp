@@ -1,5 +1,8 @@
 #include "tests/support/failing_allocations.h"
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -9,6 +12,9 @@ namespace {
 
 std::atomic<std::int64_t> g_left{INT64_MAX};  // allocations that still succeed
 std::atomic<bool> g_forGood{false};           // those behind the failing one fail too
+
+std::atomic<std::size_t> g_used;
+std::atomic<std::size_t> g_most;
 
 bool Fails()
 {
@@ -21,7 +27,15 @@ bool Fails()
 
 void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) noexcept
 {
-    return Fails() ? nullptr : std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+    void* memory = Fails() ? nullptr : std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+    g_most = std::max(g_most.load(), g_used += malloc_usable_size(memory));
+    return memory;
+}
+
+void Free(void* memory)
+{
+    g_used -= malloc_usable_size(memory);
+    std::free(memory);
 }
 
 void* AllocateOrThrow(std::size_t size, std::size_t alignment = alignof(std::max_align_t))
@@ -46,6 +60,14 @@ int FailingAllocations::InTurn(Mode mode, const std::function<void()>& call, con
     }
 }
 
+std::size_t FailingAllocations::MostUsedIn(const std::function<void()>& call)
+{
+    const std::size_t before = g_used;
+    g_most = before;
+    call();
+    return g_most - before;
+}
+
 void* operator new(std::size_t size)
 {
     return AllocateOrThrow(size);
@@ -60,21 +82,21 @@ void* operator new(std::size_t size, std::align_val_t alignment)
 }
 void operator delete(void* memory) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, const std::nothrow_t&) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }

@@ -14,4 +14,7 @@ enum class Mode { kOne, kAllFromThere };
 int InTurn(
     Mode mode, const std::function<void()>& call, const std::function<void(int)>& check = [](int) {});
 
+// How much more memory is in use at a time of the call than before it.
+std::size_t MostUsedIn(const std::function<void()>& call);
+
 }  // namespace FailingAllocations

@@ -145,6 +145,10 @@ struct Records {
     }
     std::ptrdiff_t Count(const std::string& line) const { return std::ranges::count(Lines(), line); }
     bool Has(const std::string& line) const { return Count(line) > 0; }
+    std::ptrdiff_t CountWith(const std::string& piece) const
+    {
+        return std::ranges::count_if(Lines(), [&](const std::string& line) { return Contains(line, piece); });
+    }
 
     const std::string kind_;
     mutable std::mutex mutex_;
