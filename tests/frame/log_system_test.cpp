@@ -1,6 +1,5 @@
 #include "log_system.h"
 
-#include <atomic>
 #include <sstream>
 
 #include "tests/support/support.h"

@@ -92,18 +92,19 @@ TEST_F(StopTest, ASecondStopSignalDoesNotWaitForTheRecord)
 // SIGUSR1 asks for a report and no more: a wait that ends with it would end the agent.
 TEST_F(StopTest, WaitingGoesOnAfterAReportAndEndsInTheStop)
 {
-    for (int (*const main)() : {+[] {
-                                    NE_LOG(INFO, "waits");
-                                    return MyProgram::WaitForStop() ? 1 : 2;
-                                },
-                                +[] {
-                                    MyProgram::BlockStopSignals();
-                                    NE_LOG(INFO, "waits");
-                                    pollfd wanted = {MyProgram::GetStopDescriptor(), POLLIN, 0};
-                                    while (poll(&wanted, 1, -1) < 0 || !MyProgram::HandlePendingStop()) {
-                                    }
-                                    return 1;
-                                }}) {
+    const auto waits = [] {
+        NE_LOG(INFO, "waits");
+        return MyProgram::WaitForStop() ? 1 : 2;
+    };
+    const auto polls = [] {
+        MyProgram::BlockStopSignals();
+        NE_LOG(INFO, "waits");
+        pollfd wanted = {MyProgram::GetStopDescriptor(), POLLIN, 0};
+        while (poll(&wanted, 1, -1) < 0 || !MyProgram::HandlePendingStop()) {
+        }
+        return 1;
+    };
+    for (int (*const main)() : {+waits, +polls}) {
         const pid_t pid = Start(main);
         EXPECT_TRUE(Logged("waits\n"));
         for (int i = 0; i < 3; ++i) {

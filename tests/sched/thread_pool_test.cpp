@@ -161,32 +161,28 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
     for (const Mode mode : {Mode::kOne, Mode::kAllFromThere}) {
         ThreadPool pool;
         bool done = false;
-        EXPECT_GT(InTurn(
-                      mode, [&] { done = pool.Start(2, 2); },
-                      [&](int) {
-                          EXPECT_TRUE(pool.Start(2, 2));
-                          pool.Stop();
-                      }),
-                  4);
+        const auto start = [&] { done = pool.Start(2, 2); };
+        const auto again = [&](int) {
+            EXPECT_TRUE(pool.Start(2, 2));
+            pool.Stop();
+        };
+        EXPECT_GT(InTurn(mode, start, again), 4);
         EXPECT_TRUE(done && pool.Start(1, 9));
         g_started = 0;
         int accepted = 0;
-        EXPECT_GT(InTurn(
-                      mode, [&] { done = pool.AddThread(&Job, nullptr, name.c_str()); },
-                      [&](int) { accepted += done ? 1 : 0; }),
-                  1);
+        const auto add = [&] { done = pool.AddThread(&Job, nullptr, name.c_str()); };
+        EXPECT_GT(InTurn(mode, add, [&](int) { accepted += done ? 1 : 0; }), 1);
         EXPECT_TRUE(Eventually([&] { return g_started == accepted; }));
 
         PoolJob job;
         std::atomic<int> worked = 0;
         job.Start(pool, name, [&worked] { ++worked; });
-        EXPECT_GT(InTurn(
-                      mode, [&] { done = job.Request(); },
-                      [&](int) {
-                          ASSERT_TRUE(job.Request() && Eventually([&] { return worked > 0; }));
-                          worked = 0;
-                      }),
-                  2);
+        const auto request = [&] { done = job.Request(); };
+        const auto works = [&](int) {
+            ASSERT_TRUE(job.Request() && Eventually([&] { return worked > 0; }));
+            worked = 0;
+        };
+        EXPECT_GT(InTurn(mode, request, works), 2);
         job.Stop();
 
         TaskManager manager;
@@ -194,10 +190,8 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
         TASK_CONDITION condition = {};
         condition.createThread = true;
         std::uint32_t id = 0;
-        EXPECT_GT(InTurn(
-                      mode, [&] { id = manager.RegisterTask(TASK_ON_DEMAND, condition, &Job, nullptr, name); },
-                      [&](int) { EXPECT_EQ(manager.GetTask(id) == nullptr, id == 0); }),
-                  2);
+        const auto enter = [&] { id = manager.RegisterTask(TASK_ON_DEMAND, condition, &Job, nullptr, name); };
+        EXPECT_GT(InTurn(mode, enter, [&](int) { EXPECT_EQ(manager.GetTask(id) == nullptr, id == 0); }), 2);
         EXPECT_GT(InTurn(mode, [&] { manager.GetTask(id)->RunTask(); }), 2);
         // What did not run has given its lock back.
         EXPECT_TRUE(Eventually([&] {
@@ -205,9 +199,9 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
             manager.GetTask(id)->RunTask();
             return Eventually([] { return g_started > 0; }, 1);
         }));
+        const auto leaves = [&](int number) { EXPECT_EQ(manager.GetTask(id) == nullptr, number == 1); };
         InTurn(
-            mode, [&] { manager.UnregisterTask(id); },
-            [&](int number) { EXPECT_EQ(manager.GetTask(id) == nullptr, number == 1); });
+            mode, [&] { manager.UnregisterTask(id); }, leaves);
         manager.Stop();
         pool.Stop();
     }
