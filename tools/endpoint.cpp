@@ -145,11 +145,11 @@ std::string PeerName(int fd, const sockaddr* address, socklen_t length)
 ListenSocket::FileState ListenSocket::CheckFile() const
 {
     struct stat status = {};
-    if (inode_ == 0) {
+    if (endpoint_.address.ss_family != AF_UNIX) {
         return kInPlace;
     }
     if (lstat(Path(endpoint_), &status) != 0) {
-        return errno == ENOENT ? kRemoved : kInPlace;
+        return errno == ENOENT || errno == ENOTDIR ? kRemoved : kInPlace;
     }
     return status.st_ino == inode_ && status.st_dev == device_ ? kInPlace : kReplaced;
 }

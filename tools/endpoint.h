@@ -32,7 +32,7 @@ public:
     std::string Open(const Endpoint& endpoint);
 
     enum FileState { kInPlace, kRemoved, kReplaced };
-    FileState CheckFile() const;  // where its file was; kInPlace without one
+    FileState CheckFile() const;  // where its file is to be; kInPlace for TCP
 
     int GetFd() const { return fd_; }
     std::string GetName() const { return EndpointName(endpoint_); }  // with the port that the kernel chose
@@ -44,5 +44,5 @@ private:
     Endpoint endpoint_;
     int fd_ = -1;
     dev_t device_ = 0;
-    ino_t inode_ = 0;  // 0: no file
+    ino_t inode_ = 0;  // 0: it has made no file
 };

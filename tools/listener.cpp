@@ -13,13 +13,19 @@ constexpr int kMostAtOnce = 64;  // so that who connects without end does not ke
 
 std::string Listener::Open()
 {
+    ready_.reset();
     socket_ = std::make_unique<ListenSocket>();
     std::string fault = socket_->Open(endpoint_);
     if (!fault.empty()) {
         return fault;
     }
+    isPaused_ = false;
     ready_.reset(event_new(base_, socket_->GetFd(), EV_READ | EV_PERSIST, &OnReady, this));
-    return ready_ != nullptr && event_add(ready_.get(), nullptr) == 0 ? std::string() : "no event";
+    if (ready_ == nullptr || event_add(ready_.get(), nullptr) != 0) {
+        ready_.reset();
+        return "no event";
+    }
+    return {};
 }
 
 void Listener::OnReady(int, short, void* self)
@@ -51,7 +57,7 @@ void Listener::AcceptSome()
 
 void Listener::Check()
 {
-    if (isPaused_) {
+    if (isPaused_ && ready_ != nullptr) {
         isPaused_ = event_add(ready_.get(), nullptr) != 0;
     }
     CheckFile();
@@ -60,8 +66,8 @@ void Listener::Check()
 void Listener::CheckFile()
 {
     const ListenSocket::FileState state = socket_->CheckFile();
-    if (state == ListenSocket::kRemoved) {
-        ready_.reset();
+    const bool isListening = ready_ != nullptr;  // not after an Open that failed
+    if (state == ListenSocket::kRemoved || (!isListening && state == ListenSocket::kInPlace)) {
         const std::string fault = Open();
         if (fault.empty()) {
             Complain(GetName() + " was removed, and is made anew");

@@ -352,3 +352,20 @@ TEST_F(CollectorOutputTest, ARemovedSocketFileIsMadeAnew)
     EXPECT_EQ(End(), 0);
     EXPECT_TRUE(fs::exists(path_));  // it is another one's
 }
+
+TEST_F(CollectorOutputTest, ARemovedDirectoryIsWaitedFor)
+{
+    const std::string directory = folder_ / "run";
+    const std::string path = directory + "/socket";
+    fs::create_directory(directory);
+    Listen("--listen unix:" + path);
+    fs::remove_all(directory);
+    EXPECT_TRUE(Says("unix:" + path + " was removed, and cannot be made anew: No such file or directory"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // it tries again meanwhile
+    EXPECT_EQ(Count(Read(err_), "cannot be made anew"), 1);
+    fs::create_directory(directory);
+    EXPECT_TRUE(Says("unix:" + path + " was removed, and is made anew"));
+    EXPECT_TRUE(IsAnswered(Connect(path), Message(1, 1, kExit)));
+    EXPECT_EQ(End(), 0);
+    EXPECT_FALSE(fs::exists(path));
+}
