@@ -184,10 +184,10 @@ show_files() {
     step 'A watched tree: every change, with what has changed and the SHA-256'
     touch_file ' file action=create .*path=.*/tree/folder$' mkdir "$tree/folder"
     touch_file ' file action=create .*path=.*/tree/folder/file$' touch "$tree/folder/file"
-    touch_file ' file action=write change=\[osize=0 size=6 \] path=.*/file$' sh -c "echo hello >$tree/folder/file"
+    touch_file ' file action=write change="osize=0 size=6 " path=.*/file$' sh -c "echo hello >$tree/folder/file"
     expect 'its digest' \
         holds "$collectorLog" ' sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 .*/folder/file$'
-    touch_file ' file action=attrib change=\[oaccess=33188 access=33152 \] path=.*/file$' chmod 600 "$tree/folder/file"
+    touch_file ' file action=attrib change="oaccess=33188 access=33152 " path=.*/file$' chmod 600 "$tree/folder/file"
     touch_file ' file action=rename oldPath=.*/folder/file path=.*/tree/renamed$' mv "$tree/folder/file" "$tree/renamed"
     touch_file ' file action=delete path=.*/tree/renamed$' rm "$tree/renamed"
     grep ' file action=' "$collectorLog" | sed 's/^/    /'

@@ -45,10 +45,6 @@ void AppendItem(std::string& line, const Report& report, std::size_t kind)
     line.append(" ").append(kItemKinds[kind].name).append("=");
     if (text == nullptr) {
         line.append(std::to_string(std::get<std::int64_t>(report.items[kind])));
-    } else if (kItemKinds[kind].tag == kTagChange) {  // holds blanks
-        line.append("[");
-        AppendPrintable(line, *text);
-        line.append("]");
     } else {
         AppendQuoted(line, *text);
     }
@@ -75,12 +71,7 @@ void AppendItems(std::string& line, const Report& report)
         }
     }
     AppendOthers(line, report);
-    if (last == std::size(kItemKinds)) {
-        return;
-    }
-    if (kItemKinds[last].tag == kTagChange) {
-        AppendItem(line, report, last);
-    } else {
+    if (last != std::size(kItemKinds)) {
         line.append(" ").append(kItemKinds[last].name).append("=");
         AppendPrintable(line, *FindText(report, last));
     }

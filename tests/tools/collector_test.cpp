@@ -64,6 +64,8 @@ TEST_F(CollectorTest, ShowsUnknownTypesAndItemsOneByOne)
          R"("type":"problem","seq":1,"action":"begins","problem":"it is not well","received":)"},
         {kMsgFile, file + Item(900, Text("new")), " file action=x,y oldPath=\"a path=b\" item900=\"new\" path=c \"d\n",
          R"("oldPath":"a path=b","path":"c \"d","items":[{"tag":900,"text":"new","length":4}],"received":)"},
+        {kMsgFile, Item(kTagPath, "/x") + Item(kTagChange, "a=1 ] path=/y"), " file change=\"a=1 ] path=/y\" path=/x\n",
+         R"("change":"a=1 ] path=/y","path":"/x",)"},
     };
     for (const std::string json : {"", "--json"}) {
         Listen(json);
