@@ -26,9 +26,10 @@ std::int64_t DueNs(const ReportStore::Report& report)
 
 void GiveNumber(ReportStore::Report& report)
 {
-    if (report.sendings > 0) {  // the channel may just be repeating the old bytes
+    if (report.isShared) {  // the channel may just be repeating the old bytes
         report.message = std::make_shared<std::string>(*report.message);
     }
+    report.isShared = true;
     report.seq = NextMsgSeq();
     std::memcpy(&(*report.message)[offsetof(SentrelAgentMsg, seq)], &report.seq, sizeof(report.seq));
 }
@@ -110,6 +111,8 @@ void ReportStore::PutBack(const Batch& batch)
         const auto found = std::find(unanswered_.begin(), unanswered_.end(), report);
         if (found != unanswered_.end()) {  // otherwise it was answered nevertheless
             report->isWaiting = true;
+            --report->sendings;
+            account_.repeats -= report->sendings > 0 && report != notice_ ? 1 : 0;
             waiting_.splice(place, unanswered_, found);
         }
     }

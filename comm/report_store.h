@@ -20,11 +20,12 @@ namespace NEUtils {
 class ReportStore {
 public:
     struct Report {
-        std::shared_ptr<std::string> message;  // with its header; once sent, the channel has a share in it
+        std::shared_ptr<std::string> message;  // with its header
         std::uint32_t seq = 0;
         std::int64_t sentNs = 0;
         unsigned int sendings = 0;
         bool isWaiting = true;
+        bool isShared = false;  // the channel may have a share in the message
     };
     using ReportPtr = std::shared_ptr<Report>;
     using Batch = std::vector<ReportPtr>;

@@ -182,8 +182,13 @@ TEST(ReportStoreTest, JoinsUpToTheLimitsAndKeepsTheOrder)
     EXPECT_EQ(store.TakeNext(1).size(), 1U);  // longer than a batch, alone
     const auto second = store.TakeNext(1);
     ASSERT_EQ(second.size(), 2U);
+    const auto message = second[0]->message;
     store.PutBack(second);
+    store.Hold();  // what was not sent is neither held back nor a repeat
     EXPECT_EQ(store.TakeNext(1), second);
+    EXPECT_NE(second[0]->message, message);  // the channel may still have it
+    EXPECT_EQ(store.GetAccount().repeats, 0U);
+    EXPECT_TRUE(store.EndHold());
     EXPECT_EQ(store.TakeNext(1).size(), 197U);  // 200 unanswered
     EXPECT_TRUE(store.TakeNext(1).empty());
     EXPECT_EQ(store.TakeBackAll().size(), 200U);
