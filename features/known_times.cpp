@@ -20,7 +20,7 @@ std::string Piece(const char* name, std::int64_t timeMs)
 
 std::string Difference(const char* name, std::int64_t before, std::int64_t now)
 {
-    return before == now ? "" : "o" + Piece(name, before) + Piece(name, now);
+    return before == now ? "" : std::string("o").append(Piece(name, before)).append(Piece(name, now));
 }
 
 }  // namespace
