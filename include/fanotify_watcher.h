@@ -12,8 +12,8 @@
 
 namespace NEUtils {
 
-// Tells which process touched a file, for files and folders that are marked. What the agent itself does to
-// them is told in an INFO record instead: marking the folder of the agent's own log makes a loop of them.
+// Says which process touched a file, for files and directories that are marked. What the agent itself does to
+// them is only logged (INFO): marking the directory of the agent's own log makes a loop of such logs.
 // Ask for no permission events (FAN_OPEN_PERM and the like): nobody answers them, so the process that
 // touches the file would hang.
 //
@@ -33,8 +33,8 @@ namespace NEUtils {
 class NEUTILS_API FanotifyWatcher {
 public:
     // Process id, path, FAN_ bits, whether these hold FAN_ONDIR. The kernel sets that bit only where events
-    // carry file handles, so here folders come without it: look at the path. What the callback throws leaves
-    // HandleEvent, and the events that were read together with that one are dropped.
+    // carry file handles, so here directories come without it: look at the path. What the callback throws
+    // leaves HandleEvent, and the events that were read together with that one are dropped.
     using Callback = std::function<void(int, const std::string&, std::uint64_t, bool)>;
 
     FanotifyWatcher() = default;
@@ -47,7 +47,7 @@ public:
     bool Init(Callback callback);
     void DeInit();
 
-    // Marks a file, or a folder with what is directly in it. Links are followed.
+    // Marks a file, or a directory with what is directly in it. Links are followed.
     bool AddWatch(const std::string& path, std::uint32_t mask) const;
     // Takes bits off a mark.
     void RmWatch(const std::string& path, std::uint32_t mask) const;

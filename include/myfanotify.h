@@ -9,7 +9,7 @@
 #include "neutils_api.h"
 
 // Fanotify by functions: a record, marks on whole trees, and a loop body for a thread. FanotifyWatcher
-// (fanotify_watcher.h) tells what holds here too, about permission events, rights and limits.
+// (fanotify_watcher.h) says what holds here too, about permission events, rights and limits.
 //
 // Threads  none of them locks; marks may be added while another thread runs the loop.
 // Errors   logged; the functions give 0 for success and 1 for failure.
@@ -34,15 +34,15 @@ struct FANOTIFY_LOOP_CONTEXT {
 // is in the record nevertheless.
 NEUTILS_API int InitFanotifyEvent(FANOTIFY_EVENT* event, FanotifyCallback callback);
 
-// Marks a file, or a folder with its subfolders (see FanotifyAddWatchDir) and what is directly in them.
+// Marks a file, or a directory with its subdirectories (see FanotifyAddWatchDir) and what is directly in them.
 NEUTILS_API int FanotifyAddWatch(const FANOTIFY_EVENT* event, const char* path, std::uint64_t mask);
 
-// Marks the subfolders of a folder, not the folder itself, as far down as a path of five '/'. The path should
-// begin with one: whether an entry is a folder is looked up from the working directory, not from dirFd. Links
-// are followed. The first failure ends it, and what is marked by then stays so.
+// Marks the subdirectories of a directory, not the directory itself, as far down as a path of five '/'. The path
+// should begin with one: whether an entry is a directory is looked up from the working directory, not from dirFd.
+// Links are followed. The first failure ends it, and what is marked by then stays so.
 NEUTILS_API int FanotifyAddWatchDir(int fd, unsigned int flags, std::uint64_t mask, int dirFd, const char* path);
 
-// Joins a folder's path and an entry's name. 1 for "." and "..", and for what does not fit.
+// Joins a directory's path and an entry's name. 1 for "." and "..", and for what does not fit.
 NEUTILS_API int FanotifyGetEntryPath(const dirent* entry, const char* dir, char* out, std::size_t size);
 
 // The number of '/' in a path; 255 for null.

@@ -81,7 +81,7 @@ bool FanotifyWatcher::AddWatch(const std::string& path, std::uint32_t mask) cons
         return false;
     }
     if (S_ISDIR(status.st_mode)) {
-        mask |= kFanotifyFolderMask;
+        mask |= kFanotifyDirectoryMask;
     }
     if (fanotify_mark(fd_, FAN_MARK_ADD, mask, AT_FDCWD, path.c_str()) != 0) {
         NE_LOG(ERROR, "Add fanotify watch for file failed.[file=%s]", path.c_str());
@@ -96,7 +96,7 @@ void FanotifyWatcher::RmWatch(const std::string& path, std::uint32_t mask) const
     if (!enabled_) {
         return;
     }
-    // Kept: the two bits that AddWatch adds for a folder are not taken off.
+    // Kept: the two bits that AddWatch adds for a directory are not taken off.
     if (fanotify_mark(fd_, FAN_MARK_REMOVE, mask, AT_FDCWD, path.c_str()) != 0) {
         NE_LOG(ERROR, "Remove fanotify watch for file failed.[file=%s]", path.c_str());
         return;

@@ -33,13 +33,13 @@ struct CloseDir {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 
-bool IsFolder(const char* path)
+bool IsDirectory(const char* path)
 {
     struct stat status = {};
     return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Marks a folder and those below it.
+// Marks a directory and those below it.
 bool MarkTree(int fd, unsigned int flags, std::uint64_t mask, int dirFd, const char* path)
 {
     if (fanotify_mark(fd, flags, mask, dirFd, path) != 0) {
@@ -158,7 +158,7 @@ int FanotifyAddWatchDir(int fd, unsigned int flags, std::uint64_t mask, int dirF
     }
     char entryPath[PATH_MAX];
     while (const dirent* entry = readdir(dir.get())) {
-        if (FanotifyGetEntryPath(entry, path, entryPath, std::size(entryPath)) == 0 && IsFolder(entryPath) &&
+        if (FanotifyGetEntryPath(entry, path, entryPath, std::size(entryPath)) == 0 && IsDirectory(entryPath) &&
             !MarkTree(fd, flags, mask, dirFd, entryPath)) {
             return 1;
         }
@@ -177,16 +177,16 @@ int FanotifyAddWatch(const FANOTIFY_EVENT* event, const char* path, std::uint64_
         NE_LOG(ERROR, "Can not stat file.[path=%s errorInfo=%s]", path, ErrnoText(error).Get());
         return 1;
     }
-    const bool folder = S_ISDIR(status.st_mode);
-    if (folder) {
-        mask |= kFanotifyFolderMask;
+    const bool isDirectory = S_ISDIR(status.st_mode);
+    if (isDirectory) {
+        mask |= kFanotifyDirectoryMask;
     }
     if (fanotify_mark(event->fd, FAN_MARK_ADD, mask, AT_FDCWD, path) != 0) {
         NE_LOG(ERROR, "Fanotify mark failed.[file=%s]", path);
         return 1;
     }
     NE_LOG(DEBUG, "Add fanotify watch for file succeed. [file=%s]", path);
-    return folder ? FanotifyAddWatchDir(event->fd, FAN_MARK_ADD, mask, AT_FDCWD, path) : 0;
+    return isDirectory ? FanotifyAddWatchDir(event->fd, FAN_MARK_ADD, mask, AT_FDCWD, path) : 0;
 }
 
 int FanotifyLoop(void* context)

@@ -22,9 +22,9 @@ static void CollectPlain(long pid, const char* path, std::uint32_t mask)
     }
 }
 
-static void Collect(int pid, const std::string& path, std::uint64_t mask, bool folder)
+static void Collect(int pid, const std::string& path, std::uint64_t mask, bool directory)
 {
-    CollectPlain(pid, (path + (folder ? " folder" : "")).c_str(), static_cast<std::uint32_t>(mask));
+    CollectPlain(pid, (path + (directory ? " directory" : "")).c_str(), static_cast<std::uint32_t>(mask));
 }
 
 static long Descriptors()
@@ -43,16 +43,16 @@ static void Limited(int first, const std::function<void()>& body)
     setrlimit(RLIMIT_NOFILE, &old);
 }
 
-// Another process reads a folder and writes a file in it; gives the events of that.
-static Strings Touch(const std::string& folder, const std::string& file)
+// Another process reads a directory and writes a file in it; gives the events of that.
+static Strings Touch(const std::string& directory, const std::string& file)
 {
     const pid_t pid = Fork([&] {
-        const fs::directory_iterator entries(folder);
+        const fs::directory_iterator entries(directory);
         Write(file, "x");
         return 0;
     });
     Wait(pid);
-    return {std::to_string(pid) + " " + folder + " 32", std::to_string(pid) + " " + file + " 40"};
+    return {std::to_string(pid) + " " + directory + " 32", std::to_string(pid) + " " + file + " 40"};
 }
 
 // How many marks of a mask, or of any, the kernel knows for a descriptor.
@@ -92,7 +92,7 @@ struct FanotifyTest : testing::Test {
     }
 
     const TempDir dir_;
-    const std::string& folder_ = dir_.Path();
+    const std::string& directory_ = dir_.Path();
     const std::string file_ = dir_ / "file";
     const Records records_;
     FanotifyWatcher watcher_;
@@ -104,29 +104,29 @@ struct FanotifyTest : testing::Test {
 TEST_F(FanotifyTest, WatcherTellsWhoTouchedWhat)
 {
     EXPECT_FALSE(watcher_.Poll() || watcher_.AddWatch("", kWanted) || watcher_.AddWatch(file_, kWanted));
-    EXPECT_FALSE(watcher_.AddWatch(folder_, FAN_CREATE));  // not to be had with descriptors
-    ASSERT_TRUE(watcher_.AddWatch(folder_, kWanted));
+    EXPECT_FALSE(watcher_.AddWatch(directory_, FAN_CREATE));  // not to be had with descriptors
+    ASSERT_TRUE(watcher_.AddWatch(directory_, kWanted));
     EXPECT_EQ(Marks(watcher_.GetFd(), "48000028"), 1);
-    const Strings events = Touch(folder_, file_);
+    const Strings events = Touch(directory_, file_);
     EXPECT_TRUE(watcher_.Poll());
     watcher_.HandleEvent();
     Write(file_, "own");
     watcher_.HandleEvent();
     EXPECT_EQ(g_events, events);
-    Touch(folder_, file_);
+    Touch(directory_, file_);
     Limited(0, [&] {
         EXPECT_FALSE(watcher_.Poll());
         watcher_.HandleEvent();
     });
-    watcher_.RmWatch(folder_, kWanted);
+    watcher_.RmWatch(directory_, kWanted);
     EXPECT_EQ(Marks(watcher_.GetFd(), "48000000"), 1);  // kept
     watcher_.RmWatch("/none", FAN_OPEN);
-    const Strings told = {"ERROR Add fanotify watch for file failed.[file=" + folder_ + "]",
-                          "DEBUG Add fanotify watch for file succeed. [file=" + folder_ + "]",
+    const Strings told = {"ERROR Add fanotify watch for file failed.[file=" + directory_ + "]",
+                          "DEBUG Add fanotify watch for file succeed. [file=" + directory_ + "]",
                           "INFO The file is modified by its own process.[file=" + file_ + "]",
                           "ERROR Poll fanotify event failed.[errorInfo=Invalid argument]",
                           "ERROR Can not read event.[reason=Too many open files]",
-                          "DEBUG Remove fanotify watch for file succeed. [file=" + folder_ + "]",
+                          "DEBUG Remove fanotify watch for file succeed. [file=" + directory_ + "]",
                           "ERROR Remove fanotify watch for file failed.[file=/none]"};
     EXPECT_EQ(records_.Lines(), told);
     EXPECT_EQ(Descriptors(), before_);
@@ -143,7 +143,7 @@ TEST_F(FanotifyTest, RecordsAreTakenWholeAndTheirDescriptorsClosed)
         EXPECT_TRUE(std::ssize(g_events) == whole && Descriptors() == before_ + 3 - whole) << cut;
         std::for_each(fds + whole, std::end(fds), &close);
     }
-    EXPECT_TRUE(Contains(g_events[0], " folder"));
+    EXPECT_TRUE(Contains(g_events[0], " directory"));
     EXPECT_TRUE(Handle(Record(-1, 24, 2) + Record(4000)));  // an overflow; a file whose path cannot be read
     EXPECT_TRUE(watcher_.HandleEvent(nullptr, 24) && watcher_.HandleEvent("", -1));
     EXPECT_TRUE(g_events.size() == 3 && records_.Lines().empty());
@@ -158,7 +158,7 @@ TEST_F(FanotifyTest, RecordsAreTakenWholeAndTheirDescriptorsClosed)
 // A stale descriptor number may by then be somebody else's.
 TEST_F(FanotifyTest, LifecycleClosesItsOwnDescriptorOnce)
 {
-    ASSERT_TRUE(watcher_.AddWatch(folder_, kWanted) && watcher_.Init(&Collect) && FanotifyWatcher().Init(&Collect));
+    ASSERT_TRUE(watcher_.AddWatch(directory_, kWanted) && watcher_.Init(&Collect) && FanotifyWatcher().Init(&Collect));
     EXPECT_FALSE(watcher_.Init(nullptr) || FanotifyWatcher().Init(nullptr));
     EXPECT_TRUE(Marks(watcher_.GetFd(), "") == 0 && Descriptors() == before_);
     const int number = watcher_.GetFd();
@@ -167,7 +167,7 @@ TEST_F(FanotifyTest, LifecycleClosesItsOwnDescriptorOnce)
     watcher_.DeInit();
     EXPECT_TRUE(stranger.Get() == number && fcntl(number, F_GETFD) != -1);
     EXPECT_EQ(records_.Count("INFO The fanotify monitoring function is disabled."), 2);
-    EXPECT_FALSE(watcher_.Poll() || watcher_.AddWatch(folder_, kWanted));
+    EXPECT_FALSE(watcher_.Poll() || watcher_.AddWatch(directory_, kWanted));
     const int status = Wait(Fork([this] {
         close(0);
         const bool zero = watcher_.Init(&Collect) && watcher_.GetFd() == 0;
@@ -180,25 +180,25 @@ TEST_F(FanotifyTest, LifecycleClosesItsOwnDescriptorOnce)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(FanotifyTest, OlderInterfaceMarksFoldersFiveLevelsDeep)
+TEST_F(FanotifyTest, OlderInterfaceMarksDirectoriesFiveLevelsDeep)
 {
-    const int level = DirLevel(folder_.c_str());
-    ASSERT_LT(level, 5) << "the temporary folder lies too deep";
+    const int level = DirLevel(directory_.c_str());
+    ASSERT_LT(level, 5) << "the temporary directory lies too deep";
     fs::create_directories(dir_ / "1/2/3/4/5/6");
-    fs::create_directory_symlink(folder_, dir_ / "1/up");  // a way round in the tree ends there too
+    fs::create_directory_symlink(directory_, dir_ / "1/up");  // a way round in the tree ends there too
     Write(file_, "x");
-    ASSERT_EQ(FanotifyAddWatch(&event_, folder_.c_str(), kWanted), 0);
+    ASSERT_EQ(FanotifyAddWatch(&event_, directory_.c_str(), kWanted), 0);
     EXPECT_EQ(Marks(event_.fd, "48000028"), 6 - level);
     EXPECT_TRUE(records_.Has("DEBUG Add fanotify watch for dir succeed. [file=" + (dir_ / "1") + "]"));
     ASSERT_EQ(FanotifyAddWatch(&event_, file_.c_str(), kWanted), 0);
     EXPECT_EQ(records_.Lines().back(), "DEBUG Add fanotify watch for file succeed. [file=" + file_ + "]");
-    const auto markFolders = [this](std::uint64_t mask) {
-        EXPECT_EQ(FanotifyAddWatchDir(event_.fd, FAN_MARK_ADD, mask, AT_FDCWD, folder_.c_str()), 1);
+    const auto markDirectories = [this](std::uint64_t mask) {
+        EXPECT_EQ(FanotifyAddWatchDir(event_.fd, FAN_MARK_ADD, mask, AT_FDCWD, directory_.c_str()), 1);
         return records_.Lines().back();
     };
-    EXPECT_EQ(markFolders(FAN_CREATE), "ERROR Fanotify mark failed.");
+    EXPECT_EQ(markDirectories(FAN_CREATE), "ERROR Fanotify mark failed.");
     const int next = UniqueFd(dup(0)).Get();
-    Limited(next + 1, [&] { EXPECT_EQ(markFolders(kWanted), "ERROR Fanotify add watch dir failed."); });
+    Limited(next + 1, [&] { EXPECT_EQ(markDirectories(kWanted), "ERROR Fanotify add watch dir failed."); });
     EXPECT_EQ(FanotifyAddWatch(&event_, file_.c_str(), FAN_CREATE) + FanotifyAddWatch(&event_, "/none", kWanted), 2);
     EXPECT_TRUE(records_.Has("ERROR Fanotify mark failed.[file=" + file_ + "]") &&
                 records_.Has("ERROR Can not stat file.[path=/none errorInfo=No such file or directory]"));
@@ -208,14 +208,14 @@ TEST_F(FanotifyTest, OlderInterfaceMarksFoldersFiveLevelsDeep)
 TEST_F(FanotifyTest, LoopHandsEventsOfOthersToItsCallback)
 {
     FANOTIFY_LOOP_CONTEXT loop = {&event_, &CollectPlain, 0};
-    ASSERT_EQ(FanotifyAddWatch(&event_, folder_.c_str(), kWanted), 0);
+    ASSERT_EQ(FanotifyAddWatch(&event_, directory_.c_str(), kWanted), 0);
     Write(file_, "own");
-    const Strings events = Touch(folder_, file_);
+    const Strings events = Touch(directory_, file_);
     EXPECT_EQ(FanotifyLoop(&loop), 0);
     EXPECT_EQ(FanotifyLoop(&loop), 0);  // nothing there
     EXPECT_EQ(g_events, events);
     g_throws = true;
-    Touch(folder_, file_);
+    Touch(directory_, file_);
     EXPECT_THROW(FanotifyLoop(&loop), std::runtime_error);
     EXPECT_EQ(Descriptors(), before_);
     Limited(0, [&] { EXPECT_EQ(FanotifyLoop(&loop), -1); });
