@@ -2,6 +2,7 @@
 // files.
 #include <sys/inotify.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -20,10 +21,12 @@
 #include "logger.h"
 #include "loop_thread.h"
 #include "monitor.h"
+#include "monitor_manager.h"
 #include "own_files.h"
 #include "policy_text.h"
 #include "util/clock.h"
 #include "util/key_lines.h"
+#include "util/rate_limiter.h"
 
 namespace {
 
@@ -33,6 +36,7 @@ using NEUtils::Monitor::FileWatchRule;
 using NEUtils::Monitor::WatchState;
 
 constexpr int kCountMs = 5000;
+constexpr std::int64_t kRetryMs = 60000;
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U;
 constexpr std::uint32_t kContentChange = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO;
 
@@ -86,6 +90,11 @@ void LogDigest(const std::string& path, Sha256::Result result, const std::string
         .Send("path", NEUtils::kTagPath, path);
 }
 
+std::uint64_t OverflowsOfMonitor()
+{
+    return NEUtils::MonitorManager::GetInstance().GetInotifyMonitor().GetOverflowCount();
+}
+
 // Watches as long as it lives.
 class FileIntegrity {
 public:
@@ -101,6 +110,7 @@ public:
     ~FileIntegrity()
     {
         ticker_.Stop();
+        CountOverflows();
         for (const Watched& watched : rules_) {
             if (watched.isAdded) {
                 NEUtils::Monitor::RemoveMonitor(watched.rule, NEUtils::Monitor::kInotifyMonitor);
@@ -114,19 +124,18 @@ public:
     FileIntegrity& operator=(const FileIntegrity&) = delete;
 
     // As far as it can; false if the monitor takes none of the rules, and it says why. A path that is missing is
-    // waited for.
+    // waited for, and a rule that was refused is tried again.
     bool Watch()
     {
-        bool isAny = false;
-        for (Watched& watched : rules_) {
-            watched.isAdded = NEUtils::Monitor::AddMonitor(watched.rule, NEUtils::Monitor::kInotifyMonitor);
-            isAny = isAny || watched.isAdded;
-            KeepCurrentThreadAlive();  // a large tree takes its time
-        }
+        AddRules();
         Count();
+        const bool isAny =
+            std::any_of(rules_.begin(), rules_.end(), [](const Watched& watched) { return watched.isAdded; });
         return isAny && ticker_.Start("FileIntegrity", [this](int stopFd) {
-            WaitFor(stopFd, kCountMs);
-            Count();
+            if (!WaitFor(stopFd, kCountMs)) {
+                AddRules();
+                Count();
+            }
         });
     }
 
@@ -139,9 +148,24 @@ private:
 
     static void OnChange(const FileEvent& event, void* self) { static_cast<FileIntegrity*>(self)->Handle(event); }
 
+    // Those that the monitor does not have, once a minute: it may have room for them now.
+    void AddRules()
+    {
+        if (!attempts_.Allow(NEUtils::Clock::MonotonicNs() / NEUtils::Clock::kNsPerMs)) {
+            return;
+        }
+        for (Watched& watched : rules_) {
+            if (NEUtils::Monitor::GetWatchState(watched.rule) == NEUtils::Monitor::kNotWatched) {
+                watched.isAdded = NEUtils::Monitor::AddMonitor(watched.rule, NEUtils::Monitor::kInotifyMonitor);
+                KeepCurrentThreadAlive();  // a large tree takes its time
+            }
+        }
+    }
+
     // Before the ticker runs, then on it alone.
     void Count()
     {
+        CountOverflows();
         std::uint64_t watches = 0;
         for (Watched& watched : rules_) {
             const WatchState state = NEUtils::Monitor::GetWatchState(watched.rule);
@@ -154,11 +178,18 @@ private:
         counters_.lacking = rules_.size() - watches;
     }
 
+    // What has changed is found by comparing, but what came and went, or was only read, is not.
+    void CountOverflows()
+    {
+        const std::uint64_t overflows = OverflowsOfMonitor();
+        counters_.overflows += overflows - std::min(overflows, std::exchange(overflows_, overflows));
+    }
+
     static void LogState(const Watched& watched)
     {
         const char* path = watched.rule.path.c_str();
         if (watched.state == NEUtils::Monitor::kWatching) {
-            NE_LOG(INFO, "Files are watched.[path=%s recursive=%d]", path, watched.rule.recursive ? 1 : 0);
+            NE_LOG(INFO, "Files are watched.[recursive=%d path=%s]", watched.rule.recursive ? 1 : 0, path);
         } else if (watched.state == NEUtils::Monitor::kWaiting) {
             NE_LOG(WARN, "Path to be watched is not there, it is waited for.[path=%s]", path);
         }
@@ -204,6 +235,8 @@ private:
     KnownTimes times_;
     const std::uint64_t digestMaxBytes_;
     std::vector<Watched> rules_;
+    NEUtils::RateLimiter attempts_{kRetryMs};
+    std::uint64_t overflows_ = OverflowsOfMonitor();
     DigestQueue digests_;
     LoopThread ticker_;
 };

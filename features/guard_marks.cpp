@@ -90,8 +90,8 @@ void GuardMarks::LookAt(std::size_t number)
     if (names_.GetFd() >= 0 && !names_.Follow(number, guard.rule.path)) {
         const int error = errno;
         if (faultLogs_.Allow(NowMs())) {
-            NE_LOG(WARN, "Guarded file that is replaced is noticed within a minute only.[path=%s errorInfo=%s]",
-                   guard.rule.path.c_str(), NEUtils::ErrnoText(error).Get());
+            NE_LOG(WARN, "Guarded file that is replaced is noticed within a minute only.[errorInfo=%s path=%s]",
+                   Quoted(NEUtils::ErrnoText(error).Get()).c_str(), guard.rule.path.c_str());
         }
     }
     if (Mark(guard) && guard.state == kMarked && ++marks_ > kMostOldMarks) {
@@ -132,10 +132,12 @@ GuardMarks::State GuardMarks::TryMark(Guard& guard, Identity& identity)
     return kRefused;
 }
 
-// Each mark holds a file in the kernel's memory: whoever replaces files could use that up.
+// Each mark holds a file in the kernel's memory: whoever replaces files could use that up. The kernel takes all marks
+// off at once, so uses until they are set again are not seen: a loss of unknown size.
 void GuardMarks::ForgetOldMarks()
 {
     marks_ = 0;
+    ++counters_.overflows;
     fanotify_mark(watcher_.GetFd(), FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr);
     for (Guard& guard : guards_) {
         Mark(guard);

@@ -19,8 +19,9 @@
 // takes the name, as editors and passwd do it, that one is marked too, and the change is logged and reported.
 //
 // Threads  Start before the others; then one.
-// Limits   a file that was moved away stays guarded until some 256 others have come; after that it is forgotten. A
-//          change that NameWatch does not notice is found within a minute. A path's changes are logged once a second.
+// Limits   a file that was moved away stays guarded until some 256 others have come; after that it is forgotten. Uses
+//          of any guarded file at that moment are not seen, which counts as an overflow. A change that NameWatch does
+//          not notice is found within a minute. A path's changes are logged once a second.
 class GuardMarks {
 public:
     GuardMarks(const NEUtils::FanotifyWatcher& watcher, NEUtils::FeatureCounters& counters)
