@@ -226,6 +226,7 @@ TEST(RepeatsTest, CountsEachEventOnce)
         std::uint64_t limit;
         std::vector<std::pair<std::int64_t, int>> bursts;  // when, how many
         std::vector<int> singles;                          // of each burst
+        bool haveOtherNames = false;
     } rows[] = {
         {"no limit", 0, {{0, 500}}, {500}},
         {"up to the limit", 3, {{0, 3}, {kSecond, 3}}, {3, 3}},
@@ -235,6 +236,11 @@ TEST(RepeatsTest, CountsEachEventOnce)
         {"a pause ends it", 3, {{0, 5}, {2 * kSecond, 3}}, {3, 3}},
         {"within the second", 3, {{0, 2}, {kSecond - 1, 2}}, {2, 1}},
         {"a processor whose clock is behind", 3, {{10, 2}, {0, 2}}, {2, 1}},
+        {"other names of one parent",
+         3,
+         {{0, 35}, {kSecond, 35}, {2 * kSecond, 2}, {3 * kSecond, 30}},
+         {30, 0, 0, 30},
+         true},
     };
     for (const auto& row : rows) {
         Repeats repeats(row.limit);
@@ -243,7 +249,10 @@ TEST(RepeatsTest, CountsEachEventOnce)
             const auto [time, count] = row.bursts[i];
             int singles = 0;
             for (int k = 0; k < count; ++k) {
-                singles += repeats.Admit({kProcessExecuted, 1, "p", "", 0, time}, time) ? 1 : 0;
+                singles +=
+                    repeats.Admit({kProcessExecuted, 1, row.haveOtherNames ? std::to_string(k) : "", "", 0, time}, time)
+                        ? 1
+                        : 0;
             }
             EXPECT_EQ(singles, row.singles[i]) << row.name << " " << i;
             counted += static_cast<std::uint64_t>(count - singles);
@@ -252,6 +261,7 @@ TEST(RepeatsTest, CountsEachEventOnce)
         for (int take = 0; take < 3; ++take) {  // the later ones find nothing
             for (const Repeats::Sum& sum : repeats.Take()) {
                 summed += sum.count;
+                EXPECT_EQ(sum.program, row.haveOtherNames ? "(several)" : "");
             }
         }
         EXPECT_EQ(summed, counted) << row.name;
