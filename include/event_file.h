@@ -13,7 +13,8 @@ namespace NEUtils {
 // never waits for the disk. A full file is rolled: <path> becomes <path>.1, that becomes <path>.2, and so on.
 //
 // A file that is there at the start goes on. One that somebody moves away or removes is made anew. While the disk is
-// full, lines wait here, and the next line tries again, once a second; one that was cut goes on where it stopped.
+// full, lines wait here. The next line, or whoever asks for the fault, tries again, once a second; one that was cut
+// goes on where it stopped.
 //
 // Threads  any; Open and Close belong to the owner of the process. Needs ThreadPool::GetInstance(), started: until
 //          then lines wait.
@@ -55,7 +56,8 @@ public:
     };
     [[nodiscard]] Figures GetFigures() const;
 
-    // Why the last attempt to write has failed; empty where it has not.
+    // Why the last attempt to write has failed; empty where it has not. Where lines wait, it makes the pool try again:
+    // ask now and then, or they wait for the next line.
     [[nodiscard]] std::string GetFault() const;
 
 private:

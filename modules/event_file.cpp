@@ -46,7 +46,7 @@ public:
     void Close();
     bool Write(const std::string& line);
     Figures GetFigures() const;
-    std::string GetFault() const;
+    std::string GetFault();
     std::string GetPath() const;
 
 private:
@@ -132,7 +132,7 @@ bool EventFile::Writer::Write(const std::string& line)
         }
         waiting_.append(line).push_back('\n');
     }
-    job_.Request();  // where the pool refuses, the next line asks again
+    job_.Request();  // where the pool refuses, the next line or GetFault asks again
     return true;
 }
 
@@ -142,10 +142,20 @@ EventFile::Figures EventFile::Writer::GetFigures() const
     return {written_, dropped_, waiting_.size() + takenSize_};
 }
 
-std::string EventFile::Writer::GetFault() const
+// Lines that wait may wait for a disk that has room again, or for a place in the pool.
+std::string EventFile::Writer::GetFault()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return fault_;
+    std::string fault;
+    bool hasLines = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        fault = fault_;
+        hasLines = waiting_.size() + takenSize_ > 0;
+    }
+    if (hasLines) {
+        job_.Request();
+    }
+    return fault;
 }
 
 std::string EventFile::Writer::GetPath() const
