@@ -188,7 +188,7 @@ show_files() {
     expect 'its digest' \
         holds "$collectorLog" ' sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 .*/folder/file$'
     touch_file ' file action=attrib change="oaccess=33188 access=33152 " path=.*/file$' chmod 600 "$tree/folder/file"
-    touch_file ' file action=rename oldPath=.*/folder/file path=.*/tree/renamed$' mv "$tree/folder/file" "$tree/renamed"
+    touch_file ' file action=rename .*oldPath=.*/folder/file path=.*/tree/renamed$' mv "$tree/folder/file" "$tree/renamed"
     touch_file ' file action=delete path=.*/tree/renamed$' rm "$tree/renamed"
     grep ' file action=' "$collectorLog" | sed 's/^/    /'
 
