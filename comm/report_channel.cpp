@@ -45,8 +45,12 @@ bool ReportChannel::Send(const ReportStore::Batch& batch)
 bool ReportChannel::SendHeartbeat(std::uint32_t seq)
 {
     const SentrelAgentMsg message = {kMsgVersion, kMsgHeartbeat, seq, 0};
-    return HandleAnswers(ResponseType(kMsgHeartbeat)) &&
-           channel_->SendMessage(reinterpret_cast<const char*>(&message), sizeof(message)) == kSendDone;
+    try {
+        return HandleAnswers(ResponseType(kMsgHeartbeat)) &&
+               channel_->SendMessage(reinterpret_cast<const char*>(&message), sizeof(message)) == kSendDone;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void ReportChannel::DropRequests(const ReportStore::Numbers& numbers) const

@@ -309,7 +309,11 @@ bool ReportQueue::Members::SendHeartbeat(Lock& lock)
 {
     const std::uint32_t seq = NextMsgSeq();
     watch.OnHeartbeat(seq);
-    return SendUnlocked(lock, [&] { return channel->SendHeartbeat(seq); });
+    const bool done = SendUnlocked(lock, [&] { return channel->SendHeartbeat(seq); });
+    if (!done && watch.TakeHeartbeat(seq)) {  // so that another one goes out
+        channel->DropRequests({seq});
+    }
+    return done;
 }
 
 template <typename Function>
