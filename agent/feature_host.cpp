@@ -114,8 +114,7 @@ void FeatureHost::Reload()
 void FeatureHost::ReloadOne(const std::string& feature, const Policy& policy)
 {
     const Policy held = Policies()[feature];
-    const bool isOn = manager_.IsRunable(feature);
-    if (held.enable == policy.enable && held.policy == policy.policy && isOn == policy.enable) {
+    if (held.enable == policy.enable && held.policy == policy.policy && IsAsWanted(feature, policy)) {
         return;
     }
     const Outcome outcome = Change(feature, policy);
