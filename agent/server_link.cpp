@@ -50,6 +50,7 @@ void ServerLink::AddProblems(Problems& problems) const
     problems.AddIf(state == "down", "server", "no connection to the server");
     problems.AddIf(state == "silent" && steady_clock::now() - answered_.load() > kSilenceLimit, "server",
                    "the server does not answer");
+    problems.AddIf(state == "up" && leavesReports_, "reports", "the server answers no reports");
 }
 
 void ServerLink::Check()
@@ -75,9 +76,14 @@ void ServerLink::Check()
 
 void ServerLink::Look()
 {
-    if (NEUtils::ReportQueue::GetInstance().IsServerAnswering()) {
+    auto& queue = NEUtils::ReportQueue::GetInstance();
+    const bool isUp = queue.IsServerAnswering();
+    if (isUp) {
         answered_ = steady_clock::now();
     }
+    const NEUtils::ReportAccount account = queue.GetAccount();
+    leavesReports_ =
+        answerWatch_.Look(isUp, account.waiting + account.unanswered, account.acknowledged, steady_clock::now());
     if (!plan_.IsDue(channel_->StatusCheck(), steady_clock::now())) {
         return;
     }

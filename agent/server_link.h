@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "answer_watch.h"
 #include "problems.h"
 #include "retry_plan.h"
 #include "socket_comm.h"
@@ -37,12 +38,14 @@ private:
 
     std::atomic<bool> isOn_{false};
     std::atomic<RetryPlan::Time> answered_{std::chrono::steady_clock::now()};  // when the server was seen to answer
+    std::atomic<bool> leavesReports_{false};                                   // unanswered, though the server is up
     const std::shared_ptr<NEUtils::SocketComm> channel_ = std::make_shared<NEUtils::SocketComm>();
 
     std::array<std::uintptr_t, 2> supervised_ = {};  // the link's threads, by the guard
 
     // Of Check alone:
     bool started_ = false;
+    AnswerWatch answerWatch_;
     std::minstd_rand random_{std::random_device()()};
     RetryPlan plan_{[this](RetryPlan::Milliseconds most) {
         return RetryPlan::Milliseconds(std::uniform_int_distribution<long>(0, most.count())(random_));

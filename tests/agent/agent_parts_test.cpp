@@ -2,6 +2,7 @@
 #include <optional>
 
 #include "agent/agent_config.h"
+#include "agent/answer_watch.h"
 #include "agent/feature_host.h"
 #include "agent/last_run.h"
 #include "agent/retry_plan.h"
@@ -50,6 +51,35 @@ TEST(RetryPlanTest, WaitsLongerAfterEachFailure)
     plan.SetResult(true, now);
     EXPECT_FALSE(plan.IsDue(true, now += seconds(11)));
     EXPECT_EQ(delay(), 3000);
+}
+
+TEST(AnswerWatchTest, KnowsAServerThatAnswersNoReports)
+{
+    struct Row {
+        const char* name;
+        int at;  // seconds
+        bool isUp;
+        int unanswered;
+        int answered;
+        bool isStuck;
+    };
+    AnswerWatch watch;
+    const AnswerWatch::Time start = AnswerWatch::Time() + seconds(100000);
+    for (const auto& [name, at, isUp, unanswered, answered, isStuck] : {
+             Row{"the first report", 0, true, 1, 0, false},
+             {"just before the limit", 59, true, 9, 0, false},
+             {"the limit", 60, true, 9, 0, true},
+             {"an answer", 61, true, 8, 1, false},
+             {"a minute after it", 121, true, 8, 1, true},
+             {"nothing to answer", 122, true, 0, 9, false},
+             {"idle for long, then a report", 500, true, 1, 9, false},
+             {"which is not answered", 560, true, 1, 9, true},
+             {"no connection", 561, false, 1, 9, false},
+             {"a new one", 700, true, 1, 9, false},
+             {"a minute later", 760, true, 1, 9, true},
+         }) {
+        EXPECT_EQ(watch.Look(isUp, unanswered, answered, start + seconds(at)), isStuck) << name;
+    }
 }
 
 struct FeatureHostTest : testing::Test {
