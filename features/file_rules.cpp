@@ -119,6 +119,20 @@ std::string CheckExclude(const std::string& pattern, const NEUtils::Monitor::Fil
     return depth > 1 && !rule.recursive ? "has an exclude that needs recursive, '" + pattern + "'" : "";
 }
 
+// An absolute exclude as one below the rule's path, which may lead through a link: the monitor matches real paths.
+std::string BelowRule(const std::string& pattern, const std::string& path)
+{
+    if (pattern[0] != '/') {
+        return pattern;
+    }
+    const std::vector<std::string> parts = PartsOf(pattern);
+    std::string below = ".";
+    for (std::size_t i = PartsOf(path).size(); i < parts.size(); ++i) {
+        below.append("/").append(parts[i]);
+    }
+    return below;
+}
+
 }  // namespace
 
 std::string ParseWatch(const std::string& text, NEUtils::Monitor::FileWatchRule& rule)
@@ -144,6 +158,7 @@ std::string ParseWatch(const std::string& text, NEUtils::Monitor::FileWatchRule&
     }
     for (auto pattern = rule.excludes.begin(); pattern != rule.excludes.end() && fault.empty(); ++pattern) {
         fault = CheckExclude(*pattern, rule);
+        *pattern = fault.empty() ? BelowRule(*pattern, rule.path) : *pattern;
     }
     return fault;
 }

@@ -52,8 +52,8 @@ struct FileWatchRule {
     std::uint32_t mask = 0;  // which IN_ events are wanted; a rename is notified for either half of IN_MOVE,
                              // and the end of the path itself also for IN_DELETE_SELF and IN_MOVE_SELF
     // Shell patterns for what is left out below the path, with the trees of it. One without a slash is for names. One
-    // with a slash is for paths below the rule's path, each part for itself ("sub/*.tmp"); if it begins with one it is
-    // for absolute paths.
+    // with a slash is for paths below the rule's path, each part for itself ("sub/*.tmp", "./cache"); if it begins with
+    // one it is for absolute paths, real ones.
     std::vector<std::string> excludes;
     FileEventCallback callback = nullptr;
     void* userData = nullptr;

@@ -25,7 +25,8 @@ bool Matches(const std::string& pattern, const std::string& path, std::size_t st
 {
     const bool byName = pattern.find('/') == std::string::npos;
     const std::size_t from = byName ? name : pattern[0] == '/' ? 0 : start;
-    return fnmatch(pattern.c_str(), path.substr(from, end - from).c_str(), byName ? 0 : FNM_PATHNAME) == 0;
+    const std::size_t skipped = pattern.compare(0, 2, "./") == 0 ? 2 : 0;
+    return fnmatch(pattern.c_str() + skipped, path.substr(from, end - from).c_str(), byName ? 0 : FNM_PATHNAME) == 0;
 }
 
 }  // namespace

@@ -300,16 +300,17 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
     fs::create_directories(log);
     fs::create_directories(tree_ + "/mount");
     fs::create_directories(tree_ + "/sub/cache");
+    fs::create_directory_symlink(tree_, dir_ / "way");
     Config::ParseConfig("LOG_FILE=" + log + "/own.log", false, {});
     const UniqueFd own(open((log + "/own.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     ASSERT_EQ(mount(log.c_str(), (tree_ + "/mount").c_str(), nullptr, MS_BIND, nullptr), 0);
     Records records;
     manager_.UpdateModulePolicy({{"file_integrity",
                                   {true,
-                                   "watch=" + tree_ +
+                                   "watch=" + dir_ / "way" +
                                        ";recursive;cross-mounts;events=create,delete,rename,write,"
                                        "modify,attrib;exclude=*.tmp,sub/cache," +
-                                       tree_ + "/sub/o*\nwatch=" + late,
+                                       dir_ / "way/sub/o*" + "\nwatch=" + late,
                                    ""}}});
     ASSERT_TRUE(manager_.IsRunable("file_integrity"));
     EXPECT_EQ(FeatureCounters::Of("file_integrity").lacking, 1U);
