@@ -96,6 +96,9 @@ void* HipsThreadInstance::ThreadRoutine(void* instance)
     const std::unique_ptr<std::shared_ptr<HipsThreadInstance>> reference(
         static_cast<std::shared_ptr<HipsThreadInstance>*>(instance));
     HipsThreadInstance& self = **reference;
+    // In a destructor: a routine may end its thread by pthread_exit, which unwinds the stack and does not return.
+    const std::unique_ptr<HipsThreadInstance, void (*)(HipsThreadInstance*)> end(
+        &self, [](HipsThreadInstance* thread) { thread->EndThread(); });
     self.threadId_ = pthread_self();  // the creator may not have stored it yet
     t_current = &self;
     SetThreadName(self.GetName());
@@ -103,13 +106,19 @@ void* HipsThreadInstance::ThreadRoutine(void* instance)
     NE_LOG(INFO, "New thread created.[tid=%lu, name=%s]", static_cast<unsigned long>(pthread_self()),
            self.GetName().c_str());
     self.RunSlices();
+    return nullptr;
+}
+
+void HipsThreadInstance::EndThread()
+{
+    running_ = false;
+    sliceStartNs_ = kNoSlice;
     t_current = nullptr;
     {
-        const std::lock_guard<std::mutex> lock(self.mutex_);
-        self.ended_ = true;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ended_ = true;
     }
-    self.changed_.notify_all();
-    return nullptr;
+    changed_.notify_all();
 }
 
 void HipsThreadInstance::RunSlices()
@@ -121,7 +130,6 @@ void HipsThreadInstance::RunSlices()
             break;
         }
     }
-    running_ = false;
 }
 
 void HipsThreadInstance::SleepThread()

@@ -79,7 +79,8 @@ private:
 //          has ended, also after LetGo.
 // Threads  any may call. Stop joins once; a second caller waits for the first. On the thread itself Stop
 //          only clears the flag and lets the thread go.
-// Errors   what the work throws is logged, and the next slice follows.
+// Errors   what the work throws is logged, and the next slice follows. Work that calls pthread_exit ends the
+//          thread as a non-zero return does.
 class NEUTILS_API HipsThreadInstance final : public HipsBaseInstance,
                                              public std::enable_shared_from_this<HipsThreadInstance> {
 public:
@@ -112,6 +113,7 @@ private:
 
     static void* ThreadRoutine(void* instance);
     void RunSlices();
+    void EndThread();
     void SleepThread();
     int ExecuteThreadSlice();
     bool IsOwnThread() const;

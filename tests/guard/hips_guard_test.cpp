@@ -79,6 +79,10 @@ TEST_F(HipsGuardTest, StopsInEveryState)
     ASSERT_TRUE(Eventually([self] { return !IsHipsThreadRunningEx(self); }));
     EXPECT_TRUE(StopHipsThreadEx(self));  // waits for the thread that was let go
     EXPECT_EQ(g_runs, 1);
+    const auto exits = [](void*) -> int { pthread_exit(nullptr); };
+    const std::uintptr_t exited = CreateHipsThreadEx(exits, nullptr, 0, "exited");
+    ASSERT_TRUE(Eventually([exited] { return !IsHipsThreadRunningEx(exited); }, 5));
+    EXPECT_TRUE(CloseHipsThreadHandleEx(exited));  // the end of the guard waits for it too
 
     g_runs = 0;
     g_hold = true;
