@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <mutex>
 
+#include "guard/guard_log.h"
 #include "logger.h"
 
 namespace NEUtils {
@@ -59,8 +60,10 @@ private:
     pthread_t thread_{};
 };
 
-// A record of the checker, in the form of NE_LOG.
-#define CHECK_LOG(level, ...) \
-    NEUtils::CheckLog::Get().Write((level), NEUTILS_FILE_NAME, static_cast<unsigned int>(__LINE__), __VA_ARGS__)
+// A record of the checker, in the form of NE_LOG; the second one under the guard's name.
+#define CHECK_LOG(level, ...) CHECK_LOG_AS(NEUTILS_FILE_NAME, level, __VA_ARGS__)
+#define GUARD_CHECK_LOG(level, ...) CHECK_LOG_AS(NEUtils::kGuardFile, level, __VA_ARGS__)
+#define CHECK_LOG_AS(file, level, ...) \
+    NEUtils::CheckLog::Get().Write((level), (file), static_cast<unsigned int>(__LINE__), __VA_ARGS__)
 
 }  // namespace NEUtils

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "config.h"
+#include "guard/guard_log.h"
 #include "hips_instance_manager.h"
 #include "hips_resource_manager.h"
-#include "logger.h"
 #include "util/errno_text.h"
 
 namespace NEUtils {
@@ -25,7 +25,7 @@ constexpr double kNoCpuLimit = 1e-15;
 
 void LogNotInitialised()
 {
-    NE_LOG(ERROR, "Hips guard is not initialized.");
+    GUARD_LOG(ERROR, "Hips guard is not initialized.");
 }
 
 }  // namespace
@@ -47,14 +47,14 @@ int HipsGuard::Init(long memLimitKiB, int fdLimit, double cpuPercent)
         phase_ = already ? kOn : kStarting;
     }
     if (already) {
-        NE_LOG(INFO, "Hips guard has been initialized.");
+        GUARD_LOG(INFO, "Hips guard has been initialized.");
         return 0;
     }
     bool done = false;
     try {
         done = SetUp(memLimitKiB, fdLimit, cpuPercent) && StartChecker();
     } catch (const std::exception&) {  // memory has run out
-        NE_LOG(ERROR, "Create resource manager failed.");
+        GUARD_LOG(ERROR, "Create resource manager failed.");
     }
     Advance(kStarting, done ? kOn : kOff);
     return done ? 0 : -1;
@@ -65,7 +65,7 @@ bool HipsGuard::SetUp(long memLimitKiB, int fdLimit, double cpuPercent)
     const auto mainThread = static_cast<unsigned long>(pthread_self());
     HipsInstanceManager* manager = HipsInstanceManager::CreateInstance(mainThread, true, kManagerPeriod);
     if (manager == nullptr) {
-        NE_LOG(ERROR, "Create instance manager failed.");
+        GUARD_LOG(ERROR, "Create instance manager failed.");
         return false;
     }
     manager->Configure(mainThread, true, kManagerPeriod);
@@ -80,7 +80,7 @@ bool HipsGuard::SetUp(long memLimitKiB, int fdLimit, double cpuPercent)
     resources->SetLimits(memory, fdLimit, cpu);
     resources->Update();  // so that there are figures before the checker's first round
     if (given) {
-        NE_LOG(INFO, "Set self resource threshold.[cpu=%f, mem=%ld]", cpu, memLimitKiB);
+        GUARD_LOG(INFO, "Set self resource threshold.[cpu=%f, mem=%ld]", cpu, memLimitKiB);
     }
     const std::lock_guard<std::mutex> lock(mutex_);
     manager_ = manager;
@@ -92,7 +92,7 @@ bool HipsGuard::StartChecker()
 {
     int error = 0;
     if (!checker_.Start(*manager_, resources_, error)) {
-        NE_LOG(ERROR, "Create thread failed.[errorInfo=%s]", ErrnoText(error).Get());
+        GUARD_LOG(ERROR, "Create thread failed.[errorInfo=%s]", ErrnoText(error).Get());
         return false;
     }
     return true;
@@ -190,11 +190,11 @@ std::uintptr_t HipsGuard::Create(int (*routine)(void*), void* arg, int timeSlice
     try {
         handle = CreateHipsThread(routine, arg, timeSliceUs, threadName, resources.get());
     } catch (const std::bad_alloc&) {
-        NE_LOG(ERROR, "Create thread handle failed, not enough memory.");
+        GUARD_LOG(ERROR, "Create thread handle failed, not enough memory.");
     }
     EndCreating();
     if (handle != 0) {
-        NE_LOG(DEBUG, "Create extend thread called.[name=%s]", threadName);
+        GUARD_LOG(DEBUG, "Create extend thread called.[name=%s]", threadName);
     }
     return handle;
 }
@@ -204,17 +204,17 @@ std::uintptr_t HipsGuard::CreateHipsThread(int (*routine)(void*), void* arg, int
 {
     std::unique_ptr<HipsThreadObject> object(new (std::nothrow) HipsThreadObject(routine, arg, timeSliceUs));
     if (object == nullptr) {
-        NE_LOG(ERROR, "Create thread object failed, not enough memory.");
+        GUARD_LOG(ERROR, "Create thread object failed, not enough memory.");
         return 0;
     }
     // The instance owns the object from the moment that its construction begins, also where that throws.
     const ThreadPtr instance(new (std::nothrow) HipsThreadInstance(object.release(), name));
     if (instance == nullptr) {
-        NE_LOG(ERROR, "Alloc instance memory failed.");
+        GUARD_LOG(ERROR, "Alloc instance memory failed.");
         return 0;
     }
     if (!Supervise(handles_, instance, resources)) {
-        NE_LOG(ERROR, "Create thread failed.[name=%s]", name);
+        GUARD_LOG(ERROR, "Create thread failed.[name=%s]", name);
         return 0;
     }
     return static_cast<std::uintptr_t>(instance->GetId());
@@ -233,7 +233,7 @@ bool HipsGuard::Supervise(ByHandle<Instance>& list, const std::shared_ptr<Instan
     if (manager_->AddInstance(instance, resources)) {
         return true;
     }
-    NE_LOG(ERROR, "Add instance failed.");
+    GUARD_LOG(ERROR, "Add instance failed.");
     const std::lock_guard<std::mutex> lock(mutex_);
     list.erase(handle);
     return false;
@@ -264,7 +264,7 @@ std::uintptr_t HipsGuard::Watch(const char* name, PlainThreadInstance::BeatAge b
             handle = static_cast<std::uintptr_t>(instance->GetId());
         }
     } catch (const std::bad_alloc&) {
-        NE_LOG(ERROR, "Create thread handle failed, not enough memory.");
+        GUARD_LOG(ERROR, "Create thread handle failed, not enough memory.");
     }
     EndCreating();
     return handle;
@@ -279,7 +279,7 @@ bool HipsGuard::Unwatch(std::uintptr_t handle)
         instance = found == watched_.end() ? nullptr : found->second;
     }
     if (instance == nullptr) {
-        NE_LOG(ERROR, "Hips guard is not initialized or invalid thread handle.");
+        GUARD_LOG(ERROR, "Hips guard is not initialized or invalid thread handle.");
         return false;
     }
     instance->Stop();
@@ -290,10 +290,10 @@ bool HipsGuard::Close(std::uintptr_t handle)
 {
     const ThreadPtr instance = Find(handle);
     if (instance == nullptr) {
-        NE_LOG(ERROR, "Invalid extend thread handle.");
+        GUARD_LOG(ERROR, "Invalid extend thread handle.");
         return false;
     }
-    NE_LOG(DEBUG, "Close extend thread handle called.");
+    GUARD_LOG(DEBUG, "Close extend thread handle called.");
     try {
         const std::lock_guard<std::mutex> lock(mutex_);
         closed_.erase(
@@ -303,7 +303,7 @@ bool HipsGuard::Close(std::uintptr_t handle)
             closed_.push_back(instance);  // the end of the guard waits for it
         }
     } catch (const std::bad_alloc&) {
-        NE_LOG(ERROR, "Alloc instance memory failed.");
+        GUARD_LOG(ERROR, "Alloc instance memory failed.");
         return false;
     }
     instance->LetGo();
@@ -331,7 +331,7 @@ std::shared_ptr<HipsThreadInstance> HipsGuard::Find(std::uintptr_t handle)
             return found->second;
         }
     }
-    NE_LOG(ERROR, "Hips guard is not initialized or invalid thread handle.");
+    GUARD_LOG(ERROR, "Hips guard is not initialized or invalid thread handle.");
     return nullptr;
 }
 

@@ -80,9 +80,9 @@ void HeartbeatChecker::CheckInRounds()
 
 void HeartbeatChecker::CheckOnce()
 {
-    CHECK_LOG(DEBUG, "......CheckInstance start......");
+    GUARD_CHECK_LOG(DEBUG, "......CheckInstance start......");
     if (!manager_->CheckInstanceList()) {
-        CHECK_LOG(ERROR, "CheckInstance failed.");
+        GUARD_CHECK_LOG(ERROR, "CheckInstance failed.");
     }
     bool updated = false;
     try {
@@ -90,9 +90,9 @@ void HeartbeatChecker::CheckOnce()
     } catch (const std::exception&) {  // memory has run out
     }
     if (!updated) {
-        CHECK_LOG(ERROR, "Update hips resource usage failed.");
+        GUARD_CHECK_LOG(ERROR, "Update hips resource usage failed.");
     }
-    CHECK_LOG(DEBUG, "......CheckInstance end......");
+    GUARD_CHECK_LOG(DEBUG, "......CheckInstance end......");
 }
 
 bool HeartbeatChecker::WaitUntil(Time time)
@@ -103,7 +103,7 @@ bool HeartbeatChecker::WaitUntil(Time time)
 
 void HeartbeatChecker::EndProcess()
 {
-    CHECK_LOG(ERROR, "The main thread has not ended the process, so the guard does.");
+    GUARD_CHECK_LOG(ERROR, "The main thread has not ended the process, so the guard does.");
     CheckLog::Get().WaitUntilWritten();
     struct sigaction standard = {};
     standard.sa_handler = SIG_DFL;

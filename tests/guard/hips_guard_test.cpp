@@ -48,7 +48,7 @@ TEST_F(HipsGuardTest, SlicesComeAfterTheirSleepUntilStopped)
     ASSERT_NE(handle, 0U);
     EXPECT_EQ(g_runs, 0);
     ASSERT_TRUE(Eventually([] { return g_runs >= 3; }));
-    EXPECT_TRUE(records_.Has("DEBUG Create extend thread called.[name=a-name-that-is-too-long]"));
+    EXPECT_EQ(records_.FileOf("DEBUG Create extend thread called.[name=a-name-that-is-too-long]"), "hips_guard.cpp");
     EXPECT_TRUE(IsHipsThreadRunningEx(handle));
     EXPECT_NE(GetHipsThreadIdEx(handle), 0U);
     EXPECT_TRUE(StopHipsThreadEx(handle));

@@ -86,7 +86,7 @@ TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLater)
 {
     const std::uint32_t id = Register(TASK_ONE_SHOT, After(-1));
     EXPECT_EQ(id, 2U);
-    EXPECT_TRUE(records_.Has("DEBUG Register task succecss.[taskId=2 type=0 memo=memo]"));
+    EXPECT_EQ(records_.FileOf("DEBUG Register task succecss.[taskId=2 type=0 memo=memo]"), "task_manager.cpp");
     EXPECT_EQ(RunsAfterTick(), 1);
     EXPECT_NE(manager_.GetTask(id), nullptr);
     EXPECT_EQ(RunsAfterTick(), 0);

@@ -80,7 +80,7 @@ TEST_F(ThreadPoolTest, QueueTakes5000WaitingJobs)
         ASSERT_TRUE(pool_.AddThread(&Job, nullptr, "waits", owner));
     }
     EXPECT_FALSE(pool_.AddThread(&Job, nullptr, "refused", owner));
-    EXPECT_TRUE(records_.Has("ERROR Push thread task to queue failed."));
+    EXPECT_EQ(records_.FileOf("ERROR Push thread task to queue failed."), "thread_pool.cpp");
     EXPECT_EQ(owner.use_count(), 5001);
 }
 

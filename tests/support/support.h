@@ -10,6 +10,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "logger.h"
@@ -134,6 +135,7 @@ struct Records {
         MessageBus::Subscribe(kind_, "test-records", [this](const NENormalLog& record) {
             const std::lock_guard<std::mutex> lock(mutex_);
             lines_.push_back(std::string(record.levelName) + " " + record.content);
+            files_[lines_.back()] = record.fileName;
         });
     }
     ~Records() { MessageBus::Unsubscribe(kind_, "test-records"); }
@@ -150,7 +152,15 @@ struct Records {
         return std::ranges::count_if(Lines(), [&](const std::string& line) { return Contains(line, piece); });
     }
 
+    std::string FileOf(const std::string& line) const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = files_.find(line);
+        return found == files_.end() ? "" : found->second;
+    }
+
     const std::string kind_;
     mutable std::mutex mutex_;
     Strings lines_;
+    std::map<std::string, std::string> files_;  // by line
 };
