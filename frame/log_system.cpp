@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -14,6 +15,10 @@ namespace NEUtils {
 namespace {
 
 constexpr std::int64_t kPeriodSeconds = 86399;
+
+// The files that a fork has locked, each once: one may be registered in several places. Guarded by the registration's
+// mutex.
+std::array<LogSystem::LogFile*, 5> g_forkFiles;
 
 }  // namespace
 
@@ -59,22 +64,27 @@ void LogSystem::LockForFork()
 {
     StopDeferral::Begin();
     RegistrationMutex().lock();
+    auto* end = g_forkFiles.begin();
     for (Slot& slot : Slots()) {
         slot.slotMutex.lock();
-        if (slot.InUse()) {
+        if (slot.InUse() && std::find(g_forkFiles.begin(), end, slot.file.get()) == end) {
             slot.file->LockForFork();
+            *end++ = slot.file.get();
         }
     }
+    std::fill(end, g_forkFiles.end(), nullptr);
     linesLock_.lock();
 }
 
 void LogSystem::UnlockAfterFork(bool isChild)
 {
     linesLock_.unlock();
-    for (Slot& slot : Slots()) {
-        if (slot.InUse()) {
-            slot.file->UnlockAfterFork(isChild);
+    for (LogFile* file : g_forkFiles) {
+        if (file != nullptr) {
+            file->UnlockAfterFork(isChild);
         }
+    }
+    for (Slot& slot : Slots()) {
         slot.slotMutex.unlock();
     }
     RegistrationMutex().unlock();

@@ -134,7 +134,10 @@ TEST_F(LogFaultTest, AHangingGzipShowsAndHoldsNobodyElseUp)
 // A lock that another thread held at the fork is held for ever in the child.
 TEST_F(LogFaultTest, AForkedChildLogsWhateverOthersWereDoing)
 {
-    ASSERT_TRUE(LogSystem::Register(std::make_shared<LogFile>(path_, DEBUG, 0, 0), kNormalLog, "a", &Echo));
+    alarm(60);
+    const auto file = std::make_shared<LogFile>(path_, DEBUG, 0, 0);
+    ASSERT_TRUE(LogSystem::Register(file, kNormalLog, "a", &Echo));
+    ASSERT_TRUE(LogSystem::Register(file, kDotLog, "dots", &Echo));  // a file in two places
     NE_LOG(INFO, "open");  // a child that opened it would put a file of its own in its place
     std::vector<std::jthread> busy;
     for (int i = 0; i < 3; ++i) {
@@ -150,7 +153,7 @@ TEST_F(LogFaultTest, AForkedChildLogsWhateverOthersWereDoing)
     for (int i = 0; i < 300; ++i) {
         const int status = Wait(Fork([i] {
             alarm(20);
-            NE_LOG(INFO, "child %d.", i);
+            LoggerWriteLog(i % 2 == 0 ? kDotLog : kNormalLog, INFO, "f.cpp", 1, "child %d.", i);
             return LogSystem::Unregister("a") ? 0 : 1;  // waits for no call of a thread that is not here
         }));
         ASSERT_EQ(status, 0) << i;
@@ -158,6 +161,7 @@ TEST_F(LogFaultTest, AForkedChildLogsWhateverOthersWereDoing)
     busy.clear();
     LogSystem::CloseAllLogFile();
     EXPECT_TRUE(Contains(Read(path_), "child 0.\n") && Contains(Read(path_), "child 299.\n"));
+    alarm(0);
 }
 
 // An unchecked path would become a shell command of root's, also by way of the check that comes before Register.
