@@ -79,6 +79,9 @@ struct MyProgramTest : testing::Test {
 
 TEST_F(MyProgramTest, ForegroundRunOwnsThePidFileWhileItRuns)
 {
+    // Kept: all records of the frame carry this file name.
+    const auto checkFile = [](const NENormalLog& record) { EXPECT_STREQ(record.fileName, "my_program.cpp"); };
+    MessageBus::Subscribe(kNormalLog, "file", checkFile);
     EXPECT_TRUE(Run(false, true, [] {
         seen_ = Read(pidFile_);
         return fs::status(pidFile_).permissions() == fs::perms(0640) ? 0 : 1;
@@ -93,6 +96,7 @@ TEST_F(MyProgramTest, ForegroundRunOwnsThePidFileWhileItRuns)
     unsetenv("RUNTIME_CENTER_PATH");
     EXPECT_FALSE(Run(true, true, kZero));  // before it forks
     EXPECT_TRUE(records_.Has("ERROR Get env failed.[env=RUNTIME_CENTER_PATH]"));
+    MessageBus::Unsubscribe(kNormalLog, "file");
 }
 
 // A start that is wrongly refused leaves the host unwatched; one wrongly allowed runs two agents.
