@@ -65,6 +65,7 @@ public:
     Task* GetTask(std::uint32_t id);                // without the task lock: for a caller that is the only one
     std::vector<std::shared_ptr<Task>> GetTasks();  // throws std::bad_alloc
     void PushTaskToCleanList(std::shared_ptr<Task> task);
+    std::shared_ptr<Task> FindDoneTask(std::uint32_t id);
 
     // One tick and its two halves.
     static int ScheduleThread(void* manager);

@@ -99,6 +99,12 @@ void TaskManager::Stop()
         const std::lock_guard<std::mutex> lock(inlineLock_);
         waiting.swap(inlineQueue_);
     }
+    {
+        const std::lock_guard<std::mutex> lock(cleanLock_);
+        for (const TaskPtr& task : cleanList_) {
+            task->CancelTask();
+        }
+    }
     CleanTask();
     StopAllThreads();
 }
@@ -193,7 +199,8 @@ void TaskManager::PauseAndWaitForEnd(std::uint32_t id)
     while (id != 0 && running_) {
         {
             const std::lock_guard<std::mutex> lock(taskLock_);
-            Task* task = GetTask(id);
+            const TaskPtr done = FindDoneTask(id);
+            Task* task = done != nullptr ? done.get() : GetTask(id);
             if (task == nullptr) {
                 return;
             }
@@ -220,6 +227,9 @@ void TaskManager::UnregisterTask(std::uint32_t id)
         const std::lock_guard<std::mutex> lock(taskLock_);
         const auto found = tasks_.find(id);
         if (found == tasks_.end()) {
+            if (const TaskPtr done = FindDoneTask(id); done != nullptr) {
+                done->CancelTask();
+            }
             return;
         }
         found->second->CancelTask();
@@ -236,15 +246,26 @@ void TaskManager::PushTaskToCleanList(std::shared_ptr<Task> task)
     cleanList_.push_back(std::move(task));
 }
 
+// A one-shot whose run is over, but which another launch may still wait for: on the clean list, and not unregistered.
+std::shared_ptr<Task> TaskManager::FindDoneTask(std::uint32_t id)
+{
+    const std::lock_guard<std::mutex> lock(cleanLock_);
+    const auto found = std::find_if(cleanList_.begin(), cleanList_.end(),
+                                    [id](const TaskPtr& task) { return task->GetTaskid() == id && !task->cancelled_; });
+    return found == cleanList_.end() ? nullptr : *found;
+}
+
 std::uint32_t TaskManager::CleanTask()
 {
     std::list<TaskPtr> done;
     std::uint32_t stayed = 0;
     {
         const std::lock_guard<std::mutex> lock(cleanLock_);
-        for (auto task = cleanList_.begin(); task != cleanList_.end();) {
-            const auto current = task++;
-            if ((*current)->GetRunningCount() != 0) {
+        for (auto entry = cleanList_.begin(); entry != cleanList_.end();) {
+            const auto current = entry++;
+            const Task& task = **current;
+            // A launch that waits keeps a done task here, where PauseAndWaitForEnd finds it.
+            if (task.GetRunningCount() != 0 || (!task.cancelled_ && task.launches_ != 0)) {
                 ++stayed;
             } else {
                 done.splice(done.end(), cleanList_, current);
@@ -292,8 +313,7 @@ void TaskManager::DoSchedule()
         for (auto entry = tasks_.begin(); entry != tasks_.end();) {
             const auto current = entry++;
             Task& task = *current->second;
-            // A launch that still waits keeps its task here, where PauseAndWaitForEnd finds it.
-            if (task.NeedToClean() && task.launches_ == 0) {
+            if (task.NeedToClean()) {
                 PushTaskToCleanList(current->second);
                 tasks_.erase(current);
                 continue;

@@ -201,7 +201,7 @@ TEST_F(TaskManagerTest, RunsThatMayNotOverlapAreSkippedAndUnregisteringWaitsForT
 }
 
 // A launch that was asked for must run, also where the one before has ended the task.
-TEST_F(TaskManagerTest, OneShotStaysUntilTheLastOfItsLaunchesIsOver)
+TEST_F(TaskManagerTest, FurtherLaunchesOfADoneOneShotRunOutsideTheMapUnlessPausedOrUnregistered)
 {
     for (const bool createThread : {true, false}) {
         pool_.Start(1, 1);
@@ -212,12 +212,21 @@ TEST_F(TaskManagerTest, OneShotStaysUntilTheLastOfItsLaunchesIsOver)
         for (int i = 0; i < 3; ++i) {
             Launch(id);
         }
-        EXPECT_TRUE(Eventually([&] {
-            RunsAfterTick();
-            EXPECT_TRUE(manager_.GetTask(id) != nullptr || g_runs == 3);  // until then it can be waited for
-            return g_runs == 3;
-        })) << createThread;
-        EXPECT_TRUE(Eventually([&] { return RunsAfterTick() == 0 && manager_.GetTask(id) == nullptr; }));
+        EXPECT_TRUE(Eventually([&] { return manager_.LinerProc() == 0 && g_runs >= 1; }));
+        EXPECT_TRUE(Eventually([&] { return manager_.DoSchedule(), manager_.GetTask(id) == nullptr; }));
+        EXPECT_TRUE(createThread || (g_runs == 1 && manager_.CleanTask() == 1));
+        EXPECT_TRUE(Eventually([&] { return manager_.LinerProc() == 0 && g_runs == 3; })) << createThread;
+        EXPECT_TRUE(Eventually([&] { return manager_.CleanTask() == 0; }));
+    }
+    for (const auto remove : {&TaskManager::PauseAndWaitForEnd, &TaskManager::UnregisterTask}) {
+        const std::uint32_t id = Register(TASK_ONE_SHOT, After(3600000));
+        manager_.MakeTaskLaunch(id);
+        manager_.DoSchedule();
+        manager_.MakeTaskLaunch(id);
+        EXPECT_EQ(RunsAfterTick(), 1);
+        manager_.DoSchedule();
+        (manager_.*remove)(id);
+        EXPECT_EQ(RunsAfterTick(), 0);
     }
 }
 
