@@ -30,18 +30,32 @@ void EventCallbacks::Dispatch(proc_event& event)
         copyVersion_ = version_;
     }
     dispatcher_ = pthread_self();
+    struct Call {  // ends also when the callback throws
+        Call(EventCallbacks& callbacks, std::unique_lock<std::mutex>& held, Callback callback)
+            : owner(callbacks), lock(held)
+        {
+            owner.current_ = callback;
+            lock.unlock();
+        }
+        ~Call()
+        {
+            lock.lock();
+            owner.current_ = nullptr;
+            if (owner.waiting_ > 0) {
+                owner.returned_.notify_all();
+            }
+        }
+        Call(const Call&) = delete;
+        Call& operator=(const Call&) = delete;
+        EventCallbacks& owner;
+        std::unique_lock<std::mutex>& lock;
+    };
     for (const Callback callback : copy_) {
         if (version_ != copyVersion_ && callbacks_.count(callback) == 0) {
             continue;
         }
-        current_ = callback;
-        lock.unlock();
+        const Call call(*this, lock, callback);
         callback(&event);
-        lock.lock();
-        current_ = nullptr;
-        if (waiting_ > 0) {
-            returned_.notify_all();
-        }
     }
 }
 

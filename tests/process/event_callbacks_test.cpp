@@ -25,6 +25,7 @@ static void TakesItsTime(proc_event*)
     g_inside = true;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     g_inside = false;
+    throw std::runtime_error("from a callback");
 }
 
 TEST(EventCallbacksTest, HeldOnceAndChangedFromWithin)
@@ -45,7 +46,7 @@ TEST(EventCallbacksTest, HeldOnceAndChangedFromWithin)
 TEST(EventCallbacksTest, RemovalWaitsForTheCallUnderWay)
 {
     g_callbacks.Add(&TakesItsTime);
-    const std::jthread dispatcher([] { g_callbacks.Dispatch(g_event); });
+    const std::jthread dispatcher([] { EXPECT_THROW(g_callbacks.Dispatch(g_event), std::runtime_error); });
     EXPECT_TRUE(Eventually([] { return g_inside.load(); }));
     g_callbacks.Remove(&TakesItsTime);
     EXPECT_FALSE(g_inside);
