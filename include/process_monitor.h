@@ -119,7 +119,8 @@ public:
     bool FilterProcessEvent(const proc_event& event);
 
     // Makes the white list anew, or replaces the ids of the last search and keeps the children that were followed.
-    // The monitor calls both by itself. They find what GetProcessPidsByPsCommand finds, by one look at /proc.
+    // The monitor calls both by itself. They find what GetProcessPidsByPsCommand finds, by one look at /proc. Where
+    // /proc cannot be read the list stays as it is, with a record, and the monitor tries again after half a minute.
     void ParseProcessWhiteList();
     void UpdateProcessWhiteList();
 
@@ -141,7 +142,9 @@ private:
     void ProcessEventHandle(proc_event& event);
     bool IsWanted(const proc_event& event) const;
     void Beat();
-    void SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries);
+    bool RefreshWhiteList(bool anew);
+    bool SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries);
+    static void LogFailedSearch(const std::string& pattern);
     bool JoinThread();
     bool IsOwnThread() const;
 
@@ -160,11 +163,13 @@ private:
     std::mutex whiteListMutex_;
     std::set<int> whiteSet_;                                        // process and thread ids
     std::map<std::string, std::vector<std::string>> whiteEntries_;  // ids by command pattern
+    std::uint64_t whiteListNs_ = 0;                                 // when the last search was over
 
     std::unique_ptr<EventCallbacks> callbacks_;
 
     // Of the monitor's thread alone:
     std::chrono::steady_clock::time_point listMade_;  // the white list; 0: to be made anew
+    std::chrono::steady_clock::time_point nextSearch_;  // after one that failed
     bool missedExits_ = false;
 };
 

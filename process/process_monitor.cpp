@@ -33,12 +33,18 @@ constexpr int kReceiveBuffer = 0x8000000;
 constexpr int kWaitMs = 500;
 constexpr long kPaceNs = 20 * Clock::kNsPerMs;
 constexpr std::chrono::minutes kWhiteListPeriod{10};
+constexpr std::chrono::seconds kSearchAgain{30};
 constexpr std::int64_t kFailurePeriodMs = 15 * 60 * 1000;
 constexpr std::size_t kConnectorOffset = sizeof(nlmsghdr);
 constexpr std::size_t kModeOffset = kConnectorOffset + sizeof(cn_msg);
 constexpr std::size_t kControlSize = kModeOffset + sizeof(std::uint32_t);
 
 thread_local const ProcessMonitor* t_monitor = nullptr;  // the one that this thread works for
+
+std::string SearchCommand(const std::string& pattern)
+{
+    return "ps -ef | grep \"" + pattern + "\" | grep -v grep | awk '{print $2}'";
+}
 
 }  // namespace
 
@@ -262,7 +268,7 @@ void ProcessMonitor::ReceiveEvents(int fd)
         Beat();
         ProcessEventHandle(event);
     });
-    listMade_ = {};
+    listMade_ = nextSearch_ = {};
     RateLimiter failures(kFailurePeriodMs);
     while (running_) {
         try {
@@ -311,14 +317,15 @@ void ProcessMonitor::ReceiveRound(int fd, EventReception& reception)
 void ProcessMonitor::MakeWhiteList()
 {
     const auto now = std::chrono::steady_clock::now();
-    if (listMade_ == std::chrono::steady_clock::time_point()) {
-        ParseProcessWhiteList();
-        missedExits_ = false;
-    } else if (now - listMade_ >= kWhiteListPeriod) {
-        UpdateProcessWhiteList();
-    } else {
+    const bool anew = listMade_ == std::chrono::steady_clock::time_point();
+    if (now < nextSearch_ || (!anew && now - listMade_ < kWhiteListPeriod)) {
         return;
     }
+    if (!RefreshWhiteList(anew)) {
+        nextSearch_ = now + kSearchAgain;
+        return;
+    }
+    missedExits_ = missedExits_ && !anew;
     listMade_ = now;
 }
 
@@ -359,12 +366,17 @@ bool ProcessMonitor::IsWanted(const proc_event& event) const
     return kinds == kAllEventKinds || (kinds & static_cast<std::uint32_t>(event.what)) != 0;
 }
 
+// Kept because log readers look for it: also the search that needs no command logs the command that it stands for.
+void ProcessMonitor::LogFailedSearch(const std::string& pattern)
+{
+    NE_LOG(WARN, "Can't popen.[cmdLine=%s]", SearchCommand(pattern).c_str());
+}
+
 void ProcessMonitor::GetProcessPidsByPsCommand(const std::string& pattern, std::vector<std::string>& pids)
 {
-    const std::string command = "ps -ef | grep \"" + pattern + "\" | grep -v grep | awk '{print $2}'";
-    const std::unique_ptr<std::FILE, decltype(&pclose)> output(File::RunCmdWithPopen(command), &pclose);
+    const std::unique_ptr<std::FILE, decltype(&pclose)> output(File::RunCmdWithPopen(SearchCommand(pattern)), &pclose);
     if (output == nullptr) {
-        NE_LOG(WARN, "Can't popen.[cmdLine=%s]", command.c_str());
+        LogFailedSearch(pattern);
         return;
     }
     ByteBuffer content;

@@ -1,6 +1,7 @@
 #include "process/process_search.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "process_utils.h"
 
@@ -31,12 +32,15 @@ bool ReadLine(int pid, std::string& line)
 ProcessSearch::ProcessSearch()
 {
     std::vector<int> pids;
-    ProcessUtils::GetProcessIds(pids);
+    complete_ = ProcessUtils::GetProcessIds(pids);
     std::sort(pids.begin(), pids.end());
     for (const int pid : pids) {
         Line line = {std::to_string(pid), ""};
-        // Without a command line it is a kernel thread or has ended, and cannot match.
-        if (!ReadLine(pid, line.text) || line.text.empty()) {
+        if (!ReadLine(pid, line.text)) {
+            complete_ = complete_ && !IsOutOfResources(errno);
+            continue;
+        }
+        if (line.text.empty()) {  // a kernel thread, or it has ended
             continue;
         }
         MakePlain(line.text);
@@ -44,6 +48,11 @@ ProcessSearch::ProcessSearch()
             lines_.push_back(std::move(line));
         }
     }
+}
+
+bool ProcessSearch::IsOutOfResources(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
 std::vector<std::string> ProcessSearch::Find(const std::string& pattern) const

@@ -17,6 +17,12 @@ public:
     // The ids of the processes whose line matches, in ascending order.
     std::vector<std::string> Find(const std::string& pattern) const;
 
+    // False: /proc, or some process in it, could not be read, for want of descriptors or of memory in the kernel.
+    bool IsComplete() const { return complete_; }
+
+    // For an errno of a failed look into /proc. Any other one means that the process has ended.
+    static bool IsOutOfResources(int error);
+
 private:
     struct Line {
         std::string pid;
@@ -24,6 +30,7 @@ private:
     };
 
     std::vector<Line> lines_;
+    bool complete_ = false;
 };
 
 }  // namespace NEUtils

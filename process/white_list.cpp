@@ -1,10 +1,13 @@
 // The white list of a process monitor: which processes are on it, and how it follows their forks and exits.
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 #include "process/platform_patterns.h"
 #include "process/process_search.h"
 #include "process_monitor.h"
+#include "util/clock.h"
 #include "util/file.h"
 
 namespace NEUtils {
@@ -38,7 +41,11 @@ bool ProcessMonitor::FilterProcessEvent(const proc_event& event)
     if (event.what == kForkEvent) {
         const auto& fork = event.event_data.fork;
         if (whiteSet_.count(fork.parent_tgid) == 0) {
-            whiteSet_.erase(fork.child_pid);  // a new process or thread: who had the id before is gone
+            // A new process or thread: who had the id before is gone. An event from before the search is about one
+            // that the search may have found.
+            if (event.timestamp_ns > whiteListNs_) {
+                whiteSet_.erase(fork.child_pid);
+            }
             return false;
         }
         whiteSet_.insert(fork.child_tgid);
@@ -63,42 +70,61 @@ bool ProcessMonitor::FilterProcessEvent(const proc_event& event)
 
 void ProcessMonitor::ParseProcessWhiteList()
 {
-    std::map<std::string, std::vector<std::string>> entries;
-    SearchWhiteList(entries);
-    std::set<int> ids = IdsOf(entries);
-    const std::lock_guard<std::mutex> lock(whiteListMutex_);
-    whiteSet_.swap(ids);
-    whiteEntries_.swap(entries);
+    RefreshWhiteList(true);
 }
 
 void ProcessMonitor::UpdateProcessWhiteList()
 {
+    RefreshWhiteList(false);
+}
+
+// False: the search has failed, and the list stays as it is.
+bool ProcessMonitor::RefreshWhiteList(bool anew)
+{
     std::map<std::string, std::vector<std::string>> entries;
-    SearchWhiteList(entries);
-    const std::set<int> ids = IdsOf(entries);
-    const std::lock_guard<std::mutex> lock(whiteListMutex_);
-    // Only ids of a former search are erased here; a child that was followed leaves the list with its exit.
-    for (const int old : IdsOf(whiteEntries_)) {
-        if (ids.count(old) == 0) {
-            whiteSet_.erase(old);
+    if (!SearchWhiteList(entries)) {
+        for (const char* pattern : kPlatformPatterns) {
+            LogFailedSearch(pattern);
         }
+        return false;
     }
-    whiteSet_.insert(ids.begin(), ids.end());
+    const auto searchedNs = static_cast<std::uint64_t>(Clock::MonotonicNs());
+    std::set<int> ids = IdsOf(entries);
+    const std::lock_guard<std::mutex> lock(whiteListMutex_);
+    if (anew) {
+        whiteSet_.swap(ids);
+    } else {
+        // Only ids of a former search are erased here; a child that was followed leaves the list with its exit.
+        for (const int old : IdsOf(whiteEntries_)) {
+            if (ids.count(old) == 0) {
+                whiteSet_.erase(old);
+            }
+        }
+        whiteSet_.insert(ids.begin(), ids.end());
+    }
     whiteEntries_ = std::move(entries);
+    whiteListNs_ = searchedNs;
+    return true;
 }
 
 // One look at /proc instead of a shell command for each pattern: the commands held the thread for a second on a
 // host with many processes, while the events of that time waited.
-void ProcessMonitor::SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries)
+bool ProcessMonitor::SearchWhiteList(std::map<std::string, std::vector<std::string>>& entries)
 {
     const ProcessSearch search;
+    bool complete = search.IsComplete();
     for (const char* pattern : kPlatformPatterns) {
         std::vector<std::string>& ids = entries[pattern];
         ids = search.Find(pattern);
         if (!processesOnly_) {  // which get no event of a thread, so they would not see when its id is free again
-            GetProcessTasks(std::vector<std::string>(ids), ids);
+            for (const std::string& pid : std::vector<std::string>(ids)) {
+                errno = 0;
+                GetProcessTaskList(pid, ids);
+                complete = complete && !ProcessSearch::IsOutOfResources(errno);
+            }
         }
     }
+    return complete;
 }
 
 void ProcessMonitor::GetProcessTaskList(const std::string& pid, std::vector<std::string>& tasks)

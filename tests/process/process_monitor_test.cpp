@@ -1,5 +1,6 @@
 #include "process_monitor.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -7,6 +8,7 @@
 #include "process/event_filter.h"
 #include "process/process_search.h"
 #include "tests/support/support.h"
+#include "util/clock.h"
 
 static std::atomic<unsigned int> g_kinds[1U << 22];  // kinds seen by process id; the kernel has no higher ones
 static std::atomic<ProcessMonitor*> g_monitor{nullptr};
@@ -75,10 +77,11 @@ struct ProcessMonitorTest : testing::Test {
         });
     }
 
-    bool Filters(std::uint32_t kind, int pid, int child = 0)
+    bool Filters(std::uint32_t kind, int pid, int child = 0, long long timeNs = 0)
     {
         proc_event event = {};
         event.what = static_cast<decltype(event.what)>(kind);
+        event.timestamp_ns = static_cast<std::uint64_t>(timeNs);
         event.event_data.fork = {pid, pid, child, child + 1};  // the other kinds begin with their process too
         return monitor_.FilterProcessEvent(event);
     }
@@ -127,6 +130,16 @@ TEST_F(ProcessMonitorTest, FilterFollowsForksAndExitsAndARefresh)
     EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
     EXPECT_TRUE(Filters(kCommEvent, kChild + 1));
     EXPECT_FALSE(Filters(kExecEvent, 0));
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    monitor_.UpdateProcessWhiteList();
+    monitor_.ParseProcessWhiteList();
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_TRUE(Filters(kExecEvent, listed_) && Filters(kExecEvent, kChild));  // a search that fails empties nothing
+    const std::string popen = R"(WARN Can't popen.[cmdLine=ps -ef | grep "/usr/sbin/setroubleshootd" | grep -v grep )";
+    EXPECT_EQ(records_.FileOf(popen + "| awk '{print $2}']"), "process_monitor.cpp");
     Kill(listed_);
     monitor_.UpdateProcessWhiteList();
     EXPECT_FALSE(Filters(kExecEvent, listed_));  // no longer found
@@ -274,7 +287,9 @@ TEST_F(ProcessMonitorTest, NewProcessTakesAListedIdOver)
 {
     ASSERT_TRUE(StartListed(&ProcessMonitor::UpdateProcessWhiteList));
     EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
-    EXPECT_FALSE(Filters(kForkEvent, 1, kChild));
+    EXPECT_FALSE(Filters(kForkEvent, 1, kChild));  // from before the search, which may have found the process
+    EXPECT_TRUE(Filters(kExecEvent, kChild));
+    EXPECT_FALSE(Filters(kForkEvent, 1, kChild, Clock::MonotonicNs()));
     EXPECT_FALSE(Filters(kExecEvent, kChild));
 }
 
