@@ -211,9 +211,8 @@ std::uintptr_t HipsGuard::CreateHipsThread(int (*routine)(void*), void* arg, int
     const ThreadPtr instance(new (std::nothrow) HipsThreadInstance(object.release(), name));
     if (instance == nullptr) {
         GUARD_LOG(ERROR, "Alloc instance memory failed.");
-        return 0;
     }
-    if (!Supervise(handles_, instance, resources)) {
+    if (instance == nullptr || !Supervise(handles_, instance, resources)) {
         GUARD_LOG(ERROR, "Create thread failed.[name=%s]", name);
         return 0;
     }

@@ -234,7 +234,15 @@ TEST(HipsGuardMemoryTest, EveryAllocationMayFail)
             EXPECT_TRUE(handle == 0 || CloseHipsThreadHandleEx(handle));
         };
         const auto create = [&] { handle = CreateHipsThreadEx(&Count, nullptr, 0, "a-name-beyond-small-strings"); };
+        std::atomic<int> unnamed{0};  // instances without memory whose thread's name is not logged
+        NEUtils::MessageBus::Subscribe(NEUtils::kNormalLog, "test-unnamed", [&](const NEUtils::NENormalLog& record) {
+            const std::string_view text = record.content;
+            unnamed += text == "Alloc instance memory failed." ? 1 : 0;
+            unnamed -= text == "Create thread failed.[name=a-name-beyond-small-strings]" ? 1 : 0;
+        });
         EXPECT_GT(InTurn(mode, create, finish), 4);
+        NEUtils::MessageBus::Unsubscribe(NEUtils::kNormalLog, "test-unnamed");
+        EXPECT_TRUE(mode != Mode::kOne || unnamed == 0);
         const auto age = [](void*) { return 0LL; };
         const auto watch = [&] { handle = WatchPlainThread("a-name-beyond-small-strings", age, nullptr); };
         const auto unwatch = [&](int) { EXPECT_TRUE(handle == 0 || UnwatchPlainThread(handle)); };
