@@ -11,7 +11,7 @@ namespace NEUtils {
 
 // A thread that the guard neither makes nor stops, only watches: a function tells when it last came round.
 //
-// Locks  none is held while the function runs.
+// Locks  the instance manager's mutex is held while DoHeartBeat calls the function, so it must not call the guard.
 class PlainThreadInstance final : public HipsBaseInstance {
 public:
     using BeatAge = long long (*)(void* arg);

@@ -66,7 +66,8 @@ NEUTILS_API bool KeepCurrentThreadAlive(void);
 // Supervises a thread that is not guarded, beside those that are: it stands in the list of the instance
 // manager (hips_instance_manager.h), and when it hangs the process ends as for a guarded one. The function
 // tells how many milliseconds ago the thread last came round, or -1 while there is no such thread, which
-// then is not checked. It is called from any thread, also under the guard's lock: it only reads a variable.
+// then is not checked. It is called from any thread, also under the guard's lock: it reads a variable
+// and calls no function of the guard.
 // The handle is for UnwatchPlainThread alone, after which the function is not called any more; UninitHipsGuard
 // ends the supervision too. 0: failed.
 NEUTILS_API uintptr_t WatchPlainThread(const char* name, long long (*beatAgeMs)(void* arg), void* arg);
