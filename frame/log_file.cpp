@@ -112,7 +112,11 @@ bool LogSystem::LogFile::FlushLogStream(const char* data, unsigned int length)
         return false;
     }
     const StopDeferral untilWritten;
-    const std::lock_guard<std::mutex> lock(fileMutex_);
+    if (!StopDeferral::Lock(fileMutex_)) {
+        CountFailure(EBUSY);
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(fileMutex_, std::adopt_lock);
     if (retired_) {
         return false;
     }

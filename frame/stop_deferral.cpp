@@ -2,6 +2,13 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "util/clock.h"
 
 namespace NEUtils {
 
@@ -10,7 +17,12 @@ namespace {
 // In the initial-exec model, since any other may allocate at its first use, which can be in the handler.
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_depth = 0;
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_putOff = 0;
+[[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_process =
+    0;  // the one that t_putOff was sent to
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_interrupted = 0;
+
+std::atomic<int> g_interrupted{0};  // threads whose stop function runs in the middle of a log call
+constexpr std::int64_t kStuckNs = 100 * Clock::kNsPerMs;
 
 }  // namespace
 
@@ -25,11 +37,16 @@ void StopDeferral::End()
     if (t_depth > 0) {
         return;
     }
-    t_interrupted = 0;
+    if (t_interrupted != 0) {
+        t_interrupted = 0;
+        --g_interrupted;
+    }
     const int signo = t_putOff;
     if (signo != 0) {
         t_putOff = 0;
-        pthread_kill(pthread_self(), signo);
+        if (t_process == getpid()) {  // a child that was forked meanwhile inherits no pending signal
+            pthread_kill(pthread_self(), signo);
+        }
     }
 }
 
@@ -39,11 +56,36 @@ bool StopDeferral::PutOff(int signo)
         return false;
     }
     const bool isStop = signo == SIGINT || signo == SIGQUIT || signo == SIGTSTP;
-    if (isStop && t_putOff == 0) {
+    const pid_t self = getpid();
+    if (isStop && (t_putOff == 0 || t_process != self)) {
+        t_process = self;
         t_putOff = signo;
         return true;
     }
-    t_interrupted = 1;
+    if (t_interrupted == 0) {
+        t_interrupted = 1;
+        ++g_interrupted;
+    }
+    return false;
+}
+
+bool StopDeferral::Lock(std::mutex& mutex)
+{
+    if (mutex.try_lock()) {
+        return true;
+    }
+    do {
+        timespec end = {};
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        end.tv_nsec += kStuckNs;
+        if (end.tv_nsec >= Clock::kNsPerSecond) {
+            end.tv_nsec -= Clock::kNsPerSecond;
+            ++end.tv_sec;
+        }
+        if (pthread_mutex_clocklock(mutex.native_handle(), CLOCK_MONOTONIC, &end) == 0) {
+            return true;
+        }
+    } while (g_interrupted == 0);
     return false;
 }
 

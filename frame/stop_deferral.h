@@ -1,5 +1,7 @@
 #pragma once
 
+#include <mutex>
+
 namespace NEUtils {
 
 // Puts a stop signal off while this thread holds locks of the logger or of a log file. The stop function runs in the
@@ -22,6 +24,11 @@ public:
 
     // For the signal handler: true if the signal has been put off.
     static bool PutOff(int signo);
+
+    // Takes a mutex of the logger or of a file. False: while a stop function runs in the middle of a log call of some
+    // thread, that thread may own the mutex for ever, and the stop function may wait for this thread. So it gives up
+    // after a tenth of a second.
+    static bool Lock(std::mutex& mutex);
 
     // A handler runs on this thread in the middle of a log call.
     static bool IsInterrupted();

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <atomic>
 
 #include "log_system.h"
 #include "my_program.h"
@@ -12,11 +13,14 @@ struct StopTest : testing::Test {
     StopTest() { MyProgram::GetInstance().SetLogPath(dir_.Path()); }
 
     // A child under the frame, with a log; its stop function logs and closes the log.
-    pid_t Start(int (*main)(), unsigned int copies = 0) const
+    pid_t Start(int (*main)(), unsigned int copies = 0, const std::function<void()>& first = [] {}) const
     {
-        return Fork([this, main, copies] {
+        return Fork([this, main, copies, first] {
+            first();
             LogSystem::Register(std::make_shared<LogSystem::LogFile>(log_, INFO, 0, copies), kNormalLog, "log", &Echo);
             const auto stop = [] {
+                stopping = true;
+                other = {};  // joins it
                 NE_LOG(INFO, "stopped by %d", MyProgram::GetStopSignal());
                 LogSystem::CloseAllLogFile();
                 return 0;
@@ -43,6 +47,8 @@ struct StopTest : testing::Test {
         return ended ? WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM : Kill(pid) == SIGTERM;
     }
 
+    static inline std::atomic<bool> stopping{false};
+    static inline std::jthread other;
     const TempDir dir_;
     const std::string log_ = dir_ / "log";
 };
@@ -78,7 +84,15 @@ TEST_F(StopTest, ASecondStopSignalDoesNotWaitForTheRecord)
     fs::permissions(gzip, fs::perms(0755));
     setenv("PATH", (dir_.Path() + ":" + getenv("PATH")).c_str(), 1);
     Write(log_, "old");
-    const pid_t pid = Start([] { return 0; }, 1);
+    const pid_t pid = Start([] { return 0; }, 1, [&] {
+        other = std::jthread([&] {  // the stop function joins it, and it logs to the file that stays locked
+            MyProgram::BlockStopSignals();
+            Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); });
+            while (!stopping) {
+                NE_LOG(INFO, "other");
+            }
+        });
+    });
     EXPECT_TRUE(Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); }));
     kill(pid, SIGINT);
     EXPECT_TRUE(TakesSignals(pid));
@@ -195,4 +209,24 @@ TEST_F(StopTest, ReportsDoNotNest)
         return Contains(Read(report), "sig_deal signo.[signo=10");
     }));
     Kill(pid);
+}
+
+static bool g_raiseInFork = false;
+// Added before the logger's handlers, so it runs while they hold the locks.
+static const int kHandlerAdded = pthread_atfork([] { g_raiseInFork ? raise(SIGINT) : 0; }, nullptr, nullptr);
+
+// A child inherits no pending signal, so one that was put off over the fork is the parent's alone.
+TEST_F(StopTest, AStopDuringAForkIsTheParentsAlone)
+{
+    static std::string child;
+    child = dir_ / "child";
+    const pid_t pid = Start([] {
+        g_raiseInFork = kHandlerAdded == 0;
+        if (fork() == 0) {
+            Write(child, "goes on");
+            _exit(0);
+        }
+        return 0;
+    });
+    EXPECT_TRUE(EndsBySigterm(pid) && Eventually([] { return Read(child) == "goes on"; }));
 }
