@@ -106,7 +106,7 @@ bool MyProgram::RunProgramNotDaemon(bool singleton, int (*mainFunc)()) const
     }
     WritePidFile();
     const int result = mainFunc();
-    SignalPaths::RemovePidFile(pidFilePath_.c_str(), childPid_);
+    SignalPaths::RemovePidFile(pidFilePath_.c_str(), childPid_, lock_.IsHeld());
     SignalPaths::Publish(SignalPaths::pidFile, "");
     return result == 0;
 }

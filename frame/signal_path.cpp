@@ -85,9 +85,11 @@ void CallIfSet(int (*function)())
 
 }  // namespace
 
-void SignalPaths::RemovePidFile(const char* path, int child)
+void SignalPaths::RemovePidFile(const char* path, int child, bool hasLock)
 {
-    const int pid = ReadPid(path);
+    // Kept because starters wait for the file to go: a stop removes it whatever it holds. The lock rules a second
+    // instance out; only where it could not be taken may the file be another one's.
+    const int pid = hasLock ? 0 : ReadPid(path);
     const bool isOthers = pid > 0 && pid != getpid() && pid != child && (kill(pid, 0) == 0 || errno == EPERM);
     if (!isOthers) {
         unlink(path);
@@ -161,7 +163,7 @@ int MyProgram::SigDeal(int fd, int signo)
     const MyProgram& program = GetInstance();
     const bool isChild = program.isDaemon_ && !program.isParent_;
     if (program.checkSingleton_ && !isChild) {
-        SignalPaths::RemovePidFile(SignalPaths::pidFile, program.childPid_);
+        SignalPaths::RemovePidFile(SignalPaths::pidFile, program.childPid_, program.lock_.IsHeld());
     }
     // Whoever started this process may have blocked SIGTERM, which would not end it then.
     sigset_t ending;

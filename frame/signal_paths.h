@@ -11,9 +11,9 @@ namespace NEUtils::SignalPaths {
 extern char crashReport[PATH_MAX];
 extern char pidFile[PATH_MAX];
 
-// Removes a pid file, unless it names a living process that is neither this one nor its child: that is another
-// instance's. Safe in a signal handler; an empty path has no effect.
-void RemovePidFile(const char* path, int child);
+// Removes a pid file. Without the lock of the one instance not where it names a living process that is neither this one
+// nor its child: that is another instance's. Safe in a signal handler; an empty path has no effect.
+void RemovePidFile(const char* path, int child, bool hasLock);
 
 void Publish(char (&target)[PATH_MAX], const std::string& path);
 

@@ -42,6 +42,8 @@ public:
     // The path still leads to the file that is held.
     bool IsInPlace() const;
 
+    bool IsHeld() const { return fd_ >= 0; }
+
     // Closes the file; of a forked child only its share in it.
     void Release();
 

@@ -193,19 +193,26 @@ TEST_F(MyProgramTest, ARealFaultEndsTheProcessWhateverItWasStartedWith)
 }
 
 // A stop that removes the pid file of another instance lets a third one start beside that.
-TEST_F(MyProgramTest, OnlyThePidFileOfALivingStrangerIsLeft)
+// The lock rules that out; without it the file of a living process is left.
+TEST_F(MyProgramTest, OnlyWithoutTheLockThePidFileOfALivingStrangerIsLeft)
 {
+    const std::string lock = root_ / "conf/agent.lock";
     const pid_t child = Fork([] { return pause(); });
     const pid_t dead = Fork([] { return 0; });
     Wait(dead);
-    const std::tuple<std::string, bool, bool> rows[] = {
-        {std::to_string(getppid()), false, true},
-        {std::to_string(child), false, true},
-        {std::to_string(child), true, false},
-        {std::to_string(dead), false, false},
-        {"", false, false},
+    const std::tuple<std::string, bool, bool, bool> rows[] = {
+        {std::to_string(getppid()), false, true, false},  // kept: with the lock, whatever it holds
+        {std::to_string(getppid()), false, false, true},
+        {std::to_string(child), false, false, true},
+        {std::to_string(child), true, false, false},
+        {std::to_string(dead), false, false, false},
+        {"", false, false, false},
     };
-    for (const auto& [text, isChild, left] : rows) {
+    for (const auto& [text, isChild, locked, left] : rows) {
+        fs::remove(lock);
+        if (!locked) {
+            fs::create_directory(lock);
+        }
         static std::string content;
         content = text;
         MyProgram::GetInstance().SetProcessRole(true, isChild ? child : 0);
