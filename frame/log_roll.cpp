@@ -1,5 +1,6 @@
 #include "frame/log_roll.h"
 
+#include <signal.h>
 #include <spawn.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -89,24 +90,45 @@ std::vector<Move> PlanMoves(const std::string& path, const std::string& fresh, u
     return moves;
 }
 
+// Starts the shell with a signal mask, less SIGTERM, and waits for it. True: it ended with status 0.
+bool SpawnAndWait(char* const arguments[], sigset_t mask)
+{
+    posix_spawnattr_t attributes;
+    if (posix_spawnattr_init(&attributes) != 0) {
+        return false;
+    }
+    sigdelset(&mask, SIGTERM);
+    posix_spawnattr_setsigmask(&attributes, &mask);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    pid_t child = 0;
+    const bool started = posix_spawn(&child, "/bin/sh", nullptr, &attributes, arguments, environ) == 0;
+    posix_spawnattr_destroy(&attributes);
+    int status = 0;
+    pid_t ended = -1;
+    while (started && (ended = waitpid(child, &status, 0)) < 0 && errno == EINTR) {
+    }
+    return started && ended == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 // Runs a command in the shell as system() does and waits for it alone. Unlike system() it leaves the process's signal
 // dispositions as they are: a signal that is ignored for a moment is lost, also where it is blocked.
+// SIGCHLD is blocked meanwhile, as in system(): a handler that waits for any child would take the status away.
+// The shell gets the caller's mask as from system(), so that a stop at the terminal does not cut a roll short, but for
+// SIGTERM: a service manager sends that to all processes of an agent that blocks it, and gzip may hang.
 bool RunInShell(const std::string& command)
 {
     std::string shell = "sh";
     std::string option = "-c";
     std::string text = command;
     char* const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
-    pid_t child = 0;
-    if (posix_spawn(&child, "/bin/sh", nullptr, nullptr, arguments, environ) != 0) {
-        return false;
-    }
-    int status = 0;
-    pid_t ended;
-    do {
-        ended = waitpid(child, &status, 0);
-    } while (ended < 0 && errno == EINTR);
-    return ended == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    sigset_t blocked;
+    sigset_t old;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &blocked, &old);
+    const bool ended = SpawnAndWait(arguments, old);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return ended;
 }
 
 }  // namespace

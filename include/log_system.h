@@ -27,7 +27,8 @@ namespace NEUtils {
 //          A fork waits for those of registered files and the others, so a child finds them free; do not fork in a
 //          signal handler. Where a file rolls for longer than a second, the child drops its records to it.
 // Blocks   a roll runs gzip, in the shell, on the thread whose record found the file too large. SIGCHLD must not be
-//          ignored, and nobody else may wait for that child, or no roll is seen to succeed.
+//          ignored, and no other thread may wait for that child, or no roll is seen to succeed. A handler of SIGCHLD
+//          on this thread runs after the roll.
 // Errors   a refused registration is logged; failing writes are silent but counted, and the next record tries
 //          again, gzip after a pause of a second that doubles up to a minute. A formatter that throws, or is empty,
 //          ends the process.

@@ -131,6 +131,24 @@ TEST_F(LogFaultTest, AHangingGzipShowsAndHoldsNobodyElseUp)
     EXPECT_TRUE(file->GetFault().empty());
 }
 
+// A program that waits for any child in its handler would take the status of gzip, and the roll look failed.
+TEST_F(LogFaultTest, AHandlerThatReapsAllLeavesTheRollItsChild)
+{
+    Write(path_, "old");
+    EXPECT_EQ(Wait(Fork([&] {
+                  ReplaceGzip("kill -CHLD " + std::to_string(getpid()) + "\nsleep 0.05\nexec /usr/bin/env PATH=" +
+                              savedPath_ + " gzip \"$@\"\n");
+                  signal(SIGCHLD, [](int) {
+                      while (waitpid(-1, nullptr, 0) > 0) {
+                      }
+                  });
+                  LogFile file(path_, DEBUG, 0, 2);
+                  return Put(file, "new") ? 0 : 1;
+              })),
+              0);
+    EXPECT_EQ(Unzipped(path_ + ".1.gz") + Read(path_), "oldnew");
+}
+
 // A lock that another thread held at the fork is held for ever in the child.
 TEST_F(LogFaultTest, AForkedChildLogsWhateverOthersWereDoing)
 {
