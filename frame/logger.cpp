@@ -70,7 +70,14 @@ try {
     return {};  // the record is lost; the process is not
 }
 
-// Breaks the time down once a second and thread; localtime_r takes the time zone's lock.
+// localtime_r takes the time zone's lock, which a fork leaves as it is. A fork waits for this one instead.
+std::mutex& TimeMutex()
+{
+    static auto& mutex = *new std::mutex;
+    return mutex;
+}
+
+// Breaks the time down once a second and thread.
 bool LocalTime(struct tm& out)
 {
     thread_local time_t second = 0;
@@ -78,7 +85,11 @@ bool LocalTime(struct tm& out)
     thread_local bool known = false;
     const time_t now = std::time(nullptr);
     if (!known || now != second) {
-        known = localtime_r(&now, &broken) != nullptr;
+        known = false;
+        if (NEUtils::StopDeferral::Lock(TimeMutex())) {
+            known = localtime_r(&now, &broken) != nullptr;
+            TimeMutex().unlock();
+        }
         if (!known) {
             return false;
         }
@@ -189,15 +200,18 @@ namespace NEUtils {
 
 namespace {
 
-// Fork handlers. Without them a child that is forked while another thread logs would find the registry locked for ever.
+// Fork handlers. Without them a child that is forked while another thread logs would find the registry, or the time
+// zone, locked for ever.
 void LockForFork()
 {
     StopDeferral::Begin();
     MessageBus::GetSubMutex().lock();
+    TimeMutex().lock();
 }
 
 void UnlockInParent()
 {
+    TimeMutex().unlock();
     MessageBus::GetSubMutex().unlock();
     StopDeferral::End();
 }
