@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -204,23 +205,24 @@ bool LogSystem::Unregister(const std::string& name)
 
 void LogSystem::CloseAllLogFile()
 {
-    std::vector<std::shared_ptr<LogFile>> files;
+    std::vector<std::tuple<std::string, std::string, std::shared_ptr<LogFile>>> closed;
     if (!StopDeferral::IsInterrupted()) {
         const StopDeferral untilUnlocked;
         const std::lock_guard<std::mutex> registration(RegistrationMutex());
         for (Slot& slot : Slots()) {
             const std::lock_guard<std::mutex> lock(slot.slotMutex);
             if (slot.InUse()) {
-                MessageBus::Unsubscribe(slot.kind, slot.name);
                 slot.file->retired_ = true;
-                files.push_back(std::move(slot.file));
+                closed.emplace_back(std::move(slot.kind), std::move(slot.name), std::move(slot.file));
                 slot.name.clear();
                 slot.kind.clear();
             }
         }
     }
-    for (const auto& file : files) {
-        file->CloseRetired();  // waits for a roll, so without the locks
+    // Without the locks, since the first destroys the formatter with what it captured, and the second waits for a roll.
+    for (const auto& [kind, name, file] : closed) {
+        MessageBus::Unsubscribe(kind, name);
+        file->CloseRetired();
     }
 }
 
