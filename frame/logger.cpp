@@ -71,11 +71,7 @@ try {
 }
 
 // localtime_r takes the time zone's lock, which a fork leaves as it is. A fork waits for this one instead.
-std::mutex& TimeMutex()
-{
-    static auto& mutex = *new std::mutex;
-    return mutex;
-}
+std::mutex g_timeMutex;
 
 // Breaks the time down once a second and thread.
 bool LocalTime(struct tm& out)
@@ -86,9 +82,9 @@ bool LocalTime(struct tm& out)
     const time_t now = std::time(nullptr);
     if (!known || now != second) {
         known = false;
-        if (NEUtils::StopDeferral::Lock(TimeMutex())) {
+        if (NEUtils::StopDeferral::Lock(g_timeMutex)) {
             known = localtime_r(&now, &broken) != nullptr;
-            TimeMutex().unlock();
+            g_timeMutex.unlock();
         }
         if (!known) {
             return false;
@@ -206,12 +202,12 @@ void LockForFork()
 {
     StopDeferral::Begin();
     MessageBus::GetSubMutex().lock();
-    TimeMutex().lock();
+    g_timeMutex.lock();
 }
 
 void UnlockInParent()
 {
-    TimeMutex().unlock();
+    g_timeMutex.unlock();
     MessageBus::GetSubMutex().unlock();
     StopDeferral::End();
 }

@@ -17,10 +17,10 @@ namespace NEUtils {
 //
 // The install root is the environment variable RUNTIME_CENTER_PATH. Below it lie the pid file,
 // conf/sentrel-agent.pid, the lock of the one instance, conf/agent.lock, and the executable that a second instance
-// is known by, bin/sentrel-agent. The lock serves an executable of another name too (instance_lock.h), and is a second ground of refusal
-// beside the pid file: a start is refused as long as any process holds it. A child that was forked without an exec
-// shares it; where such a child outlives a process that was killed, no start succeeds until it has ended, although the
-// pid file names a dead process. The record of the refusal then names that dead process too.
+// is known by, bin/sentrel-agent. The lock serves an executable of another name too (instance_lock.h), and is a second
+// ground of refusal beside the pid file: a start is refused as long as any process holds it. A child that was forked
+// without an exec shares it; where such a child outlives a process that was killed, no start succeeds until it has
+// ended, although the pid file names a dead process. The record of the refusal then names that dead process too.
 //
 // Handled signals: SIGINT, SIGQUIT, SIGTSTP stop; SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT report and
 // stop; SIGUSR1 only reports. A stop ends in SIGTERM to the own process, whose action stays the default.

@@ -136,8 +136,8 @@ TEST_F(LogFaultTest, AHandlerThatReapsAllLeavesTheRollItsChild)
 {
     Write(path_, "old");
     EXPECT_EQ(Wait(Fork([&] {
-                  ReplaceGzip("kill -CHLD " + std::to_string(getpid()) + "\nsleep 0.05\nexec /usr/bin/env PATH=" +
-                              savedPath_ + " gzip \"$@\"\n");
+                  ReplaceGzip("kill -CHLD " + std::to_string(getpid()) +
+                              "\nsleep 0.05\nexec /usr/bin/env PATH=" + savedPath_ + " gzip \"$@\"\n");
                   signal(SIGCHLD, [](int) {
                       while (waitpid(-1, nullptr, 0) > 0) {
                       }

@@ -13,7 +13,8 @@ struct StopTest : testing::Test {
     StopTest() { MyProgram::GetInstance().SetLogPath(dir_.Path()); }
 
     // A child under the frame, with a log; its stop function logs and closes the log.
-    pid_t Start(int (*main)(), unsigned int copies = 0, const std::function<void()>& first = [] {}) const
+    pid_t Start(
+        int (*main)(), unsigned int copies = 0, const std::function<void()>& first = [] {}) const
     {
         return Fork([this, main, copies, first] {
             first();
@@ -84,15 +85,17 @@ TEST_F(StopTest, ASecondStopSignalDoesNotWaitForTheRecord)
     fs::permissions(gzip, fs::perms(0755));
     setenv("PATH", (dir_.Path() + ":" + getenv("PATH")).c_str(), 1);
     Write(log_, "old");
-    const pid_t pid = Start([] { return 0; }, 1, [&] {
-        other = std::jthread([&] {  // the stop function joins it, and it logs to the file that stays locked
-            MyProgram::BlockStopSignals();
-            Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); });
-            while (!stopping) {
-                NE_LOG(INFO, "other");
-            }
-        });
-    });
+    const pid_t pid =
+        Start([] { return 0; }, 1,
+              [&] {
+                  other = std::jthread([&] {  // the stop function joins it, and it logs to the file that stays locked
+                      MyProgram::BlockStopSignals();
+                      Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); });
+                      while (!stopping) {
+                          NE_LOG(INFO, "other");
+                      }
+                  });
+              });
     EXPECT_TRUE(Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); }));
     kill(pid, SIGINT);
     EXPECT_TRUE(TakesSignals(pid));
