@@ -207,7 +207,7 @@ TEST_F(ProcessMonitorTest, FloodOfUnwantedKindsIsDroppedInTheKernelAndLossesAreC
 TEST_F(ProcessMonitorTest, ProcessEndsWithItsLastThread)
 {
     if (!kThreadsInChildren) {
-        GTEST_SKIP() << "ThreadSanitizer starts no threads in a forked child";
+        GTEST_SKIP() << "a sanitizer allows no threads in a forked child";
     }
     monitor_.SetProcessesOnly(true);
     ASSERT_TRUE(Start());

@@ -220,7 +220,7 @@ TEST_P(ProcessTracerTest, DaemonsNamespacesAndDoubleExecsHaveTheirParents)
 TEST_P(ProcessTracerTest, EndsAreToldOnceWithCodeOrSignal)
 {
     if (!kThreadsInChildren) {
-        GTEST_SKIP() << "ThreadSanitizer allows no threads in a forked child";
+        GTEST_SKIP() << "a sanitizer allows no threads in a forked child";
     }
     ASSERT_TRUE(traced_.Start(GetParam()));
     const pid_t killed = Fork([] { return pause(); });

@@ -86,7 +86,7 @@ TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAreEachToldOnceAndWhole)
 TEST_F(TraceLimitsTest, AProcessOfManyThreadsEndsOnce)
 {
     if (!kThreadsInChildren) {
-        GTEST_SKIP() << "ThreadSanitizer allows no threads in a forked child";
+        GTEST_SKIP() << "a sanitizer allows no threads in a forked child";
     }
     constexpr int kProcesses = 300;
     ASSERT_TRUE(traced_.Start(ProcessTracer::kTrace));

@@ -19,8 +19,9 @@ namespace fs = std::filesystem;
 using namespace NEUtils;
 using Strings = std::vector<std::string>;
 
-// ThreadSanitizer ends a forked child that makes threads where its parent had some.
-#ifdef __SANITIZE_THREAD__
+// ThreadSanitizer ends a forked child that makes threads where its parent had some; with AddressSanitizer such a child
+// can wait for ever for a lock of the sanitizer's that the fork found taken.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr bool kThreadsInChildren = false;
 #else
 constexpr bool kThreadsInChildren = true;
