@@ -168,7 +168,7 @@ private:
     std::unique_ptr<EventCallbacks> callbacks_;
 
     // Of the monitor's thread alone:
-    std::chrono::steady_clock::time_point listMade_;  // the white list; 0: to be made anew
+    std::chrono::steady_clock::time_point listMade_;    // the white list; 0: to be made anew
     std::chrono::steady_clock::time_point nextSearch_;  // after one that failed
     bool missedExits_ = false;
 };
