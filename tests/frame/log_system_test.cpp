@@ -147,8 +147,9 @@ TEST(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
     const auto file = std::make_shared<LogFile>(dir / "a", INFO, 0, 0);
     for (const std::string content : {"1", "2"}) {
         // What a formatter captured is destroyed without a lock.
-        const std::shared_ptr<void> last(nullptr, [](void*) { LogSystem::UpdateLogConfig("none", INFO, 0, 0); });
-        ASSERT_TRUE(LogSystem::Register(file, kNormalLog, "a", [last](auto... args) { return Echo(args...); }));
+        std::shared_ptr<void> last(nullptr, [](void*) { LogSystem::UpdateLogConfig("none", INFO, 0, 0); });
+        const auto echo = [](const std::shared_ptr<void>&, auto... args) { return Echo(args...); };
+        ASSERT_TRUE(LogSystem::Register(file, kNormalLog, "a", std::bind_front(echo, std::move(last))));
         NE_LOG(INFO, "%s", content.c_str());
         LogSystem::CloseAllLogFile();
         LogSystem::CloseAllLogFile();
