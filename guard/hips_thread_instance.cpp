@@ -1,7 +1,5 @@
 #include "hips_thread_instance.h"
 
-#include <cxxabi.h>
-
 #include <exception>
 #include <new>
 #include <utility>
@@ -162,11 +160,12 @@ int HipsThreadInstance::ExecuteThreadSlice()
     int result = 0;  // of a routine that throws: it goes on with its next slice
     try {
         result = object_->Run();
-    } catch (const abi::__forced_unwind&) {
-        throw;  // pthread_exit, which must not be caught
     } catch (const std::exception& error) {
         NE_LOG(ERROR, "Thread routine has thrown.[name=%s what=%s]", GetName().c_str(), error.what());
     } catch (...) {
+        if (std::current_exception() == nullptr) {
+            throw;  // the end of the thread by pthread_exit, which is no exception and must go on
+        }
         NE_LOG(ERROR, "Thread routine has thrown.[name=%s what=unknown]", GetName().c_str());
     }
     sliceStartNs_ = kNoSlice;
