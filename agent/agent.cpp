@@ -344,10 +344,12 @@ void Agent::Stop()
         lastRun_.Note(LastRun::kCrashed, signo);  // first: it is sure to work
     }
     if (stopping_.exchange(true)) {
-        while (!hasCrashed) {
+        if (hasCrashed) {
+            return;
+        }
+        for (;;) {
             pause();  // another thread has crashed, and ends the process when it has stopped what it can
         }
-        return;
     }
     alarm(kStopLimitSeconds);  // a stop that hangs still ends
     if (hasCrashed) {

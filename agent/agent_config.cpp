@@ -217,7 +217,7 @@ void PublishConfig(const AgentConfig& config)
 {
     for (const auto& [key, value] : config.shared) {
         if (!value.empty()) {
-            NEUtils::Config::ParseConfig(key + "=" + value, false, {});
+            NEUtils::Config::ParseConfig(std::string(key).append("=").append(value), false, {});
         }
     }
 }

@@ -255,10 +255,13 @@ void FeatureHost::AddProblems(Problems& problems) const
         const std::lock_guard<std::mutex> lock(mutex_);
         problems.AddIf(!directoryFault_.empty(), "policies", "policies: " + directoryFault_);
         for (const auto& [file, reason] : unusable_) {
-            problems.Add("policy " + file, "policy " + file + " cannot be used: " + reason);
+            problems.Add("policy " + file,
+                         std::string("policy ").append(file).append(" cannot be used: ").append(reason));
         }
         for (const auto& [feature, reason] : unkept_) {
-            problems.Add("unkept " + feature, "policy of " + feature + " is not kept for the next start: " + reason);
+            problems.Add(
+                "unkept " + feature,
+                std::string("policy of ").append(feature).append(" is not kept for the next start: ").append(reason));
         }
     }
     for (const State& state : GetStates()) {

@@ -3,14 +3,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "logger.h"
 #include "my_program.h"
 #include "util/errno_text.h"
 #include "util/file.h"
+#include "util/text.h"
 
 using NEUtils::UniqueFd;
 
@@ -18,6 +21,15 @@ namespace {
 
 constexpr char kName[] = "agent.run";
 constexpr const char* kStates[] = {"running", "stopping", "hung", "crashed"};
+
+// The number behind a key that a word begins with; 0 for any other word.
+int NumberBehind(const std::string& word, const std::string& key)
+{
+    int number = 0;
+    return word.compare(0, key.size(), key) == 0 && NEUtils::Convert::StringToInt(word.substr(key.size()), number)
+               ? number
+               : 0;
+}
 
 }  // namespace
 
@@ -40,21 +52,23 @@ std::string LastRun::Read() const
         return {};
     }
     char text[96] = {};
-    char part[32] = {};
-    char state[16] = "running";  // also where a full disk has left nothing
-    int pid = 0;
-    int signo = 0;
-    if (NEUtils::FileOperation::Read(fd.Get(), text, sizeof(text) - 1) > 0) {
-        std::sscanf(text, "%15s pid=%d signal=%d %31[^\n]", state, &pid, &signo, part);
-    }
+    const ssize_t size = NEUtils::FileOperation::Read(fd.Get(), text, sizeof(text) - 1);
+    const std::string line(text, std::strcspn(text, "\n"));
+    std::vector<std::string> words = NEUtils::StringProcess::StrSplit(line, " ");
+    words.resize(std::max<std::size_t>(words.size(), 3));
+    const std::string state = size > 0 ? words[0] : kStates[kRunning];  // also where a full disk has left nothing
+    const int pid = NumberBehind(words[1], "pid=");
+    const int signo = NumberBehind(words[2], "signal=");
+    const std::size_t behind = words[0].size() + words[1].size() + words[2].size() + 3;
+    const std::string part = behind < line.size() ? line.substr(behind) : "";
     const std::string which = "the last run (process " + std::to_string(pid) + ") ";
-    if (std::strcmp(state, kStates[kCrashed]) == 0) {
+    if (state == kStates[kCrashed]) {
         return which + "crashed by signal " + std::to_string(signo) + ", report " + root_ + "/log/coredump.log";
     }
-    if (std::strcmp(state, kStates[kHung]) == 0) {
+    if (state == kStates[kHung]) {
         return which + "was ended by its guard, a thread hung";
     }
-    if (std::strcmp(state, kStates[kStopping]) == 0) {
+    if (state == kStates[kStopping]) {
         return which + "did not come to the end of its stop, at: " + part;
     }
     return which + "was killed, or the host went down";

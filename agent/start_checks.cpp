@@ -124,10 +124,10 @@ std::vector<std::string> CheckPolicies(const std::string& root)
         faults.push_back("policies: " + kept.fault);
     }
     for (const auto& [file, reason] : kept.unusable) {
-        faults.push_back("policy " + file + " " + reason);
+        faults.push_back(std::string("policy ").append(file).append(" ").append(reason));
     }
     for (const auto& [feature, policy] : kept.policies) {
-        const std::string library = root + "/lib/features/lib" + feature + ".so";
+        const std::string library = std::string(root).append("/lib/features/lib").append(feature).append(".so");
         if (!policy.enable) {
             continue;
         }

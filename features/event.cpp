@@ -25,7 +25,7 @@ std::string Json(const std::string& text)
 
 std::string Quoted(const std::string& text)
 {
-    const std::string printable = NEUtils::Printable(text);
+    std::string printable = NEUtils::Printable(text);
     if (std::all_of(printable.begin(), printable.end(), &IsPlain)) {
         return printable;
     }
@@ -50,10 +50,11 @@ std::string TimeText(std::int64_t timeMs)
     return std::string(date) + "." + std::to_string(1000 + ms).substr(1) + zone;
 }
 
-Event::Event(const Kind& kind, std::int64_t timeMs, std::source_location place)
+Event::Event(const Kind& kind, std::int64_t timeMs, const char* file, unsigned int line)
     : kind_(kind),
       timeMs_(timeMs),
-      place_(place),
+      file_(file),
+      line_(line),
       hasFile_(NEUtils::EventFile::GetInstance().IsOpen()),
       report_(kind.message, timeMs)
 {
@@ -106,7 +107,7 @@ void Event::Send(const char* name, NEUtils::ReportTag tag, const std::string& te
                                                 ",\"time\":" + std::to_string(timeMs_) + items_ + "}");
         return;
     }
-    NEUtils::LoggerWriteLog(NEUtils::kNormalLog, INFO, NEUtils::BaseName(place_.file_name()), place_.line(),
-                            "%s[%stime=%s %s=%s]", kind_.title, items_.c_str(), TimeText(timeMs_).c_str(), name,
+    NEUtils::LoggerWriteLog(NEUtils::kNormalLog, INFO, NEUtils::BaseName(file_), line_, "%s[%stime=%s %s=%s]",
+                            kind_.title, items_.c_str(), TimeText(timeMs_).c_str(), name,
                             NEUtils::Printable(text).c_str());
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <source_location>
 #include <string>
 
 #include "report.h"
@@ -22,7 +21,9 @@ public:
     };
 
     // The time is the event's own, or when the agent read of it: milliseconds since 1970.
-    Event(const Kind& kind, std::int64_t timeMs, std::source_location place = std::source_location::current());
+    // File and line are those of the caller, for the record.
+    Event(const Kind& kind, std::int64_t timeMs, const char* file = __builtin_FILE(),
+          unsigned int line = __builtin_LINE());
 
     // Items in the order of the record. A text that is empty is left out.
     Event& Add(const char* name, NEUtils::ReportTag tag, int number);
@@ -38,7 +39,8 @@ private:
 
     const Kind kind_;
     const std::int64_t timeMs_;
-    const std::source_location place_;
+    const char* const file_;
+    const unsigned int line_;
     const bool hasFile_;
     std::string items_;  // so far, in the form of the event file or of the record
     NEUtils::Report report_;

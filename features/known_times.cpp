@@ -37,7 +37,7 @@ std::string KnownTimes::Update(const std::string& path, const struct stat& statu
     }
     const Times before = known->second;
     known->second = now;
-    const std::string change =
+    std::string change =
         Difference("mtime", before.mtimeMs, now.mtimeMs) + Difference("atime", before.atimeMs, now.atimeMs);
     if (!change.empty()) {
         return change;

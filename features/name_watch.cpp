@@ -30,7 +30,7 @@ std::string TargetOf(const std::string& path)
 std::string TakeName(std::string& path)
 {
     const std::size_t end = path.find('/');
-    const std::string name = path.substr(0, end);
+    std::string name = path.substr(0, end);
     path.erase(0, end == std::string::npos ? end : end + 1);
     return name;
 }

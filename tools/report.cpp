@@ -18,15 +18,15 @@ constexpr std::size_t kMaxBody = 64;
 
 // A report whose type is known, and an item that it must have.
 struct ReportKind {
-    std::uint32_t message;
     const char* type;
+    std::uint32_t message;
     ReportTag needed;
 };
 
 constexpr ReportKind kReportKinds[] = {
-    {kMsgProcess, "process", kTagTime},  {kMsgDroppedReports, "dropped", kTagCount},
-    {kMsgFile, "file", kTagPath},        {kMsgAccess, "access", kTagPath},
-    {kMsgRepeats, "repeats", kTagCount}, {kMsgProblem, "problem", kTagProblem},
+    {"process", kMsgProcess, kTagTime},  {"dropped", kMsgDroppedReports, kTagCount},
+    {"file", kMsgFile, kTagPath},        {"access", kMsgAccess, kTagPath},
+    {"repeats", kMsgRepeats, kTagCount}, {"problem", kMsgProblem, kTagProblem},
 };
 
 struct EventKind {
