@@ -76,13 +76,13 @@ bool StopDeferral::Lock(std::mutex& mutex)
     }
     do {
         timespec end = {};
-        clock_gettime(CLOCK_MONOTONIC, &end);
+        clock_gettime(CLOCK_REALTIME, &end);  // a step of it makes one slice longer or shorter, no more
         end.tv_nsec += kStuckNs;
         if (end.tv_nsec >= Clock::kNsPerSecond) {
             end.tv_nsec -= Clock::kNsPerSecond;
             ++end.tv_sec;
         }
-        if (pthread_mutex_clocklock(mutex.native_handle(), CLOCK_MONOTONIC, &end) == 0) {
+        if (pthread_mutex_timedlock(mutex.native_handle(), &end) == 0) {
             return true;
         }
     } while (g_interrupted == 0);

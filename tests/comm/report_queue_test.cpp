@@ -172,10 +172,11 @@ TEST_F(ReportQueueTest, UnansweredGoOutAsNewRequests)
     EXPECT_EQ(Take(1, false), Numbers(5, 6));
     queue_.Stop();
     EXPECT_EQ(queue_.GetAccount().waiting, 1U);
-    EXPECT_FALSE(Push(6));
     ASSERT_TRUE(queue_.Start(channel_, 10, 1000));
     EXPECT_TRUE(Push(6));
     EXPECT_EQ(Take(2), Numbers(5, 7));
+    queue_.Stop();
+    EXPECT_FALSE(Push(7));
 }
 
 TEST_F(ReportQueueTest, SilentServerIsGivenUpAndThenAskedFirst)
