@@ -139,8 +139,10 @@ TEST_F(LogFaultTest, AHandlerThatReapsAllLeavesTheRollItsChild)
                   ReplaceGzip("kill -CHLD " + std::to_string(getpid()) +
                               "\nsleep 0.05\nexec /usr/bin/env PATH=" + savedPath_ + " gzip \"$@\"\n");
                   signal(SIGCHLD, [](int) {
+                      const int error = errno;
                       while (waitpid(-1, nullptr, 0) > 0) {
                       }
+                      errno = error;
                   });
                   LogFile file(path_, DEBUG, 0, 2);
                   return Put(file, "new") ? 0 : 1;
