@@ -27,6 +27,14 @@ constexpr bool kThreadsInChildren = false;
 constexpr bool kThreadsInChildren = true;
 #endif
 
+// AddressSanitizer's allocator does not free its locks in a forked child: beside threads that allocate all the time,
+// as those of a process tracer do, some of many children wait for ever.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kForksBesideBusyThreads = false;
+#else
+constexpr bool kForksBesideBusyThreads = true;
+#endif
+
 // Runs a function in a forked child; its result is the exit status.
 inline pid_t Fork(const std::function<int()>& body)
 {
