@@ -64,7 +64,7 @@ TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAreEachToldOnceAndWhole)
     const pid_t threads = Fork(ThreadsComeAndGo);
     const pid_t burst = Burst(kPrograms, [](int i) { return Strings{"true", "unique", std::to_string(i), ""}; });
     EXPECT_EQ(Wait(burst) + Wait(threads), 0);
-    ASSERT_TRUE(traced_.SawEnd(burst));
+    ASSERT_TRUE(traced_.SawEnd(burst) && traced_.SawEnd(threads));
     std::map<Strings, int> told;
     const std::lock_guard<std::mutex> lock(traced_.mutex);
     for (const auto& [pid, records] : traced_.records) {
