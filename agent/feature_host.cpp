@@ -8,6 +8,7 @@
 #include "start_reasons.h"
 #include "util/file.h"
 
+using NEUtils::FeatureCounters;
 using NEUtils::Manager::ModuleStatus;
 
 namespace {
@@ -23,6 +24,13 @@ std::string FeatureOf(const std::string& file)
     const bool isLibrary = file.size() > kPrefixSize + kSuffixSize && file.compare(0, kPrefixSize, kPrefix) == 0 &&
                            file.compare(file.size() - kSuffixSize, kSuffixSize, kSuffix) == 0;
     return isLibrary ? file.substr(kPrefixSize, file.size() - kPrefixSize - kSuffixSize) : std::string();
+}
+
+// A feature that runs, and has nothing to watch until a path is there.
+bool IsWaiting(const std::string& feature)
+{
+    const FeatureCounters& counters = FeatureCounters::Of(feature);
+    return counters.watches == 0 && counters.waiting > 0;
 }
 
 const char* NameOf(ModuleStatus status, bool wanted, bool failed)
@@ -151,7 +159,8 @@ bool FeatureHost::IsAsWanted(const std::string& feature, const Policy& policy) c
     if (!policy.enable) {
         return manager_.GetModuleStatus(feature) == NEUtils::Manager::kNotLoaded;
     }
-    return manager_.IsRunable(feature) && NEUtils::FeatureCounters::Of(feature).lacking == 0;
+    const FeatureCounters& counters = FeatureCounters::Of(feature);
+    return manager_.IsRunable(feature) && counters.lacking == 0 && counters.waiting == 0;
 }
 
 FeatureHost::Outcome FeatureHost::Apply(const std::string& feature, bool enable, const std::optional<std::string>& text)
@@ -292,7 +301,9 @@ std::vector<FeatureHost::State> FeatureHost::GetStates() const
     states.reserve(features.size());
     for (const auto& [name, policy] : features) {
         const std::string reason = Find(faults, name);
-        states.push_back({name, NameOf(manager_.GetModuleStatus(name), policy.enable, !reason.empty()), reason});
+        const ModuleStatus status = manager_.GetModuleStatus(name);
+        const bool isWaiting = status == NEUtils::Manager::kStarted && IsWaiting(name);
+        states.push_back({name, isWaiting ? "waiting" : NameOf(status, policy.enable, !reason.empty()), reason});
     }
     return states;
 }

@@ -27,7 +27,7 @@ public:
     };
     struct State {
         std::string name;
-        std::string status;  // off, starting, started, failed, and in passing loaded or stopped
+        std::string status;  // off, starting, started, waiting, failed, and in passing loaded or stopped
         std::string reason;  // why it has failed, or does not take its changed policy
     };
 

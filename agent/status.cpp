@@ -54,7 +54,9 @@ Json Feature(const FeatureHost::State& state, const Counters& counters, Problems
     if (const auto found = counters.find(state.name); found != counters.end()) {
         const FeatureCounters& own = *found->second;
         const std::uint64_t lacking = own.lacking;
+        const std::uint64_t waiting = own.waiting;
         feature["watches"] = own.watches.load();
+        feature["waiting"] = waiting;
         feature["lacking"] = lacking;
         feature["seen"] = own.seen.load();
         feature["filtered"] = own.filtered.load();
@@ -62,6 +64,8 @@ Json Feature(const FeatureHost::State& state, const Counters& counters, Problems
         feature["overflows"] = own.overflows.load();
         problems.AddIf(lacking > 0, "lacking " + state.name,
                        "feature " + state.name + " cannot watch " + Count(lacking, " of what its policy names"));
+        problems.AddIf(waiting > 0, "waiting " + state.name,
+                       "feature " + state.name + " waits for paths that are not there: " + std::to_string(waiting));
     }
     return feature;
 }

@@ -40,9 +40,9 @@ void AddFeatures(std::string& text, const Json& features)
         line.resize(line.size() < 18 ? 18 : line.size() + 1, ' ');
         line += Word(feature, "status");
         if (feature.contains("seen")) {
-            line += "  watches " + Word(feature, "watches") + ", lacks " + Word(feature, "lacking") + ", seen " +
-                    Word(feature, "seen") + ", filtered " + Word(feature, "filtered") + ", lost " +
-                    Word(feature, "lost");
+            line += "  watches " + Word(feature, "watches") + ", waits for " + Word(feature, "waiting") + ", lacks " +
+                    Word(feature, "lacking") + ", seen " + Word(feature, "seen") + ", filtered " +
+                    Word(feature, "filtered") + ", lost " + Word(feature, "lost");
         }
         AddLine(text, section, line);
     }

@@ -46,6 +46,7 @@ public:
     {
         thread_.Stop();
         counters_.watches = 0;
+        counters_.waiting = 0;
         counters_.lacking = 0;
     }
     FileAccess(const FileAccess&) = delete;

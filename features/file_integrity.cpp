@@ -118,6 +118,7 @@ public:
         }
         digests_.Stop();
         counters_.watches = 0;
+        counters_.waiting = 0;
         counters_.lacking = 0;
     }
     FileIntegrity(const FileIntegrity&) = delete;
@@ -167,15 +168,18 @@ private:
     {
         CountOverflows();
         std::uint64_t watches = 0;
+        std::uint64_t waiting = 0;
         for (Watched& watched : rules_) {
             const WatchState state = NEUtils::Monitor::GetWatchState(watched.rule);
             watches += state == NEUtils::Monitor::kWatching ? 1 : 0;
+            waiting += state == NEUtils::Monitor::kWaiting ? 1 : 0;
             if (std::exchange(watched.state, state) != state) {
                 LogState(watched);
             }
         }
         counters_.watches = watches;
-        counters_.lacking = rules_.size() - watches;
+        counters_.waiting = waiting;
+        counters_.lacking = rules_.size() - watches - waiting;
     }
 
     // What has changed is found by comparing, but what came and went, or was only read, is not.

@@ -146,10 +146,13 @@ void GuardMarks::ForgetOldMarks()
 
 void GuardMarks::Count()
 {
-    const auto marked =
-        std::count_if(guards_.begin(), guards_.end(), [](const Guard& guard) { return guard.state == kMarked; });
-    counters_.watches = static_cast<std::uint64_t>(marked);
-    counters_.lacking = guards_.size() - static_cast<std::size_t>(marked);
+    const auto countIn = [this](State state) {
+        return static_cast<std::uint64_t>(std::count_if(guards_.begin(), guards_.end(),
+                                                        [state](const Guard& guard) { return guard.state == state; }));
+    };
+    counters_.watches = countIn(kMarked);
+    counters_.waiting = countIn(kMissing);
+    counters_.lacking = countIn(kRefused);
 }
 
 void GuardMarks::LogStart(const Guard& guard)

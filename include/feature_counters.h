@@ -25,6 +25,7 @@ struct FeatureCounters {
     std::atomic<std::uint64_t> watches{0};    // what it watches now
     std::atomic<std::uint64_t> lacking{0};    // what it should watch now, and cannot
     std::atomic<std::uint64_t> overflows{0};  // losses whose size is unknown
+    std::atomic<std::uint64_t> waiting{0};    // what it will watch as soon as it is there
 
     // The counters of a feature, made at the first call; the reference stays valid for good. Throws
     // std::bad_alloc.

@@ -200,9 +200,13 @@ TEST_F(AgentFaultsTest, ReloadsAtSighup)
     const auto reload = [this] { kill(agent_, SIGHUP); };
     Write(config_, "REPORT_SECONDS=1\nLOG_FILE=log/other.log\nPOOL_MAX_THREADS=9\nGUARD_DESCRIPTORS=1\n");
     SetPolicy("odd", "enable=on\n");
+    SetPolicy("file_integrity", "enable=on\nwatch=" + (root_ / "late") + "\n");
     reload();
     EXPECT_TRUE(Eventually([&] { return Logged("[onlyFromNextStart=POOL_MAX_THREADS,LOG_FILE]"); })) << Read(log_);
     EXPECT_TRUE(Says("odd               started"));
+    EXPECT_TRUE(Says("file_integrity    waiting  watches 0, waits for 1, lacks 0, "));
+    Write(root_ / "late", "");
+    EXPECT_TRUE(Says("file_integrity    started  watches 1, waits for 0, lacks 0, "));
     EXPECT_TRUE(Says("descriptors are above GUARD_DESCRIPTORS"));
     EXPECT_TRUE(Eventually([&] { return Logged("Self resource usage.[cpu="); }));
     Write(config_, "REPORT_SECONDS=x\n");

@@ -149,6 +149,13 @@ TEST_F(FeatureHostTest, TheSamePolicyAgainMendsWhatIsNotAsWanted)
     counters_.lacking = 0;
     EXPECT_EQ(host.Apply("odd", true, "lacking").result, kCommandDone);
     EXPECT_EQ(starts(), first + 2);  // it is as wanted: no gap
+    EXPECT_EQ(host.Apply("odd", true, "waiting").result, kCommandDone);
+    EXPECT_EQ(StatusOf(host), "waiting ");
+    host.Reload();
+    EXPECT_EQ(starts(), first + 4);
+    counters_.watches = 1;  // one of several paths is there
+    EXPECT_EQ(StatusOf(host), "started ");
+    counters_.watches = 0;
     host.Stop();
 }
 
@@ -214,6 +221,8 @@ TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
     const std::tuple<const char*, Action, Action> rows[] = {
         {"feature odd cannot watch 2 of what its policy names", [&] { counters_.lacking = 2; },
          [&] { counters_.lacking = 0; }},
+        {"feature odd waits for paths that are not there: 3", [&] { counters_.waiting = 3; },
+         [&] { counters_.waiting = 0; }},
         {"memory is above GUARD_MEMORY_KIB",
          [&] {
              status.SetLimits({1, 0, 0});

@@ -30,6 +30,7 @@ int StartModule(const char* policy)
     auto& counters = NEUtils::FeatureCounters::Of("odd");
     counters.lost = Wants(policy, "lost") ? 7 : 0;
     counters.lacking = Wants(policy, "lacking") ? 2 : 0;
+    counters.waiting = Wants(policy, "waiting") ? 1 : 0;
     counters.overflows = Wants(policy, "overflow") ? 1 : 0;
     ++counters.seen;  // how often it has been started
     g_hangs = Wants(policy, "hang-stop");

@@ -179,7 +179,7 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
          [&] {
              fs::rename(file, parent + "/away");
              EXPECT_TRUE(isChangeLogged("missing", file));
-             EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_access").lacking == 2; }));
+             EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_access").waiting == 2; }));
              Write(file, "z");
          }},
         {"its directory exchanged", "",
@@ -313,7 +313,7 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
                                        dir_ / "way/sub/o*" + "\nwatch=" + late,
                                    ""}}});
     ASSERT_TRUE(manager_.IsRunable("file_integrity"));
-    EXPECT_EQ(FeatureCounters::Of("file_integrity").lacking, 1U);
+    EXPECT_EQ(FeatureCounters::Of("file_integrity").waiting, 1U);
     const auto logged = [&](const std::string& piece, const std::string& path) {
         return Eventually([&] { return Logs(records, "File changed.[" + piece, " path=" + path + "]"); });
     };
@@ -352,7 +352,7 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
     EXPECT_GE(FeatureCounters::Of("file_integrity").filtered, 3U);
     Write(late, "");
     EXPECT_TRUE(logged("action=create", late));
-    EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_integrity").lacking == 0; }, 30));
+    EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_integrity").waiting == 0; }, 30));
     EXPECT_TRUE(Logs(records, "WARN Path to be watched is not there, it is waited for.", "path=" + late + "]"));
     umount2((tree_ + "/mount").c_str(), MNT_DETACH);
 }
