@@ -1,9 +1,6 @@
 #include "socket_comm.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <charconv>
@@ -19,6 +16,7 @@
 #include "comm/request_cache.h"
 #include "comm/send_mutex.h"
 #include "comm/sig_pipe.h"
+#include "comm/socket_options.h"
 #include "config.h"
 #include "logger.h"
 #include "util/clock.h"
@@ -77,24 +75,6 @@ std::optional<int> ToNumber(const std::string& text)
     const char* end = text.data() + text.size();
     const auto [last, error] = std::from_chars(text.data(), end, number);
     return error == std::errc() && last == end ? std::optional<int>(number) : std::nullopt;
-}
-
-void SetConnectLimit(int fd)
-{
-    const timeval limit = {kLocalConnectSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-}
-
-// A client may get as its own port the very port of this host that it connects to, if nobody listens there.
-bool IsConnectedToItself(int fd)
-{
-    sockaddr_in6 own = {};
-    sockaddr_in6 peer = {};
-    socklen_t ownSize = sizeof(own);
-    socklen_t peerSize = sizeof(peer);
-    return getsockname(fd, reinterpret_cast<sockaddr*>(&own), &ownSize) == 0 &&
-           getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) == 0 && ownSize == peerSize &&
-           std::memcmp(&own, &peer, ownSize) == 0;
 }
 
 }  // namespace
@@ -177,17 +157,7 @@ bool SocketComm::GetPeerUser(std::uint32_t& uid) const
     if (connection == nullptr || !connection->IsUp()) {
         return false;
     }
-    const int fd = connection->GetSocket().GetFd();
-    int domain = 0;
-    ucred peer = {};
-    socklen_t domainSize = sizeof(domain);
-    socklen_t peerSize = sizeof(peer);
-    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &domainSize) != 0 || domain != AF_UNIX ||
-        getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &peerSize) != 0) {
-        return false;
-    }
-    uid = peer.uid;
-    return true;
+    return GetPeerUserOf(connection->GetSocket().GetFd(), uid);
 }
 
 bool SocketComm::Open(Connection& connection)
@@ -234,7 +204,7 @@ bool SocketComm::CreateNetConnection(Connection& connection)
         NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
         return false;
     }
-    setsockopt(proxy.GetFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, &kDeadPeerMs, sizeof(kDeadPeerMs));
+    LimitAcknowledging(proxy.GetFd(), kDeadPeerMs);
     return true;
 }
 
@@ -249,7 +219,7 @@ bool SocketComm::CreateDomainConnection(Connection& connection)
         return false;
     }
     const SocketProxy& proxy = connection.GetSocket();
-    SetConnectLimit(proxy.GetFd());
+    LimitSending(proxy.GetFd(), kLocalConnectSeconds);
     if (!proxy.Connect(path, 0, 0)) {
         NE_LOG(ERROR, "Connect domain socket failed.[server=%s]", path.c_str());
         return false;
