@@ -132,7 +132,7 @@ bool ReportQueue::Members::Add(std::shared_ptr<std::string> message)
         LogDrop(lock);
         return false;
     }
-    const bool wake = std::exchange(idle, false) || (resting && store.GetCount() >= kRestEnd);
+    const bool wake = std::exchange(idle, false) || (store.HasEnough() && std::exchange(resting, false));
     lock.unlock();
     if (wake) {
         changed.notify_one();
@@ -175,7 +175,7 @@ bool ReportQueue::Drain(unsigned int timeoutMs)
     const std::int64_t end = start + std::int64_t{timeoutMs} * Clock::kNsPerMs;
     std::int64_t progress = start;
     Members::Lock lock(own.mutex);
-    own.draining = true;
+    ++own.drains;
     own.changed.notify_one();
     std::uint64_t acknowledged = own.store.GetAccount().acknowledged;
     while (!own.store.IsDone() && own.running && own.channel->Get().StatusCheck()) {
@@ -188,7 +188,7 @@ bool ReportQueue::Drain(unsigned int timeoutMs)
             break;
         }
     }
-    own.draining = false;
+    --own.drains;
     return own.store.IsDone();
 }
 

@@ -21,7 +21,6 @@ namespace NEUtils {
 //
 // Locks    the mutex, for all but beatNs; not held during a send, a log call or GiveUp.
 struct ReportQueue::Members {
-    static constexpr std::size_t kRestEnd = 100;  // so many reports need not wait for others
     static constexpr std::int64_t kDropRecordPeriodMs = 60000;
 
     using Lock = std::unique_lock<std::mutex>;
@@ -35,6 +34,7 @@ struct ReportQueue::Members {
     void Run();
     void RunOnce(Lock& lock);
     void Wait(Lock& lock);
+    void Rest(Lock& lock);
     void FollowChannel(std::int64_t now);
     void AddNotice();
     bool SendReports(Lock& lock, std::int64_t now);
@@ -52,10 +52,10 @@ struct ReportQueue::Members {
     std::atomic<std::int64_t> beatNs{0};  // when the sender last came round; 0 while there is none
     std::uint32_t connections = 0;        // the channel's count when last looked at
     bool running = false;
-    bool idle = false;  // the sender waits for reports
-    bool resting = false;
-    bool draining = false;
+    bool idle = false;     // the sender waits for the first report
+    bool resting = false;  // it waits for others to join it
     bool sending = false;
+    unsigned int drains = 0;  // callers of Drain: reports are sent at once
 
     std::unique_ptr<ReportChannel> channel;
     std::thread sender;

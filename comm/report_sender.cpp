@@ -15,7 +15,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kLookPeriod{1000};  // at the channel and the clock
 constexpr milliseconds kIdlePeriod{3000};  // the same, with nothing to send or to be answered
-constexpr milliseconds kRest{10};          // of a sender that was idle, so that reports join the first one
+constexpr milliseconds kRest{10};          // so that reports join the first one
 
 }  // namespace
 
@@ -64,15 +64,20 @@ void ReportQueue::Members::Wait(Lock& lock)
     if (!running) {
         return;
     }
-    idle = !store.IsWaiting();
-    const bool wasIdle = idle;
-    changed.wait_for(lock, idle && store.GetUnanswered() == 0 ? kIdlePeriod : kLookPeriod);
+    const bool isEmpty = !store.IsWaiting();
+    idle = isEmpty;
+    changed.wait_for(lock, isEmpty && store.GetUnanswered() == 0 ? kIdlePeriod : kLookPeriod);
     idle = false;
-    if (wasIdle && store.IsWaiting()) {
-        resting = true;
-        changed.wait_for(lock, kRest, [this] { return !running || draining || store.GetCount() >= kRestEnd; });
-        resting = false;
+    if (isEmpty && store.IsWaiting()) {
+        Rest(lock);
     }
+}
+
+void ReportQueue::Members::Rest(Lock& lock)
+{
+    resting = true;
+    changed.wait_for(lock, kRest, [this] { return !running || drains > 0 || store.HasEnough(); });
+    resting = false;
 }
 
 // Takes back what was lost with its connection, or is repeated no more.
@@ -109,7 +114,9 @@ bool ReportQueue::Members::SendReports(Lock& lock, std::int64_t now)
         return false;
     }
     const bool done = SendUnlocked(lock, [&] { return channel->Send(batch); });
-    if (!done) {
+    if (done && batch.size() > 1) {
+        Rest(lock);  // more are on their way, it seems: none of them needs to wake the thread
+    } else if (!done) {
         store.PutBack(batch);
         for (const auto& report : batch) {
             channel->DropRequests({report->seq});

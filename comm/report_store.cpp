@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::size_t kMostUnanswered = 200;
 constexpr std::size_t kMostJoined = 65536;
+constexpr std::size_t kEnough = 100;
 constexpr unsigned int kMostDoublings = 4;
 
 // When a report is sent again after so many sendings: first when the channel repeats it no more, then twice
@@ -81,6 +82,11 @@ bool ReportStore::CanSend(std::int64_t nowNs) const
 {
     return !waiting_.empty() && unanswered_.size() < kMostUnanswered &&
            !(held_ && waiting_.front()->sendings > 0 && DueNs(*waiting_.front()) > nowNs);
+}
+
+bool ReportStore::HasEnough() const
+{
+    return waiting_.size() >= kEnough || bytes_ >= kMostJoined || GetCount() > maxCount_ / 2 || bytes_ > maxBytes_ / 2;
 }
 
 ReportStore::Batch ReportStore::TakeNext(std::int64_t nowNs)

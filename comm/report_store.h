@@ -62,7 +62,8 @@ public:
     std::size_t GetUnanswered() const { return unanswered_.size(); }
     bool IsWaiting() const { return !waiting_.empty(); }  // a report or a notice
     bool CanSend(std::int64_t nowNs) const;
-    bool IsDone() const;  // everything is answered, and all drops are reported
+    bool HasEnough() const;  // for a send of its own, or so much that there may soon be no room
+    bool IsDone() const;     // everything is answered, and all drops are reported
     ReportAccount GetAccount() const;
 
 private:

@@ -49,8 +49,9 @@ struct ReportAccount {
 // Threads  Push, Drain and the figures: any. Start and Stop: one at a time. "ReportSender" sends. A channel
 //          has one queue.
 // Blocks   Push never. Stop: up to half a second for a send under way; then it gives the connection up.
-// Limits   number and bytes, headers counted, of all reports in the queue, answered ones not. After a time
-//          without reports the first one waits up to 10 ms for others to join it.
+// Limits   number and bytes, headers counted, of all reports in the queue, answered ones not. A report waits up to
+//          10 ms for others that go out with it; not while somebody drains the queue, nor when 100 reports wait,
+//          or 64 KiB, or half of what the queue may hold.
 class NEUTILS_API ReportQueue {
 public:
     // The process's own, through which the agent and its features report; never destroyed.

@@ -196,6 +196,28 @@ TEST(ReportStoreTest, JoinsUpToTheLimitsAndKeepsTheOrder)
     EXPECT_EQ(store.TakeNext(1), second);
 }
 
+// A sender that waited for more although there is no room left would lose what comes meanwhile.
+TEST(ReportStoreTest, HasEnoughBeforeThereIsNoRoom)
+{
+    const struct {
+        std::size_t maxCount, maxBytes, reports, size;
+        bool enough;
+    } rows[] = {{1000, 1 << 20, 0, 0, false},   {1000, 1 << 20, 99, 16, false}, {1000, 1 << 20, 100, 16, true},
+                {10, 1000, 5, 20, false},       {10, 1000, 6, 20, true},        {1, 1000, 1, 20, true},
+                {10, 1000, 1, 500, false},      {10, 1000, 1, 501, true},       {1000, 1 << 20, 1, 65535, false},
+                {1000, 1 << 20, 1, 65536, true}};
+    for (const auto& row : rows) {
+        ReportStore store;
+        store.SetLimits(row.maxCount, row.maxBytes);
+        for (std::size_t i = 0; i < row.reports; ++i) {
+            ASSERT_TRUE(store.Add(Message(row.size)));
+        }
+        EXPECT_EQ(store.HasEnough(), row.enough) << row.reports << " of " << row.size;
+        store.TakeNext(1);  // what is sent only takes room
+        EXPECT_EQ(store.HasEnough(), row.enough && row.reports < 100) << row.reports << " of " << row.size;
+    }
+}
+
 TEST(ServerWatchTest, AsksAndGivesUpInTime)
 {
     ServerWatch watch(0);
