@@ -25,8 +25,10 @@ FileTracker::Added FileTracker::AddRule(const WatchRulePtr& rule)
     if (rule->given.recursive && mount != nullptr && mount->isPseudo) {
         return Added::kPseudo;
     }
+    rule->isLeaving = true;  // until it is whole
     state_.rules.Add(rule);
     placer_.Place(rule, true);
+    rule->isLeaving = false;
     const WatchedFile* file = state_.tree.Find(rule->rule.path);
     const bool isRefused = file != nullptr && file->isKnown && file->lacksWatch;
     if (isRefused) {
@@ -38,6 +40,7 @@ FileTracker::Added FileTracker::AddRule(const WatchRulePtr& rule)
 
 void FileTracker::RemoveRule(const WatchRulePtr& rule)
 {
+    rule->isLeaving = true;
     placer_.TakeOut(rule);
 }
 
@@ -105,9 +108,13 @@ void FileTracker::Compare()
     manner.why.compares = true;
     const WatchRuleList rules = state_.rules.All();
     for (const WatchRulePtr& rule : rules) {
-        reader_.Read(rule->rule.path, manner);
+        if (rule->isLeaving) {
+            placer_.TakeOut(rule);
+        } else {
+            reader_.Read(rule->rule.path, manner);
+        }
     }
-    state_.Unplace(rules);
+    state_.Unplace(state_.rules.All());
     PlaceRules();
 }
 

@@ -41,10 +41,11 @@ public:
     void LookAgain();
     [[nodiscard]] bool HasSuspects() const { return !state_.suspects.empty(); }
 
-    // Records have been lost: everything is compared with what is known of it.
+    // Records have been lost, or one of the functions above has thrown for want of memory: everything is compared with
+    // what is known of it.
     void Compare();
 
-    [[nodiscard]] std::vector<Notification> TakeNotifications() { return std::exchange(state_.notifications, {}); }
+    [[nodiscard]] Notifications TakeNotifications() { return std::exchange(state_.notifications, {}); }
 
     // Directories, and files with rules of their own, that have no watch for want of room. By rule where a rule is
     // asked for.

@@ -17,6 +17,7 @@
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/file.h"
+#include "util/rate_limiter.h"
 
 namespace NEUtils {
 
@@ -29,31 +30,17 @@ constexpr std::size_t kCallsPerPause = 64;
 constexpr int kWaitMs = 20000;
 constexpr int kPairWaitMs = 5;      // for the second half of a rename
 constexpr int kSuspectWaitMs = 20;  // before a path is looked at once more
-constexpr int kTurnWaitMs = 5;
+constexpr int kNoMemoryWaitMs = 100;
+constexpr std::int64_t kLossPeriodMs = 60000;
+
+RateLimiter g_lossRecords(kLossPeriodMs);
 
 }  // namespace
 
-// The right to work on the tracker, which one thread at a time has.
+// The right to work on the tracker.
 class InotifySession::Turn {
 public:
-    enum Wait { kUntilFree, kShortly };
-
-    Turn(InotifySession& session, Wait wait) : session_(session)
-    {
-        std::unique_lock<std::mutex> lock(session_.mutex_);
-        const auto isFree = [this, wait] {
-            return !session_.hasTurn_ && (wait == kUntilFree || session_.wantsTurn_ == 0);
-        };
-        if (wait == kUntilFree) {
-            ++session_.wantsTurn_;
-            session_.turnEnded_.wait(lock, isFree);
-            --session_.wantsTurn_;
-        } else {
-            session_.turnEnded_.wait_for(lock, std::chrono::milliseconds(kTurnWaitMs), isFree);
-        }
-        isMine_ = isFree();
-        session_.hasTurn_ = session_.hasTurn_ || isMine_;
-    }
+    Turn(InotifySession& session, Turns::Wait wait) : session_(session), isMine_(session.turns_.Take(wait)) {}
     ~Turn()
     {
         if (isMine_) {
@@ -66,7 +53,7 @@ public:
 
 private:
     InotifySession& session_;
-    bool isMine_ = false;
+    const bool isMine_;
 };
 
 InotifySession::InotifySession() : host_([this] { return GoOn(); }), tracker_(host_) {}
@@ -89,23 +76,22 @@ bool InotifySession::Init()
 // Gives the turn up. After a stop nobody needs what is known any more.
 void InotifySession::EndTurn()
 {
-    bool clears = false;
-    std::vector<Notification> notifications = tracker_.TakeNotifications();
+    Notifications notifications = tracker_.TakeNotifications();
     lacking_ = tracker_.CountLacking();
     hasMoves_ = tracker_.HasMoves();
     hasSuspects_ = tracker_.HasSuspects();
-    do {
-        if (clears) {
-            tracker_.Clear();
-        }
+    {
         const std::lock_guard<std::mutex> lock(mutex_);
-        clears = stopping_ && !std::exchange(isCleared_, stopping_.load());
-        if (!clears) {
-            hasTurn_ = false;
-            std::move(notifications.begin(), notifications.end(), std::back_inserter(notifications_));
-            turnEnded_.notify_all();
+        notifications_.splice(notifications_.end(), notifications);
+    }
+    while (!turns_.EndUnless([this] { return stopping_ && !isCleared_; })) {
+        isCleared_ = true;
+        try {
+            tracker_.Clear();
+        } catch (const std::exception& error) {
+            CountLoss(error);
         }
-    } while (clears);
+    }
 }
 
 void InotifySession::Stop()
@@ -121,7 +107,7 @@ void InotifySession::Stop()
         rule->gate.Close();
     }
     {
-        const Turn turn(*this, Turn::kShortly);
+        const Turn turn(*this, Turns::kShortly);
     }  // or whoever has it clears what is known, soon
     host_.Stop();
 }
@@ -154,17 +140,28 @@ bool InotifySession::AddRule(const Rule& rule)
         NE_LOG(ERROR, "Watch rule is there already.[path=%s]", rule.path.c_str());
         return false;
     }
-    FileTracker::Added result = FileTracker::Added::kMissing;
-    {
-        const Turn turn(*this, Turn::kUntilFree);
+    const bool isAdded = AddToTracker(added);
+    if (!isAdded) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        rules_.erase(std::remove(rules_.begin(), rules_.end(), added), rules_.end());
+    }
+    LogLack();
+    Wake();
+    return isAdded;
+}
+
+bool InotifySession::AddToTracker(const WatchRulePtr& added)
+{
+    const Rule& rule = added->given;
+    FileTracker::Added result = FileTracker::Added::kNoRoom;
+    try {
+        const Turn turn(*this, Turns::kUntilFree);
         if (stopping_) {
             return false;
         }
         result = tracker_.AddRule(added);
-    }
-    if (result != FileTracker::Added::kYes) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        rules_.erase(std::remove(rules_.begin(), rules_.end(), added), rules_.end());
+    } catch (const std::exception& error) {
+        CountLoss(error);  // the comparison removes what there is of the rule
     }
     struct stat status = {};
     if (result == FileTracker::Added::kMissing) {
@@ -175,8 +172,6 @@ bool InotifySession::AddRule(const Rule& rule)
     } else if (!rule.recursive && lstat(rule.path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
         NE_LOG(INFO, "Watch rule is for a link, not for what it leads to.[path=%s]", rule.path.c_str());
     }
-    LogLack();
-    Wake();
     return result == FileTracker::Added::kYes;
 }
 
@@ -191,9 +186,11 @@ bool InotifySession::RemoveRule(const Rule& rule)
     if (removed == nullptr) {
         return false;
     }
-    {
-        const Turn turn(*this, Turn::kUntilFree);
+    try {
+        const Turn turn(*this, Turns::kUntilFree);
         tracker_.RemoveRule(removed);
+    } catch (const std::exception& error) {
+        CountLoss(error);  // the comparison removes the rest
     }
     removed->gate.Close();  // without the turn, which a callback may wait for
     return true;
@@ -213,16 +210,38 @@ void InotifySession::Run()
 {
     runner_ = std::this_thread::get_id();
     while (!stopping_) {
-        WaitForWork();
-        KeepCurrentThreadAlive();
-        TakeRecords();
-        if (const Turn turn(*this, Turn::kShortly); turn.IsMine() && !stopping_) {
-            HandleRecords(turn);
+        try {
+            RunOnce();
+        } catch (const std::exception& error) {
+            CountLoss(error);
+            pollfd stop = {wakeEvent_.Get(), POLLIN, 0};
+            poll(&stop, 1, kNoMemoryWaitMs);
         }
-        LogLack();
-        Deliver();
     }
     runner_ = std::thread::id();
+}
+
+void InotifySession::RunOnce()
+{
+    WaitForWork();
+    KeepCurrentThreadAlive();
+    TakeRecords();
+    if (const Turn turn(*this, Turns::kShortly); turn.IsMine() && !stopping_) {
+        HandleRecords();
+    }
+    LogLack();
+    Deliver();
+}
+
+// Memory has run out. What is known may differ from what is there, and how much is lost nobody knows.
+void InotifySession::CountLoss(const std::exception& error)
+{
+    ++losses_;
+    mountsChanged_ = true;
+    hasLost_ = true;
+    if (g_lossRecords.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
+        NE_LOG(ERROR, "File events may be lost, the watched files are compared.[error=%s]", error.what());
+    }
 }
 
 void InotifySession::WaitForWork()
@@ -251,10 +270,14 @@ void InotifySession::WaitForWork()
 
 void InotifySession::TakeRecords()
 {
-    if (records_.size() < kMaxRecords) {
-        host_.ReadRecords(records_, kMaxRecords);
-        waiting_ = records_.size();
+    try {
+        if (records_.size() < kMaxRecords) {
+            host_.ReadRecords(records_, kMaxRecords);
+        }
+    } catch (const std::exception& error) {
+        CountLoss(error);
     }
+    waiting_ = records_.size();
 }
 
 // During long work of the tracker.
@@ -277,7 +300,7 @@ void InotifySession::HandleMounts()
     }
 }
 
-void InotifySession::HandleRecords(const Turn& /*turn*/)
+void InotifySession::HandleRecords()
 {
     HandleMounts();
     for (std::size_t i = 0; i < kRecordsPerTurn && !records_.empty() && !stopping_; ++i) {
@@ -285,9 +308,8 @@ void InotifySession::HandleRecords(const Turn& /*turn*/)
         records_.pop_front();
         try {
             tracker_.Handle(record, Clock::MonotonicNs());
-        } catch (const std::exception& error) {  // no memory
-            NE_LOG(ERROR, "File event could not be handled.[error=%s]", error.what());
-            hasLost_ = true;
+        } catch (const std::exception& error) {
+            CountLoss(error);
         }
     }
     waiting_ = records_.size();
@@ -309,12 +331,16 @@ void InotifySession::HandleQuiet()
     if (!records_.empty() || tracker_.HasMoves()) {
         return;
     }
-    if (const std::uint64_t overflows = host_.CountOverflows(); hasLost_ || overflows != overflows_) {
+    const std::uint64_t overflows = host_.CountOverflows();
+    if (overflows != overflows_) {
         overflows_ = overflows;
-        hasLost_ = false;
+        hasLost_ = true;
         NE_LOG(WARN, "Inotify queue has overflowed, the watched files are compared.[count=%llu]",
                static_cast<unsigned long long>(overflows));
+    }
+    if (hasLost_) {
         tracker_.Compare();
+        hasLost_ = false;
     }
     tracker_.LookAgain();
 }
@@ -331,7 +357,7 @@ void InotifySession::LogLack()
     if (lacking_ == 0 && !hasLoggedLack_) {
         return;
     }
-    if (const Turn turn(*this, Turn::kShortly); turn.IsMine()) {
+    if (const Turn turn(*this, Turns::kShortly); turn.IsMine()) {
         hasLoggedLack_ = lacking_ > 0;
         for (const WatchRulePtr& rule : rules) {
             const bool logs = lacking_ > 0 && !rule->hasLoggedLack;
@@ -349,17 +375,12 @@ void InotifySession::LogLack()
 
 void InotifySession::Deliver()
 {
-    std::vector<Notification> notifications;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        notifications.swap(notifications_);
+        delivered_.splice(delivered_.end(), notifications_);
     }
-    std::size_t calls = 0;
-    for (const Notification& notification : notifications) {
-        if (stopping_) {
-            return;
-        }
-        Call(notification);
+    for (std::size_t calls = 0; !delivered_.empty() && !stopping_; delivered_.pop_front()) {
+        Call(delivered_.front());
         if (++calls % kCallsPerPause == 0) {
             KeepCurrentThreadAlive();
             TakeRecords();

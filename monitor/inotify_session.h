@@ -1,10 +1,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,6 +13,7 @@
 #include "file_watch.h"
 #include "monitor/file_tracker.h"
 #include "monitor/inotify_host.h"
+#include "monitor/turns.h"
 #include "util/unique_fd.h"
 
 namespace NEUtils {
@@ -28,6 +29,9 @@ namespace NEUtils {
 // Locks    mutex_ for the tables here, held over no call. The turn is no lock: it is never held over a callback or a
 //          record, and a stop does not wait for it.
 // Limits   262,144 records in memory. Beyond them the kernel's queues fill, and overflow.
+// Errors   where memory runs out the thread goes on: what it was at may be lost, which is logged and counted, and all
+// is
+//          compared once there is memory again.
 class InotifySession {
 public:
     using Rule = Monitor::FileWatchRule;
@@ -43,16 +47,19 @@ public:
     std::size_t GetWatchCount() const { return host_.CountWatches(); }
     std::size_t GetLackingCount() const { return lacking_; }
     std::size_t GetWaitingCount() const { return waiting_; }
-    std::uint64_t GetOverflowCount() const { return host_.CountOverflows(); }
+    std::uint64_t GetOverflowCount() const { return host_.CountOverflows() + losses_; }
 
 private:
     class Turn;
 
     WatchRulePtr Find(const Rule& rule) const;  // under mutex_
+    bool AddToTracker(const WatchRulePtr& rule);
+    void RunOnce();
     void WaitForWork();
     void TakeRecords();
     bool GoOn();
-    void HandleRecords(const Turn& turn);
+    void CountLoss(const std::exception& error);
+    void HandleRecords();
     void HandleQuiet();
     void HandleMounts();
     void EndTurn();
@@ -70,22 +77,23 @@ private:
     std::atomic<bool> hasMoves_{false};
     std::atomic<bool> hasSuspects_{false};
     std::atomic<bool> hasLoggedLack_{false};
+    std::atomic<bool> hasLost_{false};  // memory ran out
+    std::atomic<std::uint64_t> losses_{0};
     std::atomic<std::size_t> lacking_{0};
     std::atomic<std::size_t> waiting_{0};
     std::atomic<std::thread::id> runner_{};
 
+    Turns turns_;
+    bool isCleared_ = false;  // changed by whoever has the turn
+
     mutable std::mutex mutex_;
-    std::condition_variable turnEnded_;
-    bool hasTurn_ = false;
-    int wantsTurn_ = 0;
-    bool isCleared_ = false;
     WatchRuleList rules_;
-    std::vector<Notification> notifications_;
+    Notifications notifications_;
 
     // Of the thread in Run alone:
     std::deque<WatchRecord> records_;
     std::uint64_t overflows_ = 0;
-    bool hasLost_ = false;
+    Notifications delivered_;  // what is being delivered
     std::int64_t triedRoomNs_ = 0;
 };
 

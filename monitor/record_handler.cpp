@@ -252,10 +252,10 @@ void RecordHandler::CreateKnown(const Place& place, WatchedFile& file, const Tra
 void RecordHandler::CreateUnseen(const Place& place, bool isDirectory, bool isMoved)
 {
     WatchedFile& file = state_.tree.Add(*place.directory, place.name);
+    state_.NotifyCreated(state_.Covering(file, place.path), place.path, isDirectory, std::nullopt, isMoved);
     BeKnown(state_, file, place.path, std::nullopt);
     file.isDirectory = isDirectory;
     file.wasRead = false;
-    state_.NotifyCreated(state_.Covering(file, place.path), place.path, isDirectory, std::nullopt, isMoved);
     if (isDirectory) {
         state_.Suspect(place.path);
     }

@@ -3,6 +3,8 @@
 #include <sys/inotify.h>
 
 #include <algorithm>
+#include <unordered_map>
+#include <utility>
 
 #include "attribute.h"
 #include "monitor/watch_scope.h"
@@ -30,19 +32,30 @@ void Renamer::Rename(WatchedFile& file, const std::string& from, WatchedFile& di
     const FileStatus now = look.has_value() ? FileStatus(*look) : FileStatus();
     const bool isDirectory = file.isDirectory || now.IsDirectory();
     const bool isSame = file.status.IsSeen() ? file.status.IsSameFile(now) : file.isDirectory == now.IsDirectory();
-    const std::vector<Moved> all = ListMoved(file);
     WatchedFile* const target = WatchedTree::Entry(directory, name);
     const FileStatus replaced = target == nullptr || !target->isKnown ? FileStatus() : target->status;
     if (target != nullptr) {
-        Replace(*target, to, all.front().before);
+        Replace(*target, to, state_.Covering(file, from));
     }
-    WatchedFile* const above = file.parent;
-    state_.tree.Move(file, directory, name);
     if (now.IsSeen() && isSame) {
         state_.tree.SetStatus(file, now);
     }
-    const bool changesRules = FollowRules(all);
-    if (changesRules) {
+    std::vector<Moved> all = ListMoved(file, directory, to);
+    NotificationDraft draft(state_.notifications);
+    for (const Moved& moved : all) {
+        Notify(moved, all.front());
+    }
+    WatchedFile* const above = file.parent;
+    state_.tree.Move(file, directory, name);
+    draft.Keep();  // both are done, or neither
+    for (Moved& moved : all) {
+        if (moved.file->entries != nullptr) {
+            moved.file->entries->inside.swap(moved.inside);
+            moved.file->entries->holdsWay = moved.holdsWay;
+        }
+    }
+    RecordAttributes(all);
+    if (std::any_of(all.begin(), all.end(), [](const Moved& moved) { return moved.before != moved.after; })) {
         reader_.Uncover(to);
     }
     state_.tree.Prune(above);
@@ -76,59 +89,62 @@ void Renamer::Replace(WatchedFile& target, const std::string& to, const WatchRul
     }
 }
 
-std::vector<Renamer::Moved> Renamer::ListMoved(WatchedFile& top) const
+// The top first, and each directory before what is in it.
+std::vector<Renamer::Moved> Renamer::ListMoved(WatchedFile& top, const WatchedFile& directory,
+                                               const std::string& to) const
 {
+    const std::size_t length = top.Path().size();
     std::vector<Moved> all;
+    std::unordered_map<const WatchedFile*, std::size_t> places;  // of directories
     WatchedTree::ForEach(top, [&](WatchedFile& file) {
+        const std::string from = file.Path();
+        Moved moved = {&file, from, to + from.substr(length)};
+        const WatchRuleList& above = &file == &top ? directory.entries->inside : all[places.at(file.parent)].inside;
         if (file.isKnown) {
-            const std::string path = file.Path();
-            all.push_back({&file, path, state_.Covering(file, path)});
+            moved.before = state_.Covering(file, from);
+            moved.after = state_.rules.Covering(above, state_.rules.HoldsWay(Monitor::ParentOf(moved.to)), moved.to);
         }
+        if (file.entries != nullptr) {
+            moved.inside = state_.rules.Inside(above, moved.to);
+            moved.holdsWay = state_.rules.HoldsWay(moved.to);
+            places[&file] = all.size();
+        }
+        all.push_back(std::move(moved));
     });
     return all;
 }
 
-// True if some rule covers less than before or more.
-bool Renamer::FollowRules(const std::vector<Moved>& all)
+void Renamer::RecordAttributes(const std::vector<Moved>& all)
 {
-    WatchedTree::ForEach(*all.front().file, [this](WatchedFile& file) {
-        if (file.entries != nullptr) {
-            reader_.FindRulesInside(file);
-        }
-    });
-    bool changes = false;
     for (const Moved& moved : all) {
-        const std::string to = moved.file->Path();
-        const WatchRuleList after = state_.Covering(*moved.file, to);
-        Monitor::RemoveRecord(moved.from);
-        if (!after.empty() && moved.file->status.IsSeen()) {
-            Monitor::RecordAttribute(to, Monitor::AttributeOf(moved.file->status.AsStat()));
+        if (moved.file->isKnown) {
+            Monitor::RemoveRecord(moved.from);
+            if (!moved.after.empty() && moved.file->status.IsSeen()) {
+                Monitor::RecordAttribute(moved.to, Monitor::AttributeOf(moved.file->status.AsStat()));
+            }
         }
-        Notify(moved, all.front(), to, after);
-        changes = changes || moved.before != after;
     }
-    return changes;
 }
 
 // A rule that covers only one of the paths sees a file come or go. Of what is below the top, one that covers the top's
 // both paths sees nothing but that.
-void Renamer::Notify(const Moved& moved, const Moved& top, const std::string& to, const WatchRuleList& after)
+void Renamer::Notify(const Moved& moved, const Moved& top)
 {
     const bool isTop = &moved == &top;
     for (const WatchRulePtr& rule : moved.before) {
-        if (!Holds(after, rule)) {
-            const bool topStays = Monitor::Covers(rule->rule, top.file->Path());
+        if (!Holds(moved.after, rule)) {
+            const bool topStays = Monitor::Covers(rule->rule, top.to);
             if (isTop || moved.from == rule->rule.path || topStays) {
                 state_.NotifyDeleted({rule}, moved.from, *moved.file, true);
             }
         } else if (isTop && (rule->rule.mask & IN_MOVE) != 0) {
             state_.notifications.push_back(
-                {rule, {to, moved.from, IN_MOVED_TO, moved.file->isDirectory, {}, LastLook(*moved.file)}});
+                {rule, {moved.to, moved.from, IN_MOVED_TO, moved.file->isDirectory, {}, LastLook(*moved.file)}});
         }
     }
-    for (const WatchRulePtr& rule : after) {
+    for (const WatchRulePtr& rule : moved.after) {
         if (!Holds(moved.before, rule)) {
-            state_.NotifyCreated({rule}, to, moved.file->isDirectory, LastLook(*moved.file), true);
+            state_.NotifyCreated({rule}, moved.to, moved.file->isDirectory, LastLook(*moved.file), true);
         }
     }
 }

@@ -18,16 +18,22 @@ public:
                 const TrackerState::Look& look);
 
 private:
-    // One of the files whose path changes, and who covered it.
+    // One of the files whose path changes: the rules that cover it before and after, and for a directory what it will
+    // have inside.
     struct Moved {
         WatchedFile* file;
         std::string from;
-        WatchRuleList before;
+        std::string to;
+        WatchRuleList before = {};
+        WatchRuleList after = {};
+        WatchRuleList inside = {};
+        bool holdsWay = false;
     };
     void Replace(WatchedFile& target, const std::string& to, const WatchRuleList& before);
-    void Notify(const Moved& moved, const Moved& top, const std::string& to, const WatchRuleList& after);
-    [[nodiscard]] std::vector<Moved> ListMoved(WatchedFile& top) const;
-    bool FollowRules(const std::vector<Moved>& all);
+    [[nodiscard]] std::vector<Moved> ListMoved(WatchedFile& top, const WatchedFile& directory,
+                                               const std::string& to) const;
+    void Notify(const Moved& moved, const Moved& top);
+    static void RecordAttributes(const std::vector<Moved>& all);
 
     TrackerState& state_;
     TreeReader& reader_;

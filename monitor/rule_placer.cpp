@@ -94,19 +94,18 @@ RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) co
 
 void RulePlacer::Place(const WatchRulePtr& rule, bool isNew)
 {
-    bool isElsewhere = false;  // also if it comes back in the next round
     Way way = Resolve(rule->given);
     for (int round = 0; round < kMaxRounds; ++round) {
         const std::string before = rule->rule.path;
-        const bool leaves = way.path != before && !isNew && !isElsewhere;
+        const bool leaves = way.path != before && !isNew && !rule->isElsewhere;
         if (leaves) {  // while the tree still knows what the rule has covered
             if (WatchedFile* file = state_.tree.Find(before); file != nullptr && file->isKnown) {
                 state_.NotifyDeleted({rule}, before, *file, true);
             }
         }
-        SetWay(*rule, way);
+        rule->isElsewhere = rule->isElsewhere || leaves;  // also if it comes back in the next round
+        SetWay(rule, way);
         if (leaves) {
-            isElsewhere = true;
             reader_.Uncover(before);
         }
         Way again = Resolve(rule->given);
@@ -117,8 +116,9 @@ void RulePlacer::Place(const WatchRulePtr& rule, bool isNew)
     }
     TreeReader::Manner manner;
     manner.silentFor = isNew ? rule.get() : nullptr;
-    manner.newFor = isElsewhere ? rule : nullptr;
+    manner.newFor = rule->isElsewhere ? rule : nullptr;
     reader_.Read(rule->rule.path, manner);
+    rule->isElsewhere = false;
     const WatchedFile* file = state_.tree.Find(rule->rule.path);
     rule->isThere = file != nullptr && file->isKnown;
 }
@@ -128,17 +128,17 @@ void RulePlacer::TakeOut(const WatchRulePtr& rule)
     const std::string path = rule->rule.path;
     Way nowhere;
     nowhere.path = path;
-    SetWay(*rule, nowhere);
-    state_.rules.Remove(rule);
+    SetWay(rule, nowhere);
     state_.unplaced.erase(std::remove(state_.unplaced.begin(), state_.unplaced.end(), rule), state_.unplaced.end());
     WatchedTree::ForEach(state_.tree.Root(), [&rule](WatchedFile& file) {
         file.notHeardBy = file.notHeardBy == rule.get() ? nullptr : file.notHeardBy;
     });
     reader_.Uncover(path);
+    state_.rules.Remove(rule);  // last: what is not done yet is done at the next try
     rule->isThere = false;
 }
 
-void RulePlacer::SetWay(WatchRule& rule, Way way)
+void RulePlacer::SetWay(const WatchRulePtr& rule, Way way)
 {
     for (const std::string& directory : state_.rules.SetWay(rule, std::move(way.path), std::move(way.names))) {
         WatchWay(directory);

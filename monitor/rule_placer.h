@@ -30,7 +30,7 @@ public:
 
 private:
     [[nodiscard]] Way Follow(const std::string& path, bool followsLast) const;
-    void SetWay(WatchRule& rule, Way way);
+    void SetWay(const WatchRulePtr& rule, Way way);
     void WatchWay(const std::string& directory);
 
     TrackerState& state_;

@@ -70,12 +70,10 @@ void TrackerState::NotifyChanged(const WatchRuleList& to, std::uint32_t mask, co
 
 void BeKnown(TrackerState& state, WatchedFile& file, const std::string& path, const TrackerState::Look& look)
 {
+    state.tree.SetStatus(file, look.has_value() ? FileStatus(*look) : FileStatus());
     file.isKnown = true;
     if (look.has_value()) {
-        state.tree.SetStatus(file, FileStatus(*look));
         Monitor::RecordAttribute(path, Monitor::AttributeOf(*look));
-    } else {
-        state.tree.SetStatus(file, {});
     }
 }
 

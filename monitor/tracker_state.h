@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <list>
 #include <map>
 #include <optional>
 #include <string>
@@ -18,6 +21,31 @@ struct Notification {
     Monitor::FileEvent event;
 };
 
+// A list, since it is handed over without memory.
+using Notifications = std::list<Notification>;
+
+// Takes back what is notified from now on, unless that is kept: for what is notified and done whole, or not at all.
+class NotificationDraft {
+public:
+    explicit NotificationDraft(Notifications& notifications)
+        : notifications_(notifications), size_(notifications.size())
+    {
+    }
+    ~NotificationDraft()
+    {
+        while (notifications_.size() > size_) {
+            notifications_.pop_back();
+        }
+    }
+    NotificationDraft(const NotificationDraft&) = delete;
+    NotificationDraft& operator=(const NotificationDraft&) = delete;
+    void Keep() { size_ = SIZE_MAX; }
+
+private:
+    Notifications& notifications_;
+    std::size_t size_;
+};
+
 // What to look at again once all records are handled.
 struct Suspicion {
     bool isRemounted = false;  // something was mounted or unmounted there
@@ -25,13 +53,16 @@ struct Suspicion {
 };
 
 // What the parts of the tracker of files work on.
+//
+// Where memory runs out in the middle of a change, the comparison that follows puts right what is known. So whatever
+// comes is notified first and then known; of what goes or moves both are done, or neither.
 struct TrackerState {
     explicit TrackerState(WatchHost& system) : host(system) {}
 
     WatchHost& host;
     WatchRules rules;
     WatchedTree tree;
-    std::vector<Notification> notifications;
+    Notifications notifications;
     std::map<std::string, Suspicion> suspects;  // by path
     WatchRuleList unplaced;                     // rules whose way may have changed
 

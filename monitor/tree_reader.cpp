@@ -62,9 +62,8 @@ void TreeReader::Create(WatchedFile& directory, const std::string& name, const s
                         const struct stat& status, bool isMoved)
 {
     WatchedFile& file = state_.tree.Add(directory, name);
-    const WatchRuleList covering = state_.Covering(file, path);
+    state_.NotifyCreated(state_.Covering(file, path), path, S_ISDIR(status.st_mode), status, isMoved);
     BeKnown(state_, file, path, status);
-    state_.NotifyCreated(covering, path, file.isDirectory, status, isMoved);
     if (!file.isDirectory) {
         if (directory.entries->holdsWay) {
             keeper_.Ensure(file, path);
@@ -118,13 +117,13 @@ WatchedFile* TreeReader::Meet(const std::string& path, const TrackerState::Look&
         }
         return nullptr;
     }
-    BeKnown(state_, *file, path, look);
-    file->wasRead = true;
-    file->notHeardBy = manner.silentFor;
     covering.erase(std::remove_if(covering.begin(), covering.end(),
                                   [&manner](const WatchRulePtr& rule) { return rule.get() == manner.silentFor; }),
                    covering.end());
-    state_.NotifyCreated(covering, path, file->isDirectory, look, manner.isMoved);
+    state_.NotifyCreated(covering, path, S_ISDIR(look->st_mode), look, manner.isMoved);
+    BeKnown(state_, *file, path, look);
+    file->wasRead = true;
+    file->notHeardBy = manner.silentFor;
     return file;
 }
 
@@ -167,9 +166,9 @@ void TreeReader::Enter(WatchedFile& directory, const std::string& path, const Ma
 {
     WatchedTree::MakeDirectory(directory);
     const WatchRuleList before = directory.entries->inside;
-    FindRulesInside(directory);
-    JoinEntries(directory, before, manner);
-    LeaveEntries(directory, before);
+    const WatchRuleList inside = RulesInside(directory);
+    JoinEntries(directory, before, inside, manner);
+    LeaveEntries(directory, before, inside);
     if (!Watch(directory, path, manner) || directory.entries->inside.empty()) {
         return;
     }
@@ -217,10 +216,11 @@ bool TreeReader::Watch(WatchedFile& directory, const std::string& path, const Ma
 }
 
 // Entries that are known for the sake of other rules are new to a rule that reaches them only now.
-void TreeReader::JoinEntries(WatchedFile& directory, const WatchRuleList& before, const Manner& manner)
+void TreeReader::JoinEntries(WatchedFile& directory, const WatchRuleList& before, const WatchRuleList& inside,
+                             const Manner& manner)
 {
     WatchRuleList joined;
-    for (const WatchRulePtr& rule : directory.entries->inside) {
+    for (const WatchRulePtr& rule : inside) {
         if (rule.get() != manner.silentFor && std::find(before.begin(), before.end(), rule) == before.end()) {
             joined.push_back(rule);
         }
@@ -240,24 +240,21 @@ void TreeReader::JoinEntries(WatchedFile& directory, const WatchRuleList& before
 }
 
 // After a mount: the entries that a rule does not reach any more are gone for it.
-void TreeReader::LeaveEntries(WatchedFile& directory, const WatchRuleList& before)
+void TreeReader::LeaveEntries(WatchedFile& directory, const WatchRuleList& before, const WatchRuleList& inside)
 {
-    const WatchRuleList& inside = directory.entries->inside;
     WatchRuleList left;
     std::copy_if(before.begin(), before.end(), std::back_inserter(left), [&inside](const WatchRulePtr& rule) {
         return std::find(inside.begin(), inside.end(), rule) == inside.end();
     });
-    if (left.empty()) {
-        return;
-    }
     Paths paths;
     for (const auto& [name, file] : directory.entries->files) {
-        if (file->isKnown) {
+        if (!left.empty() && file->isKnown) {
             const std::string path = file->Path();
             state_.NotifyDeleted(state_.rules.Covering(left, false, path), path, *file, true);
             paths.push_back(path);
         }
     }
+    FindRulesInside(directory);
     std::for_each(paths.begin(), paths.end(), [this](const std::string& path) { Uncover(path); });
 }
 
@@ -283,6 +280,7 @@ void TreeReader::Remove(WatchedFile& file, const std::string& path, bool isMoved
                                    return std::find(knowing.begin(), knowing.end(), rule) != knowing.end();
                                }),
                 rules.end());
+    NotificationDraft draft(state_.notifications);
     state_.NotifyDeleted(rules, path, file, isMoved);
     WatchedTree::ForEach(file, [&](WatchedFile& one) {  // for rules that only cover something below
         if (&one != &file && one.isKnown && one.parent->entries->holdsWay) {
@@ -291,6 +289,7 @@ void TreeReader::Remove(WatchedFile& file, const std::string& path, bool isMoved
         }
     });
     Forget(file);
+    draft.Keep();
 }
 
 void TreeReader::Forget(WatchedFile& file)
@@ -299,21 +298,28 @@ void TreeReader::Forget(WatchedFile& file)
     if (file.isDirectory) {
         state_.Unplace(state_.rules.OnWayAtOrBelow(file.Path()));
     }
-    WatchedTree::ForEach(file, [this](WatchedFile& one) {
-        BeUnknown(one, one.isKnown ? one.Path() : std::string());
-        keeper_.Drop(one);
-    });
-    state_.tree.Remove(file);
+    std::vector<WatchedFile*> files;
+    WatchedTree::ForEach(file, [&files](WatchedFile& one) { files.push_back(&one); });
+    for (auto one = files.rbegin(); one != files.rend(); ++one) {  // the file itself last
+        const std::string path = (*one)->isKnown ? (*one)->Path() : std::string();
+        keeper_.Drop(**one);
+        BeUnknown(**one, path);
+        state_.tree.Remove(**one);
+    }
     state_.tree.Prune(directory);
+}
+
+WatchRuleList TreeReader::RulesInside(const WatchedFile& directory) const
+{
+    static const WatchRuleList none;
+    const WatchRuleList& above = directory.parent == nullptr ? none : directory.parent->entries->inside;
+    return state_.rules.Inside(above, directory.entries->path);
 }
 
 void TreeReader::FindRulesInside(WatchedFile& directory)
 {
-    static const WatchRuleList none;
-    WatchedFile::Entries& entries = *directory.entries;
-    const WatchRuleList& above = directory.parent == nullptr ? none : directory.parent->entries->inside;
-    entries.inside = state_.rules.Inside(above, entries.path);
-    entries.holdsWay = state_.rules.HoldsWay(entries.path);
+    directory.entries->inside = RulesInside(directory);
+    directory.entries->holdsWay = state_.rules.HoldsWay(directory.entries->path);
 }
 
 void TreeReader::Uncover(const std::string& top)

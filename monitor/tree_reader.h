@@ -50,8 +50,10 @@ private:
                            const WatchRuleList& covering, const Manner& manner);
     void Enter(WatchedFile& directory, const std::string& path, const Manner& manner, Paths& waiting);
     bool Watch(WatchedFile& directory, const std::string& path, const Manner& manner);
-    void JoinEntries(WatchedFile& directory, const WatchRuleList& before, const Manner& manner);
-    void LeaveEntries(WatchedFile& directory, const WatchRuleList& before);
+    [[nodiscard]] WatchRuleList RulesInside(const WatchedFile& directory) const;
+    void JoinEntries(WatchedFile& directory, const WatchRuleList& before, const WatchRuleList& inside,
+                     const Manner& manner);
+    void LeaveEntries(WatchedFile& directory, const WatchRuleList& before, const WatchRuleList& inside);
     void RemoveMissing(WatchedFile& directory, const Paths& names);
 
     TrackerState& state_;

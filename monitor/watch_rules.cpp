@@ -25,38 +25,53 @@ void WatchRules::Remove(const WatchRulePtr& rule)
     rules_.erase(std::remove(rules_.begin(), rules_.end(), rule), rules_.end());
 }
 
-std::vector<std::string> WatchRules::SetWay(WatchRule& rule, std::string path, std::vector<std::string> way)
+// Where memory runs out in the middle the rule may stand at a name too many, which does no harm.
+std::vector<std::string> WatchRules::SetWay(const WatchRulePtr& rule, std::string path, std::vector<std::string> way)
 {
     std::vector<std::string> directories;
-    for (const auto& list : {rule.way, way}) {
+    for (const auto& list : {rule->way, way}) {
         std::transform(list.begin(), list.end(), std::back_inserter(directories), &Monitor::ParentOf);
     }
     std::sort(directories.begin(), directories.end());
     directories.erase(std::unique(directories.begin(), directories.end()), directories.end());
-    CountWay(rule, -1);
-    rule.rule.path = std::move(path);
-    rule.way = std::move(way);
-    CountWay(rule, 1);
+    for (const std::string& name : way) {
+        AddName(rule, name);
+    }
+    rule->rule.path.swap(path);
+    rule->way.swap(way);
+    for (const std::string& name : way) {  // those of before
+        if (std::find(rule->way.begin(), rule->way.end(), name) == rule->way.end()) {
+            RemoveName(rule, name);
+        }
+    }
     return directories;
 }
 
-void WatchRules::CountWay(const WatchRule& rule, int step)
+void WatchRules::AddName(const WatchRulePtr& rule, const std::string& name)
 {
-    const auto self =
-        std::find_if(rules_.begin(), rules_.end(), [&rule](const auto& one) { return one.get() == &rule; });
-    for (const std::string& path : rule.way) {
-        const std::string directory = Monitor::ParentOf(path);
-        if ((wayDirectories_[directory] += step) == 0) {
+    int& names = wayDirectories_[Monitor::ParentOf(name)];
+    WatchRuleList rules = OnWay(name);
+    if (std::find(rules.begin(), rules.end(), rule) == rules.end()) {
+        rules.push_back(rule);
+        WatchRuleList& list = onWay_[name];
+        names += list.empty() ? 1 : 0;
+        list.swap(rules);
+    }
+}
+
+void WatchRules::RemoveName(const WatchRulePtr& rule, const std::string& name)
+{
+    const auto directory = wayDirectories_.find(Monitor::ParentOf(name));
+    const auto found = onWay_.find(name);
+    if (found == onWay_.end()) {
+        return;
+    }
+    WatchRuleList& list = found->second;
+    list.erase(std::remove(list.begin(), list.end(), rule), list.end());
+    if (list.empty()) {
+        onWay_.erase(found);
+        if (--directory->second == 0) {
             wayDirectories_.erase(directory);
-        }
-        WatchRuleList& list = onWay_[path];
-        if (step > 0 && self != rules_.end()) {
-            list.push_back(*self);
-        } else {
-            list.erase(std::find_if(list.begin(), list.end(), [&rule](const auto& one) { return one.get() == &rule; }));
-        }
-        if (list.empty()) {
-            onWay_.erase(path);
         }
     }
 }
@@ -103,6 +118,12 @@ WatchRuleList WatchRules::OnWay(const std::string& path) const
 {
     const auto found = onWay_.find(path);
     return found == onWay_.end() ? WatchRuleList() : found->second;
+}
+
+bool WatchRules::HoldsWay(const std::string& directory) const
+{
+    const auto found = wayDirectories_.find(directory);
+    return found != wayDirectories_.end() && found->second > 0;
 }
 
 WatchRuleList WatchRules::OwnersOf(const std::string& path) const

@@ -23,6 +23,8 @@ struct WatchRule {
     CallGate gate;                 // of its callback
     std::atomic<bool> isThere{false};
     bool hasLoggedLack = false;
+    bool isElsewhere = false;  // it has left its former path and does not yet hear of the new one
+    bool isLeaving = false;    // it is removed, maybe not with all that it has had
 };
 using WatchRulePtr = std::shared_ptr<WatchRule>;
 using WatchRuleList = std::vector<WatchRulePtr>;
@@ -37,7 +39,7 @@ public:
 
     // Sets the real path of a rule and the names on the way to it. Gives the directories in which names were or are
     // on a way.
-    std::vector<std::string> SetWay(WatchRule& rule, std::string path, std::vector<std::string> way);
+    std::vector<std::string> SetWay(const WatchRulePtr& rule, std::string path, std::vector<std::string> way);
 
     // The rules that need to learn of a directory's entries, given those of the directory above it.
     [[nodiscard]] WatchRuleList Inside(const WatchRuleList& above, const std::string& directory) const;
@@ -49,17 +51,18 @@ public:
     [[nodiscard]] WatchRuleList OwnersOf(const std::string& path) const;
     [[nodiscard]] WatchRuleList OnWay(const std::string& path) const;
     [[nodiscard]] WatchRuleList OnWayAtOrBelow(const std::string& path) const;
-    [[nodiscard]] bool HoldsWay(const std::string& directory) const { return wayDirectories_.count(directory) != 0; }
+    [[nodiscard]] bool HoldsWay(const std::string& directory) const;
 
     MountTable mounts;
 
 private:
-    void CountWay(const WatchRule& rule, int step);
+    void AddName(const WatchRulePtr& rule, const std::string& name);
+    void RemoveName(const WatchRulePtr& rule, const std::string& name);
     [[nodiscard]] bool StopsAtMount(const WatchRule& rule, const std::string& directory) const;
 
     WatchRuleList rules_;
     std::unordered_map<std::string, WatchRuleList> onWay_;  // by path
-    std::unordered_map<std::string, int> wayDirectories_;
+    std::unordered_map<std::string, int> wayDirectories_;   // with the number of their names in onWay_
 };
 
 }  // namespace NEUtils

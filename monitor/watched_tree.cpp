@@ -133,18 +133,23 @@ WatchedFile& WatchedTree::AddPath(const std::string& path)
 void WatchedTree::MakeDirectory(WatchedFile& file)
 {
     if (file.entries == nullptr) {
-        file.entries = std::make_unique<WatchedFile::Entries>();
-        file.entries->path = file.Path();
+        auto entries = std::make_unique<WatchedFile::Entries>();
+        entries->path = file.Path();
+        file.entries = std::move(entries);
         file.isDirectory = file.isDirectory || !file.isKnown;
     }
 }
 
 void WatchedTree::Remove(WatchedFile& file)
 {
-    ForEach(file, [this](WatchedFile& one) {
+    const auto end = [this](WatchedFile& one) {
         SetWatch(one, 0);
         SetLacking(one, false);
-    });
+    };
+    if (file.entries != nullptr && !file.entries->files.empty()) {
+        ForEach(file, end);
+    }
+    end(file);
     if (file.parent == nullptr) {  // the root has always its place
         file.entries->files.clear();
         file.status = {};
@@ -160,18 +165,27 @@ void WatchedTree::Remove(WatchedFile& file)
 void WatchedTree::Move(WatchedFile& file, WatchedFile& directory, const std::string& name)
 {
     MakeDirectory(directory);
-    auto& files = file.parent->entries->files;
-    const auto place = files.find(file.name);
-    std::unique_ptr<WatchedFile> moved = std::move(place->second);
-    files.erase(place);
-    moved->parent = &directory;
-    moved->name = name;
-    directory.entries->files[moved->name] = std::move(moved);
-    ForEach(file, [](WatchedFile& one) {
+    const std::string to = Monitor::EntryOf(directory.entries->path, name);
+    const std::size_t length = file.Path().size();
+    std::string newName = name;
+    std::vector<std::pair<WatchedFile::Entries*, std::string>> paths;
+    ForEach(file, [&](WatchedFile& one) {
         if (one.entries != nullptr) {
-            one.entries->path = one.Path();
+            paths.emplace_back(one.entries.get(), to + one.entries->path.substr(length));
         }
     });
+    auto& entries = directory.entries->files;
+    entries.reserve(entries.size() + 1);
+    // From here on nothing needs memory.
+    auto& files = file.parent->entries->files;
+    auto node = files.extract(files.find(file.name));
+    file.parent = &directory;
+    file.name.swap(newName);
+    node.key() = file.name;
+    entries.insert(std::move(node));
+    for (auto& [moved, path] : paths) {
+        moved->path.swap(path);
+    }
 }
 
 void WatchedTree::Prune(WatchedFile* file)
@@ -224,6 +238,10 @@ void WatchedTree::SetWatch(WatchedFile& file, WatchId watch)
     if (file.watch == watch) {
         return;
     }
+    if (watch != 0) {
+        inodes_[{file.status.device, file.status.inode}] = watch;
+        watches_[watch].push_back(&file);
+    }
     if (const auto old = watches_.find(file.watch); old != watches_.end()) {
         auto& files = old->second;
         files.erase(std::remove(files.begin(), files.end(), &file), files.end());
@@ -234,8 +252,6 @@ void WatchedTree::SetWatch(WatchedFile& file, WatchId watch)
     }
     file.watch = watch;
     if (watch != 0) {
-        watches_[watch].push_back(&file);
-        inodes_[{file.status.device, file.status.inode}] = watch;
         SetLacking(file, false);
     }
 }
@@ -261,12 +277,12 @@ WatchId WatchedTree::WatchOf(const FileStatus& status) const
 void WatchedTree::SetLacking(WatchedFile& file, bool lacks)
 {
     if (lacks != file.lacksWatch) {
-        file.lacksWatch = lacks;
         if (lacks) {
             lacking_.insert(&file);
         } else {
             lacking_.erase(&file);
         }
+        file.lacksWatch = lacks;
     }
 }
 

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "tests/monitor/simulated_system.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -287,4 +288,69 @@ TEST(FileTrackerTest, DirectoriesWithoutAWatchGetThoseThatBecomeFree)
     EXPECT_EQ(lacking, 0);
     model.Rest();
     model.Agrees();
+}
+
+// Whichever allocation fails while a change is handled: after the comparison the events add up to what is there.
+TEST(FileTrackerTest, EventsAddUpWhereMemoryRunsOut)
+{
+    const auto tree = [](const char* path) {
+        return FileWatchRule{path, true, kTreeEvents, {}, nullptr, nullptr, false, true};
+    };
+    const std::pair<const char*, std::function<void(SimulatedSystem&)>> rows[] = {
+        {"create", [](auto& system) { system.Create("/w/d/e", true); }},
+        {"remove", [](auto& system) { system.Remove("/w/a/b/f"); }},
+        {"rename", [](auto& system) { system.Rename("/w/a", "/w/c/a", false); }},
+        {"replace", [](auto& system) { system.Rename("/w/a/b/f", "/w/c/f", false); }},
+        {"exchange", [](auto& system) { system.Rename("/w/a", "/out/x", true); }},
+        {"move out", [](auto& system) { system.Rename("/w/a", "/out/a", false); }},
+        {"move in", [](auto& system) { system.Rename("/out/x", "/w/x", false); }},
+        {"switch", [](auto& system) { system.Rename("/out/link", "/link", false); }},
+        {"rules", [](auto& /*system*/) {}},
+    };
+    for (const auto& [name, change] : rows) {
+        std::unique_ptr<Model> model;
+        bool isLost = false;
+        const auto prepare = [&, &change = change] {
+            model = std::make_unique<Model>(1);
+            for (const char* path : {"/w", "/w/a", "/w/a/b", "/w/c", "/w/d", "/out", "/out/x", "/out/x/y"}) {
+                model->system.Create(path, true);
+            }
+            model->system.Create("/w/a/b/f", false);
+            model->system.Create("/w/c/f", false);
+            model->system.Create("/link", false, "/w/a");
+            model->system.Create("/out/link", false, "/w");
+            model->rules = {model->Add(tree("/w")), model->Add(tree("/link/b")), model->Add(tree("/w/a"))};
+            change(model->system);
+        };
+        const auto handle = [&, isForRules = std::string(name) == "rules"] {
+            try {
+                while (!model->system.records.empty()) {
+                    const WatchRecord record = std::move(model->system.records.front());
+                    model->system.records.pop_front();
+                    model->tracker.Handle(record, 0);
+                }
+                model->tracker.EndMovesBefore(INT64_MAX);
+                model->tracker.LookAgain();
+                if (isForRules) {
+                    model->tracker.AddRule(std::make_shared<WatchRule>(tree("/w/c")));
+                    model->tracker.RemoveRule(model->rules[2]);
+                }
+            } catch (const std::bad_alloc&) {
+                isLost = true;
+            }
+        };
+        prepare();
+        const int failed = FailingAllocations::InTurn(FailingAllocations::Mode::kOne, handle, [&](int number) {
+            SCOPED_TRACE(name + std::to_string(number));
+            model->system.overflowed = std::exchange(isLost, false);
+            model->rules.resize(std::string(name) == "rules" ? 2 : 3);
+            model->Rest();
+            model->Probe();
+            model->Rest();
+            model->Agrees();
+            model->tracker.Clear();
+            prepare();
+        });
+        EXPECT_GT(failed, 10) << name;
+    }
 }

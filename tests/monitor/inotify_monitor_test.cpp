@@ -13,6 +13,7 @@
 #include "hips_guard.h"
 #include "monitor.h"
 #include "monitor/watch_scope.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/support.h"
 
 using Monitor::FileEvent;
@@ -610,4 +611,43 @@ TEST(FileMonitorTest, RunsOnItsGuardedThread)
     EXPECT_TRUE(records.Has("INFO Monitor Manager Uninstalled."));
     EXPECT_FALSE(Monitor::AddMonitor(rule, Monitor::kInotifyMonitor));
     UninitHipsGuard();
+}
+
+// Memory may run out anywhere on the monitor's thread, now and then or for a while. It goes on, says so, counts it, and
+// finds out what it has missed.
+TEST(InotifyMonitorMemoryTest, TheThreadGoesOnWithoutIt)
+{
+    using FailingAllocations::Mode;
+    static std::atomic<int> last{-1};
+    const TempDir directory;
+    const Records records;
+    InotifyMonitor monitor;
+    ASSERT_TRUE(monitor.Init());
+    std::jthread reader([&] { monitor.ReadEvent(); });
+    const FileWatchRule rule{directory.Path(), true, IN_CREATE | IN_MOVE, {}, nullptr, nullptr, false, false};
+    FileWatchRule counting = rule;
+    counting.callback = [](const FileEvent& event, void*) {
+        last = std::atoi(event.path.c_str() + event.path.rfind('/') + 1);
+    };
+    ASSERT_TRUE(monitor.AddRule(counting));
+    int number = 0;
+    for (const Mode mode : {Mode::kOne, Mode::kAllFromThere}) {
+        std::string name;
+        const auto prepare = [&] { name = directory / std::to_string(++number); };
+        const auto change = [&] {
+            mkdir(name.c_str(), 0700);
+            for (int i = 0; i < 20 && last != number; ++i) {
+                usleep(1000);
+            }
+        };
+        prepare();
+        const int failed = FailingAllocations::InTurn(mode, change, [&](int) {
+            EXPECT_TRUE(Eventually([&] { return last == number; })) << number;
+            prepare();
+        });
+        EXPECT_GT(failed, 10);
+    }
+    EXPECT_GT(monitor.GetOverflowCount(), 0);
+    EXPECT_EQ(records.CountWith("ERROR File events may be lost, the watched files are compared.[error="), 1);
+    monitor.DeInit();
 }
