@@ -397,42 +397,47 @@ TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
     EXPECT_EQ(std::ranges::count_if(records_.Lines(), [](auto& line) { return Contains(line, "of a callback]"); }), 3);
 }
 
-// Whatever happens in a tree: who follows the events knows the tree, and every directory in it is watched.
+// Whatever two processes do to a tree at once: who follows the events knows the tree, and every directory in it is
+// watched. NEUTILS_SEQUENCES makes more of them, from NEUTILS_SEED on.
 TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
 {
-    fs::create_directories(*this / "d");
-    fs::create_directories(*this / "out");
-    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "d", true, IN_CREATE | IN_DELETE | IN_MOVE)));
-    std::minstd_rand random(7);
-    std::error_code ignored;
-    const auto path = [&] {
-        std::string at = *this / "d";
-        for (auto depth = random() % 3; depth + 1 > 0; --depth) {
-            at += std::string("/") + "abcd"[random() % 4];
+    const FileWatchRule rule = Rule(*this / "d", true, IN_CREATE | IN_DELETE | IN_MOVE);
+    const auto change = [this](unsigned seed) {
+        std::minstd_rand random(seed);
+        std::error_code ignored;
+        const auto path = [&] {
+            std::string at = *this / (random() % 4 == 0 ? "out" : "d");
+            for (auto depth = random() % 3; depth + 1 > 0; --depth) {
+                at += std::string("/") + "abcd"[random() % 4];
+            }
+            return at;
+        };
+        for (int i = 0; i < 60; ++i) {
+            const std::string one = path();
+            const std::string other = path();
+            switch (random() % 6) {
+            case 0:
+                fs::create_directories(one, ignored);
+                break;
+            case 1:
+                Write(one, "");
+                break;
+            case 2:
+                fs::remove_all(one, ignored);
+                break;
+            case 3:
+                renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+                break;
+            default:
+                fs::rename(one, other, ignored);
+                break;
+            }
+            if (random() % 16 == 0) {
+                usleep(1000);
+            }
         }
-        return at;
+        return 0;
     };
-    for (int i = 0; i < 400; ++i) {
-        const std::string one = path();
-        const std::string other = random() % 4 == 0 ? *this / ("out/" + std::to_string(random() % 4)) : path();
-        switch (random() % 5) {
-        case 0:
-            fs::create_directories(one, ignored);
-            break;
-        case 1:
-            Write(one, "");
-            break;
-        case 2:
-            fs::remove_all(one, ignored);
-            break;
-        default:
-            fs::rename(random() % 2 == 0 ? one : other, random() % 2 == 0 ? one : other, ignored);
-            break;
-        }
-        if (i % 20 == 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(3));
-        }
-    }
     const auto tree = [this] {
         std::set<std::string> paths;
         for (const auto& entry : fs::recursive_directory_iterator(*this / "d")) {
@@ -442,7 +447,6 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
     };
     const auto model = [this] {
         std::set<std::string> paths;
-        const auto below = [](const std::string& at, const std::string& top) { return Monitor::IsAtOrBelow(at, top); };
         for (std::string line : told_.Lines()) {
             line.resize(line.back() == '/' ? line.size() - 1 : line.size());
             const std::string last = line.substr(line.rfind(' ') + 1);
@@ -453,22 +457,41 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
             const std::string from = line[0] == 'd' ? last : line.substr(7, line.find(" -> ") - 7);
             const auto before = std::exchange(paths, {});
             for (const std::string& at : before) {
-                if (!below(at, from) && !(line[0] == 'r' && below(at, last))) {
-                    paths.insert(at);
-                } else if (line[0] == 'r' && below(at, from)) {
+                if (line[0] == 'r' && Monitor::IsAtOrBelow(at, from)) {
                     paths.insert(last + at.substr(from.size()));
+                } else if (!Monitor::IsAtOrBelow(at, from) && !(line[0] == 'r' && Monitor::IsAtOrBelow(at, last))) {
+                    paths.insert(at);
                 }
             }
         }
         return paths;
     };
-    EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
-    for (const std::string& at : tree()) {
-        if (fs::is_directory(at)) {
-            Write(at + "/probe", "");
+    const char* sequences = std::getenv("NEUTILS_SEQUENCES");
+    const char* first = std::getenv("NEUTILS_SEED");
+    for (unsigned i = 0; i < (sequences == nullptr ? 20U : std::stoul(sequences)) && !HasFailure(); ++i) {
+        const unsigned seed = i + (first == nullptr ? 0 : static_cast<unsigned>(std::stoul(first)));
+        SCOPED_TRACE("NEUTILS_SEED=" + std::to_string(seed));
+        fs::create_directories(*this / "d");
+        fs::create_directories(*this / "out");
+        ASSERT_TRUE(monitor_.AddRule(rule));
+        const pid_t other = Fork([&] { return change(2 * seed + 1); });
+        change(2 * seed + 2);
+        EXPECT_EQ(Wait(other), 0);
+        EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+        for (const std::string& at : tree()) {
+            if (fs::is_directory(at)) {
+                Write(at + "/probe", "");
+            }
         }
+        EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+        if (HasFailure()) {
+            EXPECT_EQ(model(), tree()) << testing::PrintToString(told_.Lines());
+        }
+        ASSERT_TRUE(monitor_.RemoveRule(rule));
+        told_.Clear();
+        fs::remove_all(*this / "d");
+        fs::remove_all(*this / "out");
     }
-    EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
 }
 
 // What is mounted over a directory hides it. Without being asked a rule stays on its file system.
