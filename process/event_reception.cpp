@@ -56,12 +56,16 @@ void EventReception::HandOn(int count)
 void EventReception::FollowHeldProcesses()
 {
     if (leaderExits_.HasChanged()) {
-        AttachEventFilter(fd_, kinds_, processesOnly_, leaderExits_.GetHeld());
+        AttachEventFilter(fd_, kinds_, processesOnly_, leaderExits_.GetFollowed());
     }
 }
 
 void EventReception::HandOnOfProcess(proc_event& event)
 {
+    proc_event former;
+    if (event.what == kForkEvent && leaderExits_.TakeReplaced(event.event_data.fork.child_tgid, former)) {
+        handler_(former);
+    }
     if (event.what == kExecEvent) {
         leaderExits_.Forget(event.event_data.exec.process_tgid);
     }

@@ -23,6 +23,9 @@ public:
     // A thread has taken the place of the first one by an exec: the process goes on under its id.
     void Forget(int pid);
 
+    // A new process has the id, so the one before has ended. True: its exit was held and is taken out.
+    bool TakeReplaced(int pid, proc_event& exit);
+
     // Takes the exit of a further thread: the last one's status is that of the process.
     void TakeThreadExit(const proc_event& exit);
 
@@ -31,8 +34,11 @@ public:
     std::vector<proc_event> TakeEnded();
 
     bool IsEmpty() const { return held_.empty(); }
-    std::vector<int> GetHeld() const;                             // ids of processes
-    bool HasChanged() { return std::exchange(changed_, false); }  // who is held, since the last call
+
+    // The processes whose thread exits shall come. None after 100 of those until the next TakeEnded: a process without
+    // its first thread could otherwise flood the monitor with them.
+    std::vector<int> GetFollowed() const;
+    bool HasChanged() { return std::exchange(changed_, false); }  // who is followed, since the last call
 
 private:
     struct Held {
@@ -41,6 +47,7 @@ private:
     };
 
     std::map<int, Held> held_;
+    std::size_t threadExits_ = 0;
     bool changed_ = false;
 };
 

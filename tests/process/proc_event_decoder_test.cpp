@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <numeric>
+#include <thread>
 
 #include "process/event_filter.h"
+#include "process/leader_exits.h"
 #include "process_monitor.h"
+#include "util/clock.h"
 
 using namespace NEUtils;
 
@@ -97,4 +100,28 @@ TEST(EventFilterTest, KernelDropsWhatNobodyAskedFor)
         close(pair[0]);
         close(pair[1]);
     }
+}
+
+// A process without its first thread blinded the monitor with the exits of the others for as long as it made them; an
+// id that another one got held back an exit for as long as that one lived.
+TEST(LeaderExitsTest, FloodsAndReusedIdsHoldNothingUp)
+{
+    LeaderExits exits;
+    proc_event exit = {};
+    exit.timestamp_ns = static_cast<std::uint64_t>(Clock::MonotonicNs());
+    exit.event_data.exit.process_pid = exit.event_data.exit.process_tgid = getpid();
+    EXPECT_FALSE(exits.HasEnded(exit));
+    EXPECT_EQ(exits.GetFollowed(), std::vector<int>{getpid()});
+    for (int i = 0; i < 1000; ++i) {
+        exits.TakeThreadExit(exit);
+    }
+    EXPECT_TRUE(exits.HasChanged() && exits.GetFollowed().empty());
+    EXPECT_TRUE(exits.TakeEnded().empty() && exits.HasChanged() && exits.GetFollowed().size() == 1);
+    proc_event former;
+    EXPECT_TRUE(exits.TakeReplaced(getpid(), former) && exits.IsEmpty());
+    std::thread([&] {
+        exit.event_data.exit.process_pid = exit.event_data.exit.process_tgid = gettid();
+        exit.timestamp_ns = static_cast<std::uint64_t>(Clock::MonotonicNs());
+        EXPECT_TRUE(exits.HasEnded(exit));  // /proc has it, but as a thread of this process
+    }).join();
 }
