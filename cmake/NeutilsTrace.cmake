@@ -42,7 +42,7 @@ endif()
 set(tracerFiles connector_socket.cpp connector_source.cpp container_names.cpp exec_reader.cpp platform_processes.cpp
                  proc_directory.cpp process_table.cpp process_tracer.cpp trace_decoder.cpp)
 if(NEUTILS_HAS_TRACE)
-  list(APPEND tracerFiles libbpf_messages.cpp trace_ring.cpp)
+  list(APPEND tracerFiles libbpf_messages.cpp ring_reader.cpp trace_ring.cpp)
 else()
   list(APPEND tracerFiles trace_ring_missing.cpp)
 endif()
@@ -54,23 +54,30 @@ target_include_directories(neutils_trace_objects PRIVATE ${PROJECT_SOURCE_DIR} $
 # Unique symbols would keep the library in memory after a feature that uses it is closed.
 target_compile_options(neutils_trace_objects PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 
-# The programs, for the kernel's own machine, and the C header that holds them.
-if(NEUTILS_HAS_TRACE)
-  set(traceSkeleton ${PROJECT_BINARY_DIR}/trace/process_trace.skel.h)
-  set(traceObject ${PROJECT_BINARY_DIR}/trace/process_trace.bpf.o)
-  set(traceProgram ${PROJECT_SOURCE_DIR}/process/process_trace.bpf.c)
+# neutils_trace_programs(DIRECTORY NAME HEADERS...): programs for the kernel's own machine, and the C header that holds
+# them, NAME.skel.h.
+function(neutils_trace_programs directory name)
+  set(skeleton ${PROJECT_BINARY_DIR}/trace/${name}.skel.h)
+  set(object ${PROJECT_BINARY_DIR}/trace/${name}.bpf.o)
+  set(program ${PROJECT_SOURCE_DIR}/${directory}/${name}.bpf.c)
+  list(TRANSFORM ARGN PREPEND ${PROJECT_SOURCE_DIR}/)
   file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/trace)
-  add_custom_command(OUTPUT ${traceSkeleton}
-    COMMAND ${BPF_CLANG} -g -O2 -target bpf -Wall -Wextra -Wno-unused-parameter -Werror
-            -I ${LIBBPF_INCLUDE_DIR} -I /usr/include/${CMAKE_LIBRARY_ARCHITECTURE} -c ${traceProgram} -o ${traceObject}
-    COMMAND ${LLVM_STRIP} -g ${traceObject}
-    COMMAND ${CMAKE_COMMAND} -E echo "// NOLINTBEGIN" > ${traceSkeleton}
-    COMMAND ${BPFTOOL} gen skeleton ${traceObject} name process_trace >> ${traceSkeleton}
-    COMMAND ${CMAKE_COMMAND} -E echo "// NOLINTEND" >> ${traceSkeleton}
-    DEPENDS ${traceProgram} ${PROJECT_SOURCE_DIR}/process/trace_kernel.h ${PROJECT_SOURCE_DIR}/process/trace_layout.h
-    COMMENT "Building the trace programs" VERBATIM)
-  add_custom_target(neutils_trace_skeleton DEPENDS ${traceSkeleton})
-  add_dependencies(neutils_trace_objects neutils_trace_skeleton)
+  add_custom_command(OUTPUT ${skeleton}
+    COMMAND ${BPF_CLANG} -g -O2 -target bpf -Wall -Wextra -Wno-unused-parameter -Werror -I ${PROJECT_SOURCE_DIR}
+            -I ${LIBBPF_INCLUDE_DIR} -I /usr/include/${CMAKE_LIBRARY_ARCHITECTURE} -c ${program} -o ${object}
+    COMMAND ${LLVM_STRIP} -g ${object}
+    COMMAND ${CMAKE_COMMAND} -E echo "// NOLINTBEGIN" > ${skeleton}
+    COMMAND ${BPFTOOL} gen skeleton ${object} name ${name} >> ${skeleton}
+    COMMAND ${CMAKE_COMMAND} -E echo "// NOLINTEND" >> ${skeleton}
+    DEPENDS ${program} ${ARGN}
+    COMMENT "Building the trace programs of ${directory}" VERBATIM)
+  add_custom_target(${name}_skeleton DEPENDS ${skeleton})
+  add_dependencies(neutils_trace_objects ${name}_skeleton)
+endfunction()
+
+if(NEUTILS_HAS_TRACE)
+  neutils_trace_programs(process process_trace process/trace_common.bpf.h process/trace_kernel.h
+                         process/trace_layout.h process/trace_state.h)
   # What bpftool writes is not held to the flags of the house.
   target_include_directories(neutils_trace_objects SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/trace ${LIBBPF_INCLUDE_DIR})
   set(traceLibraries ${LIBBPF_LIBRARY})

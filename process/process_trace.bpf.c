@@ -8,6 +8,7 @@
 #include <bpf/bpf_helpers.h>
 #include <bpf/bpf_tracing.h>
 
+#include "trace_common.bpf.h"
 #include "trace_layout.h"
 
 char LICENSE[] SEC("license") = "Dual MIT/GPL";
@@ -34,11 +35,6 @@ struct ended_key {
     __u32 pid, unused;
 };
 
-struct {
-    __uint(type, BPF_MAP_TYPE_RINGBUF);
-    __uint(max_entries, 4 << 20); /* set anew before loading */
-} ring SEC(".maps");
-
 /* An exec is too large for the stack. Nothing else runs on this processor between lookup and output. */
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
@@ -54,26 +50,6 @@ struct {
     __type(key, struct ended_key);
     __type(value, __u32);
 } ended SEC(".maps");
-
-struct trace_state state = {};
-const volatile __u64 wake_size = 0; /* in the ring, to wake a resting reader; 0: each record wakes it */
-
-static __always_inline void count(__u64* counter)
-{
-    __sync_fetch_and_add(counter, 1);
-}
-
-static __always_inline __u64 wake_flags(void)
-{
-    if (wake_size == 0)
-        return 0;
-    if (state.waiting == TRACE_READING)
-        return BPF_RB_NO_WAKEUP;
-    if (state.waiting == TRACE_RESTING && bpf_ringbuf_query(&ring, BPF_RB_AVAIL_DATA) < wake_size)
-        return BPF_RB_NO_WAKEUP;
-    state.waiting = TRACE_READING;
-    return BPF_RB_FORCE_WAKEUP;
-}
 
 static __always_inline void put_ids(struct trace_head* head, struct task_struct* task)
 {
@@ -223,22 +199,13 @@ int BPF_PROG(trace_exec, struct task_struct* task, int old_tid, struct linux_bin
     return 0;
 }
 
-static __always_inline struct trace_head* reserve(__u32 kind)
-{
-    struct trace_head* head = bpf_ringbuf_reserve(&ring, sizeof(*head), 0);
-    count(&state.seen[kind]);
-    if (!head)
-        count(&state.lost[kind]);
-    return head;
-}
-
 SEC("tp_btf/sched_process_fork")
 int BPF_PROG(trace_fork, struct task_struct* parent, struct task_struct* child)
 {
     struct trace_head* head;
     if (child->pid != child->tgid)
         return 0;
-    head = reserve(TRACE_FORK);
+    head = reserve(TRACE_FORK, sizeof(*head));
     if (!head)
         return 0;
     put_head(head, child, TRACE_FORK);
@@ -266,7 +233,7 @@ int BPF_PROG(trace_exit, struct task_struct* task)
     struct trace_head* head;
     if (!ends_process(task))
         return 0;
-    head = reserve(TRACE_EXIT);
+    head = reserve(TRACE_EXIT, sizeof(*head));
     if (!head)
         return 0;
     put_head(head, task, TRACE_EXIT);

@@ -3,7 +3,7 @@
 // What the trace programs in the kernel write and the tracer reads. C, since the programs are C.
 #include <linux/types.h>
 
-enum trace_kind { TRACE_FORK = 1, TRACE_EXEC = 2, TRACE_EXIT = 3, TRACE_KINDS = 4 };
+enum trace_kind { TRACE_FORK = 1, TRACE_EXEC = 2, TRACE_EXIT = 3 };
 
 enum trace_flag {
     TRACE_NO_ARGS = 1,    // the arguments could not be read
@@ -14,9 +14,6 @@ enum trace_flag {
 };
 
 enum trace_limit { TRACE_PATH_MAX = 4096, TRACE_INTERPRETER_MAX = 256, TRACE_ARGS_MAX = 16384, TRACE_COMM_MAX = 16 };
-
-// How the reader waits, and so when a program wakes it up.
-enum trace_wait { TRACE_READING = 0, TRACE_RESTING = 1, TRACE_IDLE = 2 };
 
 // A record: this head, and behind it the path, the interpreter's path and the arguments, of exec only.
 struct trace_head {
@@ -47,11 +44,4 @@ struct trace_head {
     __u32 interpreter_size;
     __u32 args_size;
     char comm[TRACE_COMM_MAX];
-};
-
-// Shared memory of the programs and the reader, who needs no rights to read it.
-struct trace_state {
-    __u64 seen[TRACE_KINDS];
-    __u64 lost[TRACE_KINDS];  // of those, for want of room in the ring
-    __u32 waiting;            // trace_wait
 };
