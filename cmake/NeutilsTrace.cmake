@@ -40,7 +40,7 @@ elseif(NOT NEUTILS_TRACE STREQUAL "OFF")
 endif()
 
 set(tracerFiles connector_socket.cpp connector_source.cpp container_names.cpp exec_reader.cpp platform_processes.cpp
-                 proc_directory.cpp process_table.cpp process_tracer.cpp trace_decoder.cpp)
+                 proc_directory.cpp process_table.cpp process_tracer.cpp trace_decoder.cpp tracer_thread.cpp)
 if(NEUTILS_HAS_TRACE)
   list(APPEND tracerFiles libbpf_messages.cpp ring_reader.cpp trace_ring.cpp)
 else()

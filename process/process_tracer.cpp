@@ -1,12 +1,8 @@
 #include "process_tracer.h"
 
-#include <pthread.h>
-
 #include <atomic>
-#include <exception>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "logger.h"
 #include "process/connector_source.h"
@@ -14,16 +10,15 @@
 #include "process/process_table.h"
 #include "process/trace_ring.h"
 #include "process/trace_source.h"
+#include "process/tracer_thread.h"
 #include "util/clock.h"
-#include "util/stop_signals.h"
 
 namespace NEUtils {
 
 namespace {
 
+constexpr char kName[] = "process tracer";
 constexpr std::int64_t kComparePeriodNs = 2 * Clock::kNsPerSecond;
-
-thread_local const void* t_session = nullptr;  // the one that this thread works for
 
 }  // namespace
 
@@ -52,16 +47,13 @@ private:
     bool OpenSource(std::unique_ptr<TraceSource> source, Source kind, std::string& reason);
     bool StartThread();
     void Run();
-    template <typename Function>
-    void CallBack(const Function& function);
-    bool IsOwnThread() const { return t_session == this; }
     bool Join();
 
     std::atomic<Source> kind_{kNone};
     std::atomic<bool> running_{false};
     std::atomic<std::uint64_t> filtered_{0};
     std::atomic<std::uint64_t> incomplete_{0};
-    std::thread thread_;
+    TracerThread thread_;
     Callback callback_;
     LossCallback onLoss_;
 
@@ -150,23 +142,17 @@ bool ProcessTracer::Session::OpenSource(std::unique_ptr<TraceSource> source, Sou
 
 bool ProcessTracer::Session::StartThread()
 {
-    const StopSignalsBlocked blocked;
     running_ = true;
-    try {
-        thread_ = std::thread([this] { Run(); });
-    } catch (const std::exception& error) {
-        NE_LOG(ERROR, "Fail to create the process tracer's thread.[reason=%s]", error.what());
+    if (!thread_.Start("process-tracer", [this] { Run(); })) {
         running_ = false;
         Join();
         return false;
     }
-    pthread_setname_np(thread_.native_handle(), "process-tracer");
     return true;
 }
 
 void ProcessTracer::Session::Run()
 {
-    t_session = this;
     table_->CompareWithProc(running_);
     comparedNs_ = Clock::MonotonicNs();
     source_->Run(*this);  // nobody changes it before this thread is joined
@@ -181,7 +167,7 @@ void ProcessTracer::Session::Put(ProcessRecord& record)
     if (!record.whole) {
         ++incomplete_;
     }
-    CallBack([&] { callback_(record); });
+    CallOwner(kName, [&] { callback_(record); });
 }
 
 // Looking at /proc takes its time, in which more would be lost: so it waits for a pause, but not for ever.
@@ -198,20 +184,7 @@ void ProcessTracer::Session::Rest(bool isQuiet)
            static_cast<unsigned long long>(lost.forks), static_cast<unsigned long long>(lost.execs),
            static_cast<unsigned long long>(lost.exits), static_cast<unsigned long long>(lost.unknown));
     if (onLoss_ != nullptr) {
-        CallBack([&] { onLoss_(lost); });
-    }
-}
-
-// What a callback throws must not pass through the source.
-template <typename Function>
-void ProcessTracer::Session::CallBack(const Function& function)
-{
-    try {
-        function();
-    } catch (const std::exception& error) {
-        NE_LOG(ERROR, "A callback of the process tracer failed.[reason=%s]", error.what());
-    } catch (...) {
-        NE_LOG(ERROR, "A callback of the process tracer failed.");
+        CallOwner(kName, [&] { onLoss_(lost); });
     }
 }
 
@@ -223,7 +196,7 @@ void ProcessTracer::Session::Stop()
         source_->RequestStop();
         NE_LOG(INFO, "The process tracer stops.");
     }
-    if (!IsOwnThread()) {
+    if (!thread_.IsOwn()) {
         Join();
     }
 }
@@ -231,16 +204,14 @@ void ProcessTracer::Session::Stop()
 // True once neither thread nor source is left.
 bool ProcessTracer::Session::Join()
 {
-    if (IsOwnThread()) {
+    if (thread_.IsOwn()) {
         NE_LOG(ERROR, "The process tracer cannot wait for its own thread.");
         return false;
     }
     if (running_.exchange(false)) {
         source_->RequestStop();
     }
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    thread_.Join();
     const Counts counts = GetCounts();
     std::shared_ptr<TraceSource> source;
     const std::lock_guard<std::mutex> lock(mutex_);
