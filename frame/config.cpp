@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "frame/stop_deferral.h"
 #include "logger.h"
 #include "util/file.h"
 #include "util/text.h"
@@ -81,7 +82,10 @@ void Config::Store(std::string_view line, bool asInteger, const std::map<std::st
     }
     int number = 0;
     const bool isNumber = asInteger && Convert::StringToInt(value, number);
-    const std::lock_guard<std::mutex> lock(Mutex());
+    const FrameLock lock(Mutex());
+    if (!lock) {
+        return;
+    }
     if (isNumber) {
         GetConfigMap<int>()[key] = number;
     } else {
@@ -135,14 +139,14 @@ bool Find(const std::unordered_map<std::string, Value>& table, const std::string
 
 bool Config::GetConfigValue(const std::string& key, std::string& value)
 {
-    const std::lock_guard<std::mutex> lock(Mutex());
-    return Find(GetConfigMap<std::string>(), key, value);
+    const FrameLock lock(Mutex());
+    return lock && Find(GetConfigMap<std::string>(), key, value);
 }
 
 bool Config::GetConfigValue(const std::string& key, int& value)
 {
-    const std::lock_guard<std::mutex> lock(Mutex());
-    return Find(GetConfigMap<int>(), key, value);
+    const FrameLock lock(Mutex());
+    return lock && Find(GetConfigMap<int>(), key, value);
 }
 
 const char* Env::GetEnv(const char* name)

@@ -69,9 +69,8 @@ void LogSystem::LogFile::CloseRetired()
     if (abandoned_) {
         return;
     }
-    const StopDeferral untilClosed;
-    const std::lock_guard<std::mutex> lock(fileMutex_);
-    if (retired_) {  // unless it has been registered again meanwhile
+    const FrameLock lock(fileMutex_);
+    if (lock && retired_) {  // unless it has been registered again meanwhile
         CloseStream();
     }
 }
@@ -111,12 +110,11 @@ bool LogSystem::LogFile::FlushLogStream(const char* data, unsigned int length)
     if (abandoned_ || StopDeferral::IsInterrupted()) {
         return false;
     }
-    const StopDeferral untilWritten;
-    if (!StopDeferral::Lock(fileMutex_)) {
+    const FrameLock lock(fileMutex_);
+    if (!lock) {
         CountFailure(EBUSY);
         return false;
     }
-    const std::lock_guard<std::mutex> lock(fileMutex_, std::adopt_lock);
     if (retired_) {
         return false;
     }

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "frame/leveled_subscriber.h"
 #include "frame/log_roll.h"
 #include "frame/stop_deferral.h"
 #include "util/clock.h"
@@ -16,6 +17,7 @@ namespace NEUtils {
 namespace {
 
 constexpr std::int64_t kPeriodSeconds = 86399;
+constexpr char kStopping[] = "the program stops";
 
 // The files that a fork has locked, each once: one may be registered in several places. Guarded by the registration's
 // mutex.
@@ -96,14 +98,19 @@ void LogSystem::UnlockAfterFork(bool isChild)
 const char* LogSystem::AddToSlot(std::shared_ptr<LogFile> file, const std::string& kind, const std::string& name,
                                  Formatter formatter)
 {
-    const StopDeferral untilUnlocked;
-    const std::lock_guard<std::mutex> registration(RegistrationMutex());
+    const FrameLock registration(RegistrationMutex());
+    if (!registration) {
+        return kStopping;
+    }
     if (file->abandoned_) {
         return "the file was in use elsewhere when this process was forked";
     }
     Slot* free = nullptr;
     for (Slot& slot : Slots()) {
-        const std::lock_guard<std::mutex> lock(slot.slotMutex);
+        const FrameLock lock(slot.slotMutex);
+        if (!lock) {
+            return kStopping;
+        }
         if (!slot.InUse()) {
             free = free == nullptr ? &slot : free;
         } else if (slot.kind == kind && slot.name == name) {
@@ -113,15 +120,18 @@ const char* LogSystem::AddToSlot(std::shared_ptr<LogFile> file, const std::strin
     if (free == nullptr) {
         return "all five places are taken";
     }
+    const FrameLock lock(free->slotMutex);
+    if (!lock) {
+        return kStopping;
+    }
     const bool wasRetired = file->retired_.exchange(false);
-    const bool subscribed = MessageBus::Subscribe(
-        kind, name,
+    const bool subscribed = SubscribeFromLevel(
+        file->minLevel_, kind, name,
         [file, formatter = std::move(formatter)](const NENormalLog& record) { file->WriteLog(formatter, record); });
     if (!subscribed) {
         file->retired_ = wasRetired;
         return "the kind and the name are in use";
     }
-    const std::lock_guard<std::mutex> lock(free->slotMutex);
     free->file = std::move(file);
     free->name = name;
     free->kind = kind;
@@ -156,13 +166,9 @@ bool LogSystem::Register(std::shared_ptr<LogFile> file, const std::string& kind,
 bool LogSystem::UpdateLogConfig(const std::string& name, unsigned int minLevel, unsigned int maxFileSize,
                                 unsigned int rollCount)
 {
-    if (StopDeferral::IsInterrupted()) {
-        return false;
-    }
-    const StopDeferral untilUnlocked;
     for (Slot& slot : Slots()) {
-        const std::lock_guard<std::mutex> lock(slot.slotMutex);
-        if (slot.InUse() && slot.name == name) {
+        const FrameLock lock(slot.slotMutex);
+        if (lock && slot.InUse() && slot.name == name) {
             slot.file->SetLimits(minLevel, maxFileSize, rollCount);
             return true;
         }
@@ -180,12 +186,10 @@ bool LogSystem::Unregister(const std::string& name)
 {
     std::shared_ptr<LogFile> file;
     std::string kind;
-    if (!StopDeferral::IsInterrupted()) {
-        const StopDeferral untilUnlocked;
-        const std::lock_guard<std::mutex> registration(RegistrationMutex());
+    if (const FrameLock registration(RegistrationMutex()); registration) {
         for (Slot& slot : Slots()) {
-            const std::lock_guard<std::mutex> lock(slot.slotMutex);
-            if (file == nullptr && slot.InUse() && slot.name == name) {
+            const FrameLock lock(slot.slotMutex);
+            if (lock && file == nullptr && slot.InUse() && slot.name == name) {
                 file = std::move(slot.file);
                 kind = std::move(slot.kind);
                 slot.name.clear();
@@ -206,12 +210,10 @@ bool LogSystem::Unregister(const std::string& name)
 void LogSystem::CloseAllLogFile()
 {
     std::vector<std::tuple<std::string, std::string, std::shared_ptr<LogFile>>> closed;
-    if (!StopDeferral::IsInterrupted()) {
-        const StopDeferral untilUnlocked;
-        const std::lock_guard<std::mutex> registration(RegistrationMutex());
+    if (const FrameLock registration(RegistrationMutex()); registration) {
         for (Slot& slot : Slots()) {
-            const std::lock_guard<std::mutex> lock(slot.slotMutex);
-            if (slot.InUse()) {
+            const FrameLock lock(slot.slotMutex);
+            if (lock && slot.InUse()) {
                 slot.file->retired_ = true;
                 closed.emplace_back(std::move(slot.kind), std::move(slot.name), std::move(slot.file));
                 slot.name.clear();
@@ -232,7 +234,10 @@ bool LogSystem::SpendLine()
     if (limit == 0) {
         return true;
     }
-    const std::lock_guard<std::mutex> lock(linesLock_);
+    const FrameLock lock(linesLock_);
+    if (!lock) {
+        return false;
+    }
     const std::int64_t now = Clock::WallSeconds();
     if (refreshPoint_ == 0 || now - refreshPoint_ > kPeriodSeconds) {
         refreshPoint_ = now;
@@ -259,9 +264,8 @@ std::uint64_t LogSystem::GetLinesOverBudget()
 bool LogSystem::IsBudgetUsedUp()
 {
     const unsigned int limit = maxLines_;
-    const StopDeferral untilUnlocked;
-    const std::lock_guard<std::mutex> lock(linesLock_);
-    return limit != 0 && recordLines_ >= limit && Clock::WallSeconds() - refreshPoint_ <= kPeriodSeconds;
+    const FrameLock lock(linesLock_);
+    return lock && limit != 0 && recordLines_ >= limit && Clock::WallSeconds() - refreshPoint_ <= kPeriodSeconds;
 }
 
 }  // namespace NEUtils

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "frame/leveled_subscriber.h"
 #include "frame/stop_deferral.h"
 #include "util/bounded.h"
 #include "util/call_gate.h"
@@ -36,8 +37,12 @@ char* CurrentMessage()
 // UnsubscribeAndWait can wait for their calls and destroy it before its code is unloaded.
 struct GatedSubscriber {
     struct Shared {
-        explicit Shared(NEUtils::MessageBus::Subscriber subscriber) : call(std::move(subscriber)) {}
+        Shared(NEUtils::MessageBus::Subscriber subscriber, const std::atomic<unsigned int>* lowest)
+            : call(std::move(subscriber)), minLevel(lowest)
+        {
+        }
         NEUtils::MessageBus::Subscriber call;
+        const std::atomic<unsigned int>* const minLevel;  // read under the registry's lock; null: all levels
         NEUtils::CallGate gate;
     };
 
@@ -49,20 +54,32 @@ struct GatedSubscriber {
     std::shared_ptr<Shared> shared;
 };
 
-// The subscribers of one kind as they are now. Copying these alone shows callers the same as copying
-// the whole registry would, and they run without the lock.
-Subscribers CopySubscribers(const char* logKind)
+// Whether a subscriber of the registry takes records of a level.
+bool Takes(const NEUtils::MessageBus::Subscriber& subscriber, LogLevel level)
+{
+    const auto* gated = subscriber.target<GatedSubscriber>();
+    const auto* minLevel = gated == nullptr ? nullptr : gated->shared->minLevel;
+    return minLevel == nullptr || static_cast<unsigned int>(level) >= *minLevel;
+}
+
+// The subscribers of one kind as they are now, but for those that do not take the level. Copying these alone shows
+// callers the same as copying the whole registry would, and they run without the lock.
+Subscribers CopySubscribers(const char* logKind, LogLevel level)
 try {
     using NEUtils::MessageBus;
     Subscribers copies;
     const std::string kind(logKind);
-    const std::lock_guard<std::mutex> lock(MessageBus::GetSubMutex());
+    const NEUtils::FrameLock lock(MessageBus::GetSubMutex());
+    if (!lock) {
+        return copies;
+    }
     const auto& list = MessageBus::GetSubList<const NENormalLog&>();
     const auto found = list.find(kind);
     if (found != list.end()) {
-        copies.reserve(found->second.size());
         for (const auto& [name, subscriber] : found->second) {
-            copies.push_back(subscriber);
+            if (Takes(subscriber, level)) {
+                copies.push_back(subscriber);
+            }
         }
     }
     return copies;
@@ -82,10 +99,8 @@ bool LocalTime(struct tm& out)
     const time_t now = std::time(nullptr);
     if (!known || now != second) {
         known = false;
-        if (NEUtils::StopDeferral::Lock(g_timeMutex)) {
-            known = localtime_r(&now, &broken) != nullptr;
-            g_timeMutex.unlock();
-        }
+        const NEUtils::FrameLock lock(g_timeMutex);
+        known = lock && localtime_r(&now, &broken) != nullptr;
         if (!known) {
             return false;
         }
@@ -155,7 +170,7 @@ void LoggerWriteLog(const char* logKind, LogLevel level, const char* fileName, u
     }
     const NEUtils::StopDeferral untilWritten;
     const int error = errno;
-    if (const Subscribers subscribers = CopySubscribers(logKind); !subscribers.empty()) {
+    if (const Subscribers subscribers = CopySubscribers(logKind, level); !subscribers.empty()) {
         errno = error;
         va_list args;
         va_start(args, format);
@@ -245,27 +260,24 @@ MessageBus::SubList<Record>& MessageBus::GetSubList()
 
 template NEUTILS_API MessageBus::SubList<const NENormalLog&>& MessageBus::GetSubList<const NENormalLog&>();
 
-bool MessageBus::Subscribe(const std::string& kind, const std::string& name, Subscriber subscriber)
-{
-    if (StopDeferral::IsInterrupted()) {
-        return false;
-    }
-    GatedSubscriber gated{std::make_shared<GatedSubscriber::Shared>(std::move(subscriber))};
-    const StopDeferral untilUnlocked;
-    const std::lock_guard<std::mutex> lock(GetSubMutex());
-    return GetSubList<const NENormalLog&>()[kind].try_emplace(name, std::move(gated)).second;
-}
-
 namespace {
+
+bool Add(const std::string& kind, const std::string& name, MessageBus::Subscriber subscriber,
+         const std::atomic<unsigned int>* minLevel)
+{
+    GatedSubscriber gated{std::make_shared<GatedSubscriber::Shared>(std::move(subscriber), minLevel)};
+    const FrameLock lock(MessageBus::GetSubMutex());
+    auto& list = MessageBus::GetSubList<const NENormalLog&>();
+    return lock && list[kind].try_emplace(name, std::move(gated)).second;
+}
 
 // Takes a subscriber out of the registry. The caller destroys it, without the lock: it may own a file, or log.
 bool TakeOut(const std::string& kind, const std::string& name, MessageBus::Subscriber& removed)
 {
-    if (StopDeferral::IsInterrupted()) {
+    const FrameLock lock(MessageBus::GetSubMutex());
+    if (!lock) {
         return false;
     }
-    const StopDeferral untilUnlocked;
-    const std::lock_guard<std::mutex> lock(MessageBus::GetSubMutex());
     auto& list = MessageBus::GetSubList<const NENormalLog&>();
     const auto found = list.find(kind);
     if (found == list.end()) {
@@ -284,6 +296,17 @@ bool TakeOut(const std::string& kind, const std::string& name, MessageBus::Subsc
 }
 
 }  // namespace
+
+bool MessageBus::Subscribe(const std::string& kind, const std::string& name, Subscriber subscriber)
+{
+    return Add(kind, name, std::move(subscriber), nullptr);
+}
+
+bool SubscribeFromLevel(const std::atomic<unsigned int>& minLevel, const std::string& kind, const std::string& name,
+                        MessageBus::Subscriber subscriber)
+{
+    return Add(kind, name, std::move(subscriber), &minLevel);
+}
 
 bool MessageBus::Unsubscribe(const std::string& kind, const std::string& name)
 {

@@ -14,6 +14,7 @@
 #include "frame/stop_deferral.h"
 #include "my_program.h"
 #include "util/bounded.h"
+#include "util/clock.h"
 #include "util/file.h"
 #include "util/unique_fd.h"
 
@@ -35,6 +36,9 @@ constexpr std::size_t kMapLineSize = 2048;
 
 std::atomic<int> g_stopSignal{0};
 std::atomic<int> g_reporter{0};  // the process that is writing its report for SIGUSR1
+std::atomic<int> g_stopper{0};   // the process whose stop is under way
+std::atomic<std::int64_t> g_stopBeganNs{0};
+constexpr std::int64_t kPatienceNs = Clock::kNsPerSecond;
 
 // Writes each line of a descriptor as a record of its own; a longer line comes in pieces.
 void CopyMapLines(int maps, int fd)
@@ -83,6 +87,14 @@ void CallIfSet(int (*function)())
     }
 }
 
+// Many stop signals at once are one: the stop function must not run in the middle of itself. One that comes later is
+// taken, since the first may hang.
+bool IsRepeatedStop(int signo, int self)
+{
+    const bool isStop = signo == SIGINT || signo == SIGQUIT || signo == SIGTSTP;
+    return isStop && g_stopper == self && Clock::MonotonicNs() - g_stopBeganNs <= kPatienceNs;
+}
+
 }  // namespace
 
 void SignalPaths::RemovePidFile(const char* path, int child, bool hasLock)
@@ -119,11 +131,17 @@ void MyProgram::SigActionHandler(int signo, siginfo_t*, void*)
     const int error = errno;
     const int self = getpid();
     // A flood of SIGUSR1 would nest until the stack is full. A forked child has a report of its own to write.
-    if (signo != SIGUSR1) {
+    if (signo == SIGUSR1) {
+        if (g_reporter.exchange(self) != self) {
+            const StopDeferral untilWritten;  // the report takes locks of the C library
+            WriteReport(signo);
+            g_reporter = 0;
+        }
+    } else if (!IsRepeatedStop(signo, self)) {
+        g_stopBeganNs = Clock::MonotonicNs();
+        g_stopper = self;
         WriteReport(signo);
-    } else if (g_reporter.exchange(self) != self) {
-        WriteReport(signo);
-        g_reporter = 0;
+        g_stopper = 0;
     }
     errno = error;
 }

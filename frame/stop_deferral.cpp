@@ -19,10 +19,12 @@ namespace {
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_putOff = 0;
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_process =
     0;  // the one that t_putOff was sent to
+[[gnu::tls_model("initial-exec")]] thread_local volatile std::int64_t t_putOffNs = 0;  // when
 [[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t t_interrupted = 0;
 
 std::atomic<int> g_interrupted{0};  // threads whose stop function runs in the middle of a log call
 constexpr std::int64_t kStuckNs = 100 * Clock::kNsPerMs;
+constexpr std::int64_t kPatienceNs = Clock::kNsPerSecond;
 
 }  // namespace
 
@@ -57,9 +59,15 @@ bool StopDeferral::PutOff(int signo)
     }
     const bool isStop = signo == SIGINT || signo == SIGQUIT || signo == SIGTSTP;
     const pid_t self = getpid();
+    const std::int64_t now = Clock::MonotonicNs();
     if (isStop && (t_putOff == 0 || t_process != self)) {
+        t_putOffNs = now;
         t_process = self;
         t_putOff = signo;
+        return true;
+    }
+    // Many at once are one: the record under way is not what keeps the program from stopping.
+    if (isStop && t_interrupted == 0 && now - t_putOffNs <= kPatienceNs) {
         return true;
     }
     if (t_interrupted == 0) {
@@ -69,8 +77,16 @@ bool StopDeferral::PutOff(int signo)
     return false;
 }
 
-bool StopDeferral::Lock(std::mutex& mutex)
+bool StopDeferral::IsInterrupted()
 {
+    return t_interrupted != 0;
+}
+
+bool FrameLock::Lock(std::mutex& mutex)
+{
+    if (StopDeferral::IsInterrupted()) {
+        return false;
+    }
     if (mutex.try_lock()) {
         return true;
     }
@@ -87,11 +103,6 @@ bool StopDeferral::Lock(std::mutex& mutex)
         }
     } while (g_interrupted == 0);
     return false;
-}
-
-bool StopDeferral::IsInterrupted()
-{
-    return t_interrupted != 0;
 }
 
 }  // namespace NEUtils

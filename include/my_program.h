@@ -26,10 +26,14 @@ namespace NEUtils {
 // stop; SIGUSR1 only reports. A stop ends in SIGTERM to the own process, whose action stays the default.
 //
 // A stop signal that is not blocked interrupts whatever its thread does at that moment, and the stop function then
-// runs in the middle of that. While the thread is in a log call the frame puts the signal off. It cannot do so for
-// other locks, such as malloc's: a stop function that needs one of them may wait for its own thread for ever. So call
-// BlockStopSignals() first in main(), and wait in WaitForStop(). A crash signal and a second stop signal are not put
-// off: after one in the middle of a log call, what the stop function logs on that thread is dropped.
+// runs in the middle of that. While the thread logs, registers a log file or uses the configuration, the frame puts the
+// signal off. It cannot do so for other locks, such as malloc's: a stop function that needs one of them may wait for its
+// own thread for ever. So call BlockStopSignals() first in main(), and wait in WaitForStop(). A crash signal is not put
+// off, nor is a stop signal more than a second after the first: after one in the middle of such a call, what the stop
+// function logs on that thread is dropped, and it finds no configuration.
+//
+// Stop signals within a second of the first are one stop. A later one runs the stop function again, also in the middle
+// of itself: the first may hang.
 //
 // Threads  one: the main thread, before it starts others. The handler may run on any thread.
 // Limits   paths of at most 4,095 characters.

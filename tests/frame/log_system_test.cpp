@@ -140,6 +140,27 @@ TEST(LogSystemTest, FivePlacesEachPairOnce)
     EXPECT_TRUE(Register(dir / "six", "six"));
 }
 
+// A record below the level of each file costs no formatting; this one could not be formatted. A level that changes, and
+// any other subscriber, counts from the next record on, on all threads.
+TEST(LogSystemTest, OnlyWhatSomebodyTakesIsFormatted)
+{
+    const TempDir dir;
+    ASSERT_TRUE(Register(dir / "a", "a") && Register(dir / "b", "b"));
+    const auto unreadable = reinterpret_cast<const char*>(std::uintptr_t{1});
+    const auto debug = [](const char* text) { std::jthread([text] { NE_LOG(DEBUG, "%s", text); }); };
+    debug(unreadable);
+    LogSystem::UpdateLogConfig("b", DEBUG, 0, 0);
+    debug("b");
+    LogSystem::UpdateLogConfig("b", FATAL, 0, 0);
+    debug(unreadable);
+    NE_LOG(INFO, "a");
+    std::string seen;
+    MessageBus::Subscribe(kNormalLog, "other", [&](const NENormalLog& record) { seen += record.content; });
+    debug("other");
+    EXPECT_EQ(seen + Read(dir / "a") + Read(dir / "b"), "othera\nb\n");
+    LogSystem::CloseAllLogFile();
+}
+
 // A file closed twice, written after its close or left subscribed would be use after free.
 TEST(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
 {
