@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
+#include <vector>
 
 #include "endpoint.h"
 #include "errors.h"
@@ -109,15 +110,19 @@ Verdict Agents::TakeAnswer(Connection& connection, const SentrelAgentMsg& header
 
 void Agents::AnswerWritten(std::uint64_t lines)
 {
-    auto connection = connections_.end();
-    for (; !waiting_.empty() && waiting_.front().line <= lines; waiting_.pop_front()) {
-        const Waiting& report = waiting_.front();
-        if (connection == connections_.end() || connection->first != report.agent) {
-            connection = connections_.find(report.agent);
+    std::vector<SentrelAgentMsg> requests;
+    while (!waiting_.empty() && waiting_.front().line <= lines) {
+        const std::uint64_t agent = waiting_.front().agent;
+        requests.push_back(waiting_.front().header);
+        waiting_.pop_front();
+        const bool isLast = waiting_.empty() || waiting_.front().line > lines || waiting_.front().agent != agent;
+        if (!isLast) {
+            continue;
         }
-        if (connection != connections_.end()) {
-            connection->second.Answer(report.header);
+        if (const auto connection = connections_.find(agent); connection != connections_.end()) {
+            connection->second.Answer(std::move(requests));
         }
+        requests.clear();
     }
 }
 

@@ -61,10 +61,10 @@ bool Connection::SendCommand(const std::shared_ptr<const std::string>& message)
 }
 
 // What follows from it comes with the next turn of the event loop, since it may destroy this connection.
-void Connection::Answer(const SentrelAgentMsg& request)
+void Connection::Answer(std::vector<SentrelAgentMsg> requests)
 {
-    --unanswered_;
-    Send(request);
+    unanswered_ -= requests.size();
+    SendAnswers(std::move(requests));
     if (finishing_ && HasNothingToSend()) {
         bufferevent_trigger(buffers_.get(), EV_WRITE, BEV_TRIG_DEFER_CALLBACKS);
     } else if (!finishing_ && !reading_ && HasRoom()) {
@@ -161,18 +161,20 @@ bool Connection::TakeMessage()
     }
     evbuffer_drain(input, size);
     if (verdict.answer == Verdict::kNow && IsRequestMessage(header.type)) {
-        Send(header);
+        SendAnswers({header});
     }
     unanswered_ += verdict.answer == Verdict::kLater ? 1 : 0;
     return true;
 }
 
-// The answer to a request.
-void Connection::Send(const SentrelAgentMsg& request)
+void Connection::SendAnswers(std::vector<SentrelAgentMsg> requests)
 {
-    const SentrelAgentMsg answer = {kMsgVersion, request.type + 1, request.seq, 0};
-    if (!mute_ && bufferevent_write(buffers_.get(), &answer, sizeof(answer)) == 0) {
-        queued_ += sizeof(answer);
+    for (SentrelAgentMsg& header : requests) {
+        header = {kMsgVersion, ResponseType(header.type), header.seq, 0};
+    }
+    const std::size_t size = requests.size() * sizeof(SentrelAgentMsg);
+    if (!mute_ && bufferevent_write(buffers_.get(), requests.data(), size) == 0) {
+        queued_ += size;
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "basecomm.h"
 #include "event_ptr.h"
@@ -64,8 +65,8 @@ public:
     // takes no more or too much is pending.
     bool SendCommand(const std::shared_ptr<const std::string>& message);
 
-    // To a request whose answer was to come later.
-    void Answer(const NEUtils::SentrelAgentMsg& request);
+    // To requests whose answers were to come later.
+    void Answer(std::vector<NEUtils::SentrelAgentMsg> requests);
 
     // Reads no more and ends as soon as all answers are sent, or after two seconds.
     void Finish();
@@ -84,7 +85,7 @@ private:
 
     void TakeMessages();
     bool TakeMessage();
-    void Send(const NEUtils::SentrelAgentMsg& header);
+    void SendAnswers(std::vector<NEUtils::SentrelAgentMsg> requests);
     void UpdateReading(std::size_t taken);
     bool HasRoom() const;
     bool HasNothingToSend() const { return unanswered_ == 0 && (mute_ || CountPending() == 0); }

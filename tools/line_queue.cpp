@@ -13,6 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr auto kRest = 10ms;  // of a thread that was idle, so that more lines join the first one
+constexpr std::size_t kRestEnd = std::size_t{32} << 10U;  // so many bytes need not wait
 constexpr auto kRetryPeriod = 1s;
 constexpr auto kStopLimit = 500ms;
 constexpr auto kStopPeriod = 10ms;
@@ -89,17 +91,22 @@ bool LineQueue::Start(const char* name)
 std::uint64_t LineQueue::Add(std::string_view line, std::size_t limit)
 {
     std::uint64_t added = 0;
+    bool isAwaited = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (progress_.hasFailed || bytes_ + line.size() + 1 > limit) {
             return 0;
         }
+        const std::size_t before = lines_.size();
         lines_.append(line).push_back('\n');
+        isAwaited = before == 0 || (before < kRestEnd && lines_.size() >= kRestEnd);
         bytes_ += line.size() + 1;
         added_ += 1 + CountLines(line);
         added = added_;
     }
-    changed_.notify_one();
+    if (isAwaited) {
+        changed_.notify_one();
+    }
     return added;
 }
 
@@ -137,6 +144,7 @@ void LineQueue::Run()
     while (!stopping_ && !progress_.hasFailed) {
         if (lines_.empty()) {
             changed_.wait(lock);
+            changed_.wait_for(lock, kRest, [this] { return closing_ || stopping_ || lines_.size() >= kRestEnd; });
             continue;
         }
         batch.swap(lines_);
@@ -186,6 +194,8 @@ bool LineQueue::Record(std::string_view taken, const Output::Result& result)
 bool LineQueue::WaitUntilWritten(std::chrono::steady_clock::time_point deadline)
 {
     std::unique_lock<std::mutex> lock(mutex_);
+    closing_ = true;
+    changed_.notify_all();
     changed_.wait_until(lock, deadline, [this] { return progress_.written == added_ || finished_; });
     return progress_.written == added_;
 }

@@ -13,7 +13,8 @@
 #include "output.h"
 #include "util/unique_fd.h"
 
-// Lines on their way to an output. A thread of the queue writes them, so whoever adds one never waits.
+// Lines on their way to an output. A thread of the queue writes them, so whoever adds one never waits. Those that
+// come within 10 ms are written together.
 //
 // Threads  Add and the questions: any. Start, WaitUntilWritten and Stop: the owner's.
 // Blocks   Add never. Stop: half a second at most.
@@ -46,7 +47,7 @@ public:
     int GetWakeFd() const { return wake_.Get(); }
     void ClearWake();
 
-    // True once all lines are written; false at the deadline and after a final fault.
+    // At the end. True once all lines are written; false at the deadline and after a final fault.
     bool WaitUntilWritten(std::chrono::steady_clock::time_point deadline);
 
     // Ends the thread, with a write that blocks cut short. False if it cannot be ended: it hangs in the kernel.
@@ -69,6 +70,7 @@ private:
     std::size_t bytes_ = 0;  // of lines_ and those being written
     std::uint64_t added_ = 0;
     Progress progress_;
+    bool closing_ = false;  // the thread rests no more
     bool stopping_ = false;
     bool finished_ = false;
 };

@@ -12,16 +12,29 @@ namespace {
 using namespace NEUtils;
 using nlohmann::ordered_json;
 
-std::string LocalTime(std::int64_t timeMs)
+// Of a time that the calendar does not hold, nothing.
+std::string LocalSecond(std::time_t seconds)
 {
-    const int milliseconds = static_cast<int>((timeMs % 1000 + 1000) % 1000);
-    const std::time_t seconds = timeMs / 1000 - (timeMs % 1000 < 0 ? 1 : 0);
     std::tm local = {};
     char text[64];
-    if (localtime_r(&seconds, &local) == nullptr || std::strftime(text, sizeof(text), "%F %T", &local) == 0) {
-        return std::to_string(timeMs) + " ms";
+    const bool isKnown =
+        localtime_r(&seconds, &local) != nullptr && std::strftime(text, sizeof(text), "%F %T", &local) > 0;
+    return isKnown ? text : "";
+}
+
+std::string LocalTime(std::int64_t timeMs)
+{
+    // Most lines are of the same second as the one before, and it takes as long as the rest of a line.
+    static std::time_t known = 0;
+    static std::string second = LocalSecond(known);
+    const int milliseconds = static_cast<int>((timeMs % 1000 + 1000) % 1000);
+    const std::time_t seconds = timeMs / 1000 - (timeMs % 1000 < 0 ? 1 : 0);
+    if (seconds != known) {
+        known = seconds;
+        second = LocalSecond(seconds);
     }
-    return std::string(text) + "." + std::to_string(1000 + milliseconds).substr(1);
+    return second.empty() ? std::to_string(timeMs) + " ms"
+                          : second + "." + std::to_string(1000 + milliseconds).substr(1);
 }
 
 const std::string* FindText(const Report& report, std::size_t kind)
