@@ -8,7 +8,7 @@
 #include "logger.h"
 #include "process/event_filter.h"
 #include "process/process_search.h"
-#include "tests/support/support.h"
+#include "tests/process/children.h"
 #include "util/clock.h"
 
 static std::atomic<unsigned int> g_kinds[1U << 22];  // kinds seen by process id; the kernel has no higher ones
@@ -28,13 +28,6 @@ static void Collect(proc_event* event)
         ++g_exits[event->event_data.exit.process_pid];
     }
     g_kinds[fork ? event->event_data.fork.child_pid : event->event_data.exec.process_pid] |= event->what;
-}
-
-static pid_t RunTrue()
-{
-    const pid_t pid = Fork([] { return execlp("true", "true", nullptr); });
-    Wait(pid);
-    return pid;
 }
 
 static int Flood()
@@ -208,31 +201,30 @@ TEST_F(ProcessMonitorTest, FloodOfUnwantedKindsIsDroppedInTheKernelAndLossesAreC
 // A process must neither be called ended while it runs, nor never, where its first thread ends before the others.
 TEST_F(ProcessMonitorTest, ProcessEndsWithItsLastThread)
 {
-    if (!kThreadsInChildren) {
-        GTEST_SKIP() << "a sanitizer allows no threads in a forked child";
-    }
-    monitor_.SetProcessesOnly(true);
-    ASSERT_TRUE(Start());
     mkfifo((dir_ / "end").c_str(), 0600);
     const auto leaveTo = [](const std::function<void()>& work) {
-        return Fork([&] {
-            std::thread(work).detach();
-            return syscall(SYS_exit, 0), 0;
-        });
+        std::thread(work).detach();
+        return syscall(SYS_exit, 0), 0;
     };
-    const pid_t late = leaveTo([this] { Read(dir_ / "end"), _exit(7); });
-    const pid_t killed = leaveTo([] { sleep(60); });
-    const pid_t executed = Fork([] {
-        std::thread([] { execlp("sleep", "sleep", "0.7", nullptr); }).join();
-        return 1;
-    });
+    const Children children({[&] { return leaveTo([this] { Read(dir_ / "end"), _exit(7); }); },
+                             [&] { return leaveTo([] { sleep(60); }); },
+                             [] {
+                                 std::thread([] { execlp("sleep", "sleep", "0.7", nullptr); }).join();
+                                 return 1;
+                             },
+                             [] { return std::thread([] {}).join(), 0; }});
+    monitor_.SetProcessesOnly(true);
+    ASSERT_TRUE(Start());
+    const pid_t late = children.Start(0);
+    const pid_t killed = children.Start(1);
+    const pid_t executed = children.Start(2);
     EXPECT_TRUE(Seen(executed, kExecEvent));
     EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
     EXPECT_EQ(g_exits[late] + g_exits[killed] + g_exits[executed], 0U);
     Write(dir_ / "end", "");
     kill(killed, SIGKILL);
     for (const auto& [pid, status] : {std::pair(late, 7U << 8), std::pair(killed, 9U), std::pair(executed, 0U)}) {
-        Wait(pid);  // so /proc can no longer tell the status
+        children.Wait(pid);  // so /proc can no longer tell the status
         EXPECT_TRUE(Seen(pid, kExitEvent));
         EXPECT_EQ(g_status[pid], status);
     }
@@ -242,7 +234,7 @@ TEST_F(ProcessMonitorTest, ProcessEndsWithItsLastThread)
     monitor_.StopProcessMonitor();
     monitor_.SetProcessesOnly(false);
     ASSERT_TRUE(Start());
-    Wait(Fork([] { return std::thread([] {}).join(), 0; }));
+    children.Run(3);
     EXPECT_TRUE(Eventually([] { return g_furtherThreads >= 2; }));
 }
 
@@ -251,13 +243,13 @@ TEST_F(ProcessMonitorTest, StopHandsOnWhatCameBefore)
 {
     ASSERT_TRUE(Start());
     std::vector<pid_t> pids(300);
-    std::ranges::generate(pids, &RunTrue);
+    std::ranges::generate(pids, [] { return RunTrue(); });
     monitor_.StopProcessMonitor();
     EXPECT_EQ(std::ranges::count_if(pids, [](pid_t pid) { return (g_kinds[pid] & kExitEvent) != 0; }), 300);
     monitor_.AddProcessEventCallback([](proc_event*) { std::this_thread::sleep_for(std::chrono::milliseconds(50)); });
     monitor_.StartProcessMonitor();
     ASSERT_TRUE(Eventually([this] { return monitor_.GetPhase() == ProcessMonitor::kListening; }));
-    std::ranges::generate(pids, &RunTrue);
+    std::ranges::generate(pids, [] { return RunTrue(); });
     const auto lost = monitor_.GetLostEventCount();
     monitor_.StopProcessMonitor();  // hands on as many as it has time for
     const auto ended = std::ranges::count_if(pids, [](pid_t pid) { return (g_kinds[pid] & kExitEvent) != 0; });

@@ -8,24 +8,18 @@ struct ProcessTracerTest : testing::TestWithParam<ProcessTracer::Source> {
         if (geteuid() != 0) {
             GTEST_SKIP() << "trace programs and the process connector need rights";
         }
-        if (!kForksBesideBusyThreads) {
-            GTEST_SKIP() << "forked children hang in AddressSanitizer's allocator";
-        }
         chmod(dir_.Path().c_str(), 0755);
         fs::copy_file("/bin/sh", dir_ / "sh");
-        for (const char* fifo : {"go", "input"}) {
-            ASSERT_TRUE(mkfifo((dir_ / fifo).c_str(), 0600) == 0 && chmod((dir_ / fifo).c_str(), 0666) == 0);
-        }
+        ASSERT_TRUE(mkfifo((dir_ / "go").c_str(), 0600) == 0 && chmod((dir_ / "go").c_str(), 0666) == 0);
     }
 
-    // Lets so many programs end that read a line from a fifo.
-    void Release(const char* fifo, int programs)
+    // Lets so many programs end that read a line from the fifo.
+    void Release(std::size_t programs)
     {
-        const int fd = open((dir_ / fifo).c_str(), O_RDWR);
-        for (int i = 0; i < programs; ++i) {
-            EXPECT_EQ(write(fd, "exit 7\n", 7), 7);
+        held_.Reset(open((dir_ / "go").c_str(), O_RDWR));
+        for (std::size_t i = 0; i < programs; ++i) {
+            EXPECT_EQ(write(held_.Get(), "exit 7\n", 7), 7);
         }
-        held_.emplace_back(fd);
     }
 
     // A program that was opened before it lost its name, or never had one.
@@ -47,13 +41,15 @@ struct ProcessTracerTest : testing::TestWithParam<ProcessTracer::Source> {
     const TempDir dir_;
     const std::string live_ = "read x <" + (dir_ / "go") + "; exit 7";  // what a program does until it is released
     const Records log_;
-    std::vector<UniqueFd> held_;
+    UniqueFd held_;
     Traced traced_;
 };
 
 struct Kind {
     const char* name;
-    std::function<int()> run;  // in a child, becomes the program
+    std::string path;
+    Strings args;
+    std::function<int()> before;  // the program starts, in a child
     std::function<bool(const Record&)> fits;
 };
 
@@ -66,108 +62,94 @@ TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
 {
     const bool byTrace = ByTrace();
     const std::string sh = dir_ / "sh";
-    Strings many = {sh, "-c", live_};
+    const Strings usual = {"sh", "-c", live_};
+    const std::string huge(100000, 'x');
+    const Strings odd = {"sh", "-c", live_, "", "two\nlines 'quoted' \"twice\" \\ \xff\xfe \x01", "", ""};
+    Strings many = usual;
     for (int i = 0; i < 500; ++i) {
         many.push_back("arg" + std::to_string(i));
     }
-    const std::string odd = "two\nlines 'quoted' \"twice\" \\ \xff\xfe \x01";
-    const std::string huge(100000, 'x');
-    const Strings usual = {"sh", "-c", live_};
     fs::copy_file("/bin/sh", dir_ / "setuid");
     Write(dir_ / "script", "#!" + sh + " -e\n" + live_ + "\n");
     const bool prepared = chown((dir_ / "setuid").c_str(), 65534, 65534) == 0 &&
                           chmod((dir_ / "setuid").c_str(), 06755) == 0 && chmod((dir_ / "script").c_str(), 0755) == 0;
     ASSERT_TRUE(prepared);
+    const auto byDescriptor = [&](bool inMemory) {
+        char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(live_.c_str()), nullptr};
+        return fexecve(Nameless(inMemory), args, environ);
+    };
     const Kind kinds[] = {
-        {"plain", [&] { return Execute(sh, usual); },
+        {"plain",
+         sh,
+         usual,
+         {},
          [&](const Record& r) {
              return Args(r, usual) && r.exe == sh && r.exeGiven.empty() && r.uid == 0 && r.comm == "sh";
          }},
         {"no arguments",
-         [&] {
-             dup2(open((dir_ / "input").c_str(), O_RDWR), 0);
-             return Execute(sh, {});
-         },
+         sh,
+         {},
+         [&] { return dup2(open((dir_ / "script").c_str(), O_RDONLY), 0); },
          [&](const Record& r) { return r.args.size() <= 1 && r.exe == sh; }},
-        {"500 arguments", [&] { return Execute(sh, many); }, [&](const Record& r) { return Args(r, many); }},
-        {"odd and empty arguments",
-         [&] {
-             return Execute(sh, {"sh", "-c", live_, "", odd, "", ""});
-         },
-         [&](const Record& r) {
-             return Args(r, {"sh", "-c", live_, "", odd, "", ""});
-         }},
+        {"500 arguments", sh, many, {}, [&](const Record& r) { return Args(r, many); }},
+        {"odd and empty arguments", sh, odd, {}, [&](const Record& r) { return Args(r, odd); }},
         {"100 KiB",
-         [&] {
-             return Execute(sh, {"sh", "-c", live_, huge, "behind"});
-         },
+         sh,
+         {"sh", "-c", live_, huge, "behind"},
+         {},
          [&](const Record& r) {
              return r.argsCut && r.argsSize == 3 + 3 + live_.size() + 1 + huge.size() + 1 + 7 && r.args.size() == 4 &&
                     r.args[3] == huge.substr(0, 16384 - 7 - live_.size());
          }},
         {"another name",
-         [&] {
-             return Execute(sh, {"[kworker/0:1]", "-c", live_});
-         },
+         sh,
+         {"[kworker/0:1]", "-c", live_},
+         {},
          [&](const Record& r) { return r.args[0] == "[kworker/0:1]" && r.exe == sh && r.comm == "sh"; }},
-        {"relative", [&] { return chdir(dir_.Path().c_str()) + Execute("./sh", usual); },
+        {"relative", "./sh", usual, [&] { return chdir(dir_.Path().c_str()); },
          [&](const Record& r) { return r.exe == sh && r.exeGiven == (byTrace ? "./sh" : ""); }},
-        {"deleted",
-         [&] {
-             const int fd = Nameless(false);
-             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(live_.c_str()),
-                             nullptr};
-             return fexecve(fd, args, environ);
-         },
+        {"deleted", sh, usual, [&] { return byDescriptor(false); },
          [&](const Record& r) { return Args(r, usual) && r.exeDeleted && !r.exeInMemory && r.exe == (dir_ / "gone"); }},
-        {"in memory",
-         [&] {
-             const int fd = Nameless(true);
-             char* args[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(live_.c_str()),
-                             nullptr};
-             return fexecve(fd, args, environ);
-         },
+        {"in memory", sh, usual, [&] { return byDescriptor(true); },
          [&](const Record& r) { return Args(r, usual) && r.exeDeleted && r.exeInMemory && r.exe == "/memfd:hidden"; }},
         {"set-user-id",
-         [&] {
-             return Execute(dir_ / "setuid", {"sh", "-p", "-c", live_});
-         },
+         dir_ / "setuid",
+         {"sh", "-p", "-c", live_},
+         {},
          [&](const Record& r) {
              return r.exeSetUid && r.exeSetGid && r.uid == 0 && r.euid == 65534 && r.gid == 0 && r.egid == 65534;
          }},
-        {"another user", [&] { return setgid(1) + setuid(2) + Execute(sh, usual); },
+        {"another user", sh, usual, [&] { return setgid(1) + setuid(2); },
          [&](const Record& r) { return r.uid == 2 && r.euid == 2 && r.gid == 1 && r.egid == 1 && !r.exeSetUid; }},
         {"script",
-         [&] {
-             return Execute(dir_ / "script", {"script", "x"});
-         },
+         dir_ / "script",
+         {"script", "x"},
+         {},
          [&](const Record& r) {
              return r.script == (dir_ / "script") && r.exe == sh && Args(r, {sh, "-e", dir_ / "script", "x"});
          }},
-        {"thread",
-         [&] {
-             std::thread([&] { Execute(sh, usual); }).join();
-             return 1;
-         },
-         [&](const Record& r) { return Args(r, usual) && (!byTrace || !kThreadsInChildren || r.tid != r.pid); }},
-        {"mount namespace", [&] { return unshare(CLONE_NEWNS) + Execute(sh, usual); },
+        {"thread", sh, usual, [&] { return std::thread([&] { Execute(sh, usual); }).join(), 1; },
+         [&](const Record& r) { return Args(r, usual) && (!byTrace || r.tid != r.pid); }},
+        {"mount namespace", sh, usual, [&] { return unshare(CLONE_NEWNS); },
          [&](const Record& r) { return r.foreignMountNs && r.mountNs != 0; }},
     };
+    std::vector<std::function<int()>> bodies;
+    for (const Kind& kind : kinds) {
+        bodies.emplace_back(
+            [&] { return kind.before != nullptr && kind.before() != 0 ? 1 : Execute(kind.path, kind.args); });
+    }
+    const Children children(bodies);
     ASSERT_TRUE(traced_.Start(GetParam()));
     std::vector<pid_t> pids;
-    for (const Kind& kind : kinds) {
-        const bool canRun = kThreadsInChildren || std::string(kind.name) != "thread";
-        pids.push_back(Fork(canRun ? kind.run : kinds[0].run));
+    for (std::size_t i = 0; i < std::size(kinds); ++i) {
+        pids.push_back(children.Start(static_cast<int>(i)));
     }
     EXPECT_TRUE(Eventually(
         [&] { return std::ranges::all_of(pids, [&](pid_t pid) { return !traced_.Of(pid, Record::kExec).empty(); }); }));
-    Release("go", static_cast<int>(pids.size()) - 1);
-    Release("input", 1);
-    for (const pid_t pid : pids) {
-        Wait(pid);
-    }
+    Release(pids.size());
     for (std::size_t i = 0; i < pids.size(); ++i) {
         const char* const name = kinds[i].name;
+        EXPECT_EQ(children.Wait(pids[i]), 7 << 8) << name;
         ASSERT_TRUE(traced_.SawEnd(pids[i])) << name;
         const auto forks = traced_.Of(pids[i], Record::kFork);
         const auto execs = traced_.Of(pids[i], Record::kExec);
@@ -175,10 +157,8 @@ TEST_P(ProcessTracerTest, EveryKindOfProgramIsToldOnceAndWhole)
         ASSERT_EQ(std::make_tuple(forks.size(), execs.size(), exits.size()), std::make_tuple(1U, 1U, 1U)) << name;
         EXPECT_TRUE(execs[0].whole && exits[0].whole && kinds[i].fits(execs[0])) << name << " " << execs[0].exe;
         EXPECT_EQ(exits[0].exitCode, 7) << name;
-        EXPECT_EQ(execs[0].startNs, forks[0].startNs) << name;
-        EXPECT_EQ(exits[0].startNs, forks[0].startNs) << name;
-        EXPECT_EQ(forks[0].parentPid, getpid()) << name;
-        EXPECT_EQ(execs[0].parentPid, getpid()) << name;
+        EXPECT_TRUE(execs[0].startNs == forks[0].startNs && exits[0].startNs == forks[0].startNs) << name;
+        EXPECT_TRUE(forks[0].parentPid == children.Parent() && execs[0].parentPid == children.Parent()) << name;
         EXPECT_NE(execs[0].parentStartNs, 0U) << name;
         EXPECT_TRUE(forks[0].bootNs <= execs[0].bootNs && execs[0].bootNs < exits[0].bootNs) << name;
     }
@@ -189,15 +169,15 @@ TEST_P(ProcessTracerTest, DaemonsNamespacesAndDoubleExecsHaveTheirParents)
 {
     const std::string last = "sleep 0.1; exit 7";
     const std::string out = dir_ / "pid";
-    ASSERT_TRUE(traced_.Start(GetParam()));
-    const pid_t middle = Fork([&] {
+    const Children children({[&] {
         if (unshare(CLONE_NEWPID) == 0 && fork() == 0) {
             usleep(100000);  // until the process between is gone
             return Execute("/bin/sh", {"sh", "-c", "sleep 0.1; exec nice sh -c '" + last + "'", out});
         }
         return 0;
-    });
-    Wait(middle);
+    }});
+    ASSERT_TRUE(traced_.Start(GetParam()));
+    const pid_t middle = children.Run(0);
     int daemon = 0;
     ASSERT_TRUE(Eventually([&] {
         const std::lock_guard<std::mutex> lock(traced_.mutex);
@@ -222,22 +202,18 @@ TEST_P(ProcessTracerTest, DaemonsNamespacesAndDoubleExecsHaveTheirParents)
 
 TEST_P(ProcessTracerTest, EndsAreToldOnceWithCodeOrSignal)
 {
-    if (!kThreadsInChildren) {
-        GTEST_SKIP() << "a sanitizer allows no threads in a forked child";
-    }
+    const Children children({[] { return pause(); },
+                             [] {
+                                 std::thread([] {
+                                     usleep(300000);
+                                     _exit(9);
+                                 }).detach();
+                                 return syscall(SYS_exit, 0), 0;  // the first thread alone
+                             }});
     ASSERT_TRUE(traced_.Start(GetParam()));
-    const pid_t killed = Fork([] { return pause(); });
-    const pid_t leader = Fork([] {
-        std::thread([] {
-            usleep(300000);
-            _exit(9);
-        }).detach();
-        syscall(SYS_exit, 0);  // the first thread alone
-        return 0;
-    });
+    const pid_t killed = children.Start(0);
+    const pid_t leader = children.Start(1);
     kill(killed, SIGKILL);
-    Wait(killed);
-    Wait(leader);
     ASSERT_TRUE(traced_.SawEnd(killed) && traced_.SawEnd(leader));
     EXPECT_EQ(traced_.Of(killed, Record::kExit)[0].exitSignal, SIGKILL);
     const auto ends = traced_.Of(leader, Record::kExit);
@@ -261,17 +237,17 @@ TEST_P(ProcessTracerTest, CallbacksMayStopAndThrow)
     }));
     EXPECT_FALSE(tracer.Start(settings, [](const Record&) {}));
     EXPECT_TRUE(Eventually([&] {
-        Wait(Fork([] { return Execute("/bin/true", {"true"}); }));
+        RunTrue();
         return calls >= 3;
     }));
     EXPECT_EQ(tracer.GetSource(), ProcessTracer::kNone);
-    Wait(Fork([] { return Execute("/bin/true", {"true"}); }));
+    RunTrue();
     tracer.Stop();
     EXPECT_EQ(calls, 3);
     EXPECT_TRUE(log_.Has("ERROR A callback of the process tracer failed.[reason=of a callback]"));
     EXPECT_TRUE(tracer.Start(settings, [&](const Record&) { ++calls; }));
     EXPECT_TRUE(Eventually([&] {
-        Wait(Fork([] { return Execute("/bin/true", {"true"}); }));
+        RunTrue();
         return calls > 3;
     }));
 }

@@ -1,7 +1,7 @@
 // The process tracer under load, at its limits, and without what it needs.
 #include <linux/bpf.h>
 #include <sched.h>
-#include <spawn.h>
+#include <sys/resource.h>
 
 #include "tests/process/trace_support.h"
 
@@ -13,9 +13,6 @@ struct TraceLimitsTest : testing::Test {
         if (geteuid() != 0) {
             GTEST_SKIP() << "trace programs and the process connector need rights";
         }
-        if (!kForksBesideBusyThreads) {
-            GTEST_SKIP() << "forked children hang in AddressSanitizer's allocator";
-        }
     }
 
     const TempDir dir_;
@@ -23,94 +20,70 @@ struct TraceLimitsTest : testing::Test {
     Traced traced_;
 };
 
-// Starts a program many times from a process of its own; every one of them must end well.
-static pid_t Burst(int count, const std::function<Strings(int)>& args)
+// Starts a program many times; every one of them must end well.
+static std::function<int()> Burst(int count, const std::function<Strings(int)>& args)
 {
-    return Fork([=] {
+    return [=] {
         for (int i = 0; i < count; ++i) {
-            Strings words = args(i);
-            std::vector<char*> pointers;
-            for (std::string& word : words) {
-                pointers.push_back(word.data());
-            }
-            pointers.push_back(nullptr);
-            pid_t pid = (i & 1) == 0 ? fork() : -1;
-            if (pid == 0) {
-                return Execute("/bin/true", words);
-            }
-            if (pid < 0 && posix_spawn(&pid, "/bin/true", nullptr, nullptr, pointers.data(), environ) != 0) {
-                return 1;
-            }
-            if (Wait(pid) != 0) {
+            const Strings words = args(i);
+            const bool forked = (i & 1) == 0;
+            if (Wait(forked ? Fork([&] { return Execute(words[0], words); }) : Spawn(words)) != 0) {
                 return 1;
             }
         }
         return 0;
-    });
+    };
 }
 
-static int ThreadsComeAndGo()
+// Threads that end at the same moment each see themselves as the last one.
+TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAndProcessesOfManyThreadsAreEachToldOnceAndWhole)
 {
-    for (int i = 0; kThreadsInChildren && i < 13000; i += 4) {
-        InThreads(4, [](int) {});
-    }
-    return 0;
-}
-
-TEST_F(TraceLimitsTest, ThousandsOfShortProgramsAreEachToldOnceAndWhole)
-{
-    constexpr int kPrograms = 2000;
+    constexpr std::size_t kPrograms = 2000;
+    const auto unique = [](int i) { return Strings{"/bin/true", "unique", std::to_string(i), ""}; };
+    const Children children({Burst(kPrograms, unique),
+                             [] {
+                                 for (int i = 0; i < 13000; i += 4) {
+                                     InThreads(4, [](int) {});
+                                 }
+                                 return 0;
+                             },
+                             [] {
+                                 for (int thread = 0; thread < 8; ++thread) {
+                                     std::thread([] { pause(); }).detach();
+                                 }
+                                 return 3;
+                             }});
     ASSERT_TRUE(traced_.Start(ProcessTracer::kTrace));
-    const pid_t threads = Fork(ThreadsComeAndGo);
-    const pid_t burst = Burst(kPrograms, [](int i) { return Strings{"true", "unique", std::to_string(i), ""}; });
-    EXPECT_EQ(Wait(burst) + Wait(threads), 0);
+    const pid_t threads = children.Start(1);
+    const pid_t burst = children.Run(0);
+    EXPECT_EQ(children.Wait(threads), 0);
+    std::vector<pid_t> pids(300);
+    std::ranges::generate(pids, [&] { return children.Start(2); });
+    for (const pid_t pid : pids) {
+        EXPECT_EQ(children.Wait(pid), 3 << 8);
+    }
+    for (const pid_t pid : pids) {
+        ASSERT_TRUE(traced_.SawEnd(pid));
+    }
     ASSERT_TRUE(traced_.SawEnd(burst) && traced_.SawEnd(threads));
-    std::map<Strings, int> told;
     const std::lock_guard<std::mutex> lock(traced_.mutex);
+    std::map<Strings, int> told;
     for (const auto& [pid, records] : traced_.records) {
         if (records[0].parentPid != burst) {
             continue;
         }
         ASSERT_EQ(records.size(), 3U);
         const Record& exec = records[1];
-        told[exec.args] += exec.whole && exec.exe == "/bin/true" && exec.parentPid == burst &&
-                                   exec.kind == Record::kExec && records[2].kind == Record::kExit &&
-                                   records[2].exitCode == 0
-                               ? 1
-                               : 100;
+        const bool whole = exec.whole && exec.exe == "/bin/true" && exec.parentPid == burst &&
+                           exec.kind == Record::kExec && records[2].kind == Record::kExit && records[2].exitCode == 0;
+        told[exec.args] += whole ? 1 : 100;
     }
     EXPECT_EQ(told.size(), kPrograms);
     EXPECT_TRUE(std::ranges::all_of(told, [](const auto& row) { return row.second == 1; }));
     EXPECT_EQ(traced_.records[threads].size(), 2U);  // no thread's start or end
+    EXPECT_TRUE(std::ranges::all_of(
+        pids, [&](pid_t pid) { return traced_.records[pid].size() == 2 && traced_.records[pid][1].exitCode == 3; }));
     EXPECT_EQ(traced_.tracer.GetCounts().lost.Total() + traced_.tracer.GetCounts().malformed, 0U);
-}
-
-// Threads that end at the same moment each see themselves as the last one.
-TEST_F(TraceLimitsTest, AProcessOfManyThreadsEndsOnce)
-{
-    if (!kThreadsInChildren) {
-        GTEST_SKIP() << "a sanitizer allows no threads in a forked child";
-    }
-    constexpr int kProcesses = 300;
-    ASSERT_TRUE(traced_.Start(ProcessTracer::kTrace));
-    std::vector<pid_t> pids;
-    for (int i = 0; i < kProcesses; ++i) {
-        pids.push_back(Fork([] {
-            for (int thread = 0; thread < 8; ++thread) {
-                std::thread([] { pause(); }).detach();
-            }
-            return 3;
-        }));
-    }
-    for (const pid_t pid : pids) {
-        Wait(pid);
-    }
-    ASSERT_TRUE(traced_.SawEnd(pids.back()));
-    for (const pid_t pid : pids) {
-        EXPECT_TRUE(traced_.SawEnd(pid));
-        const auto ends = traced_.Of(pid, Record::kExit);
-        EXPECT_TRUE(ends.size() == 1 && ends[0].exitCode == 3) << ends.size();
-    }
 }
 
 TEST_F(TraceLimitsTest, WhatDoesNotFitIsCountedExactly)
@@ -124,6 +97,7 @@ TEST_F(TraceLimitsTest, WhatDoesNotFitIsCountedExactly)
     settings.source = ProcessTracer::kTrace;
     settings.ringSize = 1;  // the smallest there is
     const std::string mark(1000, 'm');
+    const Children children({Burst(kPrograms, [&](int) { return Strings{"/bin/true", mark}; })});
     ASSERT_TRUE(tracer.Start(
         settings,
         [&](const Record& record) {
@@ -131,7 +105,7 @@ TEST_F(TraceLimitsTest, WhatDoesNotFitIsCountedExactly)
             told += record.args.size() == 2 && record.args[1] == mark ? 1 : 0;
         },
         [&](const ProcessTracer::Counts::Kinds& lost) { losses = lost.execs; }));
-    EXPECT_EQ(Wait(Burst(kPrograms, [&](int) { return Strings{"true", mark}; })), 0);
+    children.Run(0);
     const auto full = tracer.GetCounts();
     EXPECT_TRUE(full.lost.forks > 0 && full.lost.execs > 0 && full.lost.exits > 0);
     blocked = false;
@@ -169,7 +143,7 @@ static std::string SourceWith(std::uint64_t rights, ProcessTracer::Source wanted
         const std::string source = ProcessTracer::GetSourceName(traced.tracer.GetSource());
         std::string text = source + "|" + traced.tracer.GetFallbackReason();
         if (started) {
-            const pid_t pid = Fork([] { return Execute("/bin/sh", {"sh", "-c", "sleep 0.1"}); });
+            const pid_t pid = Spawn({"/bin/sh", "-c", "sleep 0.1"});
             Wait(pid);
             text += traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole ? "" : "|not told";
         }
@@ -236,12 +210,38 @@ TEST_F(TraceLimitsTest, WithoutRightsTheConnectorTakesOverAndSaysWhy)
     }
 }
 
-TEST_F(TraceLimitsTest, WithoutTheKernelsTypesTheConnectorTakesOver)
+static bool OwnMounts()
+{
+    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+// Runs in a child, whose result says what went wrong.
+static int StartsBesideItsNeedsAlone()
+{
+    const rlimit none = {};
+    Traced traced;
+    if (!OwnMounts() || setrlimit(RLIMIT_MEMLOCK, &none) != 0) {
+        return 1;
+    }
+    umount2("/sys/kernel/tracing", MNT_DETACH);
+    umount2("/sys/kernel/debug", MNT_DETACH);
+    if (!traced.Start(ProcessTracer::kTrace)) {
+        return 2;
+    }
+    if (!BecomePlainUser() || !KeepRights(0)) {
+        return 3;
+    }
+    const pid_t pid = RunTrue();
+    const bool told = traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole;
+    const auto counts = traced.tracer.GetCounts();
+    return told && counts.seen.execs > 0 && counts.recursionMisses == 0 ? 0 : 4;
+}
+
+TEST_F(TraceLimitsTest, NeedsTheKernelsTypesButNoTracefsNoLockedMemoryAndNoRightsOnceItRuns)
 {
     EXPECT_EQ(Wait(Fork([] {
                   Traced traced;
-                  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                      mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) != 0 ||
+                  if (!OwnMounts() || mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) != 0 ||
                       traced.Start(ProcessTracer::kTrace)) {
                       return 1;
                   }
@@ -251,22 +251,7 @@ TEST_F(TraceLimitsTest, WithoutTheKernelsTypesTheConnectorTakesOver)
                              : 2;
               })),
               0);
-}
-
-TEST_F(TraceLimitsTest, RightsMayGoOnceItHasStarted)
-{
-    EXPECT_EQ(Wait(Fork([] {
-                  Traced traced;
-                  if (!traced.Start(ProcessTracer::kTrace) || !BecomePlainUser() || !KeepRights(0)) {
-                      return 1;
-                  }
-                  const pid_t pid = Fork([] { return Execute("/bin/true", {"true", "x"}); });
-                  Wait(pid);
-                  const bool told = traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole;
-                  const auto counts = traced.tracer.GetCounts();
-                  return told && counts.seen.execs > 0 && counts.recursionMisses == 0 ? 0 : 2;
-              })),
-              0);
+    EXPECT_EQ(Wait(Fork(&StartsBesideItsNeedsAlone)), 0);
 }
 
 // Ids of all programs or maps of the kernel.
@@ -313,102 +298,100 @@ TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
 }
 
 // The control groups of a container name it, whatever mounts there are.
-TEST_F(TraceLimitsTest, ContainersAreNamed)
+static int NamesItsContainer()
 {
     const std::string id = std::string(60, 'c') + "0001";
-    EXPECT_EQ(Wait(Fork([&] {
-                  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                      mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) != 0) {
-                      return 1;
-                  }
-                  const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
-                  const std::string inner = group + "/" + id + ".scope";
-                  fs::create_directories(inner);
-                  Traced traced;
-                  const bool started = traced.Start(ProcessTracer::kTrace);
-                  const pid_t pid = Fork([&] {
-                      Write(inner + "/cgroup.procs", "0");
-                      return Execute("/bin/true", {"true"});
-                  });
-                  Wait(pid);
-                  const bool named = started && traced.SawEnd(pid) &&
-                                     traced.Of(pid, Record::kFork)[0].containerId.empty() &&
-                                     traced.Of(pid, Record::kExec)[0].containerId == id;
-                  fs::remove(inner);
-                  fs::remove(group);
-                  return named ? 0 : 2;
-              })),
-              0);
+    if (!OwnMounts() || mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) != 0) {
+        return 1;
+    }
+    const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
+    const std::string inner = group + "/" + id + ".scope";
+    fs::create_directories(inner);
+    bool named = false;
+    {
+        const Children children({[&] {
+            Write(inner + "/cgroup.procs", "0");
+            return Execute("/bin/true", {"true"});
+        }});
+        Traced traced;
+        const bool started = traced.Start(ProcessTracer::kTrace);
+        const pid_t pid = children.Run(0);
+        named = started && traced.SawEnd(pid) && traced.Of(pid, Record::kFork)[0].containerId.empty() &&
+                traced.Of(pid, Record::kExec)[0].containerId == id;
+    }
+    fs::remove(inner);
+    fs::remove(group);
+    return named ? 0 : 2;
 }
 
-// A process chooses its name, but not the program behind it.
+TEST_F(TraceLimitsTest, ContainersAreNamed)
+{
+    EXPECT_EQ(Wait(Fork(&NamesItsContainer)), 0);
+}
+
+// A process chooses its name, but not the program behind it. Gives the number of rows that went wrong.
+static int TellsPlatformFromImpostors()
+{
+    if (!OwnMounts() || mount("none", "/opt", "tmpfs", 0, "mode=755") != 0) {
+        return 1000;
+    }
+    const std::string agent = "/opt/omx/envs/NodeAgent";
+    const std::string script = "/opt/omx/envs/Product-Etcd.sh";
+    const std::string bash = "/bin/bash";
+    const Strings command = {agent, "-c", "sleep 0.1; true"};
+    const auto install = [&] { return fs::create_directories("/opt/omx/envs") && fs::copy_file("/bin/sh", agent); };
+    struct Row {
+        const char* name;
+        bool listedByTrace;
+        bool listedByName;  // all that the connector asks for, as the process monitor does
+        std::string path;
+        Strings args;
+        std::function<bool()> before = [] { return true; };
+    };
+    const Row rows[] = {
+        {"the program", true, true, agent, command},
+        {"the script", true, true, bash, {bash, script}},
+        {"another program under its name", false, true, "/bin/sh", command},
+        {"the script in the name alone", false, true, bash, {bash + " " + script, "-c", "sleep 0.1; true"}},
+        {"a script that all may write",
+         false,
+         true,
+         bash,
+         {bash, script},
+         [&] { return chmod(script.c_str(), 0666) == 0; }},
+        {"the same path in a file system of its own", false, true, agent, command,
+         [&] { return unshare(CLONE_NEWNS) + mount("none", "/opt", "tmpfs", 0, "mode=755") == 0 && install(); }},
+        {"the program under another name", false, false, agent, {"x", "-c", "sleep 0.1; true"}},
+    };
+    std::vector<std::function<int()>> bodies;
+    for (const Row& row : rows) {
+        bodies.emplace_back([&] { return row.before() ? Execute(row.path, row.args) : 1; });
+    }
+    if (!install()) {
+        return 1000;
+    }
+    Write(script, "sleep 0.1; true\n");
+    int wrong = 0;
+    for (const auto source : {ProcessTracer::kTrace, ProcessTracer::kConnector}) {
+        const Children children(bodies);
+        Traced traced;
+        wrong += traced.Start(source) && chmod(script.c_str(), 0644) == 0 ? 0 : 100;
+        for (std::size_t i = 0; i < bodies.size(); ++i) {
+            const pid_t pid = children.Run(static_cast<int>(i));
+            wrong += traced.SawEnd(RunTrue()) ? 0 : 100;
+            const bool listed = source == ProcessTracer::kTrace ? rows[i].listedByTrace : rows[i].listedByName;
+            const bool told = !traced.Of(pid, Record::kExec).empty();
+            const std::lock_guard<std::mutex> lock(traced.mutex);
+            const bool hasChildren = std::ranges::any_of(
+                traced.records, [=](const auto& record) { return record.second[0].parentPid == pid; });
+            EXPECT_TRUE(told != listed && hasChildren != listed) << rows[i].name;
+            wrong += told == listed || hasChildren == listed ? 1 : 0;
+        }
+    }
+    return wrong;
+}
+
 TEST_F(TraceLimitsTest, PlatformProcessesStayUntoldButNoImpostor)
 {
-    EXPECT_EQ(Wait(Fork([this] {
-                  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                      mount("none", "/opt", "tmpfs", 0, "mode=755") != 0) {
-                      return 1;
-                  }
-                  const std::string agent = "/opt/omx/envs/NodeAgent";
-                  const std::string script = "/opt/omx/envs/Product-Etcd.sh";
-                  fs::create_directories("/opt/omx/envs");
-                  fs::copy_file("/bin/sh", agent);
-                  Write(script, "sleep 0.1; true\n");
-                  const Strings command = {agent, "-c", "sleep 0.1; true"};
-                  const std::string bash = "/bin/bash";
-                  struct Row {
-                      bool listedByTrace;
-                      bool listedByName;  // all that the connector asks for, as the process monitor does
-                      std::function<int()> run;
-                  };
-                  const Row rows[] = {
-                      {true, true, [&] { return Execute(agent, command); }},
-                      {true, true,
-                       [&] {
-                           return Execute(bash, {bash, script});
-                       }},
-                      {false, true, [&] { return Execute("/bin/sh", command); }},
-                      {false, true,
-                       [&] {
-                           return Execute(bash, {bash + " " + script, "-c", "sleep 0.1; true"});
-                       }},
-                      {false, true,
-                       [&] {
-                           return chmod(script.c_str(), 0666) + Execute(bash, {bash, script});
-                       }},
-                      {false, true,
-                       [&] {  // the same path, but in a file system of its own
-                           if (unshare(CLONE_NEWNS) + mount("none", "/opt", "tmpfs", 0, "mode=755") != 0) {
-                               return 1;
-                           }
-                           fs::create_directories("/opt/omx/envs");
-                           fs::copy_file("/bin/sh", agent);
-                           return Execute(agent, command);
-                       }},
-                      {false, false,
-                       [&] {
-                           return Execute(agent, {"x", "-c", "sleep 0.1; true"});
-                       }},
-                  };
-                  int wrong = 0;
-                  for (const auto source : {ProcessTracer::kTrace, ProcessTracer::kConnector}) {
-                      Traced traced;
-                      wrong += traced.Start(source) && chmod(script.c_str(), 0644) == 0 ? 0 : 100;
-                      for (const Row& row : rows) {
-                          const pid_t pid = Fork(row.run);
-                          Wait(pid);
-                          const pid_t after = Fork([] { return 0; });
-                          Wait(after);
-                          wrong += traced.SawEnd(after) ? 0 : 100;
-                          const bool listed = source == ProcessTracer::kTrace ? row.listedByTrace : row.listedByName;
-                          wrong += traced.Of(pid, Record::kExec).empty() == listed ? 0 : 1;
-                          const std::lock_guard<std::mutex> lock(traced.mutex);
-                          const bool hasChildren = std::ranges::any_of(
-                              traced.records, [=](const auto& told) { return told.second[0].parentPid == pid; });
-                          wrong += hasChildren == listed ? 1 : 0;
-                      }
-                  }
-                  return wrong;
-              })),
-              0);
+    EXPECT_EQ(Wait(Fork(&TellsPlatformFromImpostors)), 0);
 }

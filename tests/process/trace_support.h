@@ -12,7 +12,7 @@
 #include <mutex>
 
 #include "process_tracer.h"
-#include "tests/support/support.h"
+#include "tests/process/children.h"
 #include "util/unique_fd.h"
 
 // A tracer with everything that it hands over, by process.

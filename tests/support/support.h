@@ -19,22 +19,6 @@ namespace fs = std::filesystem;
 using namespace NEUtils;
 using Strings = std::vector<std::string>;
 
-// ThreadSanitizer ends a forked child that makes threads where its parent had some; with AddressSanitizer such a child
-// can wait for ever for a lock of the sanitizer's that the fork found taken.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kThreadsInChildren = false;
-#else
-constexpr bool kThreadsInChildren = true;
-#endif
-
-// AddressSanitizer's allocator does not free its locks in a forked child: beside threads that allocate all the time,
-// as those of a process tracer do, some of many children wait for ever.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kForksBesideBusyThreads = false;
-#else
-constexpr bool kForksBesideBusyThreads = true;
-#endif
-
 // Runs a function in a forked child; its result is the exit status.
 inline pid_t Fork(const std::function<int()>& body)
 {
