@@ -38,6 +38,14 @@ Report& Report::Add(ReportTag tag, const std::string& text)
     return *this;
 }
 
+Report& Report::AddLongText(ReportTag tag, const std::string& text)
+{
+    if (isWanted_) {
+        packer_.AddText(tag, text);
+    }
+    return *this;
+}
+
 bool Report::Push()
 {
     return isWanted_ && packer_.Pack(kSwapReport) == 0 &&

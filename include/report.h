@@ -22,6 +22,7 @@ public:
     Report& Add(ReportTag tag, int number);
     Report& AddLong(ReportTag tag, std::uint64_t number);  // of 8 bytes
     Report& Add(ReportTag tag, const std::string& text);   // cut to the size of an item; an empty one is left out
+    Report& AddLongText(ReportTag tag, const std::string& text);  // in as many items as it takes
 
     // False if the queue does not take it (report_queue.h): there is no server, or no room.
     bool Push();

@@ -65,6 +65,19 @@ enum ReportTag : std::uint16_t {
     kTagTotal = 25,      // 8 bytes, how many reports were dropped since the agent's start
     kTagFault = 26,      // text: why a file has no digest
     kTagProblem = 27,    // text: what is not well
+
+    // More about a process:
+    kTagExe = 28,            // text: the path of its program; of a script that of the interpreter
+    kTagStartTime = 29,      // 8 bytes, microseconds since the host's boot; with the pid it names a process for good
+    kTagParentExe = 30,      // text: the program of the parent
+    kTagLoginUser = 31,      // text: who logged in, whatever user became since
+    kTagSession = 32,        // 4 bytes, of the login
+    kTagEffectiveUser = 33,  // text, where it is not the user
+    kTagDuration = 34,       // 8 bytes, milliseconds from its start to its end
+    kTagArgs = 35,           // long text: each argument and a NUL behind it
+    kTagNotes = 36,          // text: what is unusual about it, with a comma between several
+    kTagScript = 37,         // text: the path of a script
+    kTagArgsSize = 38,       // 8 bytes: the size of all arguments, where kTagArgs holds only the first ones
 };
 
 enum ProcessEvent : std::int32_t {

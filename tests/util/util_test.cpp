@@ -5,6 +5,7 @@
 #include "util/bounded.h"
 #include "util/file.h"
 #include "util/text.h"
+#include "util/text_list.h"
 
 // A cut text that is lost or unterminated would truncate log lines to nothing or overrun the buffer.
 TEST(BoundedTest, CutTextStaysTerminatedAndFailsOnlyWhenItDoesNotFit)
@@ -103,4 +104,28 @@ TEST(Sha256Test, DigestsBytesAndRegularFilesAndTellsWhyNot)
         EXPECT_EQ(Sha256::DigestFile(path, 99, digest), result) << path;
     }
     EXPECT_EQ(digest.substr(0, 8), "cdc76e5c");  // unchanged
+}
+
+// A list crosses the wire as one text: no item may vanish in it, nor two become one.
+TEST(TextListTest, KeepsEachItemAndSaysWhereBlanksDoNotTellThemApart)
+{
+    const struct {
+        const char* name;
+        Strings list;
+        std::string text;
+        bool needsList;
+    } rows[] = {
+        {"none", {}, "", false},
+        {"words", {"ls", "-l"}, {"ls\0-l\0", 6}, false},
+        {"empty ones", {"", "a", ""}, {"\0a\0\0", 4}, true},
+        {"blanks", {"a b"}, {"a b\0", 4}, true},
+        {"control characters", {"a\x7f"}, {"a\x7f\0", 3}, true},
+        {"others", {"\xe2\x82\xac"}, {"\xe2\x82\xac\0", 4}, true},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(PackList(row.list), row.text) << row.name;
+        EXPECT_EQ(UnpackList(row.text), row.list) << row.name;
+        EXPECT_EQ(NeedsList(row.list), row.needsList) << row.name;
+    }
+    EXPECT_EQ(UnpackList("cut"), Strings{"cut"});
 }
