@@ -62,6 +62,9 @@ Json Feature(const FeatureHost::State& state, const Counters& counters, Problems
         feature["filtered"] = own.filtered.load();
         feature["lost"] = own.lost.load();
         feature["overflows"] = own.overflows.load();
+        for (const auto& [name, detail] : own.GetDetails()) {
+            std::visit([&feature, &name = name](const auto& value) { feature[name] = value; }, detail);
+        }
         problems.AddIf(lacking > 0, "lacking " + state.name,
                        "feature " + state.name + " cannot watch " + Count(lacking, " of what its policy names"));
         problems.AddIf(waiting > 0, "waiting " + state.name,

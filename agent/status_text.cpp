@@ -43,6 +43,7 @@ void AddFeatures(std::string& text, const Json& features)
             line += "  watches " + Word(feature, "watches") + ", waits for " + Word(feature, "waiting") + ", lacks " +
                     Word(feature, "lacking") + ", seen " + Word(feature, "seen") + ", filtered " +
                     Word(feature, "filtered") + ", lost " + Word(feature, "lost");
+            line += feature.contains("source") ? ", source " + Word(feature, "source") : "";
         }
         AddLine(text, section, line);
     }
