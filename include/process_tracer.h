@@ -53,6 +53,9 @@ public:
     Source GetSource() const;               // kTrace, kConnector, or kNone while it does not run
     std::string GetFallbackReason() const;  // why it is not kTrace; empty where it is or was not wanted
     Counts GetCounts() const;
+    // How many milliseconds ago the tracer's thread last came round, a second at most on an idle host; -1 while it does
+    // not run. Any thread, takes no lock.
+    long long GetBeatAgeMs() const;
 
     // What /proc says of a living process, as the record of an exec without time: for a table of those that were
     // there before. Its start time is exact to 10 ms. False if the process is gone or may not be looked at.

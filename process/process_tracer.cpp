@@ -37,6 +37,7 @@ public:
         return fallbackReason_;
     }
     Counts GetCounts() const;
+    long long GetBeatAgeMs() const { return running_ ? (Clock::MonotonicNs() - beatNs_) / Clock::kNsPerMs : -1; }
 
     void Put(ProcessRecord& record) override;
     void PutLoss() override { unseenLoss_ = true; }
@@ -53,6 +54,7 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<std::uint64_t> filtered_{0};
     std::atomic<std::uint64_t> incomplete_{0};
+    std::atomic<std::int64_t> beatNs_{0};
     TracerThread thread_;
     Callback callback_;
     LossCallback onLoss_;
@@ -142,6 +144,7 @@ bool ProcessTracer::Session::OpenSource(std::unique_ptr<TraceSource> source, Sou
 
 bool ProcessTracer::Session::StartThread()
 {
+    beatNs_ = Clock::MonotonicNs();
     running_ = true;
     if (!thread_.Start("process-tracer", [this] { Run(); })) {
         running_ = false;
@@ -173,6 +176,7 @@ void ProcessTracer::Session::Put(ProcessRecord& record)
 // Looking at /proc takes its time, in which more would be lost: so it waits for a pause, but not for ever.
 void ProcessTracer::Session::Rest(bool isQuiet)
 {
+    beatNs_ = Clock::MonotonicNs();
     if (!unseenLoss_ || (!isQuiet && Clock::MonotonicNs() - comparedNs_ < kComparePeriodNs)) {
         return;
     }
@@ -264,6 +268,11 @@ std::string ProcessTracer::GetFallbackReason() const
 ProcessTracer::Counts ProcessTracer::GetCounts() const
 {
     return session_->GetCounts();
+}
+
+long long ProcessTracer::GetBeatAgeMs() const
+{
+    return session_->GetBeatAgeMs();
 }
 
 bool ProcessTracer::ReadProcess(int pid, ProcessRecord& record)
