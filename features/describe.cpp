@@ -1,16 +1,7 @@
 #include "describe.h"
 
-#include <cstddef>
-
 #include "logger.h"
 #include "user_info.h"
-
-namespace {
-
-// Leaves room for the rest of a record.
-constexpr std::size_t kMaxCmdLine = 3400;
-
-}  // namespace
 
 const char kUnread[] = "(ended before it could be read)";
 

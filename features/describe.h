@@ -1,8 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "process_utils.h"
+
+// Of a command line; leaves room for the rest of a record.
+constexpr std::size_t kMaxCmdLine = 3400;
 
 // Stands for the command line of a process that had ended before it could be read.
 extern const char kUnread[];

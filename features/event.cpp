@@ -6,8 +6,14 @@
 
 #include "event_file.h"
 #include "logger.h"
+#include "util/text_list.h"
 
 namespace {
+
+// In a record, which has 4,096 characters.
+constexpr std::size_t kMostOfPath = 512;
+constexpr std::size_t kMostOfList = 1024;
+constexpr std::size_t kMostOfRecord = 4000;  // beside the time and the name of the last item
 
 bool IsPlain(char letter)
 {
@@ -16,9 +22,10 @@ bool IsPlain(char letter)
 }
 
 // Only ASCII: neither bytes that are not UTF-8 nor control characters reach a terminal.
-std::string Json(const std::string& text)
+template <typename Value>
+std::string Json(const Value& value)
 {
-    return nlohmann::json(text).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+    return nlohmann::json(value).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -76,10 +83,32 @@ Event& Event::Add(const char* name, NEUtils::ReportTag tag, const std::string& t
     return *this;
 }
 
-Event& Event::AddCount(std::uint64_t count)
+Event& Event::AddLong(const char* name, NEUtils::ReportTag tag, std::uint64_t number)
 {
-    report_.AddLong(NEUtils::kTagCount, count);
-    AddItem("count", std::to_string(count));
+    report_.AddLong(tag, number);
+    AddItem(name, std::to_string(number));
+    return *this;
+}
+
+Event& Event::AddPath(const char* name, NEUtils::ReportTag tag, const std::string& path)
+{
+    if (hasFile_ || path.size() <= kMostOfPath) {
+        return Add(name, tag, path);
+    }
+    report_.Add(tag, path);
+    AddItem(name, Quoted(path.substr(0, kMostOfPath) + "..."));
+    return *this;
+}
+
+Event& Event::AddList(const char* name, NEUtils::ReportTag tag, const std::vector<std::string>& list)
+{
+    report_.AddLongText(tag, NEUtils::PackList(list));
+    if (hasFile_ || NEUtils::NeedsList(list)) {
+        const std::string json = Json(list);
+        if (hasFile_ || json.size() <= kMostOfList) {
+            AddItem(name, json);
+        }
+    }
     return *this;
 }
 
@@ -103,11 +132,13 @@ void Event::Send(const char* name, NEUtils::ReportTag tag, const std::string& te
     report_.Add(tag, text).Push();
     if (hasFile_) {
         AddItem(name, Json(text));
-        NEUtils::EventFile::GetInstance().Write("{\"type\":" + Json(kind_.type) +
+        NEUtils::EventFile::GetInstance().Write("{\"type\":" + Json(std::string(kind_.type)) +
                                                 ",\"time\":" + std::to_string(timeMs_) + items_ + "}");
         return;
     }
+    const std::size_t room = kMostOfRecord - std::min(items_.size(), kMostOfRecord);
+    const bool fits = text.size() <= room;
     NEUtils::LoggerWriteLog(NEUtils::kNormalLog, INFO, NEUtils::BaseName(file_), line_, "%s[%stime=%s %s=%s]",
                             kind_.title, items_.c_str(), TimeText(timeMs_).c_str(), name,
-                            NEUtils::Printable(text).c_str());
+                            NEUtils::Printable(fits ? text : text.substr(0, room) + "...").c_str());
 }

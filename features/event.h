@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "report.h"
 
@@ -28,10 +29,15 @@ public:
     // Items in the order of the record. A text that is empty is left out.
     Event& Add(const char* name, NEUtils::ReportTag tag, int number);
     Event& Add(const char* name, NEUtils::ReportTag tag, const std::string& text);
-    Event& AddCount(std::uint64_t count);
+    Event& AddLong(const char* name, NEUtils::ReportTag tag, std::uint64_t number);
+    Event& AddCount(std::uint64_t count) { return AddLong("count", NEUtils::kTagCount, count); }
+    // Cut in a record, where others need room.
+    Event& AddPath(const char* name, NEUtils::ReportTag tag, const std::string& path);
+    // In a record only where the free text is not as good, and if it is short.
+    Event& AddList(const char* name, NEUtils::ReportTag tag, const std::vector<std::string>& list);
     Event& AddToReport(NEUtils::ReportTag tag, int number);  // what the title says already
 
-    // Ends it with the free text, which may hold anything, and sends it off.
+    // Ends it with the free text, which may hold anything, and sends it off. A record takes what it has room for.
     void Send(const char* name, NEUtils::ReportTag tag, const std::string& text);
 
 private:

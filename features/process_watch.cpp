@@ -1,13 +1,10 @@
 // The feature process_watch: logs and reports every program that starts or ends on the host.
-#include <linux/capability.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "feature.h"
@@ -17,37 +14,31 @@
 #include "loop_thread.h"
 #include "policy_text.h"
 #include "process_log.h"
-#include "process_monitor.h"
+#include "process_tracer.h"
 #include "util/key_lines.h"
 
 namespace {
 
-using NEUtils::ProcessMonitor;
+using NEUtils::ProcessRecord;
+using NEUtils::ProcessTracer;
 
-constexpr int kStartMs = 2000;
-constexpr int kRepeatsMs = 1000;
+constexpr int kTickMs = 1000;
 constexpr std::uint64_t kMostRepeats = 1000000;
-constexpr std::chrono::seconds kQuiet{1};
+constexpr std::uint64_t kMostWakeMs = 1000;
+constexpr std::uint64_t kMostPriority = 99;
+constexpr std::uint64_t kLeastRing = std::uint64_t{64} << 10;
+constexpr std::uint64_t kMostRing = std::uint64_t{1} << 30;
 
-bool IsFirstNamespace(const char* path, const char* first)
+struct Settings {
+    ProcessLogSettings log;
+    ProcessTracer::Settings tracer;
+};
+
+// The kernel numbers its first namespaces always the same. In another one, ids would name other processes than /proc.
+bool IsInFirstPidNamespace()
 {
     char link[64] = {};
-    return readlink(path, link, sizeof(link) - 1) < 0 || std::strcmp(link, first) == 0;
-}
-
-// What the process connector needs and this process lacks; null if nothing. The kernel numbers its first
-// namespaces always the same. In another one its ids would name other processes, or nothing comes at all.
-const char* Missing()
-{
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-    if (syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1U << CAP_NET_ADMIN)) == 0) {
-        return "CAP_NET_ADMIN";
-    }
-    if (!IsFirstNamespace("/proc/self/ns/user", "user:[4026531837]")) {
-        return "first user namespace";
-    }
-    return IsFirstNamespace("/proc/self/ns/pid", "pid:[4026531836]") ? nullptr : "first pid namespace";
+    return readlink("/proc/self/ns/pid", link, sizeof(link) - 1) < 0 || std::strcmp(link, "pid:[4026531836]") == 0;
 }
 
 std::string TakeEvents(const std::string& value, ProcessLogSettings& settings)
@@ -66,13 +57,51 @@ std::string TakeExclude(const std::string& value, ProcessLogSettings& settings)
     return value.empty() ? "is not a shell pattern" : "";
 }
 
-std::string ReadSettings(const std::string& policy, ProcessLogSettings& settings)
+std::string TakeSource(const std::string& value, ProcessTracer::Settings& settings)
 {
+    for (const auto source : {ProcessTracer::kAuto, ProcessTracer::kTrace, ProcessTracer::kConnector}) {
+        if (value == ProcessTracer::GetSourceName(source)) {
+            settings.source = source;
+            return {};
+        }
+    }
+    return "is not one of auto, trace, connector";
+}
+
+// A number up to most.
+template <typename Number>
+std::string TakeNumber(const std::string& value, std::uint64_t most, Number& number)
+{
+    std::uint64_t read = 0;
+    std::string fault = NEUtils::ReadNumber(value, most, read);
+    if (fault.empty()) {
+        number = static_cast<Number>(read);
+    }
+    return fault;
+}
+
+std::string TakeRing(const std::string& value, ProcessTracer::Settings& settings)
+{
+    std::uint64_t read = 0;
+    if (!NEUtils::ReadNumber(value, kMostRing, read).empty() || read < kLeastRing) {
+        return "is not a number from " + std::to_string(kLeastRing) + " to " + std::to_string(kMostRing);
+    }
+    settings.ringSize = read;
+    return {};
+}
+
+std::string ReadSettings(const std::string& policy, Settings& settings)
+{
+    ProcessLogSettings& log = settings.log;
+    ProcessTracer::Settings& tracer = settings.tracer;
     return ReadPolicy(
-        policy,
-        {{"events", [&](const auto& value) { return TakeEvents(value, settings); }},
-         {"exclude", [&](const auto& value) { return TakeExclude(value, settings); }},
-         {"repeats", [&](const auto& value) { return NEUtils::ReadNumber(value, kMostRepeats, settings.repeats); }}});
+        policy, {{"events", [&](const auto& value) { return TakeEvents(value, log); }},
+                 {"exclude", [&](const auto& value) { return TakeExclude(value, log); }},
+                 {"repeats", [&](const auto& value) { return TakeNumber(value, kMostRepeats, log.repeats); }},
+                 {"source", [&](const auto& value) { return TakeSource(value, tracer); }},
+                 {"wake_ms", [&](const auto& value) { return TakeNumber(value, kMostWakeMs, tracer.wakeMs); }},
+                 {"priority", [&](const auto& value) { return TakeNumber(value, kMostPriority, tracer.priority); }},
+                 {"ring_bytes", [&](const auto& value) { return TakeRing(value, tracer); }}});
 }
 
 // Watches as long as it lives. There is one at a time.
@@ -84,95 +113,84 @@ public:
         if (supervised_ != 0) {
             UnwatchPlainThread(supervised_);
         }
-        monitor_.StopProcessMonitor();
+        log_.Stop();
+        LetRecordsIn();
+        if (tracer_.GetSource() != ProcessTracer::kNone) {
+            tracer_.Stop();
+        }
         ticker_.Stop();
         log_.LogRepeats();
         Count();
+        counters_.SetDetail("source", ProcessTracer::GetSourceName(ProcessTracer::kNone));
         counters_.watches = 0;
-        counters_.lacking = 0;
     }
     ProcessWatch(const ProcessWatch&) = delete;
     ProcessWatch& operator=(const ProcessWatch&) = delete;
 
-    // False, with a record, if the kernel does not send events.
-    bool Start()
+    // False, with a record, if there is no source of events.
+    bool Start(const ProcessTracer::Settings& settings)
     {
-        monitor_.SetEventKinds(ProcessLog::kEventKinds);
-        monitor_.SetProcessesOnly(true);
-        monitor_.StartProcessMonitor();
-        for (int ms = 0; monitor_.GetPhase() == ProcessMonitor::kStarting && ms < kStartMs; ++ms) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        if (monitor_.GetPhase() != ProcessMonitor::kListening) {
-            NE_LOG(ERROR, "Process events are not watched.[missing=the kernel's process connector]");
+        const auto handle = [this](const ProcessRecord& record) {
+            mayEnter_.wait(false);
+            log_.Handle(record);
+        };
+        const auto compare = [this](const ProcessTracer::Counts::Kinds&) {
+            mayEnter_.wait(false);
+            log_.CompareWithProc();
+        };
+        if (!tracer_.Start(settings, handle, compare)) {
+            NE_LOG(ERROR, "Process events are not watched.[source=%s]", ProcessTracer::GetSourceName(settings.source));
             return false;
         }
-        // While it searches for its white list, events wait: no process that begins now is missed.
-        log_.LoadRunningProcesses();
-        s_watch = this;
-        monitor_.AddProcessEventCallback(&ProcessWatch::OnEvent);
+        log_.CompareWithProc();  // records wait meanwhile: no process that begins now is missed
+        LetRecordsIn();
+        counters_.SetDetail("source", ProcessTracer::GetSourceName(tracer_.GetSource()));
+        counters_.SetDetail("sourceReason", tracer_.GetFallbackReason());
         counters_.watches = 1;
-        supervised_ = WatchPlainThread("monitor-process", &ProcessWatch::BeatAgeMs, &monitor_);
+        supervised_ = WatchPlainThread("process-tracer", &ProcessWatch::BeatAgeMs, &tracer_);
         return ticker_.Start("ProcessRepeats", [this](int stopFd) {
-            WaitFor(stopFd, kRepeatsMs);
+            WaitFor(stopFd, kTickMs);
             log_.LogRepeats();
-            if (monitor_.GetPhase() == ProcessMonitor::kEnded) {  // by itself: nothing is watched any more
-                counters_.watches = 0;
-                counters_.lacking = 1;
-            }
+            Count();
         });
     }
 
 private:
-    using Steady = std::chrono::steady_clock;
+    static long long BeatAgeMs(void* tracer) { return static_cast<ProcessTracer*>(tracer)->GetBeatAgeMs(); }
 
-    // The seen, filtered and lost events of one start.
-    struct Figures {
-        std::uint64_t seen = 0;
-        std::uint64_t filtered = 0;
-        std::uint64_t lost = 0;
-        std::uint64_t overflows = 0;
-    };
-
-    static long long BeatAgeMs(void* monitor) { return static_cast<ProcessMonitor*>(monitor)->GetBeatAgeMs(); }
-    static void OnEvent(proc_event* event) { s_watch->Handle(*event); }
-
-    void Handle(const proc_event& event)
+    void LetRecordsIn()
     {
-        if (monitor_.GetLostEventCount() != counted_.lost || monitor_.GetOverflowCount() != counted_.overflows) {
-            log_.DoubtCounts();
-            lossAt_ = Steady::now();
-        } else if (lossAt_ != Steady::time_point() && Steady::now() - lossAt_ > kQuiet) {
-            log_.LoadRunningProcesses();  // takes a while, in which more would be lost
-            lossAt_ = {};
-        }
-        log_.Handle(event);
-        Count();
+        mayEnter_ = true;
+        mayEnter_.notify_all();
     }
 
+    // Adds what has come since the last call. The figures of one start begin at 0, those of the feature go on.
     void Count()
     {
-        const Figures now = {monitor_.GetEventCount(), monitor_.GetFilteredEventCount() + log_.GetLeftOutCount(),
-                             monitor_.GetLostEventCount(), monitor_.GetOverflowCount()};
-        counters_.seen += now.seen - counted_.seen;
-        counters_.filtered += now.filtered - counted_.filtered;
-        counters_.lost += now.lost - counted_.lost;
-        counters_.overflows += now.overflows - counted_.overflows;
+        const ProcessTracer::Counts now = tracer_.GetCounts();
+        const std::uint64_t leftOut = now.filtered + log_.GetLeftOutCount();
+        counters_.seen += now.received.Total() - counted_.received.Total();
+        counters_.filtered += leftOut - leftOut_;
+        counters_.lost += now.lost.Total() - counted_.lost.Total();
+        counters_.AddToDetail("lostForks", now.lost.forks - counted_.lost.forks);
+        counters_.AddToDetail("lostExecs", now.lost.execs - counted_.lost.execs);
+        counters_.AddToDetail("lostExits", now.lost.exits - counted_.lost.exits);
+        counters_.AddToDetail("lostUnknown", now.lost.unknown - counted_.lost.unknown);
+        counters_.AddToDetail("incomplete", now.incomplete - counted_.incomplete);
+        counters_.AddToDetail("recursionMisses", now.recursionMisses - counted_.recursionMisses);
         counted_ = now;
+        leftOut_ = leftOut;
     }
 
-    static ProcessWatch* s_watch;  // callbacks get no argument of their own
-
     NEUtils::FeatureCounters& counters_ = NEUtils::FeatureCounters::Of(kFeatureName);
-    Figures counted_;
-    Steady::time_point lossAt_;
+    ProcessTracer::Counts counted_;
+    std::uint64_t leftOut_ = 0;
+    std::atomic<bool> mayEnter_{false};  // the table is complete, or nobody needs it any more
     ProcessLog log_;
     LoopThread ticker_;
-    ProcessMonitor monitor_;
-    std::uintptr_t supervised_ = 0;  // the monitor's thread, by the guard
+    ProcessTracer tracer_;
+    std::uintptr_t supervised_ = 0;  // the tracer's thread, by the guard
 };
-
-ProcessWatch* ProcessWatch::s_watch = nullptr;
 
 std::unique_ptr<ProcessWatch> g_watch;
 
@@ -182,24 +200,24 @@ const char kFeatureName[] = "process_watch";
 
 std::string FindPolicyFault(const std::string& policy)
 {
-    ProcessLogSettings settings;
+    Settings settings;
     return ReadSettings(policy, settings);
 }
 
 bool StartFeature(const std::string& policy)
 {
-    ProcessLogSettings settings;
+    Settings settings;
     const std::string fault = ReadSettings(policy, settings);
     if (!fault.empty()) {
         LogRefusal(kFeatureName, fault);
         return false;
     }
-    if (const char* missing = Missing(); missing != nullptr) {
-        NE_LOG(ERROR, "Process events are not watched.[missing=%s]", missing);
+    if (!IsInFirstPidNamespace()) {
+        NE_LOG(ERROR, "Process events are not watched.[missing=first pid namespace]");
         return false;
     }
-    auto watch = std::make_unique<ProcessWatch>(std::move(settings));
-    if (!watch->Start()) {
+    auto watch = std::make_unique<ProcessWatch>(std::move(settings.log));
+    if (!watch->Start(settings.tracer)) {
         return false;
     }
     g_watch = std::move(watch);

@@ -2,53 +2,60 @@
 
 #include <regex>
 
-#include "features/event.h"
-#include "process_monitor.h"
+#include "event_file.h"
+#include "process_tracer.h"
 #include "tests/support/support.h"
-#include "util/clock.h"
+#include "thread_pool.h"
 
 namespace {
 
-constexpr int kGone = 5000000;  // above every id that the kernel gives
-constexpr unsigned int kKill = SIGKILL;
+using Record = ProcessRecord;
 
-// Feeds events as the kernel sends them; gives what was logged of them, without the times.
+constexpr int kGone = 5000000;  // above every id that the kernel gives
+constexpr std::uint64_t kMs = 1000000;
+
+// Feeds records as a tracer hands them over; gives what was logged of them, without the times.
 struct Feed {
     explicit Feed(const ProcessLogSettings& settings = {}) : log(settings) {}
 
-    proc_event Make(std::uint32_t kind)
+    // Of a process that began one second after the boot, and a moment two seconds later.
+    static Record Make(Record::Kind kind, int pid)
     {
-        proc_event event = {};
-        event.what = static_cast<decltype(event.what)>(kind);
-        event.timestamp_ns = static_cast<std::uint64_t>(Clock::MonotonicNs() - ageMs * Clock::kNsPerMs);
-        return event;
+        Record record;
+        record.kind = kind;
+        record.whole = true;
+        record.wallNs = 1700000000123 * static_cast<std::int64_t>(kMs);
+        record.bootNs = 3000 * kMs;
+        record.pid = record.tid = pid;
+        record.parentPid = kGone;
+        record.startNs = 1000 * kMs;
+        record.uid = record.euid = 4242;
+        return record;
     }
-    void Fork(int parent, int pid, int thread = 0)
+    void Fork(int parent, int pid, std::uint64_t startNs = 1000 * kMs, std::uint64_t parentStartNs = 0)
     {
-        proc_event event = Make(kForkEvent);
-        event.event_data.fork = {parent, parent, thread == 0 ? pid : thread, pid};
-        log.Handle(event);
+        Record record = Make(Record::kFork, pid);
+        record.parentPid = parent;
+        record.startNs = startNs;
+        record.parentStartNs = parentStartNs;
+        log.Handle(record);
     }
-    void Exec(int pid)
+    void Exec(
+        int pid, const std::function<void(Record&)>& change = [](Record&) {})
     {
-        proc_event event = Make(kExecEvent);
-        event.event_data.exec = {pid, pid};
-        log.Handle(event);
+        Record record = Make(Record::kExec, pid);
+        record.exe = "/bin/sh";
+        record.comm = "sh";
+        record.args = {"sh", "-e"};
+        change(record);
+        log.Handle(record);
     }
-    void Exit(int pid, unsigned int status, int thread = 0)
+    void Exit(
+        int pid, const std::function<void(Record&)>& change = [](Record&) {})
     {
-        proc_event event = Make(kExitEvent);
-        event.event_data.exit.process_pid = thread == 0 ? pid : thread;
-        event.event_data.exit.process_tgid = pid;
-        event.event_data.exit.exit_code = status;
-        log.Handle(event);
-    }
-    void SetUser(int pid, unsigned int uid)
-    {
-        proc_event event = Make(kUidEvent);
-        event.event_data.id.process_pid = event.event_data.id.process_tgid = pid;
-        event.event_data.id.r.ruid = uid;
-        log.Handle(event);
+        Record record = Make(Record::kExit, pid);
+        change(record);
+        log.Handle(record);
     }
     Strings Lines() const
     {
@@ -61,80 +68,208 @@ struct Feed {
 
     Records records;
     ProcessLog log;
-    std::int64_t ageMs = 0;
+};
+
+const std::string kWho = "[pid=5000001 ppid=5000000 user=4242 ";
+const std::string kEnd = "duration=2000 startTime=1000000 ";
+const ProcessLogSettings kEnds = {false, true, {}, 100};
+
+// A process of another parent than the test, whose own children are left out; it lives until it is killed.
+struct Stranger {
+    explicit Stranger(const Strings& args)
+    {
+        int ends[2] = {};
+        EXPECT_EQ(pipe(ends), 0);
+        parent = ::Fork([&] {
+            const pid_t child = ::Fork([&] {
+                std::vector<char*> words;
+                for (const std::string& arg : args) {
+                    words.push_back(const_cast<char*>(arg.c_str()));
+                }
+                words.push_back(nullptr);
+                return execvp("sleep", words.data());
+            });
+            const bool sent = write(ends[1], &child, sizeof(child)) == sizeof(child);
+            Wait(child);
+            return sent ? 0 : 1;
+        });
+        EXPECT_EQ(read(ends[0], &pid, sizeof(pid)), static_cast<ssize_t>(sizeof(pid)));
+        close(ends[0]);
+        close(ends[1]);
+        EXPECT_TRUE(Eventually([&] {
+            Record record;
+            return ProcessTracer::ReadProcess(pid, record) && record.args == args;
+        }));
+    }
+    void End()
+    {
+        if (parent != 0) {
+            kill(pid, SIGKILL);
+            Wait(std::exchange(parent, 0));
+        }
+    }
+    ~Stranger() { End(); }
+
+    pid_t parent = 0;
+    pid_t pid = 0;
 };
 
 }  // namespace
 
-// Of what ends, nothing can be asked any more: what is logged is what was remembered.
+// What one program is told as.
+TEST(ProcessLogTest, SaysWhatAProgramIs)
+{
+    const std::string start = "Process executed." + kWho + "startTime=1000000 ";
+    const struct {
+        const char* name;
+        std::function<void(Record&)> change;
+        std::string line;
+    } rows[] = {
+        {"usual", [](Record&) {}, "exe=/bin/sh cmdLine=sh -e]"},
+        {"arguments that blanks do not tell apart",
+         [](Record& r) {
+             r.args = {"sh", "-c", "a b", "", "\n\"\xff"};
+         },
+         R"(exe=/bin/sh args=["sh","-c","a b","","\n\"\ufffd"] cmdLine=sh -c a b  ?"?])"},
+        {"more than a record takes",
+         [](Record& r) {
+             r.args.assign(1000, "x y");
+             r.exe = r.script = "/" + std::string(4000, 'd');
+         },
+         "exe=/" + std::string(511, 'd') + "... script=/" + std::string(511, 'd') +
+             "... notes=other-name cmdLine=x y x y x y "},
+        {"cut arguments",
+         [](Record& r) {
+             r.argsCut = true;
+             r.argsSize = 102400;
+         },
+         "exe=/bin/sh argsSize=102400 cmdLine=sh -e]"},
+        {"no arguments", [](Record& r) { r.args.clear(); }, "exe=/bin/sh cmdLine=[sh]]"},
+        {"not even a name",
+         [](Record& r) {
+             r.args = {""};
+             r.argCount = 1;
+         },
+         R"(exe=/bin/sh notes=other-name args=[""] cmdLine=[sh]])"},
+        {"a script, by a path that could forge an item",
+         [](Record& r) {
+             r.script = "/tmp/x exe=/bin/true";
+             r.comm = "x exe=/bin/true";
+             r.args = {"/bin/sh", "/tmp/x exe=/bin/true"};
+         },
+         "exe=/bin/sh script=\"/tmp/x exe=/bin/true\" args=[\"/bin/sh\",\"/tmp/x exe=/bin/true\"] "
+         "cmdLine=/bin/sh /tmp/x exe=/bin/true]"},
+        {"deleted", [](Record& r) { r.exeDeleted = true; }, "exe=/bin/sh notes=deleted cmdLine=sh -e]"},
+        {"in memory",
+         [](Record& r) {
+             r.exeDeleted = r.exeInMemory = true;
+             r.exe = "/memfd:sh";
+         },
+         "exe=/memfd:sh notes=in-memory cmdLine=sh -e]"},
+        {"another name", [](Record& r) { r.args[0] = "[kworker/0:1]"; },
+         "exe=/bin/sh notes=other-name cmdLine=[kworker/0:1] -e]"},
+        {"a login shell", [](Record& r) { r.args[0] = "-sh"; }, "exe=/bin/sh cmdLine=-sh -e]"},
+        {"by a link, of which only the name is left", [](Record& r) { r.exe = "/usr/bin/dash"; },
+         "exe=/usr/bin/dash cmdLine=sh -e]"},
+        {"by a descriptor",
+         [](Record& r) {
+             r.exe = "/opt/program";
+             r.exeGiven = "/dev/fd/sh";
+             r.comm = "3";
+         },
+         "exe=/opt/program cmdLine=sh -e]"},
+        {"set-user-id, by somebody who logged in",
+         [](Record& r) {
+             r.exeSetUid = r.exeSetGid = true;
+             r.euid = 4243;
+             r.loginUid = 4244;
+             r.session = 7;
+         },
+         "effectiveUser=4243 loginUser=4244 session=7 exe=/bin/sh notes=set-user-id,set-group-id cmdLine=sh -e]"},
+        {"elsewhere", [](Record& r) { r.foreignMountNs = r.foreignPidNs = true; },
+         "exe=/bin/sh notes=mount-namespace,pid-namespace cmdLine=sh -e]"},
+        {"too short to be read",
+         [](Record& r) {
+             r.whole = false;
+             r.args.clear();
+             r.exe = r.comm = "";
+         },
+         "notes=incomplete cmdLine=(ended before it could be read)]"},
+    };
+    for (const auto& row : rows) {
+        Feed feed;
+        feed.Exec(kGone + 1, row.change);
+        const std::string line = feed.Lines().at(0);
+        EXPECT_EQ(line.substr(0, (start + row.line).size()), start + row.line) << row.name;
+        EXPECT_TRUE(line.size() <= 4096 && line.back() == ']') << row.name;
+    }
+}
+
+// Of what ends, nothing can be asked any more: what is told is what was remembered of that process, and no other.
 TEST(ProcessLogTest, RemembersWhatAProcessWas)
 {
-    const std::string unread = " cmdLine=(ended before it could be read)]";
-    const std::string who = "[pid=5000001 ppid=5000000 user=";
+    const std::string sh = "exe=/bin/sh ";
+    const std::string line = "cmdLine=sh -e]";
+    const std::string unread = "cmdLine=(ended before it could be read)]";
+    const std::string executed = "Process executed." + kWho + "startTime=1000000 " + sh;
     const struct {
         const char* name;
         ProcessLogSettings settings;
-        std::function<void(Feed&)> events;
+        std::function<void(Feed&)> records;
         Strings lines;
     } rows[] = {
         {"an end by itself",
          {},
          [](Feed& feed) {
-             feed.Fork(kGone, kGone + 1);
-             feed.Exit(kGone + 1, 3U << 8U);
-         },
-         {"Process exited." + who + "? exitCode=3" + unread}},
-        {"killed is not exited",
-         {},
-         [](Feed& feed) {
-             feed.Fork(kGone, kGone + 1);
-             feed.Exit(kGone + 1, kKill);
-         },
-         {"Process killed." + who + "? signal=9" + unread}},
-        {"users go on to children",
-         {},
-         [](Feed& feed) {
-             feed.Fork(1, kGone);
-             feed.SetUser(kGone, 4242);
-             feed.Fork(kGone, kGone + 1);
              feed.Exec(kGone + 1);
+             feed.Exit(kGone + 1, [](Record& r) { r.exitCode = 3; });
          },
-         {"Process executed." + who + "4242" + unread}},
-        {"its last thread ends it, not its first",
-         {},
+         {executed + line, "Process exited." + kWho + "exitCode=3 " + kEnd + sh + line}},
+        {"killed is not exited, and the user is that of the end",
+         kEnds,
          [](Feed& feed) {
-             feed.Fork(kGone, kGone + 1);
-             feed.Fork(kGone, kGone + 1, kGone + 9);
-             feed.Exit(kGone + 1, 0);
-             EXPECT_EQ(feed.Lines(), Strings());
-             feed.Exit(kGone + 1, 0, kGone + 9);
-             feed.Exit(kGone + 1, 0);  // of an id that is unknown now
+             feed.Exec(kGone + 1, [](Record& r) { r.uid = 0; });
+             feed.Exit(kGone + 1, [](Record& r) { r.exitSignal = SIGKILL; });
          },
-         {"Process exited." + who + "? exitCode=0" + unread,
-          "Process exited.[pid=5000001 ppid=0 user=? exitCode=0" + unread}},
-        {"after a loss the counts of threads are not believed",
-         {},
+         {"Process killed." + kWho + "signal=9 " + kEnd + sh + line}},
+        {"a child is its parent's program, by its parent's",
+         kEnds,
          [](Feed& feed) {
+             feed.Exec(kGone, [](Record& r) { r.exeDeleted = true; });
              feed.Fork(kGone, kGone + 1);
-             feed.Fork(kGone, kGone + 1, kGone + 9);
-             feed.log.DoubtCounts();
-             feed.Exit(kGone + 1, 0);  // the other thread's end was lost
+             feed.Exit(kGone + 1);
          },
-         {"Process exited." + who + "? exitCode=0" + unread}},
+         {"Process exited." + kWho + "exitCode=0 " + kEnd + sh + "parentExe=/bin/sh notes=deleted " + line}},
+        {"the same ids at another time are other processes",
+         kEnds,
+         [](Feed& feed) {
+             feed.Exec(kGone, [](Record& r) { r.startNs = 1; });
+             feed.Exec(kGone + 1, [](Record& r) { r.startNs = 1; });
+             feed.Exit(kGone + 1, [](Record& r) { r.parentStartNs = 900 * kMs; });
+         },
+         {"Process exited." + kWho + "exitCode=0 " + kEnd + unread}},
+        {"times of /proc are round, and two ends are two processes",
+         kEnds,
+         [](Feed& feed) {
+             feed.Exec(kGone + 1, [](Record& r) { r.startNs += 9 * kMs; });
+             feed.Exit(kGone + 1);
+             feed.Exit(kGone + 1);
+         },
+         {"Process exited." + kWho + "exitCode=0 " + kEnd + sh + line,
+          "Process exited." + kWho + "exitCode=0 " + kEnd + unread}},
         {"only starts",
          {true, false, {}, 0},
          [](Feed& feed) {
-             feed.Fork(kGone, kGone + 1);
              feed.Exec(kGone + 1);
-             feed.Exit(kGone + 1, 0);
+             feed.Exit(kGone + 1);
              EXPECT_EQ(feed.log.GetLeftOutCount(), 1U);
          },
-         {"Process executed." + who + "?" + unread}},
+         {executed + line}},
         {"excludes",
-         {true, true, {"none", "(ended*"}, 0},
+         {true, true, {"none", "sh -*"}, 0},
          [](Feed& feed) {
              feed.Exec(kGone + 1);
-             feed.Exit(kGone + 1, 0);
+             feed.Exit(kGone + 1);
              EXPECT_EQ(feed.log.GetLeftOutCount(), 2U);
          },
          {}},
@@ -142,79 +277,94 @@ TEST(ProcessLogTest, RemembersWhatAProcessWas)
          {},
          [](Feed& feed) {
              feed.Fork(getpid(), kGone);
-             feed.Fork(kGone, kGone + 1);
-             feed.Exec(kGone + 1);
-             feed.Exit(kGone + 1, 0);
-             feed.Fork(1, kGone);
-             feed.Fork(kGone, kGone + 1);
-             feed.Exit(kGone + 1, 0);
+             feed.Fork(kGone, kGone + 2);
+             feed.Exec(kGone + 2);
+             feed.Exit(kGone + 2);
+             feed.Exit(kGone + 3, [](Record& r) { r.parentPid = getpid(); });
+             feed.Fork(1, kGone, 2000 * kMs);
+             feed.Fork(kGone, kGone + 1, 1000 * kMs, 2000 * kMs);
+             feed.Exit(kGone + 1);
          },
-         {"Process exited." + who + "? exitCode=0" + unread}},
+         {"Process exited." + kWho + "exitCode=0 " + kEnd + unread}},
         {"repeats are summed",
          {true, true, {}, 2},
          [](Feed& feed) {
-             for (int i = 1; i <= 7; ++i) {
-                 feed.Fork(kGone, kGone + i);
-                 feed.Exec(kGone + i);
+             for (int i = 0; i < 7; ++i) {
+                 feed.Exec(kGone + 1);
              }
              feed.log.LogRepeats();
              feed.log.LogRepeats();
          },
-         {"Process executed." + who + "?" + unread, "Process executed.[pid=5000002 ppid=5000000 user=?" + unread,
-          "Process repeated.[action=executed count=5 ppid=5000000 user=? program=(ended before it could be read)]"}},
+         {executed + line, executed + line,
+          "Process repeated.[action=executed count=5 ppid=5000000 user=4242 program=sh]"}},
     };
     for (const auto& row : rows) {
         Feed feed(row.settings);
-        row.events(feed);
+        row.records(feed);
         EXPECT_EQ(feed.Lines(), row.lines) << row.name;
     }
-}
-
-// Under a flood events are read long after they happened. A time that cannot be right is that of reading.
-TEST(ProcessLogTest, CarriesTheKernelsTime)
-{
-    for (const std::int64_t ageMs : {std::int64_t{39000}, std::int64_t{0}, std::int64_t{-39000}}) {
-        Feed feed;
-        feed.ageMs = ageMs;
-        const std::string earliest = TimeText(Clock::WallMs() - std::max<std::int64_t>(ageMs, 0) - 1);
-        feed.Exec(kGone);
-        const std::string latest = TimeText(Clock::WallMs() - std::max<std::int64_t>(ageMs, 0) + 1);
-        const std::string line = feed.records.Lines()[0];
-        const std::string time = line.substr(line.find(" time=") + 6, latest.size());
-        EXPECT_TRUE(earliest <= time && time <= latest) << earliest << " " << time << " " << latest;
-    }
-}
-
-// A thread that began while the process was read ends uncounted: the process would be logged as ended, and once
-// more when it does end. Exits that were lost would keep processes for good.
-TEST(ProcessLogTest, TellsTheEndOfAProcessOnceAndNotBefore)
-{
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const pid_t parent = Fork([&] {  // the test's own children are left out
-        const pid_t child = Fork([] { return execlp("sleep", "sl\033[1m\nx", "60", nullptr); });
-        const bool sent = write(ends[1], &child, sizeof(child)) == sizeof(child);
-        Wait(child);
-        return sent ? 0 : 1;
-    });
-    pid_t pid = 0;
-    ASSERT_EQ(read(ends[0], &pid, sizeof(pid)), static_cast<ssize_t>(sizeof(pid)));
-    ASSERT_TRUE(Eventually([&] { return Contains(Read("/proc/" + std::to_string(pid) + "/cmdline"), "x"); }));
     Feed feed;
-    feed.Fork(kGone, kGone + 1);
-    feed.log.LoadRunningProcesses();
-    feed.Exit(pid, 0, pid + 1);
-    EXPECT_EQ(feed.Lines(), Strings());
-    feed.Exec(pid);
-    kill(pid, SIGKILL);
-    Wait(parent);
-    feed.Exit(pid, kKill);
-    const std::string who =
-        "[pid=" + std::to_string(pid) + " ppid=" + std::to_string(parent) + " user=" + UserName(getuid());
-    EXPECT_EQ(feed.Lines(), (Strings{"Process executed." + who + " cmdLine=sl?[1m?x 60]",
-                                     "Process killed." + who + " signal=9 cmdLine=sl?[1m?x 60]"}));
-    feed.Exit(kGone + 1, 0);
-    EXPECT_EQ(feed.Lines()[2].find("Process exited.[pid=5000001 ppid=0 "), 0U) << "forgotten when all were read";
+    feed.Exec(kGone + 1);
+    EXPECT_TRUE(Contains(feed.records.Lines()[0], " time=" + TimeText(1700000000123) + " "));  // the kernel's
+}
+
+// In the event file nothing needs room: everything is there, each argument by itself.
+TEST(ProcessLogTest, WritesWholeEventsToTheirFile)
+{
+    const TempDir dir;
+    const std::string file = dir / "events";
+    ThreadPool::GetInstance().Start(1, 3);
+    ASSERT_EQ(EventFile::GetInstance().Open({file}), "");
+    Feed feed;
+    const std::string longPath = "/" + std::string(4000, 'd') + "/sh";
+    feed.Exec(kGone + 1, [&](Record& r) {
+        r.exe = longPath;
+        r.args = {"sh", "", std::string(16000, 'x')};
+    });
+    EventFile::GetInstance().Close();
+    ThreadPool::GetInstance().Stop();
+    EXPECT_EQ(Read(file), R"({"type":"executed","time":1700000000123,"pid":5000001,"ppid":5000000,"user":"4242",)"
+                          R"("startTime":1000000,"exe":")" +
+                              longPath + R"(","args":["sh","",")" + std::string(16000, 'x') + R"("],"cmdLine":"sh  )" +
+                              std::string(3396, 'x') + "\"}\n");
+}
+
+// After a loss /proc says what runs. An end that is on its way must still find its process; one that was lost must
+// not keep it for good.
+TEST(ProcessLogTest, ComparesWithProc)
+{
+    Stranger stranger({"sl\033[1m\nx", "60"});
+    Feed feed(kEnds);
+    feed.Exec(kGone + 1);
+    feed.Exec(kGone + 2);
+    feed.log.CompareWithProc();
+    const auto end = [&stranger](Record& r) {
+        Record now;
+        EXPECT_TRUE(ProcessTracer::ReadProcess(stranger.pid, now));
+        r.startNs = now.startNs;
+        r.bootNs = now.startNs + 5 * kMs;
+        r.parentPid = stranger.parent;
+    };
+    feed.Exit(kGone + 1);
+    feed.log.CompareWithProc();
+    feed.Exit(kGone + 2);
+    feed.Exit(stranger.pid, end);
+    const Strings lines = feed.Lines();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_TRUE(lines[0].ends_with(" exe=/bin/sh cmdLine=sh -e]"));
+    EXPECT_TRUE(lines[1].ends_with(" cmdLine=(ended before it could be read)]"));
+    EXPECT_TRUE(Contains(lines[2], " duration=5 ") && Contains(lines[2], "/sleep parentExe=/") &&
+                lines[2].ends_with(" notes=other-name cmdLine=sl?[1m?x 60]"))
+        << lines[2];
+    const pid_t own = ::Fork([] { return pause(); });
+    feed.log.CompareWithProc();
+    kill(own, SIGKILL);
+    Wait(own);
+    feed.Fork(own, kGone + 3);
+    feed.Exit(kGone + 3);
+    feed.log.Stop();
+    feed.log.CompareWithProc();  // a stop does not wait for it, and loses nothing that is known
+    EXPECT_EQ(feed.Lines().size(), 3U);
 }
 
 // The sums and what is logged one by one add up to what came, whatever the rates.
