@@ -1,6 +1,6 @@
-# libneutils_trace: the process tracer, apart from the library, so that only its users need libbpf. Where the trace
-# programs cannot be built, it has the process connector alone.
-set(NEUTILS_TRACE AUTO CACHE STRING "Trace programs of the process tracer: AUTO, ON or OFF")
+# libneutils_trace: the tracers of processes and connections, apart from the library, so that only their users need
+# libbpf. Where the trace programs cannot be built, it has the process connector alone, and no connections.
+set(NEUTILS_TRACE AUTO CACHE STRING "Trace programs of the tracers: AUTO, ON or OFF")
 set_property(CACHE NEUTILS_TRACE PROPERTY STRINGS AUTO ON OFF)
 
 find_path(LIBBPF_INCLUDE_DIR bpf/bpf_core_read.h)
@@ -29,9 +29,9 @@ if(NEUTILS_TRACE STREQUAL "ON")
   set(NEUTILS_HAS_TRACE ON)
 elseif(NEUTILS_TRACE STREQUAL "AUTO")
   if(CMAKE_CROSSCOMPILING)
-    message(STATUS "Process tracer without trace programs: cross-compiled")
+    message(STATUS "Tracers without trace programs: cross-compiled")
   elseif(traceMissing)
-    message(STATUS "Process tracer without trace programs, which need: apt install ${traceMissing}")
+    message(STATUS "Tracers without trace programs, which need: apt install ${traceMissing}")
   else()
     set(NEUTILS_HAS_TRACE ON)
   endif()
@@ -41,14 +41,18 @@ endif()
 
 set(tracerFiles connector_socket.cpp connector_source.cpp container_names.cpp exec_reader.cpp platform_processes.cpp
                  proc_directory.cpp process_table.cpp process_tracer.cpp trace_decoder.cpp tracer_thread.cpp)
+set(networkFiles connection_decoder.cpp network_address.cpp pending_connects.cpp)
 if(NEUTILS_HAS_TRACE)
   list(APPEND tracerFiles libbpf_messages.cpp ring_reader.cpp trace_ring.cpp)
+  list(APPEND networkFiles connection_ring.cpp connection_tracer.cpp)
 else()
   list(APPEND tracerFiles trace_ring_missing.cpp)
+  list(APPEND networkFiles connection_tracer_missing.cpp)
 endif()
 list(TRANSFORM tracerFiles PREPEND ${PROJECT_SOURCE_DIR}/process/)
+list(TRANSFORM networkFiles PREPEND ${PROJECT_SOURCE_DIR}/network/)
 
-add_library(neutils_trace_objects OBJECT ${tracerFiles})
+add_library(neutils_trace_objects OBJECT ${tracerFiles} ${networkFiles})
 target_link_libraries(neutils_trace_objects PRIVATE neutils_flags Threads::Threads)
 target_include_directories(neutils_trace_objects PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 # Unique symbols would keep the library in memory after a feature that uses it is closed.
@@ -78,6 +82,8 @@ endfunction()
 if(NEUTILS_HAS_TRACE)
   neutils_trace_programs(process process_trace process/trace_common.bpf.h process/trace_kernel.h
                          process/trace_layout.h process/trace_state.h)
+  neutils_trace_programs(network network_trace network/network_kernel.h network/network_layout.h
+                         process/trace_common.bpf.h process/trace_kernel.h process/trace_state.h)
   # What bpftool writes is not held to the flags of the house.
   target_include_directories(neutils_trace_objects SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/trace ${LIBBPF_INCLUDE_DIR})
   set(traceLibraries ${LIBBPF_LIBRARY})

@@ -8,7 +8,7 @@
 #include <bpf/bpf_helpers.h>
 #include <bpf/bpf_tracing.h>
 
-#include "trace_common.bpf.h"
+#include "process/trace_common.bpf.h"
 #include "trace_layout.h"
 
 char LICENSE[] SEC("license") = "Dual MIT/GPL";

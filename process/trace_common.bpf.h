@@ -2,7 +2,7 @@
 
 // What every set of trace programs has: the ring, the state that its reader shares, and how the reader is woken up.
 // Comes behind the kernel's types and bpf_helpers.h.
-#include "trace_state.h"
+#include "process/trace_state.h"
 
 struct {
     __uint(type, BPF_MAP_TYPE_RINGBUF);

@@ -16,9 +16,10 @@ declare -A mayUse=(
     [monitor]='guard frame'
     [comm]='frame sched/mr1w_lock.h'
     [process]='frame'
-    [agent]='frame modules guard sched monitor comm process'
-    [features]='frame modules guard sched monitor comm process'
-    [tools]='frame modules guard sched monitor comm process'
+    [network]='frame process'
+    [agent]='frame modules guard sched monitor comm process network'
+    [features]='frame modules guard sched monitor comm process network'
+    [tools]='frame modules guard sched monitor comm process network'
 )
 # The directory that each public header belongs to; one that stands nowhere here is refused.
 declare -A headersOf=(
@@ -31,6 +32,7 @@ declare -A headersOf=(
     [comm]='base_socket basecomm ipv4_socket ipv6_socket report report_messages report_queue socket_comm
             socket_proxy tcp_socket tlv unix_socket'
     [process]='process_monitor process_record process_tracer process_utils user_info'
+    [network]='connection_record connection_tracer'
 )
 # These use the library as anybody does: public headers and util/ only, and their own files by bare name.
 embedders=' agent features tools '
@@ -121,7 +123,7 @@ violations() {
 # Plants every kind of use in a tree and expects exactly the forbidden ones back.
 self_check() {
     local tree=$1 file verdict use
-    mkdir -p "$tree"/{include,util,frame,modules,guard,sched,monitor,comm,process,agent,features/a,tools,bench,extra}
+    mkdir -p "$tree"/{include,util,frame,modules,guard,sched,monitor,comm,process,network,agent,features/a,tools,bench,extra}
     touch "$tree"/include/{byte_buffer,logger,hips_guard,mr1w_lock,task,socket_comm,strange}.h "$tree"/agent/own.h \
         "$tree"/features/a/own.h "$tree"/util/file.h
     while read -r verdict file use; do
@@ -162,6 +164,9 @@ bad comm/a.cpp "sched/scheduler.h"
 good process/a.cpp "byte_buffer.h"
 bad process/a.cpp "socket_comm.h"
 bad process/a.cpp "comm/socket.h"
+good network/a.cpp "process/a.h"
+bad network/a.cpp "socket_comm.h"
+bad process/a.cpp "network/b.h"
 good agent/a.cpp "own.h"
 good agent/a.cpp "util/file.h"
 good agent/a.cpp "socket_comm.h"

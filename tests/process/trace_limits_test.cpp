@@ -1,5 +1,4 @@
 // The process tracer under load, at its limits, and without what it needs.
-#include <linux/bpf.h>
 #include <sched.h>
 #include <sys/resource.h>
 
@@ -254,32 +253,11 @@ TEST_F(TraceLimitsTest, NeedsTheKernelsTypesButNoTracefsNoLockedMemoryAndNoRight
     EXPECT_EQ(Wait(Fork(&StartsBesideItsNeedsAlone)), 0);
 }
 
-// Ids of all programs or maps of the kernel.
-static std::vector<std::uint32_t> Loaded(bpf_cmd command)
-{
-    std::vector<std::uint32_t> ids;
-    bpf_attr attr = {};
-    while (syscall(SYS_bpf, command, &attr, sizeof(attr)) == 0) {
-        ids.push_back(attr.next_id);
-        attr.start_id = attr.next_id;
-    }
-    return ids;
-}
-
-static std::ptrdiff_t Entries(const char* directory)
-{
-    return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
-}
-
 TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
 {
     // Other tests load programs at the same time; what leaks with each start is many more.
     constexpr std::size_t kOfOthers = 30;
-    const auto loaded = [] {
-        return Loaded(BPF_PROG_GET_NEXT_ID).size() + Loaded(BPF_MAP_GET_NEXT_ID).size() +
-               Loaded(BPF_LINK_GET_NEXT_ID).size();
-    };
-    const auto own = [] { return std::pair(Entries("/proc/self/fd"), Entries("/proc/self/task")); };
+    const auto own = [] { return std::pair(CountEntries("/proc/self/fd"), CountEntries("/proc/self/task")); };
     const auto startAndStop = [](int i) {
         ProcessTracer tracer;
         ProcessTracer::Settings settings;
@@ -288,13 +266,13 @@ TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
         return tracer.Start(settings, [](const Record&) {});
     };
     ASSERT_TRUE(startAndStop(0));  // ThreadSanitizer makes a thread of its own with the first one
-    const auto before = loaded();
+    const auto before = CountLoaded();
     const auto ownBefore = own();
     for (int i = 0; i < 1000; ++i) {
         ASSERT_TRUE(startAndStop(i)) << i;
     }
     EXPECT_TRUE(Eventually([&] { return own() == ownBefore; }));
-    EXPECT_TRUE(Eventually([&] { return loaded() <= before + kOfOthers; }));
+    EXPECT_TRUE(Eventually([&] { return CountLoaded() <= before + kOfOthers; }));
 }
 
 // The control groups of a container name it, whatever mounts there are.

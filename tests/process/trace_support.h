@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <linux/bpf.h>
 #include <linux/capability.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -64,4 +65,22 @@ inline bool KeepRights(std::uint64_t mask)
         data[i].effective = data[i].permitted = static_cast<std::uint32_t>(mask >> (32 * i));
     }
     return syscall(SYS_capset, &head, data) == 0;
+}
+
+// How many programs, maps and links the kernel has.
+inline std::size_t CountLoaded()
+{
+    std::size_t count = 0;
+    for (const bpf_cmd command : {BPF_PROG_GET_NEXT_ID, BPF_MAP_GET_NEXT_ID, BPF_LINK_GET_NEXT_ID}) {
+        bpf_attr attr = {};
+        for (; syscall(SYS_bpf, command, &attr, sizeof(attr)) == 0; ++count) {
+            attr.start_id = attr.next_id;
+        }
+    }
+    return count;
+}
+
+inline std::ptrdiff_t CountEntries(const char* directory)
+{
+    return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
 }

@@ -1,0 +1,30 @@
+// Stands for connection_tracer.cpp in a library that is built without trace programs.
+#include "connection_tracer.h"
+#include "logger.h"
+
+namespace NEUtils {
+
+class ConnectionTracer::Session {};
+
+ConnectionTracer::ConnectionTracer() = default;
+ConnectionTracer::~ConnectionTracer() = default;
+
+bool ConnectionTracer::Start(const Settings&, Callback, LossCallback)
+{
+    NE_LOG(ERROR, "Fail to start the network tracer.[reason=built without trace programs]");
+    return false;
+}
+
+void ConnectionTracer::Stop() {}
+
+bool ConnectionTracer::IsRunning() const
+{
+    return false;
+}
+
+ConnectionTracer::Counts ConnectionTracer::GetCounts() const
+{
+    return {};
+}
+
+}  // namespace NEUtils

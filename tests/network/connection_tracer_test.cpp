@@ -1,0 +1,481 @@
+// Connections of the test's own, in the real kernel, beside what the tracer says of them.
+#include "connection_tracer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <net/if.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "tests/process/trace_support.h"
+
+using Connection = ConnectionRecord;
+
+namespace {
+
+union Address {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+};
+
+Address At(const std::string& text, std::uint16_t port)
+{
+    Address address = {};
+    if (Contains(text, ":")) {
+        address.v6.sin6_family = AF_INET6;
+        address.v6.sin6_port = htons(port);
+        inet_pton(AF_INET6, text.c_str(), &address.v6.sin6_addr);
+    } else {
+        address.v4.sin_family = AF_INET;
+        address.v4.sin_port = htons(port);
+        inet_pton(AF_INET, text.c_str(), &address.v4.sin_addr);
+    }
+    return address;
+}
+
+// A socket and what a test does with it.
+struct Socket {
+    explicit Socket(int family, int flags = 0) : fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0)) {}
+    explicit Socket(const std::string& address, std::uint16_t port = 0) : Socket(At(address, 0).any.sa_family)
+    {
+        const int on = 1;
+        const Address at = At(address, port);
+        setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        EXPECT_EQ(bind(fd.Get(), &at.any, sizeof(at)), 0);
+    }
+    // Errors are 0 or an errno.
+    int Connect(const std::string& address, std::uint16_t port) const
+    {
+        const Address at = At(address, port);
+        return connect(fd.Get(), &at.any, sizeof(at)) == 0 ? 0 : errno;
+    }
+    bool Listen(int backlog = 16) const { return listen(fd.Get(), backlog) == 0; }
+    void Accept() const { close(accept(fd.Get(), nullptr, nullptr)); }
+    std::uint16_t Port() const
+    {
+        Address at = {};
+        socklen_t size = sizeof(at);
+        getsockname(fd.Get(), &at.any, &size);
+        return ntohs(at.v4.sin_port);
+    }
+
+    UniqueFd fd;
+};
+
+// The tracer and what it hands over.
+struct Watched {
+    bool Start(std::size_t ringSize = std::size_t{1} << 20, int wakeMs = 20)
+    {
+        settings.ringSize = ringSize;
+        settings.wakeMs = wakeMs;
+        return tracer.Start(settings, [this](const Connection& record) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            records.push_back(record);
+        });
+    }
+    std::vector<Connection> Of(std::uint16_t port) const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        std::vector<Connection> found;
+        std::ranges::copy_if(records, std::back_inserter(found), [=](const Connection& record) {
+            return record.localPort == port || record.remotePort == port;
+        });
+        return found;
+    }
+    // Waits until this much is told, and all that was done before is.
+    std::vector<Connection> Wait(std::uint16_t port, std::size_t count) const
+    {
+        EXPECT_TRUE(Eventually([&] { return Of(port).size() >= count; })) << port;
+        const Socket marker("127.0.0.1");
+        EXPECT_TRUE(marker.Listen() && Eventually([&] { return !Of(marker.Port()).empty(); }));
+        return Of(port);
+    }
+
+    mutable std::mutex mutex;
+    std::vector<Connection> records;
+    ConnectionTracer::Settings settings;
+    ConnectionTracer tracer;
+};
+
+std::string TextOf(const Connection& record, std::uint16_t server)
+{
+    const auto name = [server](std::uint16_t port) { return port == 0 ? "0" : port == server ? "S" : "C"; };
+    constexpr const char* kKinds[] = {"", "connect", "accept", "listen", "end"};
+    constexpr const char* kResults[] = {" pending", " opened", " failed"};
+    std::string text = kKinds[record.kind];
+    text += record.kind == Connection::kConnect ? kResults[record.result] : "";
+    text += record.error == 0 ? "" : std::string(" ") + strerrorname_np(record.error);
+    text += " " + ConnectionTracer::GetAddressText(record.local) + " " + name(record.localPort);
+    if (record.remotePort != 0) {
+        text += " " + ConnectionTracer::GetAddressText(record.remote) + " " + name(record.remotePort);
+    }
+    return text + (record.onIpv6Socket ? " v6" : "");
+}
+
+Strings TextsOf(const std::vector<Connection>& records, std::uint16_t server)
+{
+    Strings texts;
+    std::ranges::transform(records, std::back_inserter(texts),
+                           [=](const Connection& record) { return TextOf(record, server); });
+    return texts;
+}
+
+std::uint32_t NetNs(const char* process)
+{
+    struct stat space = {};
+    stat((std::string("/proc/") + process + "/ns/net").c_str(), &space);
+    return static_cast<std::uint32_t>(space.st_ino);
+}
+
+// A child that does something as soon as it is asked to, made before there are threads.
+struct Helper {
+    explicit Helper(const std::function<int()>& body)
+    {
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        pid = Fork([&] {
+            char go = 0;
+            close(ends[1]);
+            return read(ends[0], &go, 1) == 1 ? body() : 1;
+        });
+        close(ends[0]);
+    }
+    ~Helper() { close(ends[1]); }
+    int Run() const { return write(ends[1], "x", 1) == 1 ? ::Wait(pid) : -1; }
+
+    int ends[2] = {};
+    pid_t pid = 0;
+};
+
+struct ConnectionTracerTest : testing::Test {
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "trace programs need rights";
+        }
+    }
+
+    const Records log_;
+    Watched traced_;
+};
+
+}  // namespace
+
+TEST_F(ConnectionTracerTest, EveryKindOfConnectionIsToldOnce)
+{
+    struct Row {
+        const char* name;
+        std::function<std::uint16_t()> run;  // gives the server's port
+        Strings texts;
+    };
+    const auto serve = [](const std::string& at, const std::string& to, int family) {
+        const Socket server(at);
+        EXPECT_TRUE(server.Listen());
+        const Socket client(family);
+        EXPECT_EQ(client.Connect(to, server.Port()), 0);
+        server.Accept();
+        return server.Port();
+    };
+    const Row rows[] = {
+        {"IPv4",
+         [&] { return serve("127.0.0.1", "127.0.0.1", AF_INET); },
+         {"listen 127.0.0.1 S", "connect opened 127.0.0.1 C 127.0.0.1 S", "accept 127.0.0.1 S 127.0.0.1 C",
+          "end 127.0.0.1 S"}},
+        {"IPv6",
+         [&] { return serve("::1", "::1", AF_INET6); },
+         {"listen ::1 S v6", "connect opened ::1 C ::1 S v6", "accept ::1 S ::1 C v6", "end ::1 S v6"}},
+        {"IPv4 on IPv6 sockets",
+         [&] { return serve("::", "::ffff:127.0.0.1", AF_INET6); },
+         {"listen :: S v6", "connect opened 127.0.0.1 C 127.0.0.1 S v6", "accept 127.0.0.1 S 127.0.0.1 C v6",
+          "end :: S v6"}},
+        {"refused",
+         [] {
+             const Socket nobody("127.0.0.1");
+             const Socket client(AF_INET);
+             EXPECT_EQ(client.Connect("127.0.0.1", nobody.Port()), ECONNREFUSED);
+             return nobody.Port();
+         },
+         {"connect failed ECONNREFUSED 127.0.0.1 C 127.0.0.1 S"}},
+        {"both sides connect",
+         [] {
+             const Socket own("127.0.0.1");
+             EXPECT_EQ(own.Connect("127.0.0.1", own.Port()), 0);
+             return own.Port();
+         },
+         {"connect opened 127.0.0.1 S 127.0.0.1 S"}},
+        {"no place to connect from",
+         [] {
+             const Socket taken("127.0.0.1");
+             const Socket server("127.0.0.1");
+             EXPECT_TRUE(server.Listen());
+             const Socket first("127.0.0.2");
+             EXPECT_EQ(first.Connect("127.0.0.1", server.Port()), 0);
+             const Socket second("127.0.0.2", first.Port());
+             EXPECT_EQ(second.Connect("127.0.0.1", server.Port()), EADDRNOTAVAIL);
+             return server.Port();
+         },
+         {"listen 127.0.0.1 S", "connect opened 127.0.0.2 C 127.0.0.1 S", "accept 127.0.0.1 S 127.0.0.2 C",
+          "connect failed 127.0.0.2 C 127.0.0.1 S", "end 127.0.0.1 S"}},
+        {"not TCP",
+         [] {
+             const Address at = At("127.0.0.1", 9);
+             const UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+             EXPECT_EQ(connect(fd.Get(), &at.any, sizeof(at)), 0);
+             return std::uint16_t{9};
+         },
+         {}},
+    };
+    ASSERT_TRUE(traced_.Start());
+    for (const Row& row : rows) {
+        const std::uint16_t port = row.run();
+        const auto records = traced_.Wait(port, row.texts.size());
+        EXPECT_EQ(TextsOf(records, port), row.texts) << row.name;
+        for (const Connection& record : records) {
+            EXPECT_TRUE(record.netNs == NetNs("self") && !record.foreignNetNs) << row.name;
+            EXPECT_EQ(record.pid, record.kind == Connection::kAccept ? 0 : getpid()) << row.name;
+        }
+    }
+    EXPECT_EQ(traced_.tracer.GetCounts().malformed, 0U);
+}
+
+TEST_F(ConnectionTracerTest, TheProcessIsTheOneThatActed)
+{
+    Socket shared("127.0.0.1");  // which the children have too
+    const std::uint16_t port = shared.Port();
+    const Helper other([&] {
+        prctl(PR_SET_NAME, "a liar");
+        return BecomePlainUser() && Socket(AF_INET).Connect("127.0.0.1", port) == 0 ? 0 : 1;
+    });
+    const Helper elsewhere([&] {
+        ifreq loop = {};
+        std::memcpy(loop.ifr_name, "lo", 3);
+        loop.ifr_flags = IFF_UP;
+        return unshare(CLONE_NEWNET) == 0 && ioctl(socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFFLAGS, &loop) == 0 &&
+                       Socket("127.0.0.1", port).Listen()
+                   ? 0
+                   : 1;
+    });
+    const Helper last([&] { return 0; });  // its end closes the socket
+    ASSERT_TRUE(traced_.Start());
+    ASSERT_TRUE(shared.Listen());
+    EXPECT_EQ(other.Run(), 0);
+    EXPECT_EQ(elsewhere.Run(), 0);
+    EXPECT_EQ(traced_.Wait(port, 5).size(), 5U);
+    shared.fd.Reset();
+    EXPECT_EQ(traced_.Wait(port, 5).size(), 5U) << "ended while a child held it";
+    EXPECT_EQ(last.Run(), 0);
+    const auto records = traced_.Wait(port, 6);
+    const std::string program = fs::read_symlink("/proc/self/exe").filename();
+    struct Expected {
+        Connection::Kind kind;
+        int pid;
+        std::uint32_t uid;
+        const char* comm;
+        bool foreign;
+    };
+    const Expected all[] = {
+        {Connection::kListen, getpid(), 0, nullptr, false},
+        {Connection::kConnect, other.pid, 65534, "a liar", false},
+        {Connection::kAccept, 0, 0, "", false},
+        {Connection::kListen, elsewhere.pid, 0, nullptr, true},
+        {Connection::kListenEnd, elsewhere.pid, 0, nullptr, true},
+        {Connection::kListenEnd, last.pid, 0, nullptr, false},
+    };
+    ASSERT_EQ(records.size(), std::size(all));
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        const Connection& record = records[i];
+        EXPECT_TRUE(record.kind == all[i].kind && record.pid == all[i].pid && record.uid == all[i].uid) << i;
+        EXPECT_EQ(record.foreignNetNs, all[i].foreign) << i;
+        EXPECT_EQ(record.program, record.pid == 0 || record.pid == last.pid ? "" : program) << i;
+        EXPECT_TRUE(all[i].comm == nullptr || record.comm == all[i].comm) << i << record.comm;
+    }
+}
+
+// Nobody answers: an attempt is told before its result is known, and an agent that stops still tells of it.
+TEST_F(ConnectionTracerTest, AnAttemptWithoutAnAnswerIsTold)
+{
+    const Socket server("127.0.0.1");
+    ASSERT_TRUE(server.Listen(0) && traced_.Start());
+    const std::uint16_t port = server.Port();
+    std::vector<Socket> clients;
+    const auto tried = [&](Connection::Result result) {
+        return std::ranges::count_if(traced_.Of(port), [=](const Connection& record) {
+            return record.kind == Connection::kConnect && record.result == result;
+        });
+    };
+    for (int i = 0; i < 4; ++i) {  // the queue takes one or two
+        clients.emplace_back(AF_INET, SOCK_NONBLOCK);
+        EXPECT_EQ(clients.back().Connect("127.0.0.1", port), EINPROGRESS);
+    }
+    ASSERT_TRUE(Eventually([&] { return tried(Connection::kPending) > 0; }));
+    const auto pending = tried(Connection::kPending);
+    EXPECT_EQ(tried(Connection::kOpened) + pending, 4);
+    clients.clear();
+    ASSERT_TRUE(Eventually([&] { return tried(Connection::kFailed) == pending; }));
+    for (const Connection& record : traced_.Of(port)) {
+        EXPECT_TRUE(record.kind != Connection::kConnect || record.pid == getpid());
+        EXPECT_TRUE(record.result != Connection::kFailed ||
+                    (record.error == 0 && record.localPort != 0 && record.durationNs > 900000000));
+    }
+    for (int i = 0; i < 4; ++i) {
+        clients.emplace_back(AF_INET, SOCK_NONBLOCK);
+        clients.back().Connect("127.0.0.1", port);
+    }
+    const auto counts = [this] { return traced_.tracer.GetCounts(); };
+    ASSERT_TRUE(Eventually([&] { return counts().received.Total() == counts().seen.Total(); }));
+    traced_.tracer.Stop();
+    EXPECT_GT(tried(Connection::kPending), pending);
+}
+
+TEST_F(ConnectionTracerTest, WhatDoesNotFitIsCountedExactly)
+{
+    constexpr std::uint64_t kConnections = 1500;
+    std::atomic<bool> blocked{true};
+    std::atomic<std::uint64_t> told{0};
+    std::atomic<std::uint64_t> losses{0};
+    const Socket server("127.0.0.1");
+    ASSERT_TRUE(server.Listen());
+    ConnectionTracer::Settings settings;
+    settings.ringSize = 1;  // the smallest there is
+    ConnectionTracer tracer;
+    ASSERT_TRUE(tracer.Start(
+        settings,
+        [&](const Connection&) {
+            blocked.wait(true);
+            ++told;
+        },
+        [&](const ConnectionTracer::Counts::Kinds& lost) { losses = lost.Total(); }));
+    for (std::uint64_t i = 0; i < kConnections; ++i) {
+        EXPECT_EQ(Socket(AF_INET).Connect("127.0.0.1", server.Port()), 0);
+        server.Accept();
+    }
+    const auto full = tracer.GetCounts();
+    EXPECT_TRUE(full.lost.connects > 0 && full.lost.results > 0 && full.lost.accepts > 0);
+    blocked = false;
+    blocked.notify_all();
+    ASSERT_TRUE(Eventually([&] {
+        const auto counts = tracer.GetCounts();
+        return counts.received.Total() + counts.lost.Total() == counts.seen.Total() && losses == counts.lost.Total();
+    }));
+    tracer.Stop();
+    const auto counts = tracer.GetCounts();  // they stay
+    EXPECT_GE(counts.seen.connects, kConnections);
+    EXPECT_GE(counts.seen.results, kConnections);
+    EXPECT_GE(counts.seen.accepts, kConnections);
+    EXPECT_EQ(counts.received.accepts + counts.lost.accepts, counts.seen.accepts);
+    EXPECT_GT(told, 0U);
+    EXPECT_EQ(counts.recursionMisses, 0U);
+}
+
+TEST_F(ConnectionTracerTest, OnlyWhatIsAskedForReachesTheRing)
+{
+    for (int only = 0; only < 3; ++only) {
+        Watched traced;
+        traced.settings.connects = only == 0;
+        traced.settings.accepts = only == 1;
+        traced.settings.listens = only == 2;
+        ASSERT_TRUE(traced.Start());
+        {
+            const Socket server("127.0.0.1");
+            ASSERT_TRUE(server.Listen());
+            EXPECT_EQ(Socket(AF_INET).Connect("127.0.0.1", server.Port()), 0);
+        }
+        traced.tracer.Stop();
+        const auto seen = traced.tracer.GetCounts().seen;
+        EXPECT_TRUE((seen.connects > 0) == (only == 0) && (seen.results > 0) == (only == 0)) << only;
+        EXPECT_TRUE((seen.accepts > 0) == (only == 1) && (seen.listens > 0) == (only == 2)) << only;
+    }
+}
+
+TEST_F(ConnectionTracerTest, WithoutItsProgramItRefusesWithOneReason)
+{
+    const auto bit = [](int right) { return std::uint64_t{1} << right; };
+    const std::uint64_t enough = bit(CAP_BPF) | bit(CAP_PERFMON) | bit(CAP_SETUID) | bit(CAP_SETGID);
+    const std::pair<const char*, std::function<bool()>> rows[] = {
+        {"no rights", [] { return KeepRights(0); }},
+        {"one of two", [] { return KeepRights(std::uint64_t{1} << CAP_PERFMON); }},
+        {"no types",
+         [] {
+             return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                    mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) == 0;
+         }},
+    };
+    for (const auto& [name, prepare] : rows) {
+        EXPECT_EQ(Wait(Fork([&] {
+                      Watched traced;
+                      if (!prepare() || traced.Start() || traced.tracer.IsRunning()) {
+                          return 1;
+                      }
+                      return log_.Lines().size() == 1 &&
+                                     Contains(log_.Lines()[0], "ERROR Fail to start the network tracer.[reason=cannot ")
+                                 ? 0
+                                 : 2;
+                  })),
+                  0)
+            << name;
+    }
+    EXPECT_EQ(Wait(Fork([&] {  // which may go once it has started
+                  Watched traced;
+                  if (!kThreadsInChildren) {
+                      return 0;
+                  }
+                  if (!KeepRights(enough) || !traced.Start() || !BecomePlainUser() || !KeepRights(0)) {
+                      return 1;
+                  }
+                  const Socket server("127.0.0.1");
+                  return server.Listen() && traced.Wait(server.Port(), 1).size() == 1 ? 0 : 2;
+              })),
+              0);
+}
+
+TEST_F(ConnectionTracerTest, ACallbackMayStopItAndMayThrow)
+{
+    std::atomic<int> told{0};
+    ConnectionTracer tracer;
+    ConnectionTracer::Settings settings;
+    settings.wakeMs = 0;
+    for (const bool stops : {false, true}) {
+        told = 0;
+        ASSERT_TRUE(tracer.Start(settings, [&](const Connection&) {
+            ++told;
+            if (stops) {
+                tracer.Stop();
+            }
+            throw std::runtime_error("odd");
+        }));
+        EXPECT_FALSE(tracer.Start(settings, [](const Connection&) {}));
+        const Socket one("127.0.0.1");
+        const Socket two("127.0.0.1");
+        ASSERT_TRUE(one.Listen() && two.Listen());
+        ASSERT_TRUE(Eventually([&] { return told >= (stops ? 1 : 2); }));
+        tracer.Stop();
+        EXPECT_TRUE(!stops || told == 1);
+    }
+    EXPECT_GT(log_.Count("ERROR A callback of the network tracer failed.[reason=odd]"), 2);
+}
+
+TEST_F(ConnectionTracerTest, AHundredStartsAndStopsLeaveNothing)
+{
+    const auto own = [] { return std::pair(CountEntries("/proc/self/fd"), CountEntries("/proc/self/task")); };
+    constexpr std::size_t kOfOthers = 30;  // other tests load programs at the same time
+    ASSERT_TRUE(traced_.Start(1));
+    traced_.tracer.Stop();
+    const auto ownBefore = own();
+    const std::size_t loaded = CountLoaded();
+    InThreads(4, [](int) {
+        for (int i = 0; i < 25; ++i) {
+            Watched traced;
+            ASSERT_TRUE(traced.Start(1)) << i;
+        }
+    });
+    EXPECT_TRUE(Eventually([&] { return own() == ownBefore; }));
+    EXPECT_TRUE(Eventually([&] { return CountLoaded() <= loaded + kOfOthers; }));
+}
