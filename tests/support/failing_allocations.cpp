@@ -60,6 +60,11 @@ int FailingAllocations::InTurn(Mode mode, const std::function<void()>& call, con
     }
 }
 
+std::size_t FailingAllocations::Used()
+{
+    return g_used;
+}
+
 std::size_t FailingAllocations::MostUsedIn(const std::function<void()>& call)
 {
     const std::size_t before = g_used;
