@@ -221,29 +221,31 @@ TEST(ReportStoreTest, HasEnoughBeforeThereIsNoRoom)
 TEST(ServerWatchTest, AsksAndGivesUpInTime)
 {
     ServerWatch watch(0);
-    const auto is = [&watch](std::int64_t seconds, bool due, bool dueWhenIdle, bool answering, bool silent) {
-        const std::int64_t now = seconds * kSecond;
-        EXPECT_EQ(watch.IsHeartbeatDue(now, false), due) << seconds;
-        EXPECT_EQ(watch.IsHeartbeatDue(now, true), dueWhenIdle) << seconds;
-        EXPECT_EQ(watch.IsAnswering(now), answering) << seconds;
-        EXPECT_EQ(watch.IsSilent(now), silent) << seconds;
+    const auto connect = [&](std::int64_t now) { watch.OnConnected(now); };
+    const auto answer = [&](std::int64_t now) { watch.OnAnswer(now); };
+    const auto ask = [&](std::int64_t) { watch.OnHeartbeat(7); };
+    const auto take = [&](std::int64_t) {
+        EXPECT_TRUE(!watch.TakeHeartbeat(6) && watch.TakeHeartbeat(7) && !watch.TakeHeartbeat(7));
     };
-    watch.OnConnected(100 * kSecond);
-    is(100, false, true, false, false);
-    watch.OnAnswer(101 * kSecond);
-    is(110, false, false, true, false);
-    is(111, true, true, true, false);
-    watch.OnHeartbeat(7);
-    is(130, false, false, true, false);  // one is under way, and repeated by the channel
-    is(131, false, false, false, true);
-    EXPECT_FALSE(watch.TakeHeartbeat(6));
-    EXPECT_TRUE(watch.TakeHeartbeat(7));
-    EXPECT_FALSE(watch.TakeHeartbeat(7));
-    watch.OnAnswer(132 * kSecond);
-    is(132, false, false, true, false);
-    watch.OnHeartbeat(8);
-    watch.OnConnected(140 * kSecond);  // whatever was before
-    is(140, false, true, false, false);
-    is(169, true, true, false, false);
-    is(170, true, true, false, true);
+    const auto nothing = [](std::int64_t) {};
+    const struct {
+        std::int64_t second;
+        std::function<void(std::int64_t)> happens;
+        bool due, dueWhenIdle, answering, silent;
+    } rows[] = {
+        {100, connect, false, true, false, false}, {101, answer, false, false, true, false},
+        {110, nothing, false, false, true, false}, {111, nothing, true, true, true, false},
+        {112, ask, false, false, true, false},  // one is under way, and repeated by the channel
+        {130, nothing, false, false, true, false}, {131, nothing, false, false, false, true},
+        {131, take, true, true, false, true},      {132, answer, false, false, true, false},
+        {133, ask, false, false, true, false},     {140, connect, false, true, false, false},  // whatever was before
+        {169, nothing, true, true, false, false},  {170, nothing, true, true, false, true},
+    };
+    for (const auto& row : rows) {
+        const std::int64_t now = row.second * kSecond;
+        row.happens(now);
+        EXPECT_TRUE(watch.IsHeartbeatDue(now, false) == row.due && watch.IsHeartbeatDue(now, true) == row.dueWhenIdle &&
+                    watch.IsAnswering(now) == row.answering && watch.IsSilent(now) == row.silent)
+            << row.second;
+    }
 }
