@@ -155,7 +155,6 @@ void BareWrite(const char* line, std::size_t length)
         benchmark::DoNotOptimize(stat(g_barePath->c_str(), &size));
     }
     const int fd = fileno_unlocked(g_bareStream);
-    benchmark::DoNotOptimize(fcntl(fd, F_GETFL));
     struct statx status = {};
     benchmark::DoNotOptimize(statx(fd, "", AT_EMPTY_PATH, STATX_NLINK, &status));
     benchmark::DoNotOptimize(fwrite_unlocked(line, 1, length, g_bareStream));

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,18 +29,22 @@ constexpr std::int64_t kLongestRollPauseNs = 60 * Clock::kNsPerSecond;
 constexpr std::int64_t kForkWaitNs = Clock::kNsPerSecond;
 constexpr std::int64_t kSlowSeconds = 10;
 
-// The open file still has a name. statx asks for the link count alone, which makes the write that follows cheaper
-// than fstat does. fstat serves where the kernel has no statx.
-bool HasLinks(int fd)
+// The status of an open file, as far as it tells that the file is still the one that was opened and has a name. statx
+// asks for that alone, which makes the write that follows cheaper than fstat does. fstat serves where the kernel has no
+// statx.
+bool ReadIdentity(int fd, struct stat& identity)
 {
 #ifdef STATX_NLINK
+    constexpr unsigned int kWanted = STATX_NLINK | STATX_INO;
     struct statx status = {};
-    if (statx(fd, "", AT_EMPTY_PATH, STATX_NLINK, &status) == 0 && (status.stx_mask & STATX_NLINK) != 0) {
-        return status.stx_nlink > 0;
+    if (statx(fd, "", AT_EMPTY_PATH, kWanted, &status) == 0 && (status.stx_mask & kWanted) == kWanted) {
+        identity.st_nlink = status.stx_nlink;
+        identity.st_ino = status.stx_ino;
+        identity.st_dev = makedev(status.stx_dev_major, status.stx_dev_minor);
+        return true;
     }
 #endif
-    struct stat plain = {};
-    return fstat(fd, &plain) == 0 && plain.st_nlink > 0;
+    return fstat(fd, &identity) == 0;
 }
 
 }  // namespace
@@ -214,7 +219,14 @@ bool LogSystem::LogFile::IsFileStreamVaild() const
         return true;
     }
     const int fd = fileno_unlocked(stream_);
-    return fd >= 0 && fcntl(fd, F_GETFL) != 0 && HasLinks(fd);
+    struct stat status = {};
+    if (fd < 0 || !ReadIdentity(fd, status) || status.st_nlink == 0) {
+        return false;
+    }
+    // The flags of the file that was opened are known. Those of another one that has its descriptor by now tell whether
+    // a line could be written to it.
+    const bool isOpened = status.st_ino == inode_ && status.st_dev == device_ && lastError_ == 0;
+    return isOpened || fcntl(fd, F_GETFL) != 0;
 }
 
 bool LogSystem::LogFile::IsLogFileValid() const
@@ -261,6 +273,8 @@ bool LogSystem::LogFile::CheckLogInfo()
         errno = error;
         return false;
     }
+    inode_ = status.st_ino;
+    device_ = status.st_dev;
     endsInPiece_ = false;
     rollPauseNs_ = nextRollNs_ = 0;  // nothing is left to roll away
     fileSize_ = static_cast<std::uint64_t>(status.st_size);

@@ -145,6 +145,8 @@ private:
     unsigned int writeCount_ = 0;
     std::uint64_t fileSize_ = 0;
     std::FILE* stream_ = nullptr;
+    std::uint64_t inode_ = 0;  // of the file that was opened, with the device it is on
+    std::uint64_t device_ = 0;
     bool endsInPiece_ = false;  // the last line was not written whole
     std::int64_t rollPauseNs_ = 0;
     std::int64_t nextRollNs_ = 0;

@@ -67,6 +67,22 @@ TEST_F(LogFaultTest, ALostDirectoryIsToldAndReopensByItself)
     EXPECT_EQ(Read(lost + "/a.log"), "3\n");
 }
 
+// A program that closes what is not its own gives the number to its next descriptor. Lines must not be lost in there.
+TEST_F(LogFaultTest, ADescriptorThatIsAnothersByNowIsGivenUp)
+{
+    LogFile file(path_, DEBUG, 0, 0);
+    Put(file, "1\n");
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        int ends[2];
+        if (fs::read_symlink(entry, gone) == path_ && pipe(ends) == 0) {
+            dup2(ends[0], std::stoi(entry.path().filename()));
+        }
+    }
+    EXPECT_TRUE(Put(file, "2\n"));
+    EXPECT_EQ(Read(path_), "2\n");
+}
+
 // With a large log left over on a full disk, gzip at every record would hold up all who log.
 TEST_F(LogFaultTest, AFailingGzipIsTriedAgainAfterAGrowingPause)
 {
