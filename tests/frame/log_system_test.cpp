@@ -44,10 +44,19 @@ TEST_F(LogFileTest, RollsWhatItFindsAndKeepsTheNewestCopies)
     EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0640));
     EXPECT_EQ(fs::status(Copy(1)).permissions(), fs::perms(0440));
     Write(Copy(9), "left by a higher limit");
-    Write(path_ + ".x.gz", "not a copy");
     EXPECT_TRUE(PutToNew("five", 1));
     EXPECT_EQ(Unzipped(Copy(1)), "four");
-    EXPECT_TRUE(!HasCopy(2) && !HasCopy(9) && fs::exists(path_ + ".x.gz"));
+    EXPECT_FALSE(HasCopy(2) || HasCopy(9));
+    // With a large limit only the copies that exist are looked for; all numbers would take hours under the file's lock.
+    for (const char* number : {"7", "4294967294", "4294967295", "007", "x"}) {
+        Write(path_ + "." + number + ".gz", number);
+    }
+    EXPECT_TRUE(PutToNew("six", 4294967295));
+    for (const auto& [number, content] : {std::pair("8", "7"), std::pair("4294967295", "4294967294"),
+                                          std::pair("007", "007"), std::pair("x", "x"), std::pair("7", "")}) {
+        EXPECT_EQ(Read(path_ + "." + number + ".gz"), content) << number;
+    }
+    EXPECT_EQ(Unzipped(Copy(1)) + Unzipped(Copy(2)), "fivefour");
 }
 
 // Kept: the size is looked at with every 50th write, before it.
@@ -67,16 +76,26 @@ TEST_F(LogFileTest, RollsByTheSizeSeenAtEvery50thWrite)
     EXPECT_FALSE(fs::exists(dir_ / "c.log.gz") || fs::exists(dir_ / "c.log.1.gz"));
 }
 
-// A link planted in the log directory must not lead root's log, or its compression, elsewhere.
-TEST_F(LogFileTest, LinksAndDirectoriesAreRemovedNotFollowed)
+// A link planted in the log directory must not lead root's log, or its compression, elsewhere. Kept: what others may
+// have written is removed, not rolled into the evidence.
+TEST_F(LogFileTest, WhatIsNotAFileOfItsOwnIsRemoved)
 {
     const std::string target = dir_ / "target";
     Write(target, "keep");
-    for (const auto& make : std::initializer_list<std::function<void()>>{[&] { fs::create_symlink(target, path_); },
-                                                                         [&] { fs::create_hard_link(target, path_); },
-                                                                         [&] { fs::create_directory(path_); }}) {
-        make();
-        EXPECT_TRUE(PutToNew("a") && Read(path_) == "a" && Read(target) == "keep" && !HasCopy(1));
+    const auto giveAway = [&](uid_t user, gid_t group) {
+        Write(path_, "forged");
+        static_cast<void>(!chown(path_.c_str(), user, group));
+    };
+    const std::vector<std::function<void()>> rows = {
+        [&] { fs::create_symlink(target, path_); },
+        [&] { fs::create_hard_link(target, path_); },
+        [&] { fs::create_directory(path_); },
+        [&] { giveAway(65534, static_cast<gid_t>(-1)); },
+        [&] { giveAway(static_cast<uid_t>(-1), 65534); },
+    };
+    for (std::size_t row = 0; row < (geteuid() == 0 ? 5 : 3); ++row) {  // giving a file away needs root
+        rows[row]();
+        EXPECT_TRUE(PutToNew("a") && Read(path_) == "a" && Read(target) == "keep" && !HasCopy(1)) << row;
         fs::remove(path_);
     }
 }
@@ -112,19 +131,6 @@ static bool Register(const std::string& path, const std::string& name, const std
     return LogSystem::Register(std::make_shared<LogFile>(path, INFO, 1000, 0), kind, name, &Echo);
 }
 
-// An unchecked path would become a shell command of root's.
-TEST(LogSystemTest, RefusesWhatItCannotRegister)
-{
-    const Records records;
-    EXPECT_FALSE(LogSystem::Register(nullptr, "k", "n", &Echo));
-    EXPECT_FALSE(Register("/x.log", "n", "") || Register("/x.log", "") || Register("", "n") || Register("-f", "n"));
-    const std::string special = " \n\t\x7f;&$()`|<>*'\"\\~#{}?[]!^";
-    for (const char byte : special) {
-        EXPECT_FALSE(Register(std::string("/a") + byte + "b", "n")) << byte;
-    }
-    EXPECT_EQ(records.Lines().size(), 5 + special.size());
-}
-
 TEST(LogSystemTest, FivePlacesEachPairOnce)
 {
     const TempDir dir;
@@ -133,6 +139,10 @@ TEST(LogSystemTest, FivePlacesEachPairOnce)
         EXPECT_FALSE(Register(dir / name, name));
     }
     EXPECT_FALSE(Register(dir / "six", "six"));
+    LogSystem::Unregister("n4");
+    EXPECT_FALSE(LogSystem::Register(nullptr, "k", "n", &Echo) || Register("/x.log", "n", "") ||
+                 Register("/x.log", ""));
+    EXPECT_TRUE(Register(dir / "n4", "n4"));
     EXPECT_TRUE(LogSystem::UpdateLogConfig("n3", FATAL, 0, 1));
     NE_LOG(ERROR, "again");
     EXPECT_TRUE(Contains(Read(dir / "n4"), "again") && !Contains(Read(dir / "n3"), "again"));
@@ -185,27 +195,18 @@ TEST(LogSystemTest, UnregisteringOneWaitsForItsLinesAndLeavesTheOthers)
 {
     const TempDir dir;
     ASSERT_TRUE(Register(dir / "other", "other"));
-    const auto token = std::make_shared<int>();
-    std::atomic<bool> inside{false};
-    std::atomic<bool> go{false};
-    std::atomic<bool> done{false};
+    const auto token = std::make_shared<std::atomic<int>>(0);
     const auto file = std::make_shared<LogFile>(dir / "a", INFO, 0, 0);
-    ASSERT_TRUE(
-        LogSystem::Register(file, kDotLog, "a", [&, token](const NENormalLog& record, char* out, unsigned int size) {
-            inside = true;
-            go.wait(false);
-            return Echo(record, out, size);
-        }));
+    const auto slow = [token](const NENormalLog& record, char* out, unsigned int size) {
+        *token = 1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        *token = 2;
+        return Echo(record, out, size);
+    };
+    ASSERT_TRUE(LogSystem::Register(file, kDotLog, "a", slow));
     const std::jthread logger([] { LoggerWriteLog(kDotLog, INFO, "f.cpp", 1, "last"); });
-    EXPECT_TRUE(Eventually([&] { return inside.load(); }));
-    std::jthread closer([&] { done = LogSystem::Unregister("a"); });
-    EXPECT_TRUE(Eventually([&] { return !LogSystem::UpdateLogConfig("a", INFO, 0, 0); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // so that a wait that is none shows
-    EXPECT_FALSE(done);
-    go = true;
-    go.notify_all();
-    closer.join();
-    EXPECT_TRUE(done && token.use_count() == 1 && file.use_count() == 1);
+    EXPECT_TRUE(Eventually([&] { return *token == 1; }));
+    EXPECT_TRUE(LogSystem::Unregister("a") && *token == 2 && token.use_count() == 2 && file.use_count() == 1);
     EXPECT_EQ(Read(dir / "a"), "last\n");
     EXPECT_FALSE(file->FlushLogStream("late\n", 5) || LogSystem::Unregister("a"));
     NE_LOG(INFO, "goes on");

@@ -58,13 +58,20 @@ struct StopTest : testing::Test {
     const std::string log_ = dir_ / "log";
 };
 
+// For stop functions that log in a handler, each of which ThreadSanitizer reports.
+struct StopInHandlerTest : StopTest {
+    void SetUp() override
+    {
+#ifdef __SANITIZE_THREAD__
+        GTEST_SKIP() << "ThreadSanitizer reports each stop function that logs in a handler, which is the case here";
+#endif
+    }
+};
+
 // The stop function takes the locks that the interrupted thread holds in the very call that it was in the middle of.
 // Many signals at once are one: the stop function does not run in the middle of itself either.
-TEST_F(StopTest, AMainFunctionThatIsBusyInTheFrameIsStoppedOnce)
+TEST_F(StopInHandlerTest, AMainFunctionThatIsBusyInTheFrameIsStoppedOnce)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer reports each stop function that logs in a handler, which is the case here";
-#endif
     static const std::string text = "key=" + std::string(100, 'v');
     static const auto again = std::make_shared<LogSystem::LogFile>(dir_ / "again", INFO, 0, 0);
     const std::pair<const char*, void (*)()> mains[] = {
@@ -115,11 +122,8 @@ struct FaultyCopy {
 
 // The interrupted thread keeps its lock for ever. Another thread must not wait for it, since the stop function joins
 // it.
-TEST_F(StopTest, AFaultUnderALockHoldsNoOtherThreadUp)
+TEST_F(StopInHandlerTest, AFaultUnderALockHoldsNoOtherThreadUp)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer reports each stop function that logs in a handler, which is the case here";
-#endif
     const pid_t pid = Start([] {
         MessageBus::GetSubList<const NENormalLog&>()[kDotLog]["faulty"] = FaultyCopy();
         other = std::jthread([] {
@@ -137,11 +141,8 @@ TEST_F(StopTest, AFaultUnderALockHoldsNoOtherThreadUp)
 }
 
 // A record that hangs, here while its file rolls, must not keep the program from stopping.
-TEST_F(StopTest, ALaterStopSignalDoesNotWaitForTheRecord)
+TEST_F(StopInHandlerTest, ALaterStopSignalDoesNotWaitForTheRecord)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer reports each stop function that logs in a handler, which is the case here";
-#endif
     const std::string gzip = dir_ / "gzip";
     Write(gzip, "#!/bin/sh\necho $$ >" + gzip + ".pid\nexec sleep 60\n");
     fs::permissions(gzip, fs::perms(0755));
@@ -200,11 +201,8 @@ TEST_F(StopTest, WaitingGoesOnAfterAReportAndEndsInTheStop)
 }
 
 // Kept: without a report to write a stop is swallowed; the wait goes on. Where the program handles SIGTERM, it ends.
-TEST_F(StopTest, ASwallowedStopDoesNotEndTheWait)
+TEST_F(StopInHandlerTest, ASwallowedStopDoesNotEndTheWait)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer reports each stop function that logs in a handler, which is the case here";
-#endif
     MyProgram::GetInstance().SetLogPath("/none");
     const int status = Wait(Fork([&] {
         static std::string directory;
@@ -285,11 +283,8 @@ static bool g_raiseInFork = false;
 static const int kHandlerAdded = pthread_atfork([] { g_raiseInFork ? raise(SIGINT) : 0; }, nullptr, nullptr);
 
 // A child inherits no pending signal, so one that was put off over the fork is the parent's alone.
-TEST_F(StopTest, AStopDuringAForkIsTheParentsAlone)
+TEST_F(StopInHandlerTest, AStopDuringAForkIsTheParentsAlone)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer reports each stop function that logs in a handler, which is the case here";
-#endif
     static std::string child;
     child = dir_ / "child";
     const pid_t pid = Start([] {
