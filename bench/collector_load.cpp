@@ -26,7 +26,7 @@
 
 #include "basecomm.h"
 #include "report_messages.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 #include "tlv.h"
 
 extern char** environ;
@@ -270,8 +270,8 @@ struct Result {
 
 Result Measure(const std::function<pid_t(const std::string&)>& start)
 {
-    const TempFolder folder;
-    const std::string path = folder.File("socket");
+    const TempDirectory directory;
+    const std::string path = directory.File("socket");
     Bind(kServerProcessor);
     const pid_t pid = start(path);
     Require(pid > 0, "start of the server");

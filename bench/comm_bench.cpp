@@ -32,7 +32,7 @@
 #include "config.h"
 #include "median_reporter.h"
 #include "socket_comm.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -157,17 +157,17 @@ private:
     std::atomic<std::uint64_t> bytes_{0};
 };
 
-const TempFolder& Folder()
+const TempDirectory& Directory()
 {
-    static const TempFolder folder;
-    return folder;
+    static const TempDirectory directory;
+    return directory;
 }
 
 // The server: one connection after the other. It answers requests, or takes all bytes without a look.
 class Peer {
 public:
     Peer(Transport transport, bool answers)
-        : transport_(transport), answers_(answers), path_(Folder().File(answers ? "echo" : "sink"))
+        : transport_(transport), answers_(answers), path_(Directory().File(answers ? "echo" : "sink"))
     {
         Require(bind(listener_, Address(), addressSize_) == 0 && listen(listener_, 1) == 0, "listen");
         getsockname(listener_, Address(), &addressSize_);
@@ -459,7 +459,7 @@ public:
             ZmqSocket server(serverType);
             server_ = &server;
             const std::string wanted =
-                transport == Transport::kUnix ? "ipc://" + Folder().File("zmq") : "tcp://127.0.0.1:*";
+                transport == Transport::kUnix ? "ipc://" + Directory().File("zmq") : "tcp://127.0.0.1:*";
             std::size_t size = sizeof(address_);
             Require(zmq_bind(server.Get(), wanted.c_str()) == 0, "zmq_bind");
             Require(zmq_getsockopt(server.Get(), ZMQ_LAST_ENDPOINT, address_, &size) == 0, "zmq_getsockopt");
@@ -641,7 +641,7 @@ private:
 
 int main(int argc, char** argv)
 {
-    Folder();  // outlives the peers
+    Directory();  // outlives the peers
     Bind(pthread_self(), kSame);
     RegisterRows();
     CommReporter reporter;

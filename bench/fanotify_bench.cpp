@@ -9,7 +9,7 @@
 
 #include "fanotify_watcher.h"
 #include "readers.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -23,8 +23,8 @@ constexpr timespec kPause = {0, 2000000};
 
 std::atomic<long> g_told{0};
 
-// Each file is touched once, so that the kernel merges no events: every other one is opened, in a folder where this
-// is an event, the others are written, in a folder where that is one.
+// Each file is touched once, so that the kernel merges no events: every other one is opened, in a directory where this
+// is an event, the others are written, in a directory where that is one.
 std::string FilePath(const std::string& place, int i)
 {
     return place + (i % 2 == 0 ? "/opens/" : "/writes/") + std::to_string(i);
@@ -119,8 +119,8 @@ Result MeasureBare(const std::string& place, int count, bool paced)
 // It reports the whole file system, so it sees the opening of the files that are written too.
 Result MeasureFatrace(const std::string& place, int count, bool paced)
 {
-    const TempFolder folder;
-    const std::string name = folder.File("output");
+    const TempDirectory directory;
+    const std::string name = directory.File("output");
     const int output = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const pid_t pid = StartProgram({FATRACE_PROGRAM, "-c", "-f", "OW"}, place, output, STDERR_FILENO);
     close(output);
@@ -155,8 +155,8 @@ void Measure(const std::string& place, int count, bool paced)
 
 int main()
 {
-    const TempFolder folder;
-    const std::string place = folder.File("mount");
+    const TempDirectory directory;
+    const std::string place = directory.File("mount");
     std::filesystem::create_directory(place);
     // The mount is seen by this program and its children alone, and ends with them.
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||

@@ -21,7 +21,7 @@
 #include "log_system.h"
 #include "logger.h"
 #include "median_reporter.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -38,8 +38,8 @@ constexpr char kCmdLine[] = "/usr/bin/rsync -a --delete /srv/data/ backup:/srv/d
 
 std::string LogPath()
 {
-    static const TempFolder folder;
-    return folder.File("bench.log");
+    static const TempDirectory directory;
+    return directory.File("bench.log");
 }
 
 void RemoveLog()

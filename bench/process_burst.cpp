@@ -23,7 +23,7 @@
 
 #include "connector.h"
 #include "process_monitor.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 extern char** environ;
 
@@ -226,8 +226,8 @@ pid_t StartForkstat(const std::string& output)
 // Its output is buffered, so its few lines from before the burst count too; its time from then does not.
 Result MeasureForkstat(long processes)
 {
-    const TempFolder folder;
-    const std::string output = folder.File("forkstat");
+    const TempDirectory directory;
+    const std::string output = directory.File("forkstat");
     const pid_t pid = StartForkstat(output);
     clockid_t clock;
     clock_getcpuclockid(pid, &clock);

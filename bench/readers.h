@@ -89,11 +89,11 @@ inline std::int64_t CpuNsOf(clockid_t clock, const Progress& progress, const std
     return CpuNsWhenDone(clock, progress) - start;
 }
 
-inline pid_t StartProgram(std::vector<std::string> words, const std::string& folder, int output, int errors)
+inline pid_t StartProgram(std::vector<std::string> words, const std::string& directory, int output, int errors)
 {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
+    posix_spawn_file_actions_addchdir_np(&actions, directory.c_str());
     posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
     std::vector<char*> args;

@@ -11,7 +11,7 @@
 
 #include "log_system.h"
 #include "logger.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -61,9 +61,9 @@ double LogUntilRolled(const std::string& newestCopy)
 }
 
 // Compresses the bytes of the newest copy once more; a negative time stands for a failure.
-double MeasureGzip(const TempFolder& folder, const std::string& newestCopy, long long& size)
+double MeasureGzip(const TempDirectory& directory, const std::string& newestCopy, long long& size)
 {
-    const std::string equal = folder.File("equal");
+    const std::string equal = directory.File("equal");
     struct stat status = {};
     if (!Run("gzip -dc " + newestCopy + " > " + equal) || stat(equal.c_str(), &status) != 0) {
         return -1;
@@ -79,8 +79,8 @@ double MeasureGzip(const TempFolder& folder, const std::string& newestCopy, long
 
 int main()
 {
-    const TempFolder folder;
-    const std::string path = folder.File("roll.log");
+    const TempDirectory directory;
+    const std::string path = directory.File("roll.log");
     const std::string newestCopy = path + ".1.gz";
     const auto file = std::make_shared<LogSystem::LogFile>(path, INFO, kLimit, kRolls);
     if (!LogSystem::Register(file, NEUtils::kNormalLog, "RollLog", &LogSystem::GetDefaultLogContent)) {
@@ -92,7 +92,7 @@ int main()
     for (int roll = 1; roll <= kRolls; ++roll) {
         const double call = LogUntilRolled(newestCopy);
         long long size = 0;
-        const double gzip = MeasureGzip(folder, newestCopy, size);
+        const double gzip = MeasureGzip(directory, newestCopy, size);
         if (call <= 0 || gzip < 0) {
             std::fprintf(stderr, "the file did not roll\n");
             return 1;

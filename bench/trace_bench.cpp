@@ -14,7 +14,7 @@
 #include "process_tracer.h"
 #include "process_utils.h"
 #include "readers.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 #include <process_trace.skel.h>
 
@@ -231,8 +231,8 @@ Result MeasureBare(long processes)
 
 Result MeasureForkstat(long processes)
 {
-    const TempFolder folder;
-    const int output = open(folder.File("forkstat").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const TempDirectory directory;
+    const int output = open(directory.File("forkstat").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     const pid_t pid = Readers::StartProgram({FORKSTAT_PROGRAM, "-e", "fork,exec,exit"}, "/", output, output);
     clockid_t clock = {};
     clock_getcpuclockid(pid, &clock);

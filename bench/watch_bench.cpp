@@ -14,7 +14,7 @@
 #include "inotify_monitor.h"
 #include "inotify_watcher.h"
 #include "readers.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -220,8 +220,8 @@ void CountLine(const char* line, Tally& tally)
 // that a thread reads where the time of each line counts.
 void WithInotifywait(const std::string& tree, Tally& tally, const Work& work)
 {
-    const TempFolder folder;
-    const std::string name = folder.File("output");
+    const TempDirectory directory;
+    const std::string name = directory.File("output");
     int ends[2] = {};
     if (pipe2(ends, O_CLOEXEC) != 0) {
         Fail("pipe");
@@ -315,7 +315,7 @@ void PrintLatency(const char* name, const char* what, const std::vector<std::int
 
 void MeasureLatency(const std::string& tree)
 {
-    const TempFolder elsewhere;
+    const TempDirectory elsewhere;
     constexpr std::size_t kChanges = 4 * kSingleFiles;
     auto* starts = static_cast<std::int64_t*>(
         mmap(nullptr, kChanges * sizeof(std::int64_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -449,8 +449,8 @@ void MeasureTree()
         std::printf("skipped the large tree: fs.inotify.max_user_watches is below 10240\n");
         return;
     }
-    const TempFolder folder;
-    const std::string tree = folder.File("tree");
+    const TempDirectory directory;
+    const std::string tree = directory.File("tree");
     for (int i = 0; i < kTops * kSubs; ++i) {
         const std::string sub = tree + "/t" + std::to_string(i / kSubs) + "/s" + std::to_string(i);
         std::filesystem::create_directories(sub);
@@ -503,7 +503,7 @@ void MeasureTable()
         const std::lock_guard<std::mutex> lock(NEUtils::Monitor::g_mutex);
         std::erase_if(g_attrMap, [&path](const auto& entry) { return entry.first.starts_with(path); });
     });
-    std::printf("\n%d of %zu records removed by their folder: ours %.1f us, a walk over the table %.1f us (%.3f)\n",
+    std::printf("\n%d of %zu records removed by their directory: ours %.1f us, a walk over the table %.1f us (%.3f)\n",
                 kRecordsEach, g_attrMap.size(), ours, walk, ours / walk);
 }
 
@@ -513,8 +513,8 @@ int main()
 {
     MeasureTree();  // before anything else has grown the process
     MeasureTable();
-    const TempFolder folder;
-    const std::string tree = folder.File("tree");
+    const TempDirectory directory;
+    const std::string tree = directory.File("tree");
     for (int i = 0; i < kDirectories; ++i) {
         std::filesystem::create_directories(tree + "/d" + std::to_string(i));
     }

@@ -7,22 +7,22 @@
 #include <string>
 #include <system_error>
 
-// A fresh folder below the system's folder for temporary files, removed with all that is in it.
-class TempFolder {
+// A fresh directory below that of the system for temporary files, removed with all that is in it.
+class TempDirectory {
 public:
-    TempFolder() : path_((std::filesystem::temp_directory_path() / "neutils-bench-XXXXXX").string())
+    TempDirectory() : path_((std::filesystem::temp_directory_path() / "neutils-bench-XXXXXX").string())
     {
         if (mkdtemp(path_.data()) == nullptr) {
             throw std::system_error(errno, std::generic_category(), path_);
         }
     }
-    ~TempFolder()
+    ~TempDirectory()
     {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
+    TempDirectory(const TempDirectory&) = delete;
+    TempDirectory& operator=(const TempDirectory&) = delete;
 
     std::string File(const std::string& name) const { return path_ + "/" + name; }
 
