@@ -5,10 +5,10 @@
 set -eu
 root=${1:?usage: agent_idle.sh ROOT [SECONDS]}
 window=${2:-20}
-folder=$(mktemp -d)
+directory=$(mktemp -d)
 # shellcheck source-path=SCRIPTDIR
 . "$(dirname "$0")/agent_lib.sh"
-trap 'kill $agent $collector "${tools[@]}" 2>/dev/null || :; rm -rf "$folder"' EXIT
+trap 'kill $agent $collector "${tools[@]}" 2>/dev/null || :; rm -rf "$directory"' EXIT
 
 need_install
 make_files

@@ -1,10 +1,10 @@
-# What the scripts that measure the agent share; sourced with $root, an installed agent, and $folder, where the
+# What the scripts that measure the agent share; sourced with $root, an installed agent, and $directory, where the
 # watched files are.
 # shellcheck shell=bash disable=SC2154
-tree=$folder/tree
-guarded=$folder/guarded
+tree=$directory/tree
+guarded=$directory/guarded
 agent='' collector='' tools=()
-outputs=$root/outputs # not in $folder: fatrace would see the writing
+outputs=$root/outputs # not in $directory: fatrace would see the writing
 
 need_install() {
     local program
@@ -49,7 +49,7 @@ start_tools() {
     tools=($!)
     inotifywait -m -r -q -e create,delete,move,close_write,attrib "$tree" >"$outputs/inotifywait" &
     tools+=($!)
-    (cd "$folder" && exec fatrace -c -f O) >"$outputs/fatrace" & # this file system's alone
+    (cd "$directory" && exec fatrace -c -f O) >"$outputs/fatrace" & # this file system's alone
     tools+=($!)
     sleep 2
 }

@@ -1,7 +1,7 @@
 // The load of agent_load.sh, and the bare readers beside the agent: loops that take the same events and only count.
-//   agent_load make FOLDER SECONDS   1,000 process events and 1,000 file changes a second, 10 opens of guarded files
-//   agent_load read FOLDER           until SIGTERM
-// FOLDER holds tree/ with directories d0 to d99, and guarded/ with files g0 to g9.
+//   agent_load make DIRECTORY SECONDS   1,000 process events and 1,000 file changes a second, 10 opens of guarded files
+//   agent_load read DIRECTORY           until SIGTERM
+// DIRECTORY holds tree/ with directories d0 to d99, and guarded/ with files g0 to g9.
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -25,14 +25,14 @@ constexpr int kFiles = 1100;  // so that files are left in several states at the
 constexpr int kGuarded = 10;  // each opened once a second: the kernel merges events of one file
 constexpr std::uint32_t kTreeMask = IN_CREATE | IN_DELETE | IN_MOVE | IN_CLOSE_WRITE | IN_ATTRIB;
 
-std::string TreeFile(const std::string& folder, long i, const char* prefix)
+std::string TreeFile(const std::string& directory, long i, const char* prefix)
 {
-    return folder + "/tree/d" + std::to_string(i % kDirectories) + prefix + std::to_string(i);
+    return directory + "/tree/d" + std::to_string(i % kDirectories) + prefix + std::to_string(i);
 }
 
-std::string GuardedFile(const std::string& folder, long i)
+std::string GuardedFile(const std::string& directory, long i)
 {
-    return folder + "/guarded/g" + std::to_string(i % kGuarded);
+    return directory + "/guarded/g" + std::to_string(i % kGuarded);
 }
 
 void Require(bool done, const char* what)
@@ -44,7 +44,7 @@ void Require(bool done, const char* what)
 
 class Load {
 public:
-    explicit Load(std::string folder) : folder_(std::move(folder)) {}
+    explicit Load(std::string directory) : directory_(std::move(directory)) {}
 
     void Run(long ticks)
     {
@@ -76,7 +76,7 @@ private:
             Change();
         }
         if (tick % (kTicks / 10) == 0) {
-            const int fd = open(GuardedFile(folder_, opened_++).c_str(), O_RDONLY | O_CLOEXEC);
+            const int fd = open(GuardedFile(directory_, opened_++).c_str(), O_RDONLY | O_CLOEXEC);
             Require(fd >= 0 && close(fd) == 0, "open");
         }
         while (waitpid(-1, nullptr, WNOHANG) > 0) {
@@ -100,8 +100,8 @@ private:
     {
         const long i = changes_ % kFiles;
         const long step = changes_ / kFiles % 4;
-        const std::string path = TreeFile(folder_, i, "/f");
-        const std::string renamed = TreeFile(folder_, i, "/r");
+        const std::string path = TreeFile(directory_, i, "/f");
+        const std::string renamed = TreeFile(directory_, i, "/r");
         bool done = false;
         switch (step) {
         case 0:
@@ -128,7 +128,7 @@ private:
         return fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && close(fd) == 0;
     }
 
-    const std::string folder_;
+    const std::string directory_;
     long spawned_ = 0;
     long opened_ = 0;
     long changes_ = 0;
@@ -154,11 +154,11 @@ void ReadProcesses(Tally& tally)
     });
 }
 
-[[noreturn]] void ReadTree(const std::string& folder, Tally& tally)
+[[noreturn]] void ReadTree(const std::string& directory, Tally& tally)
 {
     const int fd = inotify_init1(IN_CLOEXEC);
     for (int i = 0; i < kDirectories; ++i) {
-        const std::string path = folder + "/tree/d" + std::to_string(i);
+        const std::string path = directory + "/tree/d" + std::to_string(i);
         Require(inotify_add_watch(fd, path.c_str(), kTreeMask) >= 0, "inotify");
     }
     alignas(inotify_event) static char buffer[65536];
@@ -172,10 +172,10 @@ void ReadProcesses(Tally& tally)
     }
 }
 
-[[noreturn]] void ReadGuarded(const std::string& folder, Tally& tally)
+[[noreturn]] void ReadGuarded(const std::string& directory, Tally& tally)
 {
     const int fd = fanotify_init(FAN_CLOEXEC | FAN_CLASS_NOTIF, O_RDONLY);
-    const std::string path = folder + "/guarded";
+    const std::string path = directory + "/guarded";
     Require(fd >= 0 && fanotify_mark(fd, FAN_MARK_ADD, FAN_OPEN | FAN_EVENT_ON_CHILD, AT_FDCWD, path.c_str()) == 0,
             "fanotify");
     static fanotify_event_metadata records[100];
@@ -190,7 +190,7 @@ void ReadProcesses(Tally& tally)
     }
 }
 
-[[noreturn]] void ReadBare(const std::string& folder)
+[[noreturn]] void ReadBare(const std::string& directory)
 {
     static Tally tally;
     sigset_t signals;
@@ -203,8 +203,8 @@ void ReadProcesses(Tally& tally)
         thread.detach();
     };
     start("netlink", [] { ReadProcesses(tally); });
-    start("inotify", [&folder] { ReadTree(folder, tally); });
-    start("fanotify", [&folder] { ReadGuarded(folder, tally); });
+    start("inotify", [&directory] { ReadTree(directory, tally); });
+    start("fanotify", [&directory] { ReadGuarded(directory, tally); });
     int signo = 0;
     sigwait(&signals, &signo);
     std::printf("processes=%ld changes=%ld opens=%ld\n", tally.processes.load(), tally.changes.load(),
@@ -224,7 +224,7 @@ int main(int argc, char** argv)
         ReadBare(argv[2]);
     }
     if (mode != "make" || seconds < 1 || seconds > kMaxSeconds) {
-        std::fprintf(stderr, "usage: %s make FOLDER SECONDS | read FOLDER\n", argv[0]);
+        std::fprintf(stderr, "usage: %s make DIRECTORY SECONDS | read DIRECTORY\n", argv[0]);
         return 2;
     }
     Load(argv[2]).Run(seconds * kTicks);

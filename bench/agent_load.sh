@@ -7,12 +7,12 @@ usage='usage: agent_load.sh ROOT MAKER [--seconds N]'
 root=${1:?$usage} maker=${2:?$usage} seconds=60
 [ $# -eq 2 ] || { [ $# -eq 4 ] && [ "$3" = --seconds ] && seconds=$4; } || { echo "$usage" >&2; exit 2; }
 short=$((seconds < 20 ? seconds : 20)) # for the others
-folder=$(mktemp -d)
+directory=$(mktemp -d)
 # shellcheck source-path=SCRIPTDIR
 . "$(dirname "$0")/agent_lib.sh"
 bare='' load=''
 declare -A made
-trap 'kill $agent $collector "${tools[@]}" $bare $load 2>/dev/null || :; rm -rf "$folder"' EXIT
+trap 'kill $agent $collector "${tools[@]}" $bare $load 2>/dev/null || :; rm -rf "$directory"' EXIT
 
 # measure SECONDS MEANWHILE PID...: the load, a look by MEANWHILE after each tenth of it, and a rest until the
 # processes have caught up. Sets spent, the time of their threads, made, what was made, and events, all of it.
@@ -20,7 +20,7 @@ measure() {
     local length=$1 meanwhile=$2 before last=0 now i name count
     shift 2
     before=$(threads "$@")
-    "$maker" make "$folder" "$length" >"$outputs/made" &
+    "$maker" make "$directory" "$length" >"$outputs/made" &
     load=$!
     for i in {1..10}; do
         sleep "$(awk -v s="$length" 'BEGIN {print s / 10}')"
@@ -70,12 +70,12 @@ count_reports() {
         }' "$outputs/collected"
 }
 
-# Compares the last recorded digest of each file with its own, where it still has the name under which it was written.
+# Compares the last recorded digest of each file with its own.
 wrong_digests() {
     local file
     # shellcheck disable=SC2012
     ls -tr "$root"/log/agent.log* | while read -r file; do zcat -f "$file"; done | grep -a 'File digest' >"$outputs/digests"
-    find "$tree" -name 'f*' -exec sha256sum {} + | awk '
+    find "$tree" -type f -exec sha256sum {} + | awk '
         FNR == NR {
             match($0, /sha256=[0-9a-f]*/)
             digest[substr($NF, 6, length($NF) - 6)] = substr($0, RSTART + 7, 64)
@@ -87,6 +87,7 @@ wrong_digests() {
 
 need_install
 make_files
+echo repeats=0 >>"$root/conf/policies/process_watch.policy" # each start and each end is told
 
 start_agent
 samples="$(memory "$agent") $(memory "$collector")"$'\n'
@@ -101,7 +102,7 @@ stop_agent
 echo "$seconds s: $(cat "$outputs/made")"
 read -r -a told < <(count_reports "$load")
 of=("${made[spawned]}" "${made[spawned]}" $((2 * made[spawned])) "${made[created]}" "${made[written]}"
-    "${made[renamed]}" "${made[deleted]}" "${made[opened]}" $((made[created] + made[written])) 0)
+    "${made[renamed]}" "${made[deleted]}" "${made[opened]}" $((made[created] + made[written] + made[renamed])) 0)
 what=('programs executed' 'processes ended' 'their command line unread' 'files created' 'files written'
     'files renamed' 'files deleted' 'guarded files opened' 'digests' 'reports dropped')
 echo $'\ntold to the collector'
@@ -124,7 +125,7 @@ printf '%-28s %10s %10s\n' 'its children: gzip' "$(us "$children" "$events")" "$
 
 # The others, one after the other.
 find "$tree" -type f -delete
-"$maker" read "$folder" >"$outputs/bare" &
+"$maker" read "$directory" >"$outputs/bare" &
 bare=$!
 sleep 1
 measure "$short" nothing "$bare"

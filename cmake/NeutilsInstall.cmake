@@ -18,7 +18,7 @@ install(DIRECTORY DESTINATION lib/features
 install(TARGETS ${features} LIBRARY DESTINATION lib/features
         PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
-# neutils_install_once(FILE FOLDER): what an administrator or a server has changed survives the next install.
+# neutils_install_once(FILE DIRECTORY): what an administrator or a server has changed survives the next install.
 function(neutils_install_once file directory)
   get_filename_component(name ${file} NAME)
   install(CODE "

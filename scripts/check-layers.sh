@@ -45,7 +45,7 @@ for directory in "${!headersOf[@]}"; do
     done
 done
 
-# open_to USER FOLDER HEADER: may USER use the header, which belongs to FOLDER?
+# open_to USER DIRECTORY HEADER: may USER use the header, which belongs to DIRECTORY?
 open_to() {
     local used
     [[ $2 == util || $2 == "$1" ]] && return 0

@@ -25,10 +25,10 @@ probes=
 
 # Gives the processes that run this install's agent, whoever started them.
 agent_pids() {
-    local folder program
-    while read -r folder program; do
+    local directory program
+    while read -r directory program; do
         if [[ $program == "$root/$agent" || $program == "$root/$agent (deleted)" ]]; then
-            echo "${folder#/proc/}"
+            echo "${directory#/proc/}"
         fi
     done < <("${asRoot[@]}" find /proc/[0-9]*/exe -maxdepth 0 -printf '%h %l\n' 2>/dev/null)
 }
@@ -182,13 +182,13 @@ touch_file() {
 show_files() {
     local tree=$watched/tree
     step 'A watched tree: every change, with what has changed and the SHA-256'
-    touch_file ' file action=create .*path=.*/tree/folder$' mkdir "$tree/folder"
-    touch_file ' file action=create .*path=.*/tree/folder/file$' touch "$tree/folder/file"
-    touch_file ' file action=write change="osize=0 size=6 " path=.*/file$' sh -c "echo hello >$tree/folder/file"
+    touch_file ' file action=create .*path=.*/tree/directory$' mkdir "$tree/directory"
+    touch_file ' file action=create .*path=.*/tree/directory/file$' touch "$tree/directory/file"
+    touch_file ' file action=write change="osize=0 size=6 " path=.*/file$' sh -c "echo hello >$tree/directory/file"
     expect 'its digest' \
-        holds "$collectorLog" ' sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 .*/folder/file$'
-    touch_file ' file action=attrib change="oaccess=33188 access=33152 " path=.*/file$' chmod 600 "$tree/folder/file"
-    touch_file ' file action=rename .*oldPath=.*/folder/file path=.*/tree/renamed$' mv "$tree/folder/file" "$tree/renamed"
+        holds "$collectorLog" ' sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 .*/directory/file$'
+    touch_file ' file action=attrib change="oaccess=33188 access=33152 " path=.*/file$' chmod 600 "$tree/directory/file"
+    touch_file ' file action=rename .*oldPath=.*/directory/file path=.*/tree/renamed$' mv "$tree/directory/file" "$tree/renamed"
     touch_file ' file action=delete path=.*/tree/renamed$' rm "$tree/renamed"
     grep ' file action=' "$collectorLog" | sed 's/^/    /'
 

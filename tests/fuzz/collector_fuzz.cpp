@@ -57,7 +57,7 @@ void CheckAnswer(const SentrelAgentMsg& header, Bytes& body)
 
 void CheckCommand(const std::string& line)
 {
-    if (line.find_first_of("/.") != std::string::npos) {  // opens no files but those of the folder it runs in
+    if (line.find_first_of("/.") != std::string::npos) {  // opens no files but those of the directory it runs in
         return;
     }
     Command command;

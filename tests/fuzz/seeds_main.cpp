@@ -1,4 +1,4 @@
-// Runs a fuzz target once over each file of a folder, for compilers without a fuzzer.
+// Runs a fuzz target once over each file of a directory, for compilers without a fuzzer.
 #include <filesystem>
 #include <fstream>
 #include <iterator>

@@ -51,7 +51,7 @@ protected:
     }
     std::string Run(const std::string& options) const
     {
-        const int status = Wait(Start(options, folder_ / "unused"));
+        const int status = Wait(Start(options, directory_ / "unused"));
         return std::to_string(WEXITSTATUS(status)) + " " + Read(err_);
     }
     void Listen(const std::string& options)
@@ -150,11 +150,11 @@ protected:
         return Told(client);
     }
 
-    const TempDir folder_;
-    const std::string path_ = folder_ / "socket";
-    const std::string control_ = folder_ / "control";
-    const std::string out_ = folder_ / "out";
-    const std::string err_ = folder_ / "err";
+    const TempDir directory_;
+    const std::string path_ = directory_ / "socket";
+    const std::string control_ = directory_ / "control";
+    const std::string out_ = directory_ / "out";
+    const std::string err_ = directory_ / "err";
     std::string before_;  // what the shell does before it becomes the collector
     pid_t pid_ = 0;
 };

@@ -184,27 +184,27 @@ TEST_F(CollectorOutputTest, AnAgentKeepsItsReportsWhileTheDiskIsFull)
     if (geteuid() != 0) {
         GTEST_SKIP() << "mounting and the process connector need root";
     }
-    const std::string disk = folder_ / "disk";
+    const std::string disk = directory_ / "disk";
     for (const char* name :
          {"disk", "root", "root/bin", "root/conf", "root/conf/policies", "root/lib", "root/log", "root/lib/features"}) {
-        fs::create_directory(folder_ / name);
-        fs::permissions(folder_ / name, fs::perms(0755));
+        fs::create_directory(directory_ / name);
+        fs::permissions(directory_ / name, fs::perms(0755));
     }
     ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=16k"), 0);
     const struct Unmount {
         ~Unmount() { umount2(disk.c_str(), MNT_DETACH); }
         const std::string& disk;
     } unmount{disk};
-    fs::copy(AGENT_PROGRAM, folder_ / "root/bin");
-    fs::copy(FEATURE_DIR "libprocess_watch.so", folder_ / "root/lib/features");
-    fs::permissions(folder_ / "root/lib/features/libprocess_watch.so", fs::perms(0755));
-    Write(folder_ / "root/conf/policies/process_watch.policy", "enable=on\nrepeats=0\n");
-    Write(folder_ / "root/conf/agent.conf", "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=" + path_ + "\nREPORT_SECONDS=0\n");
+    fs::copy(AGENT_PROGRAM, directory_ / "root/bin");
+    fs::copy(FEATURE_DIR "libprocess_watch.so", directory_ / "root/lib/features");
+    fs::permissions(directory_ / "root/lib/features/libprocess_watch.so", fs::perms(0755));
+    Write(directory_ / "root/conf/policies/process_watch.policy", "enable=on\nrepeats=0\n");
+    Write(directory_ / "root/conf/agent.conf", "SOCKET_TYPE=1\nSERVER_SOCKET_PATH=" + path_ + "\nREPORT_SECONDS=0\n");
     const std::string out = disk + "/out";
     pid_ = Start("--json --listen unix:" + path_, out);
     const pid_t agent = Fork([this] {
         const std::string command =
-            "exec " + (folder_ / "root/bin/sentrel-agent") + " --root " + (folder_ / "root") + " >/dev/null 2>&1";
+            "exec " + (directory_ / "root/bin/sentrel-agent") + " --root " + (directory_ / "root") + " >/dev/null 2>&1";
         return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
     });
     const auto hasExit = [&](int code) { return Contains(Read(out), "\"exitCode\":" + std::to_string(code) + ","); };
@@ -224,7 +224,7 @@ TEST_F(CollectorOutputTest, AnAgentKeepsItsReportsWhileTheDiskIsFull)
     }
     kill(agent, SIGINT);
     Wait(agent);
-    EXPECT_TRUE(Contains(Read(folder_ / "root/log/agent.log"), "droppedReports=0 "));
+    EXPECT_TRUE(Contains(Read(directory_ / "root/log/agent.log"), "droppedReports=0 "));
     EXPECT_EQ(End(), 0);
 }
 
@@ -336,7 +336,7 @@ TEST_F(CollectorOutputTest, UnfinishedMessagesTakeBoundedMemory)
 
 TEST_F(CollectorOutputTest, ARemovedSocketFileIsMadeAnew)
 {
-    const std::string fifo = folder_ / "fifo";
+    const std::string fifo = directory_ / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const UniqueFd writer(open(fifo.c_str(), O_RDWR));
     Listen("--control - <" + fifo);
@@ -355,7 +355,7 @@ TEST_F(CollectorOutputTest, ARemovedSocketFileIsMadeAnew)
 
 TEST_F(CollectorOutputTest, ARemovedDirectoryIsWaitedFor)
 {
-    const std::string directory = folder_ / "run";
+    const std::string directory = directory_ / "run";
     const std::string path = directory + "/socket";
     fs::create_directory(directory);
     Listen("--listen unix:" + path);

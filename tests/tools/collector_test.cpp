@@ -192,7 +192,7 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
         {"--listen unix:x --patience -1", "2 sentrel-collector: --patience '-1' "},
         {"--control tcp:127.0.0.1:1", "2 sentrel-collector: --control 'tcp:127.0.0.1:1' "},
         {"--listen unix:x --control - <&-", "1 sentrel-collector: --control -: standard input is closed"},
-        {"--listen unix:" + folder_.Path(), "1 sentrel-collector: "},
+        {"--listen unix:" + directory_.Path(), "1 sentrel-collector: "},
         {"--listen tcp:192.0.2.1:1", "1 sentrel-collector: "},
     };
     for (const auto& [options, fault] : rows) {
@@ -212,7 +212,7 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
 
 TEST_F(CollectorTest, CommandsReachEveryAgentAndTheirAnswersWhoAsked)
 {
-    const std::string policy = folder_ / "a policy";
+    const std::string policy = directory_ / "a policy";
     const std::string text(3000, 'p');
     Write(policy, text);
     const std::string request = Item(kTagFeature, Text("file_access")) + Item(kTagEnable, Int(1));
@@ -257,10 +257,10 @@ TEST_F(CollectorTest, CommandsReachEveryAgentAndTheirAnswersWhoAsked)
 TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
 {
     const auto file = [this](const std::string& name, const std::string& content) {
-        Write(folder_ / name, content);
-        return "policy a on " + folder_ / name;
+        Write(directory_ / name, content);
+        return "policy a on " + directory_ / name;
     };
-    const std::string fifo = folder_ / "fifo";
+    const std::string fifo = directory_ / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::pair<std::string, std::string> rows[] = {
         {"# frob", ""},
@@ -276,9 +276,10 @@ TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
         {"policy a maybe", "'maybe' is neither on nor off"},
         {"policy a on /none", "cannot take '/none': No such file or directory"},
         {"policy a on " + fifo, "cannot take '" + fifo + "': it is not a regular file"},
-        {file("big", std::string(60001, 'x')), "cannot take '" + folder_ / "big" + "': it has more than 60000 bytes"},
-        {file("nul", Text("x")), "cannot take '" + folder_ / "nul" + "': it has a NUL byte"},
-        {file("empty", ""), "cannot take '" + folder_ / "empty" + "': it is empty"},
+        {file("big", std::string(60001, 'x')),
+         "cannot take '" + directory_ / "big" + "': it has more than 60000 bytes"},
+        {file("nul", Text("x")), "cannot take '" + directory_ / "nul" + "': it has a NUL byte"},
+        {file("empty", ""), "cannot take '" + directory_ / "empty" + "': it is empty"},
     };
     std::string lines;
     std::string expected;
@@ -288,14 +289,14 @@ TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
     }
     lines += "status";  // the last one needs no end
     expected += "done: sent=0 answered=0\n";
-    Write(folder_ / "lines", lines);
+    Write(directory_ / "lines", lines);
     const UniqueFd pipe(open(fifo.c_str(), O_RDWR));
     const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(grantpt(terminal.Get()) == 0 && unlockpt(terminal.Get()) == 0);
     int sockets[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
     const UniqueFd ends[] = {UniqueFd(sockets[0]), UniqueFd(sockets[1])};
-    for (const std::string& input : {folder_ / "lines", fifo, std::string(ptsname(terminal.Get())),
+    for (const std::string& input : {directory_ / "lines", fifo, std::string(ptsname(terminal.Get())),
                                      "&" + std::to_string(sockets[1]), std::string("/dev/null")}) {
         Listen("--control - --control unix:" + control_ + " <" + input);
         if (input == fifo || input[0] == '&') {
@@ -392,7 +393,7 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
 // Neither side makes the collector wait, or keep more than so much.
 TEST_F(CollectorTest, StalledClientsAndAgentsHoldNothingUp)
 {
-    Write(folder_ / "policy", std::string(60000, 'p'));
+    Write(directory_ / "policy", std::string(60000, 'p'));
     Listen("--control unix:" + control_);
     std::vector<UniqueFd> clients;
     for (int i = 0; i < 16; ++i) {
@@ -419,7 +420,7 @@ TEST_F(CollectorTest, StalledClientsAndAgentsHoldNothingUp)
     EXPECT_EQ(Receive(agent, 16), Message(11, 17, ""));
     std::string policies;
     for (int i = 0; i < 16; ++i) {
-        policies += "policy a on " + folder_ / "policy" + "\n";
+        policies += "policy a on " + directory_ / "policy" + "\n";
     }
     ASSERT_TRUE(Send(clients[1], policies));
     EXPECT_EQ(Told(clients[1], "\n"), "done: sent=0 answered=0\n");
