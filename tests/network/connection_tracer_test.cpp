@@ -424,9 +424,6 @@ TEST_F(ConnectionTracerTest, WithoutItsProgramItRefusesWithOneReason)
     }
     EXPECT_EQ(Wait(Fork([&] {  // which may go once it has started
                   Watched traced;
-                  if (!kThreadsInChildren) {
-                      return 0;
-                  }
                   if (!KeepRights(enough) || !traced.Start() || !BecomePlainUser() || !KeepRights(0)) {
                       return 1;
                   }
