@@ -19,7 +19,6 @@ using NEUtils::Clock::kNsPerMs;
 
 constexpr std::int64_t kLookPeriodMs = 60000;
 constexpr std::int64_t kLogPeriodMs = 1000;
-constexpr unsigned int kMostOldMarks = 256;
 
 std::int64_t NowMs()
 {
@@ -28,8 +27,9 @@ std::int64_t NowMs()
 
 }  // namespace
 
-bool GuardMarks::Start(const std::vector<FileGuard>& guards)
+bool GuardMarks::Start(const NEUtils::FanotifyWatcher& watcher, const std::vector<FileGuard>& guards)
 {
+    watcher_ = &watcher;
     if (!names_.Init()) {
         const int error = errno;
         NE_LOG(WARN, "Guarded files that are replaced are noticed within a minute only.[errorInfo=%s]",
@@ -94,8 +94,8 @@ void GuardMarks::LookAt(std::size_t number)
                    Quoted(NEUtils::ErrnoText(error).Get()).c_str(), guard.rule.path.c_str());
         }
     }
-    if (Mark(guard) && guard.state == kMarked && ++marks_ > kMostOldMarks) {
-        ForgetOldMarks();
+    if (Mark(guard) && guard.state == kMarked) {
+        ++marks_;
     }
 }
 
@@ -125,23 +125,21 @@ GuardMarks::State GuardMarks::TryMark(Guard& guard, Identity& identity)
         guard.reason = "the agent's own log is there";
         return kRefused;
     }
-    if (watcher_.AddWatch(path, guard.rule.mask)) {
+    if (watcher_->AddWatch(path, guard.rule.mask)) {
         return kMarked;
     }
     guard.reason = NEUtils::ErrnoText(errno).Get();
     return kRefused;
 }
 
-// Each mark holds a file in the kernel's memory: whoever replaces files could use that up. The kernel takes all marks
-// off at once, so uses until they are set again are not seen: a loss of unknown size.
-void GuardMarks::ForgetOldMarks()
+void GuardMarks::MoveTo(const NEUtils::FanotifyWatcher& watcher)
 {
+    watcher_ = &watcher;
     marks_ = 0;
-    ++counters_.overflows;
-    fanotify_mark(watcher_.GetFd(), FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr);
     for (Guard& guard : guards_) {
         Mark(guard);
     }
+    Count();
 }
 
 void GuardMarks::Count()

@@ -19,18 +19,20 @@
 // takes the name, as editors and passwd do it, that one is marked too, and the change is logged and reported.
 //
 // Threads  Start before the others; then one.
-// Limits   a file that was moved away stays guarded until some 256 others have come; after that it is forgotten. Uses
-//          of any guarded file at that moment are not seen, which counts as an overflow. A change that NameWatch does
-//          not notice is found within a minute. A path's changes are logged once a second.
+// Limits   a file that was moved away stays marked. Each mark holds a file in the kernel's memory, which whoever
+//          replaces files could use up: HasManyOldMarks says when it is time for a watcher without them. A change that
+//          NameWatch does not notice is found within a minute. A path's changes are logged once a second.
 class GuardMarks {
 public:
-    GuardMarks(const NEUtils::FanotifyWatcher& watcher, NEUtils::FeatureCounters& counters)
-        : watcher_(watcher), counters_(counters)
-    {
-    }
+    explicit GuardMarks(NEUtils::FeatureCounters& counters) : counters_(counters) {}
 
     // Marks as many as it can. False, with records, if none can be guarded, now or when it is there.
-    bool Start(const std::vector<FileGuard>& guards);
+    bool Start(const NEUtils::FanotifyWatcher& watcher, const std::vector<FileGuard>& guards);
+
+    bool HasManyOldMarks() const { return marks_ > kMostOldMarks; }
+
+    // Marks what is guarded now with another watcher, and goes on with that. The former one keeps its marks.
+    void MoveTo(const NEUtils::FanotifyWatcher& watcher);
 
     const NameWatch& GetNames() const { return names_; }  // to poll
 
@@ -41,6 +43,8 @@ public:
     int GetWaitMs() const;  // until the next Tick, at most
 
 private:
+    static constexpr unsigned int kMostOldMarks = 256;
+
     enum State { kNew, kMarked, kMissing, kRefused };
     using Identity = std::tuple<dev_t, std::uint64_t, std::int64_t, std::uint32_t>;  // with the time of its birth
 
@@ -57,17 +61,16 @@ private:
     void LookAt(std::size_t number);
     bool Mark(Guard& guard);
     State TryMark(Guard& guard, Identity& identity);
-    void ForgetOldMarks();
     void Count();
     static void LogStart(const Guard& guard);
     static void LogChange(Guard& guard, std::int64_t nowMs);
 
-    const NEUtils::FanotifyWatcher& watcher_;
+    const NEUtils::FanotifyWatcher* watcher_ = nullptr;
     NEUtils::FeatureCounters& counters_;
     OwnFiles ownFiles_;
     NameWatch names_;
     std::vector<Guard> guards_;
-    unsigned int marks_ = 0;  // of files that took a name, since the old ones were forgotten
+    unsigned int marks_ = 0;  // of files that took a name, with this watcher
     std::int64_t lookedAtMs_ = 0;
     NEUtils::RateLimiter faultLogs_{3600000};
 };
