@@ -28,7 +28,7 @@ inline SentrelAgentMsg HeaderOf(const std::string& message)
     return header;
 }
 
-// Listens on a UNIX socket below a folder, and makes it the configured server.
+// Listens on a UNIX socket with this path, and makes it the configured server.
 class Peer {
 public:
     explicit Peer(const std::string& path, int backlog = 8) : path_(path)

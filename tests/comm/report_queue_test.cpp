@@ -70,8 +70,8 @@ protected:
     }
 
     const Records records_;
-    const TempDir folder_;
-    Peer peer_{folder_ / "server"};
+    const TempDir directory_;
+    Peer peer_{directory_ / "server"};
     const std::shared_ptr<SocketComm> channel_ = std::make_shared<SocketComm>();
     ReportQueue queue_;
     std::string last_;

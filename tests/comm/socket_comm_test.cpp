@@ -20,12 +20,12 @@ struct Received {
         const std::lock_guard<std::mutex> lock(own.mutex_);
         own.bodies_.emplace_back(body, header->length);
     }
-    Strings Bodies() const
+    bool Is(const Strings& bodies)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        return bodies_;
+        return bodies_ == bodies;
     }
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     Strings bodies_;
 };
 
@@ -78,12 +78,12 @@ protected:
     }
     bool Arrives(const Strings& bodies)
     {
-        return Eventually([&] { return received_.Bodies().size() >= bodies.size(); }) && received_.Bodies() == bodies;
+        return Eventually([&] { return received_.Is(bodies); });
     }
 
     const Records records_;
-    const TempDir folder_;
-    Peer peer_{folder_ / "server"};
+    const TempDir directory_;
+    Peer peer_{directory_ / "server"};
     Received received_;
     SocketComm comm_;
 };
@@ -160,14 +160,13 @@ TEST_F(SocketCommTest, RepeatsARequestThreeTimesAcrossConnections)
     }
     PassRequestTime();
     EXPECT_EQ(peer_.ReceiveMessage(1500), "");
-    EXPECT_TRUE(comm_.DropRequest(5));  // kept: it was cached nevertheless
-    EXPECT_FALSE(comm_.DropRequest(5));
+    EXPECT_TRUE(comm_.DropRequest(5) && !comm_.DropRequest(5));  // it was cached nevertheless
     EXPECT_EQ(comm_.SendRequests({std::make_shared<const std::string>("short")}), kSendRefused);
-    comm_.GiveUp(1, "of an earlier connection");
-    EXPECT_TRUE(comm_.StatusCheck());
-    comm_.GiveUp(2, "of a test");
-    EXPECT_FALSE(comm_.StatusCheck());
-    EXPECT_EQ(peer_.Receive(1), "");
+    for (const std::uint32_t connection : {1, 2}) {  // an earlier one and this one
+        EXPECT_TRUE(comm_.StatusCheck());
+        comm_.GiveUp(connection, "of a test");
+    }
+    EXPECT_TRUE(!comm_.StatusCheck() && peer_.Receive(1).empty());
     EXPECT_TRUE(records_.Has("ERROR Channel to the server is down.[reason=of a test]"));
     EXPECT_EQ(comm_.SendRequests({std::make_shared<const std::string>(Message(1, 1))}), kSendFailed);
 }
@@ -179,20 +178,16 @@ TEST(RequestCacheTest, DropsTheOldestExhaustedAboveTwoHundred)
         cache.Add(seq, 1, std::make_shared<const std::string>());
     }
     RequestCache::Due due;
-    EXPECT_FALSE(cache.TakeDue(due));
     for (int round = 0; round < 3; ++round) {
+        EXPECT_FALSE(cache.TakeDue(due));
         Clock::wallOffsetMs -= 6000;  // the difference counts, not its sign
         for (std::uint32_t seq = 0; seq < 205; ++seq) {
-            EXPECT_TRUE(cache.TakeDue(due));
-            EXPECT_EQ(due.seq, seq);
+            EXPECT_TRUE(cache.TakeDue(due) && due.seq == seq);
         }
-        EXPECT_FALSE(cache.TakeDue(due));
     }
     cache.Add(3, 1, nullptr);  // a number twice, and one that may still be repeated
-    EXPECT_FALSE(cache.TakeDue(due));
-    EXPECT_FALSE(cache.Remove(0) || cache.Remove(1) || cache.Remove(2));
-    EXPECT_TRUE(cache.Remove(3));
-    EXPECT_TRUE(cache.Remove(6) && cache.Remove(204));
+    EXPECT_FALSE(cache.TakeDue(due) || cache.Remove(0) || cache.Remove(1) || cache.Remove(2));
+    EXPECT_TRUE(cache.Remove(3) && cache.Remove(6) && cache.Remove(204));
 }
 
 // Each with a peer that does not read, or a byte now and then; the send's time passes on its clock alone.
@@ -248,7 +243,7 @@ TEST_F(SocketCommTest, StopEndsWhatIsUnderWay)
     SocketComm other;
     for (const std::string point : {"send", "handler", "half a message", "turn", "local connect", "connect"}) {
         SCOPED_TRACE(point);
-        Peer full(folder_ / "full", 0);
+        Peer full(directory_ / "full", 0);
         UniqueFd sockets[5];
         g_begun = 0;
         std::vector<std::jthread> threads;
@@ -261,7 +256,7 @@ TEST_F(SocketCommTest, StopEndsWhatIsUnderWay)
             point == "connect" ? ConfigureFullServer(sockets) : void(other.Start());  // which fills the backlog
             threads.emplace_back([&] { EXPECT_FALSE(comm_.Start()); });
         } else {
-            Config::ParseConfig("SERVER_SOCKET_PATH=" + folder_ / "server", false, {});
+            Config::ParseConfig("SERVER_SOCKET_PATH=" + directory_ / "server", false, {});
             Connect();
             ASSERT_TRUE(point != "handler" || (peer_.Send(Message(1, 1)) && Eventually([] { return g_begun == 1; })));
             ASSERT_TRUE(point != "half a message" || peer_.Send(Message(4, 1, std::string(99, 'x')).substr(0, 99)));
@@ -295,8 +290,7 @@ TEST_F(SocketCommTest, HandlersMayStopStartAndUnregister)
     ASSERT_TRUE(comm_.RegisterMsgHandler(1, handler, &state) && comm_.RegisterMsgHandler(3, handler, &state));
     ASSERT_EQ(Send(Message(5, 7)), kSendDone);
     ASSERT_TRUE(peer_.Send(Message(1, 1) + Message(1, 2)));  // the second is not seen any more
-    EXPECT_TRUE(Eventually([&] { return state.calls == 1; }));
-    EXPECT_FALSE(comm_.StatusCheck());
+    EXPECT_TRUE(Eventually([&] { return state.calls == 1; }) && !comm_.StatusCheck());
     ASSERT_TRUE(comm_.Start() && peer_.Accept() && peer_.Send(Message(3, 1)));
     EXPECT_TRUE(Eventually([&] { return state.calls == 2; }) && comm_.StatusCheck());
     for (int calls = 3; calls < 20; ++calls) {  // threads and descriptors go as new ones come
@@ -304,8 +298,7 @@ TEST_F(SocketCommTest, HandlersMayStopStartAndUnregister)
         EXPECT_TRUE(Eventually([&] { return state.calls == calls; }));
     }
     EXPECT_LT(std::distance(fs::directory_iterator("/proc/self/task"), {}), 8);
-    EXPECT_TRUE(comm_.DeInit());
-    EXPECT_FALSE(comm_.DropRequest(7));  // of a request that was never answered
+    EXPECT_TRUE(comm_.DeInit() && !comm_.DropRequest(7));  // which was never answered
 }
 
 TEST_F(SocketCommTest, UnregisteringWaitsForTheCall)
@@ -320,8 +313,7 @@ TEST_F(SocketCommTest, UnregisteringWaitsForTheCall)
     Connect();
     ASSERT_TRUE(comm_.RegisterMsgHandler(1, slow, nullptr) && peer_.Send(Message(1, 1)));
     EXPECT_TRUE(Eventually([] { return inside.load(); }));
-    EXPECT_TRUE(comm_.UnregisterMsgHandler(1, slow));
-    EXPECT_FALSE(inside);
+    EXPECT_TRUE(comm_.UnregisterMsgHandler(1, slow) && !inside);
     ASSERT_TRUE(comm_.RegisterMsgHandler(3, &Received::Handle, &received_) && peer_.Send(Message(3, 1, "next")));
     EXPECT_TRUE(Arrives({"next"}));
     EXPECT_TRUE(records_.Has("ERROR Message handler has failed.[type=1 error=of a handler]"));

@@ -27,6 +27,13 @@ int PortOf(int fd)
     return ntohs(address.sin6_port);  // at the same place for both families
 }
 
+template <typename Call>
+bool OnLoopback(Call call, const Wrapped& socket, int port)
+{
+    const sockaddr_in here = {AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    return call(socket.GetFd(), reinterpret_cast<const sockaddr*>(&here), sizeof(here)) == 0;
+}
+
 long Descriptors()
 {
     return std::distance(fs::directory_iterator("/proc/self/fd"), {});
@@ -41,9 +48,9 @@ unsigned char* Data(std::string& text)
 
 TEST(SocketTest, EveryKindCarriesBytesBothWays)
 {
-    const TempDir folder;
+    const TempDir directory;
     const std::pair<int, std::string> kinds[] = {
-        {AF_UNIX, folder / "socket"}, {AF_INET, "127.0.0.1"}, {AF_INET6, "::1"}};
+        {AF_UNIX, directory / "socket"}, {AF_INET, "127.0.0.1"}, {AF_INET6, "::1"}};
     for (const auto& [type, address] : kinds) {
         SCOPED_TRACE(address);
         SocketProxy server;
@@ -85,24 +92,15 @@ TEST(SocketTest, ErrorsAreTakenOffTheCountAndNothingIsWrittenBeforeTheBuffer)
 {
     for (const bool dataFollows : {false, true}) {
         Wrapped receiver(socket(AF_INET, SOCK_DGRAM, 0));
-        UniqueFd closed(socket(AF_INET, SOCK_DGRAM, 0));
-        sockaddr_in here = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        auto* const address = reinterpret_cast<sockaddr*>(&here);
-        ASSERT_EQ(bind(receiver.GetFd(), address, sizeof(here)), 0);
-        const int port = PortOf(receiver.GetFd());
-        ASSERT_EQ(bind(closed.Get(), address, sizeof(here)), 0);
-        here.sin_port = htons(static_cast<std::uint16_t>(PortOf(closed.Get())));
-        ASSERT_EQ(connect(receiver.GetFd(), address, sizeof(here)), 0);
-        const int closedPort = here.sin_port;
-        closed.Reset();
-        ASSERT_EQ(send(receiver.GetFd(), "x", 1, 0), 1);  // refused, which the next call is told
-        if (dataFollows) {
-            const UniqueFd sender(socket(AF_INET, SOCK_DGRAM, 0));
-            here.sin_port = static_cast<in_port_t>(closedPort);
-            ASSERT_EQ(bind(sender.Get(), address, sizeof(here)), 0);
-            here.sin_port = htons(static_cast<std::uint16_t>(port));
-            ASSERT_EQ(sendto(sender.Get(), "y", 1, 0, address, sizeof(here)), 1);
-        }
+        Wrapped peer(socket(AF_INET, SOCK_DGRAM, 0));
+        ASSERT_TRUE(OnLoopback(bind, receiver, 0) && OnLoopback(bind, peer, 0));
+        const int port = PortOf(peer.GetFd());
+        ASSERT_TRUE(OnLoopback(connect, receiver, port));
+        close(peer.GetFd());
+        ASSERT_EQ(send(receiver.GetFd(), "x", 1, 0), 1);  // refused, which the next call learns
+        dup2(socket(AF_INET, SOCK_DGRAM, 0), peer.GetFd());
+        ASSERT_TRUE(OnLoopback(bind, peer, port) && OnLoopback(connect, peer, PortOf(receiver.GetFd())));
+        ASSERT_TRUE(!dataFollows || send(peer.GetFd(), "y", 1, 0) == 1);
         std::string buffer = "########";
         EXPECT_EQ(receiver.Recv(Data(buffer) + 4, 4), dataFollows ? 0 : -1);
         EXPECT_EQ(buffer, "########");
@@ -188,10 +186,10 @@ TEST(SocketTest, ProxyKnowsItsKinds)
 TEST(UnixSocketTest, TellsErrorsOnceInHalfAnHour)
 {
     const Records records;
-    const TempDir folder;
+    const TempDir directory;
     UNIXSocket socket;
     ASSERT_TRUE(socket.Create());
-    const std::string path = folder / "none";
+    const std::string path = directory / "none";
     const std::string failed = " Domain socket connects failed. Connection socket path is [" + path + "].";
     for (const std::int64_t minutes : {0, 1, 28}) {
         Clock::monotonicOffsetNs += minutes * 60 * Clock::kNsPerSecond;
@@ -210,6 +208,6 @@ TEST(UnixSocketTest, TellsErrorsOnceInHalfAnHour)
     EXPECT_EQ(records.Lines().size(), told);  // kept: silent
     UNIXSocket other;
     ASSERT_TRUE(other.Create());
-    EXPECT_FALSE(other.Bind(folder / "no/folder", 0));
-    EXPECT_TRUE(records.Has("ERROR Domain socket bind failed. Bind path is [" + (folder / "no/folder") + "]."));
+    EXPECT_FALSE(other.Bind(directory / "no/directory", 0));
+    EXPECT_TRUE(records.Has("ERROR Domain socket bind failed. Bind path is [" + (directory / "no/directory") + "]."));
 }

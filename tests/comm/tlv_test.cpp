@@ -80,20 +80,17 @@ TEST(TLVTest, ValuesKeepTheirBoundsAndTypes)
     EXPECT_FALSE(TLVValue().AsString(text) || Item(1, "").AsString(text));
 }
 
+// Kept: constructing from an item without bytes drops its tag, assigning keeps it.
 TEST(TLVTest, MovingEmptiesTheSource)
 {
     TLVValue source = Item(1, "abc");
     TLVValue target = std::move(source);
-    EXPECT_EQ(Bytes(target), "abc");
     EXPECT_EQ(Bytes(source), "none");  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the point
     TLVValue& self = target;
     target = std::move(self);
     EXPECT_EQ(Bytes(target), "abc");
-    // Kept: constructing from an item without bytes drops its tag, assigning keeps it.
-    TLVValue empty = Item(4, "");
-    target = std::move(empty);
-    EXPECT_EQ(target.GetTag(), 4);
-    EXPECT_EQ(TLVValue(std::move(target)).GetTag(), 0);
+    target = Item(4, "");
+    EXPECT_TRUE(target.GetTag() == 4 && TLVValue(std::move(target)).GetTag() == 0);
 }
 
 // What it does with all else is compared with a walk over the bytes, by the seeds of its fuzzer.
