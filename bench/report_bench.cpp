@@ -21,7 +21,7 @@
 
 #include "config.h"
 #include "report_queue.h"
-#include "temp_folder.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -192,8 +192,8 @@ void Measure(int listener, int rate, bool joins, Times& times)
 
 int main()
 {
-    const TempFolder folder;
-    const std::string path = folder.File("server");
+    const TempDirectory directory;
+    const std::string path = directory.File("server");
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
