@@ -33,7 +33,8 @@ static void Log(LogFile& file, const char* content, LogLevel level, const LogSys
     file.WriteLog(formatter, {level, 42, "INFO", "src.cpp", content, &kTime});
 }
 
-// Kept: an old file is never appended to. Losing it, or the copies' order, loses evidence.
+// Kept because each start is to begin a new file: an old one is never appended to. Losing it, or the copies' order,
+// loses evidence.
 TEST_F(LogFileTest, RollsWhatItFindsAndKeepsTheNewestCopies)
 {
     for (const char* text : {"one", "two", "three", "four"}) {
@@ -59,7 +60,7 @@ TEST_F(LogFileTest, RollsWhatItFindsAndKeepsTheNewestCopies)
     EXPECT_EQ(Unzipped(Copy(1)) + Unzipped(Copy(2)), "fivefour");
 }
 
-// Kept: the size is looked at with every 50th write, before it.
+// Kept because a look costs a system call: the size is looked at with every 50th write, before it.
 TEST_F(LogFileTest, RollsByTheSizeSeenAtEvery50thWrite)
 {
     LogFile file(path_, DEBUG, 98, 1);
@@ -76,8 +77,8 @@ TEST_F(LogFileTest, RollsByTheSizeSeenAtEvery50thWrite)
     EXPECT_FALSE(fs::exists(dir_ / "c.log.gz") || fs::exists(dir_ / "c.log.1.gz"));
 }
 
-// A link planted in the log directory must not lead root's log, or its compression, elsewhere. Kept: what others may
-// have written is removed, not rolled into the evidence.
+// A link planted in the log directory must not lead root's log, or its compression, elsewhere. Kept because copies are
+// evidence: what others may have written is removed, not rolled.
 TEST_F(LogFileTest, WhatIsNotAFileOfItsOwnIsRemoved)
 {
     const std::string target = dir_ / "target";

@@ -19,7 +19,7 @@ TEST(LoggerTest, RecordsStayOnOneLineAndWithinTheLimit)
     EXPECT_EQ(records.Lines(), expected);
 }
 
-// Kept: the startup kind is dropped, whoever subscribed to it.
+// Kept because the startup kind is only a name to register under: it is dropped, whoever subscribed to it.
 TEST(LoggerTest, KindsAreApartAndTheStartupKindIsDropped)
 {
     const Records startup(kStartupLog);
@@ -128,7 +128,7 @@ TEST(LoggerTest, ASubscriberMayUnsubscribeItselfInItsOwnCall)
     EXPECT_EQ(seen, "seenx");
 }
 
-// Kept: an empty callable ends the process.
+// Kept because an empty callable is a fault of the program: it ends the process.
 TEST(LoggerTest, EmptyCallableEndsTheProcess)
 {
     MessageBus::Subscribe(kNormalLog, "empty", nullptr);

@@ -79,7 +79,7 @@ struct MyProgramTest : testing::Test {
 
 TEST_F(MyProgramTest, ForegroundRunOwnsThePidFileWhileItRuns)
 {
-    // Kept: all records of the frame carry this file name.
+    // Kept because log readers look for it: all records of the frame carry this file name.
     const auto checkFile = [](const NENormalLog& record) { EXPECT_STREQ(record.fileName, "my_program.cpp"); };
     MessageBus::Subscribe(kNormalLog, "file", checkFile);
     EXPECT_TRUE(Run(false, true, [] {
@@ -113,7 +113,7 @@ TEST_F(MyProgramTest, PidFileDecidesWhetherToStart)
         {"99999999999", self, false, invalid},
         {std::string("\0", 1), self, false, invalid},
         {"2147483647\n", self, true, dead + "2147483647]"},
-        {own + "xyz", "/other", true, dead + own + "]"},  // kept: alive, but another program
+        {own + "xyz", "/other", true, dead + own + "]"},  // alive, but another program
         {own + "\n", self, false, "ERROR Another program is running. exit."},
     };
     for (const auto& [text, exe, allowed, record] : rows) {
@@ -124,7 +124,7 @@ TEST_F(MyProgramTest, PidFileDecidesWhetherToStart)
     }
 }
 
-// Kept: a starter takes 0 for handed over, also when there is nobody to hand over to.
+// Kept because a starter takes 0 for handed over, also when there is nobody to hand over to.
 TEST_F(MyProgramTest, FailedForkLeavesWithZero)
 {
     const int status = Wait(Fork([] {
@@ -135,7 +135,7 @@ TEST_F(MyProgramTest, FailedForkLeavesWithZero)
     EXPECT_EQ(status, 0);
 }
 
-// Kept: the starting process leaves with 0, the daemon's run is true and its pid file stays.
+// Kept because starters rely on it: the starting process leaves with 0, the daemon's run is true, its pid file stays.
 TEST_F(MyProgramTest, DaemonDetachesAndLeavesItsPidFile)
 {
     const int status = Wait(Fork([] {
@@ -201,7 +201,7 @@ TEST_F(MyProgramTest, OnlyWithoutTheLockThePidFileOfALivingStrangerIsLeft)
     const pid_t dead = Fork([] { return 0; });
     Wait(dead);
     const std::tuple<std::string, bool, bool, bool> rows[] = {
-        {std::to_string(getppid()), false, true, false},  // kept: with the lock, whatever it holds
+        {std::to_string(getppid()), false, true, false},  // with the lock, whatever it holds
         {std::to_string(getppid()), false, false, true},
         {std::to_string(child), false, false, true},
         {std::to_string(child), true, false, false},
@@ -236,7 +236,7 @@ TEST_F(MyProgramTest, RefusedInstanceLeavesThePidFileAlone)
     EXPECT_EQ(Read(pidFile_), "rubbish");
 }
 
-// Kept: the report is written over the one before and not cut to its length.
+// Kept because a full disk must still take a report: it is written over the one before and not cut to its length.
 TEST_F(MyProgramTest, Usr1OnlyReportsOverTheOldReport)
 {
     const std::string old(1U << 20, 'o');
@@ -248,7 +248,7 @@ TEST_F(MyProgramTest, Usr1OnlyReportsOverTheOldReport)
     EXPECT_TRUE(report.size() == old.size() && report.back() == 'o');
 }
 
-// Kept: without a report to write every handled signal is swallowed, a crash signal too.
+// Kept because embedders switch the handling off so: without a log path every handled signal is swallowed.
 TEST_F(MyProgramTest, WithoutALogPathSignalsAreSwallowed)
 {
     MyProgram::GetInstance().SetLogPath(std::string(4083, 'x'));  // with its file one byte too long: none

@@ -200,7 +200,8 @@ TEST_F(StopTest, WaitingGoesOnAfterAReportAndEndsInTheStop)
     }
 }
 
-// Kept: without a report to write a stop is swallowed; the wait goes on. Where the program handles SIGTERM, it ends.
+// Kept because embedders switch the handling off so: without a report to write a stop is swallowed, and the wait goes
+// on. Where the program handles SIGTERM, it ends.
 TEST_F(StopInHandlerTest, ASwallowedStopDoesNotEndTheWait)
 {
     MyProgram::GetInstance().SetLogPath("/none");

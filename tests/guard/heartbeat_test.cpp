@@ -124,7 +124,7 @@ TEST(HeartbeatCheckerTest, RoundsComeOnTimeAlsoWhileThreadsAreMade)
     EXPECT_EQ(rounds(), 3);
     EXPECT_GE(Clock::MonotonicNs() - start, 2900 * Clock::kNsPerMs);  // a minute each
     EXPECT_EQ(records.Count("DEBUG ......CheckInstance start......"), 3);
-    EXPECT_EQ(records.FileOf("DEBUG ......CheckInstance end......"), "hips_guard.cpp");  // kept: readers look there
+    EXPECT_EQ(records.FileOf("DEBUG ......CheckInstance end......"), "hips_guard.cpp");
     Clock::sleepDivisor = 1;
     UninitHipsGuard();
 }

@@ -24,8 +24,7 @@ void* Job(void* name)
     return nullptr;
 }
 
-class ThreadPoolTest : public testing::Test {
-protected:
+struct ThreadPoolTest : testing::Test {
     ThreadPoolTest()
     {
         g_started = 0;
@@ -68,7 +67,7 @@ TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
     EXPECT_EQ(name, "T-a-long-job-na");
 }
 
-// Kept: a full queue refuses the new job and keeps the old ones.
+// Kept because callers count on queued jobs: a full queue refuses the new job and keeps the old ones.
 TEST_F(ThreadPoolTest, QueueTakes5000WaitingJobs)
 {
     ASSERT_TRUE(pool_.Start(1, 1));
