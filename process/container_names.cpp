@@ -29,7 +29,7 @@ struct GroupHandle {
         std::memcpy(bytes.data(), head, sizeof(head));
         std::memcpy(bytes.data() + sizeof(head), &group, sizeof(group));
     }
-    file_handle* Get() { return reinterpret_cast<file_handle*>(bytes.data()); }
+    file_handle* Get() { return static_cast<file_handle*>(static_cast<void*>(bytes.data())); }
 };
 
 }  // namespace
