@@ -14,8 +14,9 @@ inline constexpr std::uint32_t kMsgProcess = 1;         // a process event
 inline constexpr std::uint32_t kMsgDroppedReports = 3;  // reports that the agent had no room for
 inline constexpr std::uint32_t kMsgFile = 5;            // a change of a watched file
 inline constexpr std::uint32_t kMsgAccess = 7;          // somebody's use of a guarded file
-inline constexpr std::uint32_t kMsgRepeats = 13;        // process events that were only counted
+inline constexpr std::uint32_t kMsgRepeats = 13;        // process events or connections that were only counted
 inline constexpr std::uint32_t kMsgProblem = 17;        // the agent is not well, or is again
+inline constexpr std::uint32_t kMsgConnection = 19;     // a TCP connection, or a begin or end of listening
 
 // Asks the server for a sign of life, with no items; it answers like to a report. A server answers every
 // request, also of a type that it does not know: an agent that gets no answer for 30 seconds gives the
@@ -78,6 +79,14 @@ enum ReportTag : std::uint16_t {
     kTagNotes = 36,          // text: what is unusual about it, with a comma between several
     kTagScript = 37,         // text: the path of a script
     kTagArgsSize = 38,       // 8 bytes: the size of all arguments, where kTagArgs holds only the first ones
+
+    // More about a connection:
+    kTagLocalAddress = 46,   // text, such as "10.0.0.1" or "fe80::1"
+    kTagLocalPort = 47,      // 4 bytes, 0: unknown
+    kTagRemoteAddress = 48,  // text
+    kTagRemotePort = 49,     // 4 bytes
+    kTagError = 50,          // text: why it failed
+    kTagNetNs = 51,          // text: the number of its network namespace, where that is not the host's
 };
 
 enum ProcessEvent : std::int32_t {

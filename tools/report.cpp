@@ -24,9 +24,13 @@ struct ReportKind {
 };
 
 constexpr ReportKind kReportKinds[] = {
-    {"process", kMsgProcess, kTagTime},  {"dropped", kMsgDroppedReports, kTagCount},
-    {"file", kMsgFile, kTagPath},        {"access", kMsgAccess, kTagPath},
-    {"repeats", kMsgRepeats, kTagCount}, {"problem", kMsgProblem, kTagProblem},
+    {"process", kMsgProcess, kTagTime},
+    {"dropped", kMsgDroppedReports, kTagCount},
+    {"file", kMsgFile, kTagPath},
+    {"access", kMsgAccess, kTagPath},
+    {"repeats", kMsgRepeats, kTagCount},
+    {"problem", kMsgProblem, kTagProblem},
+    {"connection", kMsgConnection, kTagAction},
 };
 
 struct EventKind {
