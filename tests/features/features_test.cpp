@@ -32,7 +32,7 @@ bool Logs(const Records& records, const std::string& piece, const std::string& e
 struct FeaturesTest : testing::Test {
     FeaturesTest()
     {
-        for (const char* feature : {"process_watch", "file_integrity", "file_access"}) {
+        for (const char* feature : {"process_watch", "file_integrity", "file_access", "network_watch"}) {
             const std::string name = std::string("lib") + feature + ".so";
             fs::copy_file(FEATURE_DIR + name, dir_ / name);
             chmod((dir_ / name).c_str(), 0755);
@@ -114,6 +114,12 @@ TEST_F(FeaturesTest, PoliciesThatCannotBeTakenAreRefusedWithAReason)
         {"file_integrity", "watch=/x;exclude=*,a/b",
          "line 1: watch: '/x;exclude=*,a/b' has an exclude that needs recursive, 'a/b'"},
         {"process_watch", "repeats=x", "line 1: repeats: 'x' is not a number from 0 to 1000000"},
+        {"network_watch", "events=connect,", "line 1: events: 'connect,' is not made of connect, accept and listen"},
+        {"network_watch", "exclude=10.0.0.1/8",
+         "line 1: exclude: '10.0.0.1/8' has a network with bits beyond its size"},
+        {"network_watch", "ring_bytes=65535", "line 1: ring_bytes: '65535' is not a number from 65536 to 1073741824"},
+        {"network_watch", "wake_ms=1001", "line 1: wake_ms: '1001' is not a number from 0 to 1000"},
+        {"network_watch", "ports=1", "line 1: unknown key 'ports'"},
         {"file_access", "guard=", "line 1: guard: '' is not an absolute path"},
         {"file_access", "guard=/x;recursive", "line 1: guard: '/x;recursive' has an unknown option 'recursive'"},
     };
