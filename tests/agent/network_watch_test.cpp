@@ -56,7 +56,7 @@ TEST_F(AgentTest, ReportsConnectionsOfOthersAndNotItsOwn)
     EXPECT_EQ(Wait(client), 0);
     EXPECT_TRUE(LoggedLine("Connection opened.[action=opened pid=" + std::to_string(client) + " user=nobody ",
                            " program=" + program + "]"));
-    EXPECT_TRUE(Says("network_watch     started  watches 1, lacks 0,"));
+    EXPECT_TRUE(Says("network_watch     started  watches 1, waits for 0, lacks 0,"));
     Kill(collector);
     EXPECT_EQ(StopAgent(), SIGTERM);
     EXPECT_FALSE(Logged(" pid=" + std::to_string(agent_) + " "));
