@@ -95,7 +95,7 @@ struct TracerCounts {
     Kinds lost;                         // for want of room: seen = received + lost, once everything is read
     std::uint64_t filtered = 0;         // kept from the callback by the white list
     std::uint64_t incomplete = 0;       // records that are not whole
-    std::uint64_t malformed = 0;        // that could not be understood
+    std::uint64_t malformed = 0;        // that could not be understood, or for which there was no memory
     std::uint64_t recursionMisses = 0;  // times that the kernel did not run a program
 };
 

@@ -14,6 +14,7 @@
 #include "process/exec_reader.h"
 #include "process/proc_directory.h"
 #include "process/trace_decoder.h"
+#include "process/tracer_thread.h"
 #include "process_monitor.h"
 #include "process_utils.h"
 #include "util/clock.h"
@@ -25,7 +26,8 @@ namespace {
 
 constexpr int kIdleWaitMs = 1000;
 constexpr std::uint64_t kSettleNs = 5 * Clock::kNsPerMs;  // after it the next exec of a process has shown up, too
-constexpr std::size_t kMaxBatches = 200;                  // in one round
+constexpr std::uint64_t kLearnPeriodNs = 2 * Clock::kNsPerSecond;
+constexpr std::size_t kMaxBatches = 200;  // in one round
 constexpr std::size_t kLookAhead = 256;
 constexpr std::uint32_t kHostPidNs = 0xEFFFFFFCU;  // fixed in the kernel
 
@@ -56,9 +58,10 @@ private:
     };
 
     void LearnProcesses();
+    void RunRound(RecordSink& sink);
     void Receive();
     bool Wait(int timeoutMs, bool forEvents) const;
-    bool HandleDue(RecordSink& sink);
+    bool HandleDue(RecordSink& sink, std::uint64_t settleNs);
     void Handle(const proc_event& event, RecordSink& sink);
     void HandleFork(const proc_event& event, RecordSink& sink);
     void HandleExec(const proc_event& event, RecordSink& sink);
@@ -78,12 +81,14 @@ private:
     std::atomic<std::uint64_t> execs_{0};
     std::atomic<std::uint64_t> exits_{0};
     std::atomic<std::uint64_t> lost_{0};
+    std::atomic<std::uint64_t> failures_{0};
 
     // Of the tracer's thread alone:
     std::uint32_t hostMountNs_ = 0;
     std::uint64_t bootOffsetNs_ = 0;  // of the clock of the events
     std::uint64_t wallOffsetNs_ = 0;  // of the time since the boot
-    bool missed_ = false;
+    bool missed_ = true;              // at the start, too
+    std::uint64_t learnedNs_ = 0;
     std::vector<proc_event> batch_;
     std::deque<proc_event> pending_;
     std::unordered_map<int, Known> known_;
@@ -114,6 +119,7 @@ TracerCounts ConnectorSource::GetCounts() const
     TracerCounts counts;
     counts.seen = counts.received = {forks_, execs_, exits_, 0};
     counts.lost.unknown = lost_;
+    counts.malformed = failures_;
     return counts;
 }
 
@@ -155,25 +161,39 @@ bool ConnectorSource::Wait(int timeoutMs, bool forEvents) const
 
 void ConnectorSource::Run(RecordSink& sink)
 {
-    LearnProcesses();
     while (running_) {
-        if (pending_.empty()) {
-            Wait(kIdleWaitMs, true);
-        }
-        Receive();
-        const bool quiet = !HandleDue(sink);
-        if (const std::uint64_t losses = socket_.TakeLosses(); losses != 0) {
-            lost_ += losses;
+        try {
+            RunRound(sink);
+        } catch (const std::exception& error) {  // memory has run out
+            ++failures_;
             missed_ = true;
             sink.PutLoss();
+            LogTracerFailure(error);
         }
-        if (missed_ && pending_.empty()) {
-            missed_ = false;
-            LearnProcesses();
-        }
-        sink.Rest(quiet && pending_.empty());
         Wait(restMs_, false);
     }
+}
+
+void ConnectorSource::RunRound(RecordSink& sink)
+{
+    if (missed_ && (pending_.empty() || ConnectorNow() - learnedNs_ > kLearnPeriodNs)) {
+        // On a busy host something is always pending: then it is handled too early, once.
+        HandleDue(sink, 0);
+        LearnProcesses();
+        missed_ = false;
+        learnedNs_ = ConnectorNow();
+    }
+    if (pending_.empty()) {
+        Wait(kIdleWaitMs, true);
+    }
+    Receive();
+    const bool quiet = !HandleDue(sink, kSettleNs);
+    if (const std::uint64_t losses = socket_.TakeLosses(); losses != 0) {
+        lost_ += losses;
+        missed_ = true;
+        sink.PutLoss();
+    }
+    sink.Rest(quiet && pending_.empty());
 }
 
 void ConnectorSource::Receive()
@@ -186,11 +206,11 @@ void ConnectorSource::Receive()
 }
 
 // True if there were any.
-bool ConnectorSource::HandleDue(RecordSink& sink)
+bool ConnectorSource::HandleDue(RecordSink& sink, std::uint64_t settleNs)
 {
     const std::uint64_t now = ConnectorNow();
     bool found = false;
-    while (running_ && !pending_.empty() && pending_.front().timestamp_ns + kSettleNs <= now) {
+    while (running_ && !pending_.empty() && pending_.front().timestamp_ns + settleNs <= now) {
         const proc_event event = pending_.front();
         pending_.pop_front();
         Handle(event, sink);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "logger.h"
+#include "process/tracer_thread.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/stop_signals.h"
@@ -81,6 +82,7 @@ void ExecReader::Run(int priority)
                ErrnoText(error).Get());
     }
     std::vector<proc_event> events;
+    events.reserve(DatagramBatch::kSize);
     while (running_) {
         pollfd waiting[] = {{socket_.Fd(), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
         if (poll(waiting, 2, -1) < 0) {
@@ -89,7 +91,7 @@ void ExecReader::Run(int priority)
         std::uint64_t now = ConnectorNow();
         while (running_ && socket_.Receive(events) > 0) {
             for (const proc_event& event : events) {
-                LookAt(event.event_data.exec.process_tgid, event.timestamp_ns);
+                TryToLookAt(event.event_data.exec.process_tgid, event.timestamp_ns);
             }
             now = ConnectorNow();
         }
@@ -103,6 +105,16 @@ void ExecReader::SetReached(std::uint64_t timeNs)
     const std::lock_guard<std::mutex> lock(mutex_);
     reachedNs_ = std::max(reachedNs_, timeNs);
     came_.notify_all();
+}
+
+// Without memory nothing was seen, and the record says so.
+void ExecReader::TryToLookAt(int pid, std::uint64_t timeNs)
+{
+    try {
+        LookAt(pid, timeNs);
+    } catch (const std::exception& error) {
+        LogTracerFailure(error);
+    }
 }
 
 void ExecReader::LookAt(int pid, std::uint64_t timeNs)

@@ -41,6 +41,7 @@ private:
     };
 
     void Run(int priority);
+    void TryToLookAt(int pid, std::uint64_t timeNs);
     void LookAt(int pid, std::uint64_t timeNs);
     void SetReached(std::uint64_t timeNs);
     void Keep(const Key& key, Look look);

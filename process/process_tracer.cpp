@@ -156,7 +156,12 @@ bool ProcessTracer::Session::StartThread()
 
 void ProcessTracer::Session::Run()
 {
-    table_->CompareWithProc(running_);
+    try {
+        table_->CompareWithProc(running_);
+    } catch (const std::exception& error) {
+        LogTracerFailure(error);
+        unseenLoss_ = true;  // it is made up for later
+    }
     comparedNs_ = Clock::MonotonicNs();
     source_->Run(*this);  // nobody changes it before this thread is joined
 }

@@ -1,17 +1,21 @@
 #include "process/ring_reader.h"
 
 #include <bpf/libbpf.h>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <string_view>
+#include <cstring>
+#include <utility>
 
-#include "byte_buffer.h"
 #include "process/trace_programs.h"
 #include "process/trace_state.h"
+#include "process/tracer_thread.h"
+#include "util/bounded.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
 #include "util/file.h"
@@ -95,8 +99,7 @@ void RingReader::Run(RingSink& sink)
     sink_ = &sink;
     bool idle = false;
     while (running_) {
-        const bool found = ReadRing();
-        sink.EndRound(!found);
+        const bool found = ReadRound();
         // A program looks at how the reader waits before its record is in the ring. So the reader still comes round
         // once at the usual time after it has asked to be woken up.
         const int timeout = found || !idle ? std::max(wakeMs_, 1) : kIdleWaitMs;
@@ -108,6 +111,20 @@ void RingReader::Run(RingSink& sink)
     }
 }
 
+// True if there was anything.
+bool RingReader::ReadRound()
+{
+    try {
+        const bool found = ReadRing();
+        sink_->EndRound(!found);
+        return found;
+    } catch (const std::exception& error) {
+        ++failures_;
+        LogTracerFailure(error);
+        return true;
+    }
+}
+
 void RingReader::Wait(std::uint32_t waiting, int timeoutMs)
 {
     epoll_event event;
@@ -116,31 +133,42 @@ void RingReader::Wait(std::uint32_t waiting, int timeoutMs)
     __atomic_store_n(&state_->waiting, TRACE_READING, __ATOMIC_RELAXED);
 }
 
-// True if there was anything.
 bool RingReader::ReadRing()
 {
     wallOffsetNs_ = NsOf(CLOCK_REALTIME) - NsOf(CLOCK_BOOTTIME);
     leftInRound_ = kMaxRound;
-    return ring_buffer__consume(ring_) != 0;
+    const bool found = ring_buffer__consume(ring_) != 0;
+    if (failure_ != nullptr) {
+        std::rethrow_exception(std::exchange(failure_, nullptr));
+    }
+    return found;
 }
 
 int RingReader::OnRecord(void* self, void* data, std::size_t length)
 {
     auto& reader = *static_cast<RingReader*>(self);
-    reader.sink_->TakeRecord(data, length);
+    try {
+        reader.sink_->TakeRecord(data, length);
+    } catch (...) {  // must not pass through libbpf
+        reader.failure_ = std::current_exception();
+        return kStopReading;
+    }
     return reader.running_ && --reader.leftInRound_ > 0 ? 0 : kStopReading;
 }
 
+// Without memory of its own: counts are also asked for where that has run out.
 std::uint64_t RingReader::CountRecursionMisses(const bpf_program* program)
 {
-    constexpr std::string_view kKey = "recursion_misses:";
-    ByteBuffer content;
-    if (!FileOperation::ReadAllNosize("/proc/self/fdinfo/" + std::to_string(bpf_program__fd(program)), content)) {
+    constexpr const char* kKey = "recursion_misses:";
+    std::array<char, 64> path{};
+    std::array<char, 1024> text{};
+    snprintf_s(path.data(), path.size(), "/proc/self/fdinfo/%d", bpf_program__fd(program));
+    const UniqueFd file(open(path.data(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsValid() || FileOperation::Read(file.Get(), text.data(), text.size() - 1) <= 0) {
         return 0;
     }
-    const std::string text = content.ToString();
-    const std::size_t at = text.find(kKey);
-    return at == std::string::npos ? 0 : std::strtoull(text.c_str() + at + kKey.size(), nullptr, 10);
+    const char* const at = std::strstr(text.data(), kKey);
+    return at == nullptr ? 0 : std::strtoull(at + std::strlen(kKey), nullptr, 10);
 }
 
 }  // namespace NEUtils

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <string>
 
 #include "util/unique_fd.h"
@@ -46,14 +47,19 @@ public:
     // From the time since the boot to the wall clock's, as of the round under way. For the thread of Run.
     std::int64_t GetWallOffsetNs() const { return wallOffsetNs_; }
 
+    // How often the sink had no memory for a record, or for the end of a round.
+    std::uint64_t GetFailureCount() const { return failures_; }
+
     // A counter that the programs change at the same time.
     static std::uint64_t Load(const __u64& counter) { return __atomic_load_n(&counter, __ATOMIC_RELAXED); }
-    // How often the kernel did not run a program, since it was running already. Needs no rights.
+    // How often the kernel did not run a program, since it was running already. Needs no rights, but /proc/self: 0
+    // where the process may not read that.
     static std::uint64_t CountRecursionMisses(const bpf_program* program);
 
 private:
     static int OnRecord(void* self, void* data, std::size_t length);
 
+    bool ReadRound();
     bool ReadRing();
     void Wait(std::uint32_t waiting, int timeoutMs);
 
@@ -64,11 +70,13 @@ private:
     UniqueFd stop_;
     UniqueFd epoll_;
     std::atomic<bool> running_{true};
+    std::atomic<std::uint64_t> failures_{0};
 
     // Of the thread of Run alone:
     RingSink* sink_ = nullptr;
     std::int64_t wallOffsetNs_ = 0;
     int leftInRound_ = 0;
+    std::exception_ptr failure_;
 };
 
 }  // namespace NEUtils

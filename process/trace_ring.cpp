@@ -97,7 +97,7 @@ void TraceRing::Complete(ProcessRecord& record)
 
 void TraceRing::EndRound(bool isQuiet)
 {
-    const std::uint64_t losses = LoadKinds(programs_->bss->state.lost).Total();
+    const std::uint64_t losses = LoadKinds(programs_->bss->state.lost).Total() + reader_.GetFailureCount();
     if (losses != toldLosses_) {
         toldLosses_ = losses;
         sink_->PutLoss();
@@ -111,7 +111,7 @@ TracerCounts TraceRing::GetCounts() const
     counts.seen = LoadKinds(programs_->bss->state.seen);
     counts.lost = LoadKinds(programs_->bss->state.lost);
     counts.received = {received_[TRACE_FORK], received_[TRACE_EXEC], received_[TRACE_EXIT], 0};
-    counts.malformed = malformed_;
+    counts.malformed = malformed_ + reader_.GetFailureCount();
     for (const bpf_program* program :
          {programs_->progs.trace_exec, programs_->progs.trace_fork, programs_->progs.trace_exit}) {
         counts.recursionMisses += RingReader::CountRecursionMisses(program);

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "util/clock.h"
+#include "util/rate_limiter.h"
 #include "util/stop_signals.h"
 #include "util/thread_name.h"
 
@@ -27,6 +29,14 @@ bool TracerThread::Start(const char* name, std::function<void()> body)
         return false;
     }
     return true;
+}
+
+void LogTracerFailure(const std::exception& failure)
+{
+    static RateLimiter records(15 * 60 * 1000);
+    if (records.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
+        NE_LOG(ERROR, "A tracer failed and goes on.[what=%s]", failure.what());
+    }
 }
 
 bool TracerThread::IsOwn() const

@@ -23,6 +23,9 @@ private:
     std::thread thread_;
 };
 
+// Logs that memory ran out, or the like, at most every 15 minutes.
+void LogTracerFailure(const std::exception& failure);
+
 // Calls back into the owner of a tracer. What that throws must not pass through the tracer.
 template <typename Function>
 void CallOwner(const char* tracer, const Function& function)

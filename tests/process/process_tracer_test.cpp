@@ -1,4 +1,5 @@
 #include "tests/process/trace_support.h"
+#include "tests/support/failing_allocations.h"
 
 using Record = ProcessRecord;
 
@@ -250,6 +251,29 @@ TEST_P(ProcessTracerTest, CallbacksMayStopAndThrow)
         RunTrue();
         return calls > 3;
     }));
+}
+
+// An exception once left the tracer's threads, through libbpf, and ended the process.
+TEST_P(ProcessTracerTest, GoesOnWhereMemoryRunsOut)
+{
+    ASSERT_TRUE(traced_.Start(GetParam()) && traced_.SawEnd(RunTrue()));
+    char program[] = "/bin/true";
+    char* args[] = {program, nullptr};
+    const int failures = FailingAllocations::InTurn(FailingAllocations::Mode::kOne, [&] {
+        const auto before = traced_.tracer.GetCounts();
+        for (int i = 0; i < 3; ++i) {
+            pid_t pid = -1;
+            EXPECT_TRUE(posix_spawn(&pid, program, nullptr, nullptr, args, environ) == 0 && Wait(pid) == 0);
+        }
+        for (auto now = before; now.received.exits < before.received.exits + 3 && now.malformed == before.malformed;
+             now = traced_.tracer.GetCounts()) {
+            usleep(1000);
+        }
+    });
+    EXPECT_GT(failures, 10);
+    EXPECT_GT(traced_.tracer.GetCounts().malformed, 0U);
+    EXPECT_LE(log_.CountWith("ERROR A tracer failed and goes on.[what="), 1);
+    EXPECT_TRUE(traced_.SawEnd(RunTrue()));
 }
 
 #if NEUTILS_HAS_TRACE
