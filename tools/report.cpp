@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tlv.h"
+#include "util/text_list.h"
 
 namespace {
 
@@ -15,6 +16,7 @@ using namespace NEUtils;
 // So many items of a message are looked at for unknown ones, since finding each takes longer than the last.
 constexpr std::uint32_t kMaxItems = 128;
 constexpr std::size_t kMaxBody = 64;
+constexpr std::size_t kMaxListText = 65536;  // four times what an agent sends
 
 // A report whose type is known, and an item that it must have.
 struct ReportKind {
@@ -44,6 +46,16 @@ constexpr EventKind kEventKinds[] = {
     {kProcessExited, "exited", kTagExitCode},
     {kProcessKilled, "killed", kTagSignal},
 };
+
+bool ReadList(const ItemKind& kind, const TLVAnalyzer& items, Report& report)
+{
+    std::string text;
+    if (!items.JoinText(kind.tag, text) || text.size() > kMaxListText) {
+        return false;
+    }
+    report.items[KindOf(kind.tag)] = UnpackList(text);
+    return true;
+}
 
 bool ReadItem(const ItemKind& kind, const TLVValue& value, Report& report)
 {
@@ -148,10 +160,11 @@ std::string ReadReport(const SentrelAgentMsg& header, unsigned char* body, Repor
         if (value.GetTag() != kind.tag) {
             continue;
         }
-        if (ReadItem(kind, value, report)) {
+        if (kind.size == kList ? ReadList(kind, items, report) : ReadItem(kind, value, report)) {
             ++read;
         } else if (isKnown) {
-            return std::string(kind.name) + " has " + std::to_string(value.GetLength()) + " bytes";
+            return std::string(kind.name) +
+                   (kind.size == kList ? " is too long" : " has " + std::to_string(value.GetLength()) + " bytes");
         }
     }
     if (read < items.GetCount()) {

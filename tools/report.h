@@ -14,8 +14,10 @@
 struct ItemKind {
     NEUtils::ReportTag tag;
     const char* name;
-    std::size_t size;  // 0: text
+    std::size_t size;  // 0: text; kList: a list of texts
 };
+
+inline constexpr std::size_t kList = static_cast<std::size_t>(-1);
 
 // In the order of printing. The last of a report's texts is printed as it is.
 inline constexpr ItemKind kItemKinds[] = {
@@ -29,6 +31,17 @@ inline constexpr ItemKind kItemKinds[] = {
     {NEUtils::kTagContainer, "container", 0},
     {NEUtils::kTagExitCode, "exitCode", 4},
     {NEUtils::kTagSignal, "signal", 4},
+    {NEUtils::kTagDuration, "duration", 8},
+    {NEUtils::kTagStartTime, "startTime", 8},
+    {NEUtils::kTagEffectiveUser, "effectiveUser", 0},
+    {NEUtils::kTagLoginUser, "loginUser", 0},
+    {NEUtils::kTagSession, "session", 4},
+    {NEUtils::kTagExe, "exe", 0},
+    {NEUtils::kTagScript, "script", 0},
+    {NEUtils::kTagParentExe, "parentExe", 0},
+    {NEUtils::kTagNotes, "notes", 0},
+    {NEUtils::kTagArgs, "args", kList},
+    {NEUtils::kTagArgsSize, "argsSize", 8},
     {NEUtils::kTagAction, "action", 0},
     {NEUtils::kTagDigest, "sha256", 0},
     {NEUtils::kTagMode, "mode", 0},
@@ -57,8 +70,10 @@ struct Report {
     };
 
     NEUtils::SentrelAgentMsg header = {};
-    const char* type = nullptr;                                                                        // null: unknown
-    std::array<std::variant<std::monostate, std::int64_t, std::string>, std::size(kItemKinds)> items;  // as the kinds
+    const char* type = nullptr;  // null: unknown
+    using Item = std::variant<std::monostate, std::int64_t, std::string, std::vector<std::string>>;
+
+    std::array<Item, std::size(kItemKinds)> items;  // as the kinds
     std::vector<Other> others;
     std::size_t omitted = 0;  // items beyond those
     std::string body;         // the first bytes of one that is not made of items; of an unknown type only

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "item_text.h"
+#include "util/text_list.h"
 
 namespace {
 
@@ -52,11 +53,28 @@ std::size_t FindLastText(const Report& report)
     return last;
 }
 
+// Only ASCII: other control characters than the first 32 would stay as they are.
+std::string ToLine(const ordered_json& object)
+{
+    return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
+}
+
+using List = std::vector<std::string>;
+
+// A list says nothing new where the free text has its items with blanks between them.
+bool IsShown(const Report& report, std::size_t kind)
+{
+    const List* list = std::get_if<List>(&report.items[kind]);
+    return report.items[kind].index() != 0 && kItemKinds[kind].tag != kTagTime && (list == nullptr || NeedsList(*list));
+}
+
 void AppendItem(std::string& line, const Report& report, std::size_t kind)
 {
     const std::string* text = FindText(report, kind);
     line.append(" ").append(kItemKinds[kind].name).append("=");
-    if (text == nullptr) {
+    if (const List* list = std::get_if<List>(&report.items[kind]); list != nullptr) {
+        line.append(ToLine(*list));
+    } else if (text == nullptr) {
         line.append(std::to_string(std::get<std::int64_t>(report.items[kind])));
     } else {
         AppendQuoted(line, *text);
@@ -78,8 +96,7 @@ void AppendItems(std::string& line, const Report& report)
 {
     const std::size_t last = FindLastText(report);
     for (std::size_t kind = 0; kind < std::size(kItemKinds); ++kind) {
-        const bool isInLine = kItemKinds[kind].tag == kTagTime;
-        if (kind != last && !isInLine && report.items[kind].index() != 0) {
+        if (kind != last && IsShown(report, kind)) {
             AppendItem(line, report, kind);
         }
     }
@@ -105,12 +122,6 @@ ordered_json OthersJson(const Report& report)
         list.push_back(std::move(item));
     }
     return list;
-}
-
-// Only ASCII: other control characters than the first 32 would stay as they are.
-std::string ToLine(const ordered_json& object)
-{
-    return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -156,6 +167,8 @@ std::string ReportJson(const Sender& sender, const Report& report)
     for (std::size_t kind = 0; kind < std::size(kItemKinds); ++kind) {
         if (const std::string* text = FindText(report, kind); text != nullptr) {
             object[kItemKinds[kind].name] = *text;
+        } else if (const List* list = std::get_if<List>(&report.items[kind]); list != nullptr) {
+            object[kItemKinds[kind].name] = *list;
         } else if (report.items[kind].index() != 0) {
             object[kItemKinds[kind].name] = std::get<std::int64_t>(report.items[kind]);
         }

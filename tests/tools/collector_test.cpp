@@ -26,11 +26,23 @@ TEST_F(CollectorTest, PrintsAndAnswersWholeMessages)
     EXPECT_EQ(Receive(agent, 32), Message(2, 11, "") + Message(2, 12, ""));
     ASSERT_TRUE(Send(agent, Message(99, 13, std::string(kMaxMsgBody, 'x'))));  // the longest
     EXPECT_EQ(Receive(agent, 16), Message(100, 13, ""));
+    const std::string executed = pid + Item(kTagEvent, Int(kProcessExecuted)) + Item(kTagExe, Text("/bin/a b")) +
+                                 Item(kTagNotes, Text("deleted")) + Item(kTagDuration, std::string(8, '\1'));
+    const std::string args =
+        Item(kTagArgs, std::string("a\0\0", 3) + std::string(2045, 'x')) + Item(kTagArgs, Text("]\""));
+    const std::string line = Item(kTagCmdLine, Text("a"));
+    ASSERT_TRUE(Send(agent, Message(kMsgProcess, 14, executed + args + line) +
+                                Message(kMsgProcess, 15, executed + Item(kTagArgs, Text("a")) + line)));
+    EXPECT_EQ(Receive(agent, 32), Message(2, 14, "") + Message(2, 15, ""));
     EXPECT_EQ(End(), 0);
+    const std::string what = " duration=72340172838076673 exe=\"/bin/a b\" notes=deleted ";
+    EXPECT_TRUE(Prints(what + R"(args=["a","",")" + std::string(2045, 'x') + R"(]\""] cmdLine=a)" + "\n"))
+        << Read(out_);
+    EXPECT_TRUE(Prints(what + "cmdLine=a\n"));
     EXPECT_TRUE(Prints(" killed pid=7 signal=9\n") && Prints(" process event=9 pid=7\n"));
     EXPECT_TRUE(Prints(" file action=digest sha256=12 path=/x\n"));
     EXPECT_TRUE(Prints(" exited pid=42 container=f00d exitCode=3 cmdLine=a?[1m???\"b\n")) << Read(out_);
-    EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=6 ")) << Read(out_);
+    EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=8 ")) << Read(out_);
     EXPECT_FALSE(fs::exists(path_));
 
     Listen("--json --count 1");
@@ -116,6 +128,10 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
     const auto header = [](std::uint32_t version, std::uint32_t length) {
         return Int(version) + Int(1) + Int(5) + Int(length);
     };
+    std::string args;
+    for (int i = 0; i <= 32; ++i) {
+        args += Item(kTagArgs, std::string(2048, 'x'));
+    }
     const std::pair<std::string, std::string> rows[] = {
         {header(0, 0), "version 0 is not supported"},
         {header(2, 0), "version 2 is not supported"},
@@ -127,6 +143,7 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
         {Message(1, 5, kTime + Item(kTagPid, "xx")), "pid has 2 bytes"},
         {Message(3, 5, kTime), "count is missing"},
         {Message(kMsgProblem, 5, kTime), "problem is missing"},
+        {Message(1, 5, args), "args is too long"},
     };
     for (const auto& [bytes, reason] : rows) {
         std::ofstream(err_, std::ios::trunc);
@@ -149,7 +166,7 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
     }
     EXPECT_TRUE(IsAnswered(healthy, Message(1, 1, kExit)));
     EXPECT_EQ(End(), 0);
-    EXPECT_TRUE(Prints(" refused=14 ")) << Read(out_);
+    EXPECT_TRUE(Prints(" refused=15 ")) << Read(out_);
 }
 
 TEST_F(CollectorTest, ServesManyAgentsOverTheNetworkToo)
