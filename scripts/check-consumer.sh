@@ -49,6 +49,9 @@ for feature in process_watch file_integrity file_access; do
     no_unique_symbols "$prefix/lib/features/lib$feature.so"
 done
 
+[[ $(ldd "$prefix/lib/features/libprocess_watch.so") == *"libneutils_trace.so.1 => $prefix/"* ]] ||
+    fail 'process_watch: its tracer is not that of the install'
+
 step 'a second install keeps an edited configuration and policy' "$log"
 for path in conf/agent.conf conf/policies/process_watch.policy; do
     echo 'LOG_COPIES=7' >"$prefix/$path"
