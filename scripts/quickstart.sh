@@ -254,7 +254,7 @@ stop_agent() {
     "${asRoot[@]}" tail -n 1 "$agentLog"
 }
 
-need_packages g++ cmake ninja-build libevent-dev libssl-dev nlohmann-json3-dev pkg-config gzip procps
+need_packages g++ cmake ninja-build libevent-dev libssl-dev nlohmann-json3-dev pkg-config gzip procps libbpf-dev bpftool clang llvm
 find_root || hidden='neither root nor sudo without a password: process events need CAP_NET_ADMIN'
 no_agent || fail "An agent runs from $prefix: stop it first (process $(agent_pids | xargs))"
 
