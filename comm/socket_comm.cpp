@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cstddef>
@@ -75,6 +76,11 @@ std::optional<int> ToNumber(const std::string& text)
     const char* end = text.data() + text.size();
     const auto [last, error] = std::from_chars(text.data(), end, number);
     return error == std::errc() && last == end ? std::optional<int>(number) : std::nullopt;
+}
+
+bool IsWhole(const SocketComm::Request& request)
+{
+    return request != nullptr && request->size() >= sizeof(SentrelAgentMsg) && request->size() <= kMaxMsgSize;
 }
 
 }  // namespace
@@ -196,11 +202,7 @@ bool SocketComm::CreateNetConnection(Connection& connection)
         NE_LOG(ERROR, "Bind socket faild.[agentIp=%s]", agentIp.c_str());
         return false;
     }
-    if (!proxy.Connect(serverIp, port, kConnectSeconds)) {
-        NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
-        return false;
-    }
-    if (IsConnectedToItself(proxy.GetFd())) {
+    if (!proxy.Connect(serverIp, port, kConnectSeconds) || IsConnectedToItself(proxy.GetFd())) {
         NE_LOG(ERROR, "Connect socket faild.[serverIp=%s, serverPort=%d]", serverIp.c_str(), port);
         return false;
     }
@@ -238,11 +240,9 @@ void SocketComm::HandleMessage(const SentrelAgentMsg& header, void* message)
         NE_LOG(DEBUG, "Server version: [%u], client version: [%d]", header.version, static_cast<int>(kMsgVersion));
         return;
     }
-    const auto handlers = members_->handlers.Find(header.type);
-    if (handlers == nullptr) {
-        return;
+    if (const auto handlers = members_->handlers.Find(header.type); handlers != nullptr) {
+        MessageHandlers::Call(*handlers, header.type, message);
     }
-    MessageHandlers::Call(*handlers, header.type, message);
 }
 
 // False if there is no such request.
@@ -300,13 +300,13 @@ int SocketComm::SendRequests(const std::vector<Request>& requests)
     if (connection == nullptr) {
         return kSendFailed;
     }
+    if (requests.empty() || !std::all_of(requests.begin(), requests.end(), &IsWhole)) {
+        NE_LOG(DEBUG, "Invalid message parameter.");
+        return kSendRefused;
+    }
     std::string joined;
     for (const Request& request : requests) {
-        SentrelAgentMsg header = {};
-        if (request->size() < sizeof(header) || request->size() > kMaxMsgSize) {
-            NE_LOG(DEBUG, "Invalid message parameter.");
-            return kSendRefused;
-        }
+        SentrelAgentMsg header;
         std::memcpy(&header, request->data(), sizeof(header));
         CacheRequest(header, request);
         if (requests.size() > 1) {

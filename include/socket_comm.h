@@ -60,7 +60,8 @@ public:
     // A whole request, header first. The channel shares the bytes with the caller, who does not change them.
     using Request = std::shared_ptr<const std::string>;
 
-    // Sends requests in one go: like SendMessage for each, with one result for all.
+    // Sends requests in one go: like SendMessage for each, with one result for all. None is sent or kept if one is
+    // null, too short or too long, or if there is none. Throws std::bad_alloc; some of them may be kept then.
     int SendRequests(const std::vector<Request>& requests);
 
     // Adds a handler for a type. False for null, or if the table is busy for 5 seconds.

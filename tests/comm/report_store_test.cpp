@@ -200,7 +200,7 @@ TEST(ReportStoreTest, HasEnoughBeforeThereIsNoRoom)
         std::size_t maxCount, maxBytes, reports, size;
         bool enough;
     } rows[] = {{1000, 1 << 20, 0, 0, false},   {1000, 1 << 20, 99, 16, false}, {1000, 1 << 20, 100, 16, true},
-                {10, 1000, 5, 20, false},       {10, 1000, 6, 20, true},        {1, 1000, 1, 20, true},
+                {10, 1000, 5, 20, false},       {10, 1000, 6, 20, true},        {1, 1000, 1, 1000, true},
                 {10, 1000, 1, 500, false},      {10, 1000, 1, 501, true},       {1000, 1 << 20, 1, 65535, false},
                 {1000, 1 << 20, 1, 65536, true}};
     for (const auto& row : rows) {

@@ -20,6 +20,12 @@ struct Received {
         const std::lock_guard<std::mutex> lock(own.mutex_);
         own.bodies_.emplace_back(body, header->length);
     }
+    static void HandleNext(std::uint32_t, void*, void* received)
+    {
+        auto& own = *static_cast<Received*>(received);
+        const std::lock_guard<std::mutex> lock(own.mutex_);
+        own.bodies_.emplace_back("next");
+    }
     bool Is(const Strings& bodies)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -98,6 +104,7 @@ TEST_F(SocketCommTest, DispatchesOnlyWantedResponses)
     for (const std::uint32_t type : {2, 4, 5}) {
         ASSERT_TRUE(comm_.RegisterMsgHandler(type, &Received::Handle, &received_));
     }
+    ASSERT_TRUE(comm_.RegisterMsgHandler(5, &Received::HandleNext, &received_));
     const std::string request = Message(1, 7, "question");
     ASSERT_EQ(Send(request) + Send(Message(3, 8)) + Send(Message(4, 9)) + Send("short"), kSendDone);
     EXPECT_EQ(peer_.Receive(16 * 3 + 8 + 5), request + Message(3, 8) + Message(4, 9) + "short");
@@ -107,7 +114,7 @@ TEST_F(SocketCommTest, DispatchesOnlyWantedResponses)
                            Message(2, 9, "not cached") + Message(2, 7, "answer") + Message(2, 7, "again") +
                            Message(4, 8, "newer", 2) + Message(4, 8, "uncached by the newer one") +
                            Message(5, 1, "a request of the server")));
-    EXPECT_TRUE(Arrives({"answer", "a request of the server"}));
+    EXPECT_TRUE(Arrives({"answer", "a request of the server", "next"}));
     EXPECT_TRUE(records_.Has("DEBUG Server version: [2], client version: [1]"));
     EXPECT_EQ(records_.Count("DEBUG Request not in cache, drop it.[seq=8, type=4]"), 1);
     EXPECT_TRUE(comm_.UnregisterMsgHandler(5, &Received::Handle));
@@ -161,14 +168,19 @@ TEST_F(SocketCommTest, RepeatsARequestThreeTimesAcrossConnections)
     PassRequestTime();
     EXPECT_EQ(peer_.ReceiveMessage(1500), "");
     EXPECT_TRUE(comm_.DropRequest(5) && !comm_.DropRequest(5));  // it was cached nevertheless
-    EXPECT_EQ(comm_.SendRequests({std::make_shared<const std::string>("short")}), kSendRefused);
+    const SocketComm::Request requests[] = {std::make_shared<const std::string>(Message(1, 6)),
+                                            std::make_shared<const std::string>("short"), nullptr};
+    EXPECT_EQ(comm_.SendRequests({requests[0], requests[1]}), kSendRefused);
+    EXPECT_EQ(comm_.SendRequests({requests[0], requests[2]}), kSendRefused);
+    EXPECT_EQ(comm_.SendRequests({}), kSendRefused);
+    EXPECT_FALSE(comm_.DropRequest(6));              // nothing is kept
     for (const std::uint32_t connection : {1, 2}) {  // an earlier one and this one
         EXPECT_TRUE(comm_.StatusCheck());
         comm_.GiveUp(connection, "of a test");
     }
-    EXPECT_TRUE(!comm_.StatusCheck() && peer_.Receive(1).empty());
+    EXPECT_TRUE(!comm_.StatusCheck() && !peer_.Send("x"));
     EXPECT_TRUE(records_.Has("ERROR Channel to the server is down.[reason=of a test]"));
-    EXPECT_EQ(comm_.SendRequests({std::make_shared<const std::string>(Message(1, 1))}), kSendFailed);
+    EXPECT_EQ(comm_.SendRequests({requests[0]}), kSendFailed);
 }
 
 TEST(RequestCacheTest, DropsTheOldestExhaustedAboveTwoHundred)
@@ -179,15 +191,18 @@ TEST(RequestCacheTest, DropsTheOldestExhaustedAboveTwoHundred)
     }
     RequestCache::Due due;
     for (int round = 0; round < 3; ++round) {
+        Clock::wallOffsetMs -= 5000;  // the difference counts, not its sign
         EXPECT_FALSE(cache.TakeDue(due));
-        Clock::wallOffsetMs -= 6000;  // the difference counts, not its sign
+        Clock::wallOffsetMs -= 2000;  // less a second that may have begun meanwhile
         for (std::uint32_t seq = 0; seq < 205; ++seq) {
             EXPECT_TRUE(cache.TakeDue(due) && due.seq == seq);
         }
     }
     cache.Add(3, 1, nullptr);  // a number twice, and one that may still be repeated
-    EXPECT_FALSE(cache.TakeDue(due) || cache.Remove(0) || cache.Remove(1) || cache.Remove(2));
+    EXPECT_FALSE(cache.TakeDue(due) || cache.Remove(0) || cache.Remove(2) || cache.Remove(5));
     EXPECT_TRUE(cache.Remove(3) && cache.Remove(6) && cache.Remove(204));
+    Clock::wallOffsetMs -= 7000;
+    EXPECT_FALSE(cache.TakeDue(due));  // what is answered is not repeated
 }
 
 // Each with a peer that does not read, or a byte now and then; the send's time passes on its clock alone.
