@@ -1,20 +1,10 @@
 // What a full disk, gzip, hostile names and other processes do to a log file.
 #include <sys/resource.h>
 
-#include "log_system.h"
-#include "tests/support/support.h"
+#include "tests/frame/log_file_fixture.h"
 #include "util/clock.h"
 
-using LogFile = LogSystem::LogFile;
-
-struct LogFaultTest : testing::Test {
-    static bool Put(LogFile& file, const std::string& text, int times = 1)
-    {
-        while (--times > 0) {
-            Put(file, text);
-        }
-        return file.FlushLogStream(text.data(), static_cast<unsigned int>(text.size()));
-    }
+struct LogFaultTest : LogFileTest {
     // Puts a program called gzip first in the path.
     void ReplaceGzip(const std::string& script) const
     {
@@ -24,8 +14,6 @@ struct LogFaultTest : testing::Test {
     }
     ~LogFaultTest() override { setenv("PATH", savedPath_.c_str(), 1); }
 
-    const TempDir dir_;
-    const std::string path_ = dir_ / "a.log";
     const std::string savedPath_ = getenv("PATH");
 };
 
@@ -113,7 +101,7 @@ TEST_F(LogFaultTest, AFailingGzipIsTriedAgainAfterAGrowingPause)
     setenv("PATH", savedPath_.c_str(), 1);
     Clock::monotonicOffsetNs += 60100 * Clock::kNsPerMs;
     EXPECT_TRUE(Put(file, "rolled\n"));
-    EXPECT_EQ(Unzipped(path_ + ".1.gz") + Read(path_), "old againrolled\n");
+    EXPECT_EQ(Unzipped(Copy(1)) + Read(path_), "old againrolled\n");
 }
 
 // A gzip that hangs shows in the status, which waits for nothing; so does a fork, whose child logs nowhere then.
@@ -160,11 +148,10 @@ TEST_F(LogFaultTest, AHandlerThatReapsAllLeavesTheRollItsChild)
                       }
                       errno = error;
                   });
-                  LogFile file(path_, DEBUG, 0, 2);
-                  return Put(file, "new") ? 0 : 1;
+                  return PutToNew("new") ? 0 : 1;
               })),
               0);
-    EXPECT_EQ(Unzipped(path_ + ".1.gz") + Read(path_), "oldnew");
+    EXPECT_EQ(Unzipped(Copy(1)) + Read(path_), "oldnew");
 }
 
 // A lock that another thread held at the fork is held for ever in the child.
