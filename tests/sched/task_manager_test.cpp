@@ -127,6 +127,23 @@ TEST_F(TaskManagerTest, ClockStepsForwardAndBack)
     EXPECT_EQ(g_runs, before + 1);
 }
 
+// A launch is due once its time is past, not at it.
+TEST_F(TaskManagerTest, AnIntervalBeginsWhereTheOneBeforeEnded)
+{
+    TASK_CONDITION condition = {};
+    condition.intervalMs = 10;
+    condition.nextLaunchTime = condition.firstLaunchTime = 5000;
+    std::string due;
+    for (const TASKTYPE type : {TASK_FIXED_INTERVAL, TASK_ONE_SHOT}) {
+        Task task(1, type, condition, &Count, nullptr, "", nullptr);
+        for (const int ms : {0, 1, 10, 11, 12}) {
+            timeval at = {5, ms * 1000};
+            due += task.IsLaunchConditionMatched(at) ? 'x' : '-';
+        }
+    }
+    EXPECT_EQ(due, "-x-x--x---");
+}
+
 TEST_F(TaskManagerTest, FixedTimesMatchTheirSecondOnly)
 {
     const timeval now = Clock::WallTime();
