@@ -37,14 +37,15 @@ protected:
         return bodies;
     }
     // Count and total of the notice that comes next.
-    std::pair<std::uint64_t, std::uint64_t> TakeNotice(bool answer)
+    using Notice = std::pair<std::uint64_t, std::uint64_t>;
+    Notice TakeNotice(bool answer)
     {
         std::string body = Take(1, answer)[0];
         EXPECT_EQ(HeaderOf(last_).type, kMsgDroppedReports);
         TLVAnalyzer items(reinterpret_cast<unsigned char*>(body.data()), static_cast<int>(body.size()));
         EXPECT_TRUE(items.Analyze(kSwapReport));
         EXPECT_TRUE(items.GetCount() == 3 && items[kTagTime].GetLength() == 8);
-        std::pair<std::uint64_t, std::uint64_t> numbers;
+        Notice numbers;
         std::memcpy(&numbers.first, items[kTagCount].GetData(), 8);
         std::memcpy(&numbers.second, items[kTagTotal].GetData(), 8);
         return numbers;
@@ -91,13 +92,13 @@ TEST_F(ReportQueueTest, DropsAreCountedAndReported)
     EXPECT_EQ(records_.Lines().size(), 1U);
     Connect();
     EXPECT_EQ(Take(3), Numbers(0, 3));
-    EXPECT_EQ(TakeNotice(false), std::pair(3UL, 3UL));
+    EXPECT_EQ(TakeNotice(false), Notice(3, 3));
     EXPECT_TRUE(Eventually([this] { return queue_.GetAccount().acknowledged == 3; }));
     // Its answer is lost with the connection: the total shows that it is the same once more.
     EXPECT_FALSE(Push(std::string(100, 'x')));  // does not fit into an empty queue either
     Reconnect();
-    EXPECT_EQ(TakeNotice(true), std::pair(3UL, 3UL));
-    EXPECT_EQ(TakeNotice(false), std::pair(1UL, 4UL));
+    EXPECT_EQ(TakeNotice(true), Notice(3, 3));
+    EXPECT_EQ(TakeNotice(false), Notice(1, 4));
     EXPECT_FALSE(queue_.Drain(100));  // the server does not know yet
     EXPECT_TRUE(peer_.Answer(last_) && queue_.Drain(20000));
     EXPECT_TRUE(Push(4));
