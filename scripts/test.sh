@@ -38,9 +38,13 @@ case ${1:-} in
 esac
 
 need_packages g++ clang-format clang-tidy cmake ninja-build libgtest-dev libevent-dev libssl-dev nlohmann-json3-dev \
-    pkg-config gzip procps git libbpf-dev bpftool clang llvm
+    pkg-config gzip procps git libbpf-dev bpftool clang llvm ccache
 cd "$root"
 mkdir -p build
+
+# What was compiled before from the same text with the same options is not compiled again, wherever the tree is.
+export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
 
 export ASAN_OPTIONS=halt_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
