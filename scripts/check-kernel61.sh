@@ -21,6 +21,13 @@ put_program() {
     done < <(ldd "$1" | grep -oE '/[^ ]+')
 }
 
+fetch_kernel() {
+    package=$(apt-cache depends linux-image-amd64 2>/dev/null | sed -nE 's/.*Depends: (linux-image-6\.1\..*)/\1/p' | head -n 1)
+    [[ -n $package ]] || return 1
+    compgen -G "$work/${package}_*.deb" >/dev/null ||
+        (cd "$work" && run_logged apt-get download -q -o APT::Sandbox::User=root "$package")
+}
+
 [[ -x $program ]] || fail "$program: not built"
 [[ $(uname -m) == x86_64 ]] || fail 'check-kernel61: the virtual machine is an x86-64 one'
 ((EUID == 0)) || fail 'check-kernel61: apt-get download needs root'
@@ -29,11 +36,8 @@ mkdir -p "$work"
 rm -rf "$work/root"
 
 step 'the kernel of Debian 12' "$log"
-package=$(apt-cache depends linux-image-amd64 | sed -nE 's/.*Depends: (linux-image-6\.1\..*)/\1/p' | head -n 1)
-[[ -n $package ]] || fail 'check-kernel61: apt knows no linux-image-6.1; apt-get update may help'
-if ! compgen -G "$work/${package}_*.deb" >/dev/null; then
-    (cd "$work" && run_logged apt-get download -q -o APT::Sandbox::User=root "$package")
-fi
+# Apt's lists may be missing, or name a package that has been replaced since.
+fetch_kernel || { run_logged apt-get update && fetch_kernel; } || fail 'check-kernel61: apt has no linux-image-6.1'
 run_logged dpkg -x "$work/$package"_*.deb "$work/kernel"
 
 step 'a root directory with the tests' "$log"
