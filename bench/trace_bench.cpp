@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "process/trace_layout.h"
+#include "process/trace_state.h"
 #include "process_monitor.h"
 #include "process_tracer.h"
 #include "process_utils.h"
