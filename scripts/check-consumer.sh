@@ -44,7 +44,7 @@ step 'the installed agent'
 "$prefix/bin/sentrel-agent" --root "$prefix" --check-config
 bound_to_install "$(realpath "$prefix/bin/sentrel-agent")"
 
-for feature in process_watch file_integrity file_access; do
+for feature in process_watch file_integrity file_access network_watch; do
     bound_to_install "$prefix/lib/features/lib$feature.so"
     no_unique_symbols "$prefix/lib/features/lib$feature.so"
 done
