@@ -57,8 +57,7 @@ struct FileWatchRule {
     std::vector<std::string> excludes;
     FileEventCallback callback = nullptr;
     void* userData = nullptr;
-    // Also what is mounted below the path. Pseudo file systems (/proc, /sys and the like) are never read. What was
-    // found during a mount that ended before the table of mounts was read may stay known until something there changes.
+    // Also what is mounted below the path. Pseudo file systems (/proc, /sys and the like) are never read.
     bool crossMounts = false;
     bool mayBeMissing = false;  // a path that is not there yet is waited for; otherwise such a rule is refused
 };

@@ -35,8 +35,8 @@ public:
     std::size_t GetWatchCount();    // of the kernel's watches
     std::size_t GetLackingCount();  // of directories that rules lack a watch for
 
-    // How often events were lost since Init, nobody knows how many: the kernel's queue overflowed, or memory ran out. What
-    // has really changed is found by comparing.
+    // How often events were lost since Init, nobody knows how many: the kernel's queue overflowed, or memory ran out.
+    // What has really changed is found by comparing.
     std::uint64_t GetOverflowCount();
 
 private:

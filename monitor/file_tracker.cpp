@@ -67,21 +67,36 @@ void FileTracker::PlaceRules()
 
 void FileTracker::SetMounts(const std::string& text)
 {
+    std::vector<std::string> seen = state_.tree.SeenInRound();
+    for (const WatchRulePtr& rule : state_.rules.All()) {
+        if (rule->placedIn == state_.tree.Round()) {
+            seen.insert(seen.end(), rule->way.begin(), rule->way.end());
+        }
+    }
+    for (const std::string& path : seen) {
+        state_.Suspect(path, {false, true});
+    }
     for (const std::string& path : state_.rules.mounts.Update(text)) {
         state_.Suspect(path, {true, true});
         state_.Unplace(state_.rules.OnWayAtOrBelow(path));
     }
+    state_.tree.BeginRound();
 }
 
 void FileTracker::LookAgain()
 {
     const auto suspects = std::exchange(state_.suspects, {});
-    for (const auto& [path, why] : suspects) {
-        TreeReader::Manner manner;
-        manner.isLast = true;
-        manner.why = why;
-        reader_.Read(path, manner);
-        state_.Unplace(state_.rules.OnWay(path));
+    // Mount points first: who reads a directory above one would take what is mounted for another directory.
+    for (const bool isRemounted : {true, false}) {
+        for (const auto& [path, why] : suspects) {
+            if (why.isRemounted == isRemounted) {
+                TreeReader::Manner manner;
+                manner.isLast = true;
+                manner.why = why;
+                reader_.Read(path, manner);
+                state_.Unplace(state_.rules.OnWay(path));
+            }
+        }
     }
     PlaceRules();
     std::vector<std::string> lacking;
@@ -124,6 +139,20 @@ std::size_t FileTracker::CountLacking(const WatchRule& rule) const
     return static_cast<std::size_t>(std::count_if(lacking.begin(), lacking.end(), [&rule](const WatchedFile* file) {
         return Monitor::Covers(rule.rule, file->Path());
     }));
+}
+
+std::vector<FileTracker::Lack> FileTracker::TakeNewLacks()
+{
+    std::vector<Lack> lacks;
+    const bool isLacking = CountLacking() > 0;
+    for (const WatchRulePtr& rule : state_.rules.All()) {
+        const std::size_t lacking = isLacking && !rule->hasLoggedLack ? CountLacking(*rule) : 0;
+        if (lacking > 0) {
+            lacks.emplace_back(rule->rule.path, lacking);
+        }
+        rule->hasLoggedLack = isLacking && (rule->hasLoggedLack || lacking > 0);
+    }
+    return lacks;
 }
 
 void FileTracker::Clear()

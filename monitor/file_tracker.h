@@ -34,8 +34,10 @@ public:
     void EndMovesBefore(std::int64_t timeNs);
     [[nodiscard]] bool HasMoves() const { return records_.HasMoves(); }
 
-    // The text of /proc/self/mountinfo.
+    // Something was mounted or unmounted since the last call; the text is that of /proc/self/mountinfo by now. A mount
+    // may have come and gone in between: what was looked at meanwhile is looked at again.
     void SetMounts(const std::string& text);
+    void KeepMounts() { state_.tree.BeginRound(); }  // nothing was
 
     // Once no records wait any more: looks again where something may have been missed.
     void LookAgain();
@@ -51,6 +53,9 @@ public:
     // asked for.
     [[nodiscard]] std::size_t CountLacking() const { return state_.tree.Lacking().size(); }
     [[nodiscard]] std::size_t CountLacking(const WatchRule& rule) const;
+    // Paths of rules and how many they lack, once for each rule until all rules have all.
+    using Lack = std::pair<std::string, std::size_t>;
+    [[nodiscard]] std::vector<Lack> TakeNewLacks();
 
     void Clear();  // forgets all, at the end
     [[nodiscard]] WatchedTree& Tree() { return state_.tree; }

@@ -35,6 +35,7 @@ bool InotifyHost::Init()
     return AddWatcher();
 }
 
+// The first one, or a further one because all others are full.
 bool InotifyHost::AddWatcher()
 {
     auto watcher = std::make_shared<Watcher>();

@@ -15,7 +15,10 @@
 
 namespace NEUtils {
 
-// The kernel: lstat, directories, and as many inotify watchers as are needed, since one has a limit.
+// The kernel: lstat, directories, and as many inotify watchers as are needed.
+//
+// Several watchers, because each stops at its own limit (10,241 watches), while a tree may have more directories and
+// the kernel allow more: without further ones the rest of the tree would not be watched.
 //
 // Threads  watches: one at a time. ReadRecords: one. The rest: any.
 // Locks    the list of watchers, held over no call.

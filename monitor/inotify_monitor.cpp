@@ -61,8 +61,9 @@ bool InotifyMonitor::AddRule(const Monitor::FileWatchRule& rule)
     const auto session = Session();
     if (session == nullptr || rule.path.empty() || rule.path[0] != '/' || rule.callback == nullptr ||
         (rule.mask & IN_ALL_EVENTS) == 0) {
-        NE_LOG(ERROR, "Watch rule is refused.[path=%s reason=%s]", rule.path.c_str(),
-               session == nullptr ? "no monitor runs" : "path not absolute, no event wanted, or no callback");
+        NE_LOG(ERROR, "Watch rule is refused.[reason=%s path=%s]",
+               session == nullptr ? "no monitor runs" : "path not absolute, no event wanted, or no callback",
+               rule.path.c_str());
         return false;
     }
     return session->AddRule(Settled(rule));

@@ -1,6 +1,5 @@
 #include "monitor/inotify_session.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -10,20 +9,17 @@
 #include <exception>
 #include <utility>
 
-#include "byte_buffer.h"
 #include "hips_guard.h"
 #include "logger.h"
 #include "monitor/watch_scope.h"
 #include "util/clock.h"
 #include "util/errno_text.h"
-#include "util/file.h"
 #include "util/rate_limiter.h"
 
 namespace NEUtils {
 
 namespace {
 
-constexpr char kMountsFile[] = "/proc/self/mountinfo";
 constexpr std::size_t kMaxRecords = 262144;
 constexpr std::size_t kRecordsPerTurn = 256;
 constexpr std::size_t kCallsPerPause = 64;
@@ -68,7 +64,7 @@ bool InotifySession::Init()
         const int error = errno;
         NE_LOG(ERROR, "File monitor has no event to stop by.[errorInfo=%s]", ErrnoText(error).Get());
     }
-    mounts_.Reset(open(kMountsFile, O_RDONLY | O_CLOEXEC));
+    mounts_.Open();
     HandleMounts();
     return initialised && wakeEvent_.IsValid();
 }
@@ -88,8 +84,8 @@ void InotifySession::EndTurn()
         isCleared_ = true;
         try {
             tracker_.Clear();
-        } catch (const std::exception& error) {
-            CountLoss(error);
+        } catch (const std::exception&) {
+            CountLoss();
         }
     }
 }
@@ -160,15 +156,16 @@ bool InotifySession::AddToTracker(const WatchRulePtr& added)
             return false;
         }
         result = tracker_.AddRule(added);
-    } catch (const std::exception& error) {
-        CountLoss(error);  // the comparison removes what there is of the rule
+    } catch (const std::exception&) {
+        CountLoss();  // the comparison removes what there is of the rule
     }
     struct stat status = {};
     if (result == FileTracker::Added::kMissing) {
-        NE_LOG(ERROR, "Watch rule has no such path.[path=%s errorInfo=%s]", rule.path.c_str(), ErrnoText(ENOENT).Get());
+        NE_LOG(ERROR, "Watch rule has no such path.[errorInfo=%s path=%s]", ErrnoText(ENOENT).Get(), rule.path.c_str());
     } else if (result != FileTracker::Added::kYes) {
-        NE_LOG(ERROR, "Watch rule is refused.[path=%s reason=%s]", rule.path.c_str(),
-               result == FileTracker::Added::kPseudo ? "a pseudo file system" : "no room for a watch");
+        NE_LOG(ERROR, "Watch rule is refused.[reason=%s path=%s]",
+               result == FileTracker::Added::kPseudo ? "a pseudo file system" : "no room for a watch",
+               rule.path.c_str());
     } else if (!rule.recursive && lstat(rule.path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
         NE_LOG(INFO, "Watch rule is for a link, not for what it leads to.[path=%s]", rule.path.c_str());
     }
@@ -189,8 +186,8 @@ bool InotifySession::RemoveRule(const Rule& rule)
     try {
         const Turn turn(*this, Turns::kUntilFree);
         tracker_.RemoveRule(removed);
-    } catch (const std::exception& error) {
-        CountLoss(error);  // the comparison removes the rest
+    } catch (const std::exception&) {
+        CountLoss();  // the comparison removes the rest
     }
     removed->gate.Close();  // without the turn, which a callback may wait for
     return true;
@@ -212,8 +209,9 @@ void InotifySession::Run()
     while (!stopping_) {
         try {
             RunOnce();
-        } catch (const std::exception& error) {
-            CountLoss(error);
+        } catch (const std::exception&) {
+            CountLoss();
+            LogLosses();
             pollfd stop = {wakeEvent_.Get(), POLLIN, 0};
             poll(&stop, 1, kNoMemoryWaitMs);
         }
@@ -229,29 +227,41 @@ void InotifySession::RunOnce()
     if (const Turn turn(*this, Turns::kShortly); turn.IsMine() && !stopping_) {
         HandleRecords();
     }
+    LogLosses();
     LogLack();
     Deliver();
 }
 
 // Memory has run out. What is known may differ from what is there, and how much is lost nobody knows.
-void InotifySession::CountLoss(const std::exception& error)
+void InotifySession::CountLoss()
 {
     ++losses_;
-    mountsChanged_ = true;
+    mounts_.SetChanged();
     hasLost_ = true;
-    if (g_lossRecords.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
-        NE_LOG(ERROR, "File events may be lost, the watched files are compared.[error=%s]", error.what());
+}
+
+// Without the turn.
+void InotifySession::LogLosses()
+{
+    if (std::exchange(loggedOverflows_, overflows_) != overflows_) {
+        NE_LOG(WARN, "Inotify queue has overflowed, the watched files are compared.[count=%llu]",
+               static_cast<unsigned long long>(overflows_));
+    }
+    if (losses_ != loggedLosses_ && g_lossRecords.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
+        loggedLosses_ = losses_.load();
+        NE_LOG(ERROR, "Memory has run out, file events may be lost, the watched files are compared.[count=%llu]",
+               static_cast<unsigned long long>(loggedLosses_));
     }
 }
 
 void InotifySession::WaitForWork()
 {
-    std::vector<pollfd> wanted = {{wakeEvent_.Get(), POLLIN, 0}, {mounts_.Get(), POLLPRI, 0}};
+    std::vector<pollfd> wanted = {{wakeEvent_.Get(), POLLIN, 0}, {mounts_.GetFd(), POLLPRI, 0}};
     for (const int fd : host_.Descriptors()) {
         wanted.push_back({fd, POLLIN, 0});
     }
     int waitMs = kWaitMs;
-    if (!records_.empty() || mountsChanged_ || hasLost_) {
+    if (!records_.empty() || mounts_.IsChanged() || hasLost_) {
         waitMs = 0;
     } else if (hasMoves_) {
         waitMs = kPairWaitMs;
@@ -264,7 +274,7 @@ void InotifySession::WaitForWork()
         static_cast<void>(!read(wakeEvent_.Get(), &count, sizeof(count)));
     }
     if (ready > 0 && (wanted[1].revents & POLLPRI) != 0) {
-        mountsChanged_ = true;
+        mounts_.SetChanged();
     }
 }
 
@@ -274,8 +284,8 @@ void InotifySession::TakeRecords()
         if (records_.size() < kMaxRecords) {
             host_.ReadRecords(records_, kMaxRecords);
         }
-    } catch (const std::exception& error) {
-        CountLoss(error);
+    } catch (const std::exception&) {
+        CountLoss();
     }
     waiting_ = records_.size();
 }
@@ -292,11 +302,11 @@ bool InotifySession::GoOn()
 
 void InotifySession::HandleMounts()
 {
-    if (mountsChanged_.exchange(false) && mounts_.IsValid()) {
-        ByteBuffer text;
-        if (FileOperation::ReadAllNosize(kMountsFile, text)) {
-            tracker_.SetMounts(std::string(reinterpret_cast<const char*>(text.GetBuffer()), text.GetSize()));
-        }
+    std::string text;
+    if (!mounts_.TakeChange()) {
+        tracker_.KeepMounts();
+    } else if (mounts_.Read(text)) {
+        tracker_.SetMounts(text);
     }
 }
 
@@ -308,8 +318,8 @@ void InotifySession::HandleRecords()
         records_.pop_front();
         try {
             tracker_.Handle(record, Clock::MonotonicNs());
-        } catch (const std::exception& error) {
-            CountLoss(error);
+        } catch (const std::exception&) {
+            CountLoss();
         }
     }
     waiting_ = records_.size();
@@ -331,12 +341,9 @@ void InotifySession::HandleQuiet()
     if (!records_.empty() || tracker_.HasMoves()) {
         return;
     }
-    const std::uint64_t overflows = host_.CountOverflows();
-    if (overflows != overflows_) {
+    if (const std::uint64_t overflows = host_.CountOverflows(); overflows != overflows_) {
         overflows_ = overflows;
         hasLost_ = true;
-        NE_LOG(WARN, "Inotify queue has overflowed, the watched files are compared.[count=%llu]",
-               static_cast<unsigned long long>(overflows));
     }
     if (hasLost_) {
         tracker_.Compare();
@@ -348,28 +355,16 @@ void InotifySession::HandleQuiet()
 // Once for each rule, until it has all its watches.
 void InotifySession::LogLack()
 {
-    WatchRuleList rules;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        rules = rules_;
-    }
-    std::vector<std::pair<std::string, std::size_t>> lacks;
+    std::vector<FileTracker::Lack> lacks;
     if (lacking_ == 0 && !hasLoggedLack_) {
         return;
     }
     if (const Turn turn(*this, Turns::kShortly); turn.IsMine()) {
         hasLoggedLack_ = lacking_ > 0;
-        for (const WatchRulePtr& rule : rules) {
-            const bool logs = lacking_ > 0 && !rule->hasLoggedLack;
-            const std::size_t lacking = logs ? tracker_.CountLacking(*rule) : 0;
-            if (lacking > 0) {
-                lacks.emplace_back(rule->rule.path, lacking);
-            }
-            rule->hasLoggedLack = lacking_ > 0 && (rule->hasLoggedLack || lacking > 0);
-        }
+        lacks = tracker_.TakeNewLacks();
     }
     for (const auto& [path, lacking] : lacks) {
-        NE_LOG(WARN, "Watch rule cannot have all its directories.[path=%s lacking=%zu]", path.c_str(), lacking);
+        NE_LOG(WARN, "Watch rule cannot have all its directories.[lacking=%zu path=%s]", lacking, path.c_str());
     }
 }
 
@@ -395,7 +390,7 @@ void InotifySession::Call(const Notification& notification)
     try {
         notification.rule->gate.Call([&] { rule.callback(event, rule.userData); });
     } catch (const std::exception& error) {
-        NE_LOG(ERROR, "File event callback has failed.[path=%s error=%s]", event.path.c_str(), error.what());
+        NE_LOG(ERROR, "File event callback has failed.[error=%s]", error.what());
     } catch (...) {
         NE_LOG(ERROR, "File event callback has failed.[path=%s]", event.path.c_str());
     }

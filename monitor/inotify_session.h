@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <exception>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,6 +12,7 @@
 #include "file_watch.h"
 #include "monitor/file_tracker.h"
 #include "monitor/inotify_host.h"
+#include "monitor/mount_watch.h"
 #include "monitor/turns.h"
 #include "util/unique_fd.h"
 
@@ -27,7 +27,7 @@ namespace NEUtils {
 //
 // Threads  Run: one. The others: any. Only one at a time works on the tracker: whoever has the turn.
 // Locks    mutex_ for the tables here, held over no call. The turn is no lock: it is never held over a callback or a
-//          record, and a stop does not wait for it.
+//          log record of this class, and a stop does not wait for it.
 // Limits   262,144 records in memory. Beyond them the kernel's queues fill, and overflow.
 // Errors   where memory runs out the thread goes on: what it was at may be lost, which is logged and counted, and all
 // is
@@ -58,7 +58,8 @@ private:
     void WaitForWork();
     void TakeRecords();
     bool GoOn();
-    void CountLoss(const std::exception& error);
+    void CountLoss();
+    void LogLosses();
     void HandleRecords();
     void HandleQuiet();
     void HandleMounts();
@@ -71,9 +72,8 @@ private:
     InotifyHost host_;
     FileTracker tracker_;
     UniqueFd wakeEvent_;
-    UniqueFd mounts_;
+    MountWatch mounts_;
     std::atomic<bool> stopping_{false};
-    std::atomic<bool> mountsChanged_{true};
     std::atomic<bool> hasMoves_{false};
     std::atomic<bool> hasSuspects_{false};
     std::atomic<bool> hasLoggedLack_{false};
@@ -93,6 +93,8 @@ private:
     // Of the thread in Run alone:
     std::deque<WatchRecord> records_;
     std::uint64_t overflows_ = 0;
+    std::uint64_t loggedOverflows_ = 0;
+    std::uint64_t loggedLosses_ = 0;
     Notifications delivered_;  // what is being delivered
     std::int64_t triedRoomNs_ = 0;
 };

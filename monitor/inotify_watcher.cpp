@@ -90,7 +90,7 @@ int InotifyWatcher::AddWatch(const std::string& path, std::uint32_t mask)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         watchers = paths_.size();
-        isFull = watchers > limit_;  // kept: one more than the limit
+        isFull = watchers > limit_;  // Kept because a table counts as full once it has one more than the limit.
     }
     if (path.empty() || isFull) {
         if (g_refusalRecords.Allow(Clock::WallMs())) {
@@ -98,7 +98,8 @@ int InotifyWatcher::AddWatch(const std::string& path, std::uint32_t mask)
         }
         return 0;
     }
-    // Kept: a link's target decides whether it is watched as a directory, but the link is watched.
+    // Kept because the masks of watches are fixed: what a link leads to decides about the mask, but the link is
+    // watched.
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         return 0;
@@ -149,7 +150,7 @@ bool InotifyWatcher::Poll() const
     sigset_t none;
     sigemptyset(&none);
     const int ready = ppoll(&waiting, 1, &timeout, &none);
-    if (ready == -1) {  // kept: also when a signal came
+    if (ready == -1) {  // Kept because each failed wait is to be logged: also one that a signal has ended.
         const int error = errno;
         NE_LOG(ERROR, "Inotify poll failed.[errorInfo=%s]", ErrnoText(error).Get());
         return false;
@@ -196,7 +197,7 @@ bool InotifyWatcher::GenerateEvent(std::uint32_t start, std::uint32_t& carry, st
         AppendEvent(record, static_cast<std::uint32_t>(length), events);
         start += static_cast<std::uint32_t>(length);
     }
-    // Kept: carry stays what it was. The kernel cuts no record, so it is 0 on this way.
+    // Kept because carry is written for a cut record only: it stays what it was. The kernel cuts none, so it is 0 here.
     return true;
 }
 

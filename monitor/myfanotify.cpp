@@ -113,7 +113,7 @@ int InitFanotifyEvent(FANOTIFY_EVENT* event, FanotifyCallback callback)
         return 1;
     }
     event->fd = fd;
-    if (callback == nullptr) {  // Kept: the descriptor stays in the record, open.
+    if (callback == nullptr) {  // Kept because the record is the caller's: the descriptor stays in it, open.
         return 1;
     }
     event->callback = callback;
@@ -134,7 +134,8 @@ int FanotifyGetEntryPath(const dirent* entry, const char* dir, char* out, std::s
     if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) {
         return 1;
     }
-    if (std::strcmp(dir, "/") == 0) {  // Kept: a name that does not fit is not told here.
+    // Kept because only the longer form has a record of its own: below the root a name that does not fit is not logged.
+    if (std::strcmp(dir, "/") == 0) {
         return snprintf_s(out, size, "/%s", name) < 0 ? 1 : 0;
     }
     if (snprintf_s(out, size, "%s/%s", dir, name) < 0) {

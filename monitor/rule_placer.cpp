@@ -94,6 +94,7 @@ RulePlacer::Way RulePlacer::Follow(const std::string& path, bool followsLast) co
 
 void RulePlacer::Place(const WatchRulePtr& rule, bool isNew)
 {
+    rule->placedIn = state_.tree.Round();
     Way way = Resolve(rule->given);
     for (int round = 0; round < kMaxRounds; ++round) {
         const std::string before = rule->rule.path;

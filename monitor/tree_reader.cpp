@@ -165,6 +165,7 @@ WatchedFile* TreeReader::MeetKnown(WatchedFile& file, const std::string& path, c
 void TreeReader::Enter(WatchedFile& directory, const std::string& path, const Manner& manner, Paths& waiting)
 {
     WatchedTree::MakeDirectory(directory);
+    state_.tree.See(directory);
     const WatchRuleList before = directory.entries->inside;
     const WatchRuleList inside = RulesInside(directory);
     JoinEntries(directory, before, inside, manner);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -23,8 +24,9 @@ struct WatchRule {
     CallGate gate;                 // of its callback
     std::atomic<bool> isThere{false};
     bool hasLoggedLack = false;
-    bool isElsewhere = false;  // it has left its former path and does not yet hear of the new one
-    bool isLeaving = false;    // it is removed, maybe not with all that it has had
+    std::uint64_t placedIn = 0;  // the round of the tree in which its path was last resolved
+    bool isElsewhere = false;    // it has left its former path and does not yet hear of the new one
+    bool isLeaving = false;      // it is removed, maybe not with all that it has had
 };
 using WatchRulePtr = std::shared_ptr<WatchRule>;
 using WatchRuleList = std::vector<WatchRulePtr>;

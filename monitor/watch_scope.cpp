@@ -69,7 +69,13 @@ std::string ParentOf(const std::string& path)
 
 std::string EntryOf(const std::string& directory, const std::string& name)
 {
-    return (directory == "/" ? directory : directory + "/") + name;
+    std::string path;
+    path.reserve(directory.size() + 1 + name.size());
+    path += directory;
+    if (directory.size() > 1) {
+        path += '/';
+    }
+    return path += name;
 }
 
 bool IsSame(const FileWatchRule& one, const FileWatchRule& other)

@@ -70,14 +70,7 @@ std::string WatchedFile::Path() const
     if (parent == nullptr) {
         return "/";
     }
-    const std::string& above = parent->entries->path;
-    std::string path;
-    path.reserve(above.size() + 1 + name.size());
-    path += above;
-    if (above.size() > 1) {
-        path += '/';
-    }
-    return path += name;
+    return Monitor::EntryOf(parent->entries->path, name);
 }
 
 WatchedTree::WatchedTree()
@@ -157,6 +150,7 @@ void WatchedTree::Remove(WatchedFile& file)
         return;
     }
     WatchedFile& directory = *file.parent;
+    See(directory);
     const auto place = directory.entries->files.find(file.name);
     const std::unique_ptr<WatchedFile> removed = std::move(place->second);  // outlives its key
     directory.entries->files.erase(place);
@@ -200,6 +194,10 @@ void WatchedTree::Prune(WatchedFile* file)
 
 void WatchedTree::ForEach(WatchedFile& top, const std::function<void(WatchedFile&)>& function)
 {
+    if (top.entries == nullptr) {
+        function(top);
+        return;
+    }
     std::vector<WatchedFile*> waiting{&top};
     while (!waiting.empty()) {
         WatchedFile& file = *waiting.back();
@@ -220,6 +218,7 @@ void WatchedTree::SetStatus(WatchedFile& file, const FileStatus& status)
         inodes_[{status.device, status.inode}] = file.watch;
     }
     file.status = status;
+    See(file);
     if (status.IsSeen()) {
         file.isDirectory = S_ISDIR(status.mode);
     }
@@ -235,6 +234,7 @@ void WatchedTree::ForgetInode(const WatchedFile& file)
 
 void WatchedTree::SetWatch(WatchedFile& file, WatchId watch)
 {
+    See(file);
     if (file.watch == watch) {
         return;
     }
@@ -272,6 +272,26 @@ WatchId WatchedTree::WatchOf(const FileStatus& status) const
 {
     const auto found = inodes_.find({status.device, status.inode});
     return found == inodes_.end() ? 0 : found->second;
+}
+
+// Whoever looks at a known directory again reads all below it.
+std::vector<std::string> WatchedTree::SeenInRound() const
+{
+    std::vector<std::string> paths;
+    std::vector<const WatchedFile*> waiting{&root_};
+    while (!waiting.empty()) {
+        const WatchedFile& file = *waiting.back();
+        waiting.pop_back();
+        if (file.seenIn == round_) {
+            paths.push_back(file.Path());
+        }
+        if (file.entries != nullptr && (file.seenIn != round_ || !file.isKnown)) {
+            for (const auto& [name, entry] : file.entries->files) {
+                waiting.push_back(entry.get());
+            }
+        }
+    }
+    return paths;
 }
 
 void WatchedTree::SetLacking(WatchedFile& file, bool lacks)

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -55,6 +56,7 @@ struct WatchedFile {
     FileStatus status;
     WatchId watch = 0;
     std::unique_ptr<Entries> entries;       // of a directory
+    std::uint64_t seenIn = 0;               // the round in which it was last looked at
     std::size_t cameOver = 0;               // the number of the record by which it replaced another file
     const WatchRule* notHeardBy = nullptr;  // found by reading for this rule, which was just being added
     bool isKnown = false;
@@ -99,6 +101,13 @@ public:
     [[nodiscard]] WatchedFile* OnlyWatchedBy(WatchId watch) const;  // null where none or several are
     [[nodiscard]] WatchId WatchOf(const FileStatus& status) const;
 
+    // What was looked at while something was mounted may be something else by now. A round lasts as long as no mount
+    // comes or goes; at its end BeginRound forgets, or SeenInRound gives the paths to look at again.
+    void See(WatchedFile& file) const { file.seenIn = round_; }
+    void BeginRound() { ++round_; }
+    [[nodiscard]] std::uint64_t Round() const { return round_; }
+    [[nodiscard]] std::vector<std::string> SeenInRound() const;
+
     void SetLacking(WatchedFile& file, bool lacks);
     [[nodiscard]] const std::unordered_set<WatchedFile*>& Lacking() const { return lacking_; }
 
@@ -112,6 +121,7 @@ private:
     void ForgetInode(const WatchedFile& file);
 
     WatchedFile root_;
+    std::uint64_t round_ = 1;
     std::unordered_map<WatchId, std::vector<WatchedFile*>> watches_;
     std::unordered_map<std::pair<dev_t, ino_t>, WatchId, InodeHash> inodes_;  // of what is watched
     std::unordered_set<WatchedFile*> lacking_;

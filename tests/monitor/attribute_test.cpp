@@ -20,9 +20,9 @@ static Strings Keys()
 
 TEST(AttributeTest, TellsWhatChangedInARecordedFileOnce)
 {
-    const TempDir folder;
-    const std::string file = folder / "file";
-    const std::string link = folder / "link";
+    const TempDir directory;
+    const std::string file = directory / "file";
+    const std::string link = directory / "link";
     Write(file, "12");
     fs::permissions(file, fs::perms(0644));
     fs::create_symlink(file, link);
@@ -35,7 +35,7 @@ TEST(AttributeTest, TellsWhatChangedInARecordedFileOnce)
     g_attrMap[link].size = -1;
     EXPECT_FALSE(Monitor::UpdateAttrAndLog(file, text));
     fs::permissions(file, fs::perms(0600));
-    fs::create_hard_link(file, folder / "other");
+    fs::create_hard_link(file, directory / "other");
     EXPECT_TRUE(Monitor::UpdateAttrAndLog(file, text) && Monitor::UpdateAttrAndLog(link, text));
     EXPECT_FALSE(Monitor::UpdateAttrAndLog(file, text));
     EXPECT_EQ(text, "before;" + file + " oaccess=33188 access=33152 olink=1 link=2 " + link +
@@ -53,10 +53,10 @@ TEST(AttributeTest, TellsWhatChangedInARecordedFileOnce)
 
 TEST(AttributeTest, WalksOneLevelDeepAndForgetsByTheFirstBytes)
 {
-    const TempDir folder;
-    const std::string top = folder / "top";
-    const std::string moved = folder / "moved";
-    const std::string link = folder / "link";
+    const TempDir directory;
+    const std::string top = directory / "top";
+    const std::string moved = directory / "moved";
+    const std::string link = directory / "link";
     fs::create_directories(top + "/sub/deep");
     fs::create_directory_symlink(top, link);
     Monitor::RecordAttribute("");
@@ -119,14 +119,14 @@ TEST(AttributeTest, FullTableTakesNothingAndTellsSoAtMostEveryQuarterOfAnHour)
 
 TEST(AttributeTest, SeveralThreadsShareTheTable)
 {
-    const TempDir folder;
+    const TempDir directory;
     InThreads(4, [&](int i) {
         std::string text;
         for (int round = 0; round < 100; ++round) {
-            Write(folder / "file", std::string(static_cast<std::size_t>(i), 'x'));
-            Monitor::UpdateFileNameRecursive("/old", folder.Path());
-            Monitor::UpdateAttrAndLog(folder / "file", text);
-            Monitor::RemoveRecordRecursive(folder.Path());
+            Write(directory / "file", std::string(static_cast<std::size_t>(i), 'x'));
+            Monitor::UpdateFileNameRecursive("/old", directory.Path());
+            Monitor::UpdateAttrAndLog(directory / "file", text);
+            Monitor::RemoveRecordRecursive(directory.Path());
         }
     });
     EXPECT_EQ(Keys(), Strings());

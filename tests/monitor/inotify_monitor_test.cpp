@@ -13,6 +13,7 @@
 #include "hips_guard.h"
 #include "monitor.h"
 #include "monitor/watch_scope.h"
+#include "tests/monitor/known_paths.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/support.h"
 
@@ -33,8 +34,14 @@ struct Told {
                                  : event.oldPath.empty()   ? std::to_string(event.mask) + " "
                                                            : "rename " + event.oldPath + " -> ";
         const std::lock_guard<std::mutex> lock(own.mutex_);
+        own.known_.Apply(event);
         own.lines_.push_back(name + event.path + (event.isDirectory ? "/" : "") +
                              (event.change.empty() ? "" : event.change.substr(event.path.size())));
+    }
+    std::set<std::string> Known() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return known_.paths;
     }
     Strings Lines() const
     {
@@ -46,10 +53,12 @@ struct Told {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         lines_.clear();
+        known_ = {};
     }
 
     mutable std::mutex mutex_;
     Strings lines_;
+    KnownPaths known_;
 };
 
 class InotifyMonitorTest : public testing::Test {
@@ -59,20 +68,46 @@ protected:
         EXPECT_TRUE(monitor_.Init() && monitor_.Init());
         reader_ = std::jthread([this] { monitor_.ReadEvent(); });
     }
-    ~InotifyMonitorTest() override { monitor_.DeInit(); }
+    ~InotifyMonitorTest() override
+    {
+        monitor_.DeInit();
+        UnmountAll();
+    }
+    void UnmountAll() const
+    {
+        for (std::size_t at = 0; ownMounts_ && at != std::string::npos;) {
+            const std::string mounts = Read("/proc/self/mountinfo");
+            at = mounts.rfind(" " + directory_.Path() + "/");
+            if (at != std::string::npos) {
+                umount2(mounts.substr(at + 1, mounts.find(' ', at + 1) - at - 1).c_str(), MNT_DETACH);
+            }
+        }
+    }
 
     FileWatchRule Rule(const std::string& path, bool recursive = true, std::uint32_t mask = kTreeEvents,
                        Strings excludes = {})
     {
         return {path, recursive, mask, std::move(excludes), &Told::Take, &told_, false, false};
     }
+    // $ stands for the directory.
+    static std::string InFull(std::string line, const std::string& directory)
+    {
+        for (std::size_t at; (at = line.find('$')) != std::string::npos;) {
+            line.replace(at, 1, directory);
+        }
+        return line;
+    }
+    void Soon(const std::string& line, const Told& told, const std::string& top = "") const
+    {
+        const std::string expected = InFull(line, directory_.Path() + top);
+        EXPECT_TRUE(Eventually([&] { return told.Has(expected); }, 10)) << expected;
+    }
+    void Soon(const std::string& line) const { Soon(line, told_); }
     // Exactly these lines come, in this order; then nothing is left over.
     void Expect(Strings lines, Told& told)
     {
-        for (std::string& line : lines) {  // $ stands for the folder
-            for (std::size_t at; (at = line.find('$')) != std::string::npos;) {
-                line.replace(at, 1, folder_.Path());
-            }
+        for (std::string& line : lines) {
+            line = InFull(line, directory_.Path());
         }
         EXPECT_TRUE(Eventually([&] { return told.Lines().size() >= lines.size(); }, 5));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));  // for one too many
@@ -80,9 +115,12 @@ protected:
         told.Clear();
     }
     void Expect(const Strings& lines) { Expect(lines, told_); }
-    std::string operator/(const std::string& name) const { return folder_ / name; }
+    std::string operator/(const std::string& name) const { return directory_ / name; }
 
-    const TempDir folder_;
+    // Mounts of its own, before any monitor looks at them.
+    const bool ownMounts_ =
+        unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    const TempDir directory_;
     const Records records_;
     Told told_;
     InotifyMonitor monitor_;
@@ -198,7 +236,7 @@ TEST_F(InotifyMonitorTest, WatchedFileComesBack)
     Expect({"delete $/a/b/file"});
     fs::create_directories(*this / "a/b");
     Write(*this / "a/b/file", "1");
-    EXPECT_TRUE(Eventually([&] { return told_.Has("create " + (*this / "a/b/file")); }));
+    Soon("create $/a/b/file");
     EXPECT_TRUE(Eventually([&] {
         Write(*this / "a/b/file", std::string(told_.Lines().size(), 'x'));
         return told_.Lines().back().find(" size=") != std::string::npos;
@@ -283,7 +321,7 @@ TEST_F(InotifyMonitorTest, PathsComeAndLinksLeadElsewhere)
     Expect({"8 $/v2/conf/file osize=0 size=1 "});
     fs::create_directories(*this / "a/b");
     Write(*this / "a/b/file", "");
-    EXPECT_TRUE(Eventually([&] { return comings.Has("create " + (*this / "a/b/file")); }));
+    Soon("create $/a/b/file", comings);
     EXPECT_EQ(monitor_.GetWatchState(missing), Monitor::kWatching);
     EXPECT_EQ(monitor_.GetWatchState(Rule("/none")), Monitor::kNotWatched);
 }
@@ -307,7 +345,7 @@ TEST_F(InotifyMonitorTest, RulesOnTwoNamesOfAFileKeepTheirOwn)
 // Files that are gone before anybody looks are told whole.
 TEST_F(InotifyMonitorTest, WhatIsGoneIsTold)
 {
-    ASSERT_TRUE(monitor_.AddRule(Rule(folder_.Path())));
+    ASSERT_TRUE(monitor_.AddRule(Rule(directory_.Path())));
     constexpr int kFiles = 20000;
     for (int i = 0; i < kFiles; ++i) {
         const std::string path = *this / std::to_string(i);
@@ -361,13 +399,12 @@ TEST_F(InotifyMonitorTest, OverflowLosesNoChange)
     hold = false;
     for (const char* line : {"8 $/d/rewritten", "delete $/d/gone", "4 $/d/mode oaccess=33188 access=33152 ",
                              "create $/d/fresh/", "create $/d/fresh/deep/", "create $/d/fresh/deep/file"}) {
-        const std::string expected = std::string(line).replace(std::string(line).find('$'), 1, folder_.Path());
-        EXPECT_TRUE(Eventually([&] { return told_.Has(expected); }, 10)) << expected;
+        Soon(line);
     }
     EXPECT_GE(monitor_.GetOverflowCount(), 1U);
     EXPECT_TRUE(records_.Has("WARN Inotify queue has overflowed, the watched files are compared.[count=1]"));
     Write(*this / "d/fresh/deep/file", "1");  // watched as well
-    EXPECT_TRUE(Eventually([&] { return told_.Has("8 " + (*this / "d/fresh/deep/file") + " osize=0 size=1 "); }));
+    Soon("8 $/d/fresh/deep/file osize=0 size=1 ");
 }
 
 TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
@@ -376,7 +413,7 @@ TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
         InotifyMonitor& monitor;
         FileWatchRule rule;
         std::atomic<int> calls{0};
-    } state{monitor_, Rule(folder_.Path(), false)};
+    } state{monitor_, Rule(directory_.Path(), false)};
     state.rule.userData = &state;
     state.rule.callback = [](const FileEvent&, void* data) {
         auto& own = *static_cast<State*>(data);
@@ -401,7 +438,8 @@ TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
 // watched. NEUTILS_SEQUENCES makes more of them, from NEUTILS_SEED on.
 TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
 {
-    const FileWatchRule rule = Rule(*this / "d", true, IN_CREATE | IN_DELETE | IN_MOVE);
+    FileWatchRule rule = Rule(*this / "d", true, IN_CREATE | IN_DELETE | IN_MOVE);
+    rule.crossMounts = true;
     const auto change = [this](unsigned seed) {
         std::minstd_rand random(seed);
         std::error_code ignored;
@@ -415,7 +453,15 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
         for (int i = 0; i < 60; ++i) {
             const std::string one = path();
             const std::string other = path();
-            switch (random() % 6) {
+            switch (random() % 7) {
+            case 6:
+                if (ownMounts_ && std::getenv("NEUTILS_MOUNTS") && random() % 2 == 0) {
+                    const std::string at = *this / ("d/" + std::string(1, "abcd"[random() % 4]));
+                    mount((*this / "out").c_str(), at.c_str(), nullptr, MS_BIND, nullptr);
+                } else if (ownMounts_) {
+                    umount2(one.c_str(), MNT_DETACH);
+                }
+                break;
             case 0:
                 fs::create_directories(one, ignored);
                 break;
@@ -445,27 +491,6 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
         }
         return paths;
     };
-    const auto model = [this] {
-        std::set<std::string> paths;
-        for (std::string line : told_.Lines()) {
-            line.resize(line.back() == '/' ? line.size() - 1 : line.size());
-            const std::string last = line.substr(line.rfind(' ') + 1);
-            if (line[0] == 'c') {
-                paths.insert(last);
-                continue;
-            }
-            const std::string from = line[0] == 'd' ? last : line.substr(7, line.find(" -> ") - 7);
-            const auto before = std::exchange(paths, {});
-            for (const std::string& at : before) {
-                if (line[0] == 'r' && Monitor::IsAtOrBelow(at, from)) {
-                    paths.insert(last + at.substr(from.size()));
-                } else if (!Monitor::IsAtOrBelow(at, from) && !(line[0] == 'r' && Monitor::IsAtOrBelow(at, last))) {
-                    paths.insert(at);
-                }
-            }
-        }
-        return paths;
-    };
     const char* sequences = std::getenv("NEUTILS_SEQUENCES");
     const char* first = std::getenv("NEUTILS_SEED");
     for (unsigned i = 0; i < (sequences == nullptr ? 20U : std::stoul(sequences)) && !HasFailure(); ++i) {
@@ -477,15 +502,16 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
         const pid_t other = Fork([&] { return change(2 * seed + 1); });
         change(2 * seed + 2);
         EXPECT_EQ(Wait(other), 0);
-        EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+        UnmountAll();
+        EXPECT_TRUE(Eventually([&] { return told_.Known() == tree(); }, 10));
         for (const std::string& at : tree()) {
             if (fs::is_directory(at)) {
                 Write(at + "/probe", "");
             }
         }
-        EXPECT_TRUE(Eventually([&] { return model() == tree(); }, 10));
+        EXPECT_TRUE(Eventually([&] { return told_.Known() == tree(); }, 10));
         if (HasFailure()) {
-            EXPECT_EQ(model(), tree()) << testing::PrintToString(told_.Lines());
+            EXPECT_EQ(told_.Known(), tree()) << testing::PrintToString(told_.Lines());
         }
         ASSERT_TRUE(monitor_.RemoveRule(rule));
         told_.Clear();
@@ -495,93 +521,130 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
 }
 
 // What is mounted over a directory hides it. Without being asked a rule stays on its file system.
-TEST(InotifyMonitorMountTest, MountsComeAndGo)
+TEST_F(InotifyMonitorTest, MountsComeAndGo)
 {
-    const TempDir folder;
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (!ownMounts_) {
         GTEST_SKIP() << "a mount of its own needs CAP_SYS_ADMIN";
     }
-    const std::string sub = folder / "d/sub";
+    const std::string sub = *this / "d/sub";
     fs::create_directories(sub);
     Write(sub + "/hidden", "");
-    Told told;
     Told across;
-    InotifyMonitor monitor;
-    ASSERT_TRUE(monitor.Init());
-    std::jthread reader([&] { monitor.ReadEvent(); });
-    FileWatchRule rule{folder / "d", true, kTreeEvents, {}, &Told::Take, &told, false, false};
-    ASSERT_TRUE(monitor.AddRule(rule));
+    FileWatchRule rule = Rule(*this / "d");
+    ASSERT_TRUE(monitor_.AddRule(rule));
     rule.crossMounts = true;
     rule.userData = &across;
-    ASSERT_TRUE(monitor.AddRule(rule));
-    EXPECT_FALSE(monitor.AddRule({"/proc", true, kTreeEvents, {}, &Told::Take, &told, false, false}));
-    const auto eventually = [](Told& one, const std::string& line) {
-        EXPECT_TRUE(Eventually([&] { return one.Has(line); }, 5)) << line;
-    };
+    ASSERT_TRUE(monitor_.AddRule(rule));
+    EXPECT_FALSE(monitor_.AddRule(Rule("/proc")));
+    const auto append = [&sub] { std::ofstream(sub + "/hidden", std::ios::app) << "1"; };  // in one step
     ASSERT_EQ(mount("none", sub.c_str(), "tmpfs", 0, nullptr), 0);
-    eventually(told, "delete " + sub + "/hidden");
-    eventually(across, "delete " + sub + "/hidden");
+    Soon("delete $/d/sub/hidden");
+    Soon("delete $/d/sub/hidden", across);
     Write(sub + "/mounted", "");
-    eventually(across, "create " + sub + "/mounted");
+    Soon("create $/d/sub/mounted", across);
     ASSERT_EQ(umount2(sub.c_str(), MNT_DETACH), 0);
-    eventually(told, "create " + sub + "/hidden");
-    eventually(across, "delete " + sub + "/mounted");
-    Write(sub + "/hidden", "1");
-    eventually(told, "8 " + sub + "/hidden osize=0 size=1 ");
-    EXPECT_FALSE(told.Has("delete " + sub + "/") || told.Has("create " + sub + "/mounted"))
-        << testing::PrintToString(told.Lines());
+    Soon("create $/d/sub/hidden");
+    Soon("delete $/d/sub/mounted", across);
+    append();
+    Soon("8 $/d/sub/hidden osize=0 size=1 ");
+    EXPECT_FALSE(told_.Has("delete " + sub + "/") || told_.Has("create " + sub + "/mounted"))
+        << testing::PrintToString(told_.Lines());
     // A name whose white space the kernel does not escape is no mount on the path in front of it.
     fs::create_directory(sub + "\vx");
     ASSERT_EQ(mount("none", (sub + "\vx").c_str(), "tmpfs", 0, nullptr), 0);
-    fs::create_directory_symlink(folder / "d", folder / "link");
-    ASSERT_TRUE(monitor.AddRule({folder / "link", true, kTreeEvents, {}, &Told::Take, &told, false, false}));
-    Write(sub + "/hidden", "12");
-    eventually(told, "8 " + sub + "/hidden osize=1 size=2 ");
+    fs::create_directory_symlink(*this / "d", *this / "link");
+    ASSERT_TRUE(monitor_.AddRule(Rule(*this / "link")));
+    append();
+    Soon("8 $/d/sub/hidden osize=1 size=2 ");
     // A link that is switched to a pseudo file system leads a rule into nothing.
-    const std::size_t watches = monitor.GetWatchCount();
-    fs::remove(folder / "link");
-    fs::create_directory_symlink("/proc/1", folder / "link");
-    Write(sub + "/hidden", "123");
-    eventually(told, "8 " + sub + "/hidden osize=2 size=3 ");
-    EXPECT_LE(monitor.GetWatchCount(), watches + 4);  // those on the way
-    monitor.DeInit();
+    const std::size_t watches = monitor_.GetWatchCount();
+    fs::remove(*this / "link");
+    fs::create_directory_symlink("/proc/1", *this / "link");
+    append();
+    Soon("8 $/d/sub/hidden osize=2 size=3 ");
+    EXPECT_LE(monitor_.GetWatchCount(), watches + 4);  // those on the way
+}
+
+// One directory at two paths: a change by either is told under both, as long as both are there.
+TEST_F(InotifyMonitorTest, ChangesBelowABindMountAreToldUnderBothPaths)
+{
+    if (!ownMounts_) {
+        GTEST_SKIP() << "a mount of its own needs CAP_SYS_ADMIN";
+    }
+    fs::create_directories(*this / "d/bound");
+    fs::create_directories(*this / "other/in");
+    const auto bind = [this] {
+        return mount((*this / "other").c_str(), (*this / "d/bound").c_str(), nullptr, MS_BIND, nullptr);
+    };
+    const auto both = [this](const std::string& line) {
+        Soon(line, told_, "/d/bound");
+        Soon(line, told_, "/other");
+        EXPECT_EQ(told_.Lines().size(), 2) << testing::PrintToString(told_.Lines());
+        told_.Clear();
+    };
+    FileWatchRule rule = Rule(directory_.Path(), true, IN_CREATE | IN_DELETE | IN_MOVE);
+    rule.crossMounts = true;
+    for (const bool isMountedFirst : {true, false}) {
+        ASSERT_EQ(isMountedFirst ? bind() : 0, 0);
+        ASSERT_TRUE(monitor_.AddRule(rule));
+        if (!isMountedFirst) {
+            ASSERT_EQ(bind(), 0);
+            Soon("create $/d/bound/in/");
+            told_.Clear();
+        }
+        Write(*this / "other/x", "");
+        both("create $/x");
+        Write(*this / "d/bound/in/y", "");
+        both("create $/in/y");
+        fs::rename(*this / "d/bound/x", *this / "d/bound/in/z");
+        both("rename $/x -> $/in/z");
+        fs::remove(*this / "other/in/y");
+        both("delete $/in/y");
+        ASSERT_EQ(umount2((*this / "d/bound").c_str(), 0), 0);
+        Soon("delete $/d/bound/in/");
+        told_.Clear();
+        fs::remove(*this / "other/in/z");
+        Expect({"delete $/other/in/z"});
+        ASSERT_TRUE(monitor_.RemoveRule(rule));
+    }
 }
 
 // With room for eight watches a tree of twenty directories is watched in part, which is told once.
 TEST(InotifyMonitorLimitTest, GoesOnWithThoseThatItCanHave)
 {
-    const TempDir folder;
-    Write(folder / "allowance", "10\n");  // of which 70 percent and one more are used
-    const std::string file = folder / "allowance";
+    const TempDir directory;
+    Write(directory / "allowance", "10\n");  // of which 70 percent and one more are used
+    const std::string file = directory / "allowance";
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount(file.c_str(), "/proc/sys/fs/inotify/max_user_watches", nullptr, MS_BIND, nullptr) != 0) {
         GTEST_SKIP() << "a mount of its own needs CAP_SYS_ADMIN";
     }
     for (int i = 0; i < 20; ++i) {
-        fs::create_directories(folder / ("d/" + std::to_string(i)));
+        fs::create_directories(directory / ("d/" + std::to_string(i)));
     }
     const Records records;
     Told told;
     InotifyMonitor monitor;
     ASSERT_TRUE(monitor.Init());
     std::jthread reader([&] { monitor.ReadEvent(); });
-    const FileWatchRule rule{folder / "d", true, kTreeEvents, {}, &Told::Take, &told, false, false};
+    const FileWatchRule rule{directory / "d", true, kTreeEvents, {}, &Told::Take, &told, false, false};
     ASSERT_TRUE(monitor.AddRule(rule));
-    Write(folder / "d/file", "");
-    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/file")); }));
-    fs::create_directory(folder / "d/more");
-    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/more/")); }));
+    Write(directory / "d/file", "");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (directory / "d/file")); }));
+    fs::create_directory(directory / "d/more");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (directory / "d/more/")); }));
     const auto lacks = std::ranges::count_if(records.Lines(), [&](auto& line) {
-        return Contains(line, "WARN Watch rule cannot have all its directories.[path=" + (folder / "d") + " lacking=1");
+        return Contains(line, "WARN Watch rule cannot have all its directories.[lacking=1") &&
+               Contains(line, " path=" + (directory / "d") + "]");
     });
     EXPECT_EQ(lacks, 1);
     EXPECT_GE(monitor.GetLackingCount(), 10);
     for (int i = 0; i < 18; ++i) {
-        fs::remove(folder / ("d/" + std::to_string(i)));
+        fs::remove(directory / ("d/" + std::to_string(i)));
     }
     EXPECT_TRUE(Eventually([&] { return monitor.GetLackingCount() == 0; }, 10));
-    Write(folder / "d/19/file", "");
-    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "d/19/file")); }));
+    Write(directory / "d/19/file", "");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (directory / "d/19/file")); }));
     monitor.DeInit();
 }
 
@@ -593,7 +656,7 @@ TEST_F(InotifyMonitorTest, EverythingAtOnce)
         const std::string own = *this / std::to_string(number);
         for (int i = 0; i < 100 && !end; ++i) {
             if (number < 2) {
-                const FileWatchRule rule = Rule(folder_.Path(), true, i % 2 == 0 ? kTreeEvents : IN_ALL_EVENTS);
+                const FileWatchRule rule = Rule(directory_.Path(), true, i % 2 == 0 ? kTreeEvents : IN_ALL_EVENTS);
                 const bool added = monitor_.AddRule(rule);
                 EXPECT_TRUE(!added || monitor_.RemoveRule(rule) || end);
             } else if (number < 4) {
@@ -610,7 +673,7 @@ TEST_F(InotifyMonitorTest, EverythingAtOnce)
     });
     reader_.join();
     monitor_.ReadEvent();  // returns at once
-    EXPECT_FALSE(monitor_.AddRule(Rule(folder_.Path())));
+    EXPECT_FALSE(monitor_.AddRule(Rule(directory_.Path())));
     const std::lock_guard<std::mutex> lock(Monitor::g_mutex);
     EXPECT_TRUE(Monitor::g_attrMap.empty());
 }
@@ -618,17 +681,17 @@ TEST_F(InotifyMonitorTest, EverythingAtOnce)
 TEST(FileMonitorTest, RunsOnItsGuardedThread)
 {
     const Records records;
-    const TempDir folder;
+    const TempDir directory;
     Told told;
-    const FileWatchRule rule{folder.Path(), true, kTreeEvents, {}, &Told::Take, &told, false, false};
+    const FileWatchRule rule{directory.Path(), true, kTreeEvents, {}, &Told::Take, &told, false, false};
     EXPECT_FALSE(Monitor::InitFileMonitor());  // no guard
     EXPECT_TRUE(records.Has("ERROR Start sending message thread failed."));
     ASSERT_EQ(InitHipsGuard(0, 0, 0), 0);
     ASSERT_TRUE(Monitor::InitFileMonitor() && Monitor::InitFileMonitor());
     EXPECT_FALSE(Monitor::AddMonitor(rule, static_cast<Monitor::MonitorType>(2)));
     ASSERT_TRUE(Monitor::AddMonitor(rule, Monitor::kAnyMonitor));
-    Write(folder / "x", "");
-    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (folder / "x")); }));
+    Write(directory / "x", "");
+    EXPECT_TRUE(Eventually([&] { return told.Has("create " + (directory / "x")); }));
     EXPECT_TRUE(Monitor::RemoveMonitor(rule, Monitor::kAnyMonitor));
     Monitor::DeInitFileMonitor();
     EXPECT_TRUE(records.Has("INFO Monitor Manager Uninstalled."));
@@ -671,6 +734,8 @@ TEST(InotifyMonitorMemoryTest, TheThreadGoesOnWithoutIt)
         EXPECT_GT(failed, 10);
     }
     EXPECT_GT(monitor.GetOverflowCount(), 0);
-    EXPECT_EQ(records.CountWith("ERROR File events may be lost, the watched files are compared.[error="), 1);
+    EXPECT_EQ(
+        records.CountWith("ERROR Memory has run out, file events may be lost, the watched files are compared.[count="),
+        1);
     monitor.DeInit();
 }

@@ -49,9 +49,9 @@ std::string Record(std::string name, std::uint32_t length)
 // Lets a watcher read bytes of ours.
 void Feed(const Watcher& watcher, const std::string& bytes)
 {
-    const TempDir folder;
-    Write(folder / "bytes", bytes);
-    const UniqueFd file(open((folder / "bytes").c_str(), O_RDONLY));
+    const TempDir directory;
+    Write(directory / "bytes", bytes);
+    const UniqueFd file(open((directory / "bytes").c_str(), O_RDONLY));
     ASSERT_GE(dup2(file.Get(), watcher.GetFd()), 0);
 }
 
@@ -98,24 +98,24 @@ TEST(InotifyWatcherTest, ReadsBehindTheLastCutRecord)
 TEST(InotifyWatcherTest, FollowsWatchesAndNamesTheirEvents)
 {
     const Records records;
-    const TempDir folder;
-    const std::string file = folder / "file";
-    const std::string link = folder / "link";
+    const TempDir directory;
+    const std::string file = directory / "file";
+    const std::string link = directory / "link";
     Watcher watcher;
     ASSERT_TRUE(watcher.Init());
     EXPECT_FALSE(watcher.Poll());
     Write(file, "");
-    fs::create_directory_symlink(folder.Path(), link);
-    fs::create_hard_link(file, folder / "hard");
-    const int top = watcher.AddWatch(folder.Path(), IN_MODIFY);
+    fs::create_directory_symlink(directory.Path(), link);
+    fs::create_hard_link(file, directory / "hard");
+    const int top = watcher.AddWatch(directory.Path(), IN_MODIFY);
     const int item = watcher.AddWatch(file, IN_ATTRIB);
-    EXPECT_EQ(watcher.AddWatch(folder / "hard", IN_MODIFY), item);
+    EXPECT_EQ(watcher.AddWatch(directory / "hard", IN_MODIFY), item);
     EXPECT_EQ(watcher.GetPathByWatch(item), file);  // kept: the first path
     const int linked = watcher.AddWatch(link, IN_MODIFY);
     EXPECT_NE(linked, top);  // kept: not followed, yet watched as the directory that it leads to
     const std::string info = Read("/proc/self/fdinfo/" + std::to_string(watcher.GetFd()));
     EXPECT_TRUE(Contains(info, "mask:2 ") && info.find("mask:fc2 ") < info.rfind("mask:fc2 ")) << info;
-    fs::rename(folder / "hard", folder / "new");
+    fs::rename(directory / "hard", directory / "new");
     fs::resize_file(file, 1);
     EXPECT_TRUE(watcher.Poll());
     EXPECT_EQ(watcher.Names(), (Strings{"hard", "new", "file", file}));
@@ -135,20 +135,20 @@ TEST(InotifyWatcherTest, FollowsWatchesAndNamesTheirEvents)
     watcher.Stop();
     EXPECT_EQ(records.Lines().back(), "INFO Inotify monitoring stopped.");
     EXPECT_EQ(watcher.GetPathByWatch(top), "");
-    EXPECT_GT(watcher.AddWatch(folder.Path(), IN_MODIFY), top);
+    EXPECT_GT(watcher.AddWatch(directory.Path(), IN_MODIFY), top);
 }
 
 TEST(InotifyWatcherTest, CountsOverflowsAndEndsABatch)
 {
-    const TempDir folder;
+    const TempDir directory;
     Watcher watcher;
     ASSERT_TRUE(watcher.Init());
-    ASSERT_GT(watcher.AddWatch(folder.Path(), IN_ATTRIB), 0);
+    ASSERT_GT(watcher.AddWatch(directory.Path(), IN_ATTRIB), 0);
     const std::size_t queue = std::stoul(Read("/proc/sys/fs/inotify/max_queued_events"));
-    Write(folder / "0", "");
-    Write(folder / "1", "");
+    Write(directory / "0", "");
+    Write(directory / "1", "");
     for (std::size_t i = 0; i < queue + 10; ++i) {
-        fs::permissions(folder / std::to_string(i % 2), fs::perms::owner_all);
+        fs::permissions(directory / std::to_string(i % 2), fs::perms::owner_all);
     }
     std::size_t count = watcher.Names(299).size() - 299;
     EXPECT_EQ(count, 32U);  // one read, of 32 bytes an event
@@ -189,14 +189,14 @@ TEST(InotifyWatcherTest, HoldsToTheAllowanceAndTellsRefusalsOnceInAQuarterOfAnHo
         GTEST_SKIP() << "needs root, to mount, and an allowance of more watches than the limit";
     }
     const Records records;
-    const TempDir folder;
-    const std::string allowance = folder / "allowance";
+    const TempDir directory;
+    const std::string allowance = directory / "allowance";
     const auto taken = [&](const std::string& text) {
         Write(allowance, text);
         Watcher watcher;
         EXPECT_TRUE(watcher.Init());
         int count = 0;
-        while (count < 10242 && watcher.AddWatch(folder / std::to_string(count), IN_MODIFY) > 0) {
+        while (count < 10242 && watcher.AddWatch(directory / std::to_string(count), IN_MODIFY) > 0) {
             ++count;
         }
         return count;
@@ -204,11 +204,11 @@ TEST(InotifyWatcherTest, HoldsToTheAllowanceAndTellsRefusalsOnceInAQuarterOfAnHo
     std::thread other([&] {  // sees our file in the place of the kernel's
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(mount("none", folder.Path().c_str(), "tmpfs", 0, nullptr), 0);
+        ASSERT_EQ(mount("none", directory.Path().c_str(), "tmpfs", 0, nullptr), 0);
         Write(allowance, "");
         ASSERT_EQ(mount(allowance.c_str(), kAllowanceFile.c_str(), nullptr, MS_BIND, nullptr), 0);
         for (int i = 0; i < 10242; ++i) {
-            Write(folder / std::to_string(i), "");
+            Write(directory / std::to_string(i), "");
         }
         InotifyWatcher watcher;
         EXPECT_FALSE(watcher.SetLimit());
@@ -216,7 +216,8 @@ TEST(InotifyWatcherTest, HoldsToTheAllowanceAndTellsRefusalsOnceInAQuarterOfAnHo
         Write(allowance, "many");
         EXPECT_THROW(watcher.SetLimit(), std::invalid_argument);
         EXPECT_EQ(taken("19\n"), 14);  // 70 percent are 13, and kept: one more
-        EXPECT_EQ(records.Lines().back(), "ERROR Add inotify watch failed.[path=" + (folder / "14") + ", watchers=14]");
+        EXPECT_EQ(records.Lines().back(),
+                  "ERROR Add inotify watch failed.[path=" + (directory / "14") + ", watchers=14]");
         Clock::wallOffsetMs += 890000;
         EXPECT_EQ(taken("19"), 14);
         EXPECT_EQ(records.Lines().back(), "INFO Init inotify successfully.");
@@ -229,24 +230,24 @@ TEST(InotifyWatcherTest, HoldsToTheAllowanceAndTellsRefusalsOnceInAQuarterOfAnHo
         ASSERT_TRUE(host.Init());
         std::vector<WatchId> watches;
         for (int i = 0; i < 10242; ++i) {
-            watches.push_back(host.AddWatch(folder / std::to_string(i), IN_MODIFY, false, 0));
+            watches.push_back(host.AddWatch(directory / std::to_string(i), IN_MODIFY, false, 0));
         }
         EXPECT_EQ(std::set<WatchId>(watches.begin(), watches.end()).size(), 10242);
         EXPECT_EQ(host.Descriptors().size(), 2);
-        Write(folder / "10241", "text");
+        Write(directory / "10241", "text");
         std::deque<WatchRecord> heard;
         host.ReadRecords(heard, 1);
         EXPECT_TRUE(heard.size() == 1 && heard[0].watch == watches.back());
         host.RemoveWatch(watches[0]);
-        EXPECT_EQ(host.AddWatch(folder / "0", IN_MODIFY, false, 0) >> 32U, 1);  // what is free again is used first
+        EXPECT_EQ(host.AddWatch(directory / "0", IN_MODIFY, false, 0) >> 32U, 1);  // what is free again is used first
         Write(allowance, "19");
         InotifyHost full([] { return true; });
         ASSERT_TRUE(full.Init());
         for (int i = 0; i < 14; ++i) {
             EXPECT_TRUE(full.HasRoom() &&
-                        (watches[0] = full.AddWatch(folder / std::to_string(i), IN_MODIFY, false, 0)));
+                        (watches[0] = full.AddWatch(directory / std::to_string(i), IN_MODIFY, false, 0)));
         }
-        EXPECT_EQ(full.AddWatch(folder / "14", IN_MODIFY, false, 0), 0);
+        EXPECT_EQ(full.AddWatch(directory / "14", IN_MODIFY, false, 0), 0);
         EXPECT_FALSE(full.HasRoom());
         full.RemoveWatch(watches[0]);
         EXPECT_TRUE(full.HasRoom());

@@ -1,0 +1,36 @@
+// What somebody knows who applies a rule's events in their order.
+#pragma once
+
+#include <sys/inotify.h>
+
+#include <set>
+#include <string>
+
+#include "file_watch.h"
+#include "monitor/watch_scope.h"
+
+struct KnownPaths {
+    void Apply(const NEUtils::Monitor::FileEvent& event)
+    {
+        const auto isBelow = [](const std::string& top) {
+            return [&top](const std::string& path) { return NEUtils::Monitor::IsAtOrBelow(path, top); };
+        };
+        if (event.mask == IN_CREATE) {
+            paths.insert(event.path);
+        } else if (event.mask == IN_DELETE) {
+            std::erase_if(paths, isBelow(event.path));
+        } else if (!event.oldPath.empty()) {
+            std::set<std::string> moved;
+            for (const std::string& path : paths) {
+                if (NEUtils::Monitor::IsAtOrBelow(path, event.oldPath)) {
+                    moved.insert(event.path + path.substr(event.oldPath.size()));
+                }
+            }
+            std::erase_if(paths, isBelow(event.path));
+            std::erase_if(paths, isBelow(event.oldPath));
+            paths.merge(moved);
+        }
+    }
+
+    std::set<std::string> paths;
+};
