@@ -21,7 +21,7 @@ namespace NEUtils {
 //          belong to one owner, everything else may be called by any. A callback may stop the tracer, but neither
 //          start nor destroy it. With the connector a second thread, "process-reader", reads /proc.
 // Locks    none is held while a callback runs.
-// Blocks   Stop waits for one callback, and with the connector for one look at /proc.
+// Blocks   Stop waits for half a second of callbacks, and with the connector for one look at /proc.
 // Errors   logged. What did not reach the reader is counted, never silent.
 // Limits   arguments of 16 KiB together, then argsCut; paths of 4,095 bytes. Rights may be dropped once Start has
 //          returned; container names then need the right to read /proc of others.
@@ -47,7 +47,8 @@ public:
     // False, with the reason logged, if the source cannot be had; then nothing runs. Everything that happens once it
     // has returned true is told.
     [[nodiscard]] bool Start(const Settings& settings, Callback callback, LossCallback onLoss = nullptr);
-    // No callback runs afterwards, but the one that it is called from.
+    // What happened before is still told, as far as that takes half a second; the rest counts as lost. Called by a
+    // callback, it drops what was not read yet. No callback runs afterwards, but the one that it is called from.
     void Stop();
 
     Source GetSource() const;               // kTrace, kConnector, or kNone while it does not run

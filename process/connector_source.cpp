@@ -47,7 +47,7 @@ public:
 
     bool Open(std::string& reason) override;
     void Run(RecordSink& sink) override;
-    void RequestStop() override;
+    void RequestStop(bool toEnd) override;
     TracerCounts GetCounts() const override;
 
 private:
@@ -62,6 +62,7 @@ private:
     void Receive();
     bool Wait(int timeoutMs, bool forEvents) const;
     bool HandleDue(RecordSink& sink, std::uint64_t settleNs);
+    void HandleRest(RecordSink& sink);
     void Handle(const proc_event& event, RecordSink& sink);
     void HandleFork(const proc_event& event, RecordSink& sink);
     void HandleExec(const proc_event& event, RecordSink& sink);
@@ -77,6 +78,7 @@ private:
     ConnectorSocket socket_;
     ExecReader reader_;
     std::atomic<bool> running_{true};
+    std::atomic<bool> handlesRest_{false};
     std::atomic<std::uint64_t> forks_{0};
     std::atomic<std::uint64_t> execs_{0};
     std::atomic<std::uint64_t> exits_{0};
@@ -107,10 +109,13 @@ bool ConnectorSource::Open(std::string& reason)
     return reader_.Open(priority_, reason) && socket_.Open(ConnectorSocket::kProcesses, reason);
 }
 
-void ConnectorSource::RequestStop()
+void ConnectorSource::RequestStop(bool toEnd)
 {
+    handlesRest_ = toEnd;
     running_ = false;
-    reader_.RequestStop();
+    if (!toEnd) {
+        reader_.RequestStop();
+    }
     eventfd_write(stop_.Get(), 1);
 }
 
@@ -172,6 +177,9 @@ void ConnectorSource::Run(RecordSink& sink)
         }
         Wait(restMs_, false);
     }
+    if (handlesRest_) {
+        HandleRest(sink);
+    }
 }
 
 void ConnectorSource::RunRound(RecordSink& sink)
@@ -200,9 +208,26 @@ void ConnectorSource::Receive()
 {
     bootOffsetNs_ = NsOf(CLOCK_BOOTTIME) - NsOf(CLOCK_MONOTONIC);
     wallOffsetNs_ = NsOf(CLOCK_REALTIME) - NsOf(CLOCK_BOOTTIME);
-    for (std::size_t i = 0; running_ && i < kMaxBatches && socket_.Receive(batch_) > 0; ++i) {
+    for (std::size_t i = 0; i < kMaxBatches && socket_.Receive(batch_) > 0; ++i) {
         pending_.insert(pending_.end(), batch_.begin(), batch_.end());
     }
+}
+
+// What is left after half a second counts as lost.
+void ConnectorSource::HandleRest(RecordSink& sink)
+{
+    const std::uint64_t end = ConnectorNow() + Clock::kNsPerSecond / 2;
+    try {
+        Receive();
+        for (; !pending_.empty() && ConnectorNow() < end; pending_.pop_front()) {
+            const proc_event event = pending_.front();
+            Handle(event, sink);
+        }
+    } catch (const std::exception& error) {  // memory has run out
+        ++failures_;
+        LogTracerFailure(error);
+    }
+    lost_ += pending_.size();
 }
 
 // True if there were any.

@@ -202,7 +202,7 @@ void ProcessTracer::Session::Stop()
     if (!running_.exchange(false)) {
         NE_LOG(WARN, "The process tracer has stopped.");
     } else {
-        source_->RequestStop();
+        source_->RequestStop(!thread_.IsOwn());
         NE_LOG(INFO, "The process tracer stops.");
     }
     if (!thread_.IsOwn()) {
@@ -218,7 +218,7 @@ bool ProcessTracer::Session::Join()
         return false;
     }
     if (running_.exchange(false)) {
-        source_->RequestStop();
+        source_->RequestStop(true);
     }
     thread_.Join();
     const Counts counts = GetCounts();

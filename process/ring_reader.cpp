@@ -29,6 +29,7 @@ constexpr std::size_t kMaxRing = std::size_t{1} << 30;
 constexpr int kMaxRound = 10000;   // records
 constexpr int kIdleWaitMs = 1000;  // should a wake-up have been missed
 constexpr int kStopReading = -ECANCELED;
+constexpr std::int64_t kRestNs = Clock::kNsPerSecond / 2;
 
 std::size_t ToRingSize(std::size_t wanted)
 {
@@ -88,8 +89,9 @@ bool RingReader::Open(int ring, trace_state& state, std::string& reason)
     return true;
 }
 
-void RingReader::RequestStop()
+void RingReader::RequestStop(bool toEnd)
 {
+    readsRest_ = toEnd;
     running_ = false;
     eventfd_write(stop_.Get(), 1);
 }
@@ -109,6 +111,17 @@ void RingReader::Run(RingSink& sink)
         }
         Wait(idle ? TRACE_IDLE : TRACE_RESTING, wakeMs_ == 0 ? kIdleWaitMs : timeout);
     }
+    if (readsRest_) {
+        ReadRest();
+    }
+}
+
+// The round that a stop has ended may have left something, too.
+void RingReader::ReadRest()
+{
+    restEndNs_ = Clock::MonotonicNs() + kRestNs;
+    wallOffsetNs_ = NsOf(CLOCK_REALTIME) - NsOf(CLOCK_BOOTTIME);
+    wasCutShort_ = ring_buffer__consume(ring_) == kStopReading;
 }
 
 // True if there was anything.
@@ -152,6 +165,9 @@ int RingReader::OnRecord(void* self, void* data, std::size_t length)
     } catch (...) {  // must not pass through libbpf
         reader.failure_ = std::current_exception();
         return kStopReading;
+    }
+    if (reader.restEndNs_ != 0) {
+        return Clock::MonotonicNs() < reader.restEndNs_ ? 0 : kStopReading;
     }
     return reader.running_ && --reader.leftInRound_ > 0 ? 0 : kStopReading;
 }

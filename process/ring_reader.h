@@ -42,7 +42,9 @@ public:
     // With the descriptor of the ring, and the memory that the programs share. False with the reason.
     bool Open(int ring, trace_state& state, std::string& reason);
     void Run(RingSink& sink);
-    void RequestStop();
+    // With toEnd, what is in the ring by then is still read, for half a second at most.
+    void RequestStop(bool toEnd = false);
+    bool WasCutShort() const { return wasCutShort_; }  // more was there; once Run has returned
 
     // From the time since the boot to the wall clock's, as of the round under way. For the thread of Run.
     std::int64_t GetWallOffsetNs() const { return wallOffsetNs_; }
@@ -61,6 +63,7 @@ private:
 
     bool ReadRound();
     bool ReadRing();
+    void ReadRest();
     void Wait(std::uint32_t waiting, int timeoutMs);
 
     const std::size_t ringSize_;
@@ -71,12 +74,15 @@ private:
     UniqueFd epoll_;
     std::atomic<bool> running_{true};
     std::atomic<std::uint64_t> failures_{0};
+    std::atomic<bool> readsRest_{false};
+    std::atomic<bool> wasCutShort_{false};
 
     // Of the thread of Run alone:
     RingSink* sink_ = nullptr;
     std::int64_t wallOffsetNs_ = 0;
     int leftInRound_ = 0;
     std::exception_ptr failure_;
+    std::int64_t restEndNs_ = 0;
 };
 
 }  // namespace NEUtils

@@ -50,7 +50,7 @@ public:
         sink_ = &sink;
         reader_.Run(*this);
     }
-    void RequestStop() override { reader_.RequestStop(); }
+    void RequestStop(bool toEnd) override { reader_.RequestStop(toEnd); }
     TracerCounts GetCounts() const override;
 
 private:
@@ -111,6 +111,10 @@ TracerCounts TraceRing::GetCounts() const
     counts.seen = LoadKinds(programs_->bss->state.seen);
     counts.lost = LoadKinds(programs_->bss->state.lost);
     counts.received = {received_[TRACE_FORK], received_[TRACE_EXEC], received_[TRACE_EXIT], 0};
+    if (reader_.WasCutShort()) {
+        counts.lost = {counts.seen.forks - counts.received.forks, counts.seen.execs - counts.received.execs,
+                       counts.seen.exits - counts.received.exits, 0};
+    }
     counts.malformed = malformed_ + reader_.GetFailureCount();
     for (const bpf_program* program :
          {programs_->progs.trace_exec, programs_->progs.trace_fork, programs_->progs.trace_exit}) {

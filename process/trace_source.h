@@ -26,7 +26,8 @@ public:
     // From here on nothing is missed. False with the reason if it cannot be had.
     virtual bool Open(std::string& reason) = 0;
     virtual void Run(RecordSink& sink) = 0;
-    virtual void RequestStop() = 0;
+    // With toEnd, what happened by then is still put, as far as that takes half a second.
+    virtual void RequestStop(bool toEnd) = 0;
     virtual TracerCounts GetCounts() const = 0;
 };
 

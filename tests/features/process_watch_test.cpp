@@ -312,6 +312,20 @@ TEST_F(ProcessWatchTest, CountsWhatItLosesAndLearnsWhatRunsSince)
     munmap(sleeper, sizeof(pid_t));
 }
 
+// An agent that stops is often what somebody wants to hide something from.
+TEST_F(ProcessWatchTest, TellsWhatHappenedBeforeAStop)
+{
+    const Driver driver({Program("/bin/sleep", {"sleep", "0.1"}), [] { return RunMany(200); }});
+    for (const char* source : {"trace", "connector"}) {
+        ASSERT_TRUE(counters_.watches == 0 && Start(std::string("wake_ms=1000\nsource=") + source));
+        driver.Do(1);
+        const pid_t pid = driver.Do(0);
+        manager_.UpdateModulePolicy({});
+        EXPECT_EQ(Of("executed", pid).size(), 1U) << source;
+        EXPECT_TRUE(Of("exited", pid).size() == 1 && Of("exited", pid)[0].ends_with(" cmdLine=sleep 0.1]")) << source;
+    }
+}
+
 // Each of the sources, and each change between them, while programs come and go.
 TEST_F(ProcessWatchTest, TellsNothingTwiceWhilePoliciesChange)
 {
