@@ -1,6 +1,7 @@
 // The feature network_watch: logs and reports the TCP connections of the host and who listens.
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -9,6 +10,7 @@
 #include "connection_tracer.h"
 #include "feature.h"
 #include "feature_counters.h"
+#include "hips_guard.h"
 #include "logger.h"
 #include "loop_thread.h"
 #include "network_rules.h"
@@ -99,6 +101,9 @@ public:
     explicit NetworkWatch(ConnectionLogSettings settings) : log_(std::move(settings)) {}
     ~NetworkWatch()
     {
+        if (supervised_ != 0) {
+            UnwatchPlainThread(supervised_);
+        }
         if (tracer_.IsRunning()) {
             tracer_.Stop();
         }
@@ -117,6 +122,7 @@ public:
             return false;
         }
         counters_.watches = 1;
+        supervised_ = WatchPlainThread("network-tracer", &NetworkWatch::BeatAgeMs, &tracer_);
         return ticker_.Start("NetworkRepeats", [this](int stopFd) {
             WaitFor(stopFd, kTickMs);
             log_.LogRepeats();
@@ -125,6 +131,8 @@ public:
     }
 
 private:
+    static long long BeatAgeMs(void* tracer) { return static_cast<ConnectionTracer*>(tracer)->GetBeatAgeMs(); }
+
     // Adds what came since the last call.
     void Count()
     {
@@ -144,6 +152,7 @@ private:
     ConnectionLog log_;
     LoopThread ticker_;
     ConnectionTracer tracer_;
+    std::uintptr_t supervised_ = 0;  // the tracer's thread, by the guard
 };
 
 std::unique_ptr<NetworkWatch> g_watch;

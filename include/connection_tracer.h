@@ -20,7 +20,7 @@ namespace NEUtils {
 //          Only TCP: the kernel tells the states of no UDP or raw socket. A connection of MPTCP shows as its TCP flows.
 //          Those that there are at the start are not told; of a listener among them the end is.
 // Threads  callbacks run on the tracer's thread, "network-tracer", one at a time. Start, Stop and the destructor
-//          belong to one owner, GetCounts may be called by any. A callback may stop the tracer, but neither start nor
+//          belong to one owner, everything else may be called by any. A callback may stop the tracer, but neither start nor
 //          destroy it.
 // Locks    none is held while a callback runs.
 // Blocks   Stop waits for one callback, and for those about attempts that are not told yet.
@@ -47,6 +47,7 @@ public:
 
     bool IsRunning() const;
     Counts GetCounts() const;
+    long long GetBeatAgeMs() const;  // how long ago its thread came round; -1 while there is none
 
     static std::string GetAddressText(const NetworkAddress& address);  // as in 10.0.0.1 or fe80::1; empty without one
 

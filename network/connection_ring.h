@@ -35,6 +35,7 @@ public:
     void RequestStop() { reader_.RequestStop(); }
     void TellPending() { pending_.ExpireAll(); }  // by the thread of Run
     ConnectionCounts GetCounts() const;
+    long long GetBeatAgeMs() const { return reader_.GetBeatAgeMs(); }
 
 private:
     void TakeRecord(const void* data, std::size_t length) override;

@@ -25,6 +25,7 @@ public:
     void Stop();
     bool IsRunning() const { return running_; }
     Counts GetCounts() const;
+    long long GetBeatAgeMs() const;
 
 private:
     bool OpenRing(const Settings& settings);
@@ -32,6 +33,7 @@ private:
     void Put(const ConnectionRecord& record);
     void PutLoss(const Counts::Kinds& lost);
     bool Join();
+    std::shared_ptr<ConnectionRing> GetRing() const;
 
     std::atomic<bool> running_{false};
     std::atomic<bool> muted_{false};  // stopped from a callback: there may be none any more
@@ -148,15 +150,23 @@ bool ConnectionTracer::Session::Join()
 
 ConnectionCounts ConnectionTracer::Session::GetCounts() const
 {
-    std::shared_ptr<ConnectionRing> ring;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        ring = ring_;
-        if (ring == nullptr) {
-            return lastCounts_;
-        }
+    if (const auto ring = GetRing(); ring != nullptr) {
+        return ring->GetCounts();
     }
-    return ring->GetCounts();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return lastCounts_;
+}
+
+long long ConnectionTracer::Session::GetBeatAgeMs() const
+{
+    const auto ring = running_ ? GetRing() : nullptr;
+    return ring == nullptr ? -1 : ring->GetBeatAgeMs();
+}
+
+std::shared_ptr<ConnectionRing> ConnectionTracer::Session::GetRing() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return ring_;
 }
 
 ConnectionTracer::ConnectionTracer() : session_(std::make_unique<Session>()) {}
@@ -180,6 +190,11 @@ bool ConnectionTracer::IsRunning() const
 ConnectionTracer::Counts ConnectionTracer::GetCounts() const
 {
     return session_->GetCounts();
+}
+
+long long ConnectionTracer::GetBeatAgeMs() const
+{
+    return session_->GetBeatAgeMs();
 }
 
 }  // namespace NEUtils

@@ -27,4 +27,9 @@ ConnectionTracer::Counts ConnectionTracer::GetCounts() const
     return {};
 }
 
+long long ConnectionTracer::GetBeatAgeMs() const
+{
+    return -1;
+}
+
 }  // namespace NEUtils

@@ -101,6 +101,7 @@ void RingReader::Run(RingSink& sink)
     sink_ = &sink;
     bool idle = false;
     while (running_) {
+        beatNs_ = Clock::MonotonicNs();
         const bool found = ReadRound();
         // A program looks at how the reader waits before its record is in the ring. So the reader still comes round
         // once at the usual time after it has asked to be woken up.
@@ -136,6 +137,12 @@ bool RingReader::ReadRound()
         LogTracerFailure(error);
         return true;
     }
+}
+
+long long RingReader::GetBeatAgeMs() const
+{
+    const std::int64_t beat = beatNs_;
+    return beat < 0 ? -1 : (Clock::MonotonicNs() - beat) / Clock::kNsPerMs;
 }
 
 void RingReader::Wait(std::uint32_t waiting, int timeoutMs)

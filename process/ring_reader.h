@@ -51,6 +51,8 @@ public:
 
     // How often the sink had no memory for a record, or for the end of a round.
     std::uint64_t GetFailureCount() const { return failures_; }
+    // How long ago Run last came round; -1 before it has. For any thread.
+    long long GetBeatAgeMs() const;
 
     // A counter that the programs change at the same time.
     static std::uint64_t Load(const __u64& counter) { return __atomic_load_n(&counter, __ATOMIC_RELAXED); }
@@ -76,6 +78,7 @@ private:
     std::atomic<std::uint64_t> failures_{0};
     std::atomic<bool> readsRest_{false};
     std::atomic<bool> wasCutShort_{false};
+    std::atomic<std::int64_t> beatNs_{-1};
 
     // Of the thread of Run alone:
     RingSink* sink_ = nullptr;

@@ -357,15 +357,18 @@ TEST_F(ConnectionTracerTest, WhatDoesNotFitIsCountedExactly)
         EXPECT_EQ(Socket(AF_INET).Connect("127.0.0.1", server.Port()), 0);
         server.Accept();
     }
+    EXPECT_TRUE(Eventually([&] { return tracer.GetBeatAgeMs() > 1200; })) << "its thread hangs in a callback";
     const auto full = tracer.GetCounts();
     EXPECT_TRUE(full.lost.connects > 0 && full.lost.results > 0 && full.lost.accepts > 0);
     blocked = false;
     blocked.notify_all();
+    EXPECT_TRUE(Eventually([&] { return tracer.GetBeatAgeMs() < 1200; }));
     ASSERT_TRUE(Eventually([&] {
         const auto counts = tracer.GetCounts();
         return counts.received.Total() + counts.lost.Total() == counts.seen.Total() && losses == counts.lost.Total();
     }));
     tracer.Stop();
+    EXPECT_EQ(tracer.GetBeatAgeMs(), -1);
     const auto counts = tracer.GetCounts();  // they stay
     EXPECT_GE(counts.seen.connects, kConnections);
     EXPECT_GE(counts.seen.results, kConnections);
