@@ -20,8 +20,8 @@ namespace NEUtils {
 //          Only TCP: the kernel tells the states of no UDP or raw socket. A connection of MPTCP shows as its TCP flows.
 //          Those that there are at the start are not told; of a listener among them the end is.
 // Threads  callbacks run on the tracer's thread, "network-tracer", one at a time. Start, Stop and the destructor
-//          belong to one owner, everything else may be called by any. A callback may stop the tracer, but neither start nor
-//          destroy it.
+//          belong to one owner, everything else may be called by any. A callback may stop the tracer, but neither start
+//          nor destroy it.
 // Locks    none is held while a callback runs.
 // Blocks   Stop waits for one callback, and for those about attempts that are not told yet.
 // Limits   16,384 attempts without a result; of the oldest beyond, the result is told without the process.
