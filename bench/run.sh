@@ -24,10 +24,13 @@ step 7 "the collector: collector_load, 15 s"
 build/bench/bin/collector_load
 step 8 "rolling a file: roll_bench, 2 s"
 build/bench/bin/roll_bench
-step 9 "process events: process_burst, 50 s, and trace_bench, 3 minutes"
+step 9 "process events: process_burst, 50 s, and trace_bench, 3 minutes; connections: network_bench, 2 minutes"
 build/bench/bin/process_burst || { [ $? -eq 77 ] && echo "continuing without it"; }
 if [ -x build/bench/bin/trace_bench ]; then
     build/bench/bin/trace_bench || { [ $? -eq 77 ] && echo "continuing without it"; }
+fi
+if [ -x build/bench/bin/network_bench ]; then
+    build/bench/bin/network_bench || { [ $? -eq 77 ] && echo "continuing without it"; }
 fi
 step 10 "file changes: watch_bench, 45 s"
 TMPDIR=/dev/shm build/bench/bin/watch_bench
