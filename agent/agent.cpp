@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "child_ender.h"
 #include "command_line.h"
 #include "console.h"
 #include "event_file.h"
@@ -126,9 +127,13 @@ const std::array<Agent::Part, 13> Agent::kParts = {{
     {"commands",
      [](Agent& own) {
          own.commands_.Start();
+         own.reload_.Start(ThreadPool::GetInstance(), "reload", [&own] { own.Reload(); });
          return true;
      },
-     [](Agent& own) { own.commands_.Stop(); }},
+     [](Agent& own) {
+         own.reload_.Stop();
+         own.commands_.Stop();
+     }},
     {"server link", [](Agent& own) { return !own.config_.reportsToServer || own.StartLink(); },
      [](Agent& own) { own.server_.Stop(); }},
     {"self check",
@@ -292,7 +297,8 @@ int Agent::Run()
     }
 }
 
-// Waits for a signal or for somebody who asks for the status, and does what is asked.
+// Waits for a signal or for somebody who asks for the status, and does what is asked. Writes nothing to the log: where
+// that hangs, in a roll say, the status tells it and a stop ends it.
 void Agent::Serve()
 {
     pollfd wanted[] = {
@@ -303,8 +309,8 @@ void Agent::Serve()
     if (Signals::Stop stop; signals_.TakeStop(stop)) {
         EndBy(stop);
     }
-    if (signals_.TakeReload()) {
-        Reload();
+    if (signals_.TakeReload() && !reload_.Request()) {
+        status_.SetProblem("configuration", "the configuration has not been reloaded: the pool takes no more jobs");
     }
     if (wanted[2].revents != 0) {
         ServeStatus();
@@ -325,6 +331,7 @@ void Agent::ServeStatus()
 // Does not come back.
 void Agent::EndBy(const Signals::Stop& stop)
 {
+    EndChildrenFromNowOn();
     if (stop.isOfGuard) {
         lastRun_.Note(LastRun::kHung);
         NE_LOG(ERROR, "Guard ends the agent, a thread hangs.");

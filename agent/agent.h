@@ -9,6 +9,7 @@
 #include "feature_commands.h"
 #include "feature_host.h"
 #include "last_run.h"
+#include "pool_job.h"
 #include "self_check.h"
 #include "server_link.h"
 #include "signals.h"
@@ -58,7 +59,7 @@ private:
 
     const std::string root_;
     const std::string configPath_;
-    AgentConfig config_;  // of the main thread once the parts run
+    AgentConfig config_;  // of the reload once the parts run
     Signals signals_;
     LastRun lastRun_;
     AgentLog log_;
@@ -69,6 +70,7 @@ private:
     FeatureCommands commands_;
     SelfCheck selfCheck_;
     StatusSocket socket_;
+    NEUtils::PoolJob reload_;
     std::uint32_t usageTask_ = 0;
     std::atomic<std::size_t> started_{0};  // how many parts run
     std::atomic<bool> stopping_{false};

@@ -241,6 +241,33 @@ TEST_F(AgentFaultsTest, StopsWhileItsLogRolls)
     EXPECT_FALSE(fs::exists(pidFile_));
 }
 
+// Nor may one that hangs later, in a roll, make a running agent look well, blind or deaf.
+TEST_F(RootAgentTest, ARollThatHangsIsAProblemAndHoldsNothingUp)
+{
+    ReplaceGzip("echo $$ >" + (root_ / "rolling") + "\nexec sleep 60\n");
+    fs::remove(log_);
+    Write(config_, "LOG_MAX_SIZE=1\nEVENT_FILE=log/events.json\n");
+    StartAgent();
+    const auto seesProcesses = [&] {
+        return Eventually([&] {
+            const pid_t child = Fork([] { return 0; });
+            Wait(child);
+            return Eventually(
+                [&] { return Contains(Read(root_ / "log/events.json"), ",\"pid\":" + std::to_string(child)); }, 2);
+        });
+    };
+    ASSERT_TRUE(seesProcesses());
+    ASSERT_TRUE(Eventually([this] {
+        kill(agent_, SIGHUP);  // logs something, until its fiftieth line rolls it
+        return Read(root_ / "rolling").size() > 1;
+    }));
+    EXPECT_TRUE(Says("the log cannot be written: a line has been waiting for "));
+    EXPECT_TRUE(seesProcesses());
+    EXPECT_FALSE(Contains(Status(), "has not come round"));
+    EXPECT_EQ(StopAgent(SIGTERM), SIGTERM);
+    EXPECT_FALSE(fs::exists(pidFile_) || fs::exists(root_ / "conf/agent.run"));
+}
+
 // What would leave the agent running without a log ends it with a reason instead.
 TEST_F(AgentFaultsTest, MissingSurroundingsAreNamed)
 {

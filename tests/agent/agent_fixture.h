@@ -8,9 +8,9 @@
 struct AgentTest : testing::Test {
     AgentTest()
     {
-        for (const char* folder : {"bin", "conf", "conf/policies", "log", "lib", "lib/features"}) {
-            fs::create_directory(root_ / folder);
-            fs::permissions(root_ / folder, fs::perms(0755));
+        for (const char* directory : {"bin", "conf", "conf/policies", "log", "lib", "lib/features"}) {
+            fs::create_directory(root_ / directory);
+            fs::permissions(root_ / directory, fs::perms(0755));
         }
         for (const char* feature : {"process_watch", "file_integrity", "file_access", "odd"}) {
             const std::string library = root_ / "lib/features/lib" + feature + ".so";
@@ -87,4 +87,13 @@ struct AgentTest : testing::Test {
     const std::string run_ = "--root " + root_.Path();
     std::string path_ = getenv("PATH");
     pid_t agent_ = 0;
+};
+
+struct RootAgentTest : AgentTest {
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "process events need CAP_NET_ADMIN, fanotify CAP_SYS_ADMIN";
+        }
+    }
 };

@@ -32,14 +32,9 @@ TEST(RetryPlanTest, WaitsLongerAfterEachFailure)
         return (now - start) / RetryPlan::Milliseconds(1);
     };
     EXPECT_EQ(delay(), 0);
-    for (const auto& [expected, spread] : {std::pair{3000, 2000},
-                                           {4000, 2000},
-                                           {6000, 2000},
-                                           {12000, 4000},
-                                           {24000, 8000},
-                                           {48000, 16000},
-                                           {90000, 30000},
-                                           {90000, 30000}}) {
+    constexpr int kRows[][2] = {{3000, 2000},  {4000, 2000},   {6000, 2000},   {12000, 4000},
+                                {24000, 8000}, {48000, 16000}, {90000, 30000}, {90000, 30000}};
+    for (const auto& [expected, spread] : kRows) {
         plan.SetResult(false, now);
         EXPECT_EQ(most.count(), spread);
         EXPECT_EQ(delay(), expected);
@@ -55,29 +50,22 @@ TEST(RetryPlanTest, WaitsLongerAfterEachFailure)
 
 TEST(AnswerWatchTest, KnowsAServerThatAnswersNoReports)
 {
-    struct Row {
-        const char* name;
-        int at;  // seconds
-        bool isUp;
-        int unanswered;
-        int answered;
-        bool isStuck;
-    };
     AnswerWatch watch;
     const AnswerWatch::Time start = AnswerWatch::Time() + seconds(100000);
-    for (const auto& [name, at, isUp, unanswered, answered, isStuck] : {
-             Row{"the first report", 0, true, 1, 0, false},
-             {"just before the limit", 59, true, 9, 0, false},
-             {"the limit", 60, true, 9, 0, true},
-             {"an answer", 61, true, 8, 1, false},
-             {"a minute after it", 121, true, 8, 1, true},
-             {"nothing to answer", 122, true, 0, 9, false},
-             {"idle for long, then a report", 500, true, 1, 9, false},
-             {"which is not answered", 560, true, 1, 9, true},
-             {"no connection", 561, false, 1, 9, false},
-             {"a new one", 700, true, 1, 9, false},
-             {"a minute later", 760, true, 1, 9, true},
-         }) {
+    const std::tuple<const char*, int, bool, int, int, bool> rows[] = {
+        // name, second, up, unanswered, answered, stuck
+        {"the first report", 0, true, 1, 0, false},
+        {"just before the limit", 59, true, 9, 0, false},
+        {"the limit", 60, true, 9, 0, true},
+        {"an answer", 61, true, 8, 1, false},
+        {"a minute after it", 121, true, 8, 1, true},
+        {"nothing to answer", 122, true, 0, 9, false},
+        {"idle for long, then a report", 500, true, 1, 9, false},
+        {"which is not answered", 560, true, 1, 9, true},
+        {"no connection", 561, false, 1, 9, false},
+        {"a new one", 700, true, 1, 9, false},
+        {"a minute later", 760, true, 1, 9, true}};
+    for (const auto& [name, at, isUp, unanswered, answered, isStuck] : rows) {
         EXPECT_EQ(watch.Look(isUp, unanswered, answered, start + seconds(at)), isStuck) << name;
     }
 }
@@ -179,6 +167,10 @@ TEST_F(FeatureHostTest, AnEditedFileIsNotOverwrittenByOn)
     Write(root_ / "conf/policies", "no directory");
     EXPECT_EQ(host.Apply("odd", false, std::nullopt).result, kCommandFailed);
     EXPECT_TRUE(Contains(ProblemsOf(host), "policy of odd is not kept for the next start: "));
+    fs::remove(root_ / "conf/policies");
+    fs::create_directory(root_ / "conf/policies");
+    EXPECT_EQ(host.Apply("odd", false, "new").result, kCommandDone);
+    EXPECT_EQ(ProblemsOf(host), "");
     host.Stop();
 }
 
@@ -218,21 +210,14 @@ TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
     TaskManager tasks;
     Status status(host, server, tasks);
     using Action = std::function<void()>;
+    const auto limits = [&status](const UseLimits& of) { return [&status, of] { status.SetLimits(of); }; };
     const std::tuple<const char*, Action, Action> rows[] = {
         {"feature odd cannot watch 2 of what its policy names", [&] { counters_.lacking = 2; },
          [&] { counters_.lacking = 0; }},
         {"feature odd waits for paths that are not there: 3", [&] { counters_.waiting = 3; },
          [&] { counters_.waiting = 0; }},
-        {"memory is above GUARD_MEMORY_KIB",
-         [&] {
-             status.SetLimits({1, 0, 0});
-         },
-         [&] { status.SetLimits({}); }},
-        {"descriptors are above GUARD_DESCRIPTORS",
-         [&] {
-             status.SetLimits({0, 0, 1});
-         },
-         [&] { status.SetLimits({}); }},
+        {"memory is above GUARD_MEMORY_KIB", limits({1, 0, 0}), limits({})},
+        {"descriptors are above GUARD_DESCRIPTORS", limits({0, 0, 1}), limits({})},
         {"of mine", [&] { status.SetProblem("mine", "of mine"); }, [&] { status.SetProblem("mine", ""); }},
     };
     host.Start();
