@@ -44,6 +44,12 @@ struct FeaturesTest : testing::Test {
         Monitor::InitFileMonitor();
         manager_.SetModulePrefix(dir_ / "");
     }
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "process events need CAP_NET_ADMIN, fanotify and mounts CAP_SYS_ADMIN";
+        }
+    }
     ~FeaturesTest() override
     {
         manager_.StopAndDeinitAllModule();
@@ -142,9 +148,6 @@ TEST_F(FeaturesTest, PoliciesThatCannotBeTakenAreRefusedWithAReason)
 // Whoever replaces a guarded file, as passwd does, would use the new one unseen.
 TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
 {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "fanotify needs CAP_SYS_ADMIN";
-    }
     const std::string parent = dir_ / "p";
     const std::string file = parent + "/sub/file";
     const std::string link = dir_ / "link";
@@ -252,9 +255,6 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
 // What the kernel dropped is not known by number: it must not look like nothing.
 TEST_F(FeaturesTest, OverflowOfGuardedUsesIsCountedAsUnknown)
 {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "fanotify needs CAP_SYS_ADMIN";
-    }
     const std::uint64_t before = FeatureCounters::Of("file_access").overflows;
     manager_.UpdateModulePolicy({{"file_access", {true, "guard=" + tree_ + ";events=open", ""}}});
     std::mutex held;
@@ -308,9 +308,6 @@ TEST_F(FeaturesTest, EventsGoToTheirFileInsteadOfTheLog)
 // A record that names a file by half, that a file's name can forge, or that makes the next one, misleads.
 TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
 {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "mounts need CAP_SYS_ADMIN";
-    }
     const std::string log = dir_ / "log";
     const std::string late = dir_ / "late";
     fs::create_directories(log);
@@ -383,12 +380,10 @@ TEST_F(FeaturesTest, DigestsKeepToTheirLimitAndNeverHoldAStop)
     Write(tree_ + "/small", "small");
     Write(tree_ + "/beside", "other");
     fs::rename(tree_ + "/beside", tree_ + "/replaced");  // as an installer does it
-    const auto told = [&](const std::string& name) {
-        return std::ranges::any_of(records.Lines(), [&](const std::string& line) {
-            return line.starts_with("INFO File digest.[") && line.ends_with(" path=" + tree_ + name + "]");
-        });
+    const auto hasDigest = [&](const std::string& name) {
+        return Logs(records, "INFO File digest.[", " path=" + tree_ + name + "]");
     };
-    EXPECT_TRUE(Eventually([&] { return told("/small") && told("/replaced"); }));
+    EXPECT_TRUE(Eventually([&] { return hasDigest("/small") && hasDigest("/replaced"); }));
     EXPECT_TRUE(
         Eventually([&] { return Logs(records, "File has no digest.[action=digest fault=\"too large\"", "/large]"); }));
     Write(tree_ + "/small", "again");
@@ -399,24 +394,17 @@ TEST_F(FeaturesTest, DigestsKeepToTheirLimitAndNeverHoldAStop)
     chmod((tree_ + "/endless").c_str(), 0640);
     Write(tree_ + "/other", "");
     const auto digesting = [] {
-        for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-            if (Read(task.path() / "comm") == "T-file-digest\n") {
-                return true;
-            }
-        }
-        return false;
+        return std::ranges::any_of(fs::directory_iterator("/proc/self/task"),
+                                   [](const auto& task) { return Read(task.path() / "comm") == "T-file-digest\n"; });
     };
     EXPECT_TRUE(Eventually(digesting));
     manager_.UpdateModulePolicy({});
-    EXPECT_FALSE(told("/endless"));
+    EXPECT_FALSE(hasDigest("/endless"));
 }
 
 // Each round that left a thread, a watch, a descriptor or memory behind would end an agent that lives for years.
 TEST_F(FeaturesTest, RoundsOfPoliciesUnderLoadLeaveNothing)
 {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "process events need CAP_NET_ADMIN, fanotify CAP_SYS_ADMIN";
-    }
     const auto policies = [this](const std::string& events) {
         return Policies{{"process_watch", {true, "events=" + events + "\nexclude=*none*", ""}},
                         {"file_integrity", {true, "watch=" + tree_ + ";recursive;exclude=" + events, ""}},
