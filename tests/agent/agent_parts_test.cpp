@@ -6,11 +6,14 @@
 #include "agent/feature_host.h"
 #include "agent/last_run.h"
 #include "agent/retry_plan.h"
+#include "agent/self_check.h"
 #include "agent/server_link.h"
 #include "agent/status.h"
 #include "agent/status_text.h"
 #include "feature_counters.h"
 #include "hips_guard.h"
+#include "report_queue.h"
+#include "socket_comm.h"
 #include "tests/support/support.h"
 
 using std::chrono::seconds;
@@ -238,6 +241,19 @@ TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
     EXPECT_TRUE(Contains(text, "feature odd has lost 7 events\n"));
     EXPECT_TRUE(Contains(text, "feature odd has lost an unknown number of events 1 times\n"));
     EXPECT_EQ(StatusText("{\"well\":true}", text), kNoStatus);
+    Records records;  // each problem is logged and reported once when it begins and once when it ends
+    auto& queue = ReportQueue::GetInstance();
+    ASSERT_TRUE(queue.Start(std::make_shared<SocketComm>(), 100, 100000));
+    SelfCheck check(status);
+    check.Check();
+    check.Check();
+    counters_.lost = 0;
+    const auto pushed = queue.GetAccount().pushed;
+    check.Check();
+    EXPECT_EQ(queue.GetAccount().pushed, pushed + 1);
+    queue.Stop();
+    EXPECT_EQ(records.Count("WARN Problem has begun.[problem=feature odd has lost 7 events]"), 1);
+    EXPECT_EQ(records.Count("INFO Problem is over.[problem=feature odd has lost 7 events]"), 1);
     host.Stop();
     UninitHipsGuard();
 }
