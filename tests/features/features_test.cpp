@@ -346,10 +346,10 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
     fs::rename(tree_ + "/z\033[1m\"\\\n", tree_ + "/z]");
     EXPECT_TRUE(
         logged("action=rename mode=0644 owner=root oldPath=\"" + tree_ + "/z?[1m\\\"\\\\?\" time=", tree_ + "/z]"));
-    Write(tree_ + "/new", "");
-    chmod((tree_ + "/new").c_str(), 04777);
-    fs::rename(tree_ + "/new", tree_ + "/z]");
-    EXPECT_TRUE(logged("action=rename mode=4777 owner=root oldPath=" + tree_ + "/new ", tree_ + "/z]"));
+    Write(tree_ + "/a new", "");
+    chmod((tree_ + "/a new").c_str(), 04777);
+    fs::rename(tree_ + "/a new", tree_ + "/z]");
+    EXPECT_TRUE(logged("action=rename mode=4777 owner=root oldPath=\"" + tree_ + "/a new\" ", tree_ + "/z]"));
     const timespec times[] = {{86400, 0}, {172800, 0}};
     utimensat(AT_FDCWD, (tree_ + "/z]").c_str(), times, 0);
     EXPECT_TRUE(logged("action=attrib change=\"omtime=", tree_ + "/z]"));
