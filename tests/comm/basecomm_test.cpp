@@ -15,7 +15,7 @@ struct FakeComponent : NetCommBase {
     }
     bool Init() override { return succeeds; }
     bool Start() override { return up = succeeds; }
-    bool Stop() override { return !(up = false); }
+    bool Stop() override { return ++stops > 0 && !(up = false); }
     bool DeInit() override { return true; }
     bool StatusCheck() override { return up; }
     int SendControlMsg(const char*, unsigned) override { return up ? kSendDone : kSendFailed; }
@@ -26,6 +26,7 @@ struct FakeComponent : NetCommBase {
     bool succeeds = true;
     bool up = false;
     bool endsProcess = false;
+    int stops = 0;
 };
 
 }  // namespace
@@ -47,31 +48,33 @@ TEST(BaseCommTest, EmptyRegistrySaysWhatCannotBeDone)
 TEST(BaseCommTest, DrivesAllComponents)
 {
     const Records records;
-    const auto socket = std::make_shared<FakeComponent>();
-    const auto kafka = std::make_shared<FakeComponent>();
-    kafka->succeeds = false;
-    ASSERT_TRUE(RegisterComponent(kSocketClient, socket) && RegisterComponent(kKafkaClient, kafka));
+    const auto working = std::make_shared<FakeComponent>();
+    const auto failing = std::make_shared<FakeComponent>();
+    failing->succeeds = false;
+    ASSERT_TRUE(RegisterComponent(kSocketClient, failing) && RegisterComponent(kKafkaClient, working) &&
+                RegisterComponent(kWebSocket, failing));
     EXPECT_FALSE(BaseCommInit());
-    kafka->succeeds = true;
+    failing->succeeds = true;
     EXPECT_TRUE(BaseCommInit() && BaseCommInit());
-    kafka->succeeds = false;
+    failing->succeeds = false;
     EXPECT_FALSE(BaseCommStart());
     EXPECT_EQ(SendControlMsg("x", 1), kSendDone);  // one is enough
-    socket->up = false;
+    working->up = false;
     EXPECT_EQ(SendControlMsg("x", 1), kSendFailed);
     EXPECT_FALSE(BaseCommStatusCheck());
-    EXPECT_TRUE(socket->up);
-    kafka->succeeds = true;
+    EXPECT_TRUE(working->up && working->stops == 1);
+    failing->succeeds = true;
     EXPECT_TRUE(BaseCommStatusCheck());
-    EXPECT_EQ(records.Count("INFO Component reboot. [name=Socket client]"), 1);
-    EXPECT_EQ(records.Count("INFO Component reboot. [name=Nimbara kafka client]"), 2);
-    EXPECT_EQ(records.Count("ERROR Component init. [name=Nimbara kafka client, result=failed]"), 1);
-    EXPECT_EQ(records.Count("INFO Component start. [name=Socket client, result=success]"), 1);
+    EXPECT_EQ(records.Count("INFO Component reboot. [name=Nimbara kafka client]"), 1);
+    EXPECT_EQ(records.Count("INFO Component reboot. [name=Socket client]"), 2);
+    EXPECT_EQ(records.Count("ERROR Component init. [name=Socket client, result=failed]"), 1);
+    EXPECT_EQ(records.Count("INFO Component start. [name=Nimbara kafka client, result=success]"), 1);
     EXPECT_EQ(records.Count("INFO BaseComm already init."), 1);
     EXPECT_EQ(SendLogWithTopicHeader("topic", "log", true), kSendRefused);
     EXPECT_EQ(raise(SIGPIPE), 0);  // does not end the process
     EXPECT_EQ(WTERMSIG(Wait(Fork([] { return execlp("sh", "sh", "-c", "kill -PIPE $$", nullptr); }))), SIGPIPE);
-    EXPECT_TRUE(BaseCommStop() && BaseCommDeInit());
+    EXPECT_TRUE(BaseCommStop() && BaseCommDeInit() && BaseCommInit());
+    EXPECT_EQ(records.Count("INFO Component init. [name=Nimbara kafka client, result=success]"), 3);
 }
 
 // Threads may send while the process ends: nothing that they use is destroyed by then.

@@ -46,6 +46,7 @@ TEST(TLVTest, PacksTheBytesOfTheWire)
                                        : std::string("\2\1\3\0ab\0\3\0\4\0\4\3\2\1\x9\0\0\0\7\0\1\0x", 24));
         EXPECT_TRUE(packer.Add(8, large.data(), 2048));
         // Kept: the size counts the first call too. What follows the items must not be the heap's old bytes.
+        (void)std::string(5000, 'z');  // such old bytes
         ASSERT_EQ(packer.Pack(swap), 0);
         EXPECT_EQ(packer.GetSize(), 24U + 24 + 4 + 2048);
         EXPECT_EQ(Packed(packer).substr(28 + 2048 - 1), "x" + std::string(24, '\0'));
@@ -86,6 +87,9 @@ TEST(TLVTest, MovingEmptiesTheSource)
     TLVValue source = Item(1, "abc");
     TLVValue target = std::move(source);
     EXPECT_EQ(Bytes(source), "none");  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the point
+    TLVPacker packer;
+    packer.Add(std::move(source));  // it still says how long its bytes were
+    EXPECT_TRUE(packer.Add(7, "x", 1) && packer.Pack(true) == -1 && packer.GetBuffer() == nullptr);
     TLVValue& self = target;
     target = std::move(self);
     EXPECT_EQ(Bytes(target), "abc");
