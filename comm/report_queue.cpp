@@ -132,7 +132,9 @@ bool ReportQueue::Members::Add(std::shared_ptr<std::string> message)
         LogDrop(lock);
         return false;
     }
-    const bool wake = std::exchange(idle, false) || (store.HasEnough() && std::exchange(resting, false));
+    const bool isRestOver = resting && store.HasEnough();
+    const bool wake = std::exchange(idle, false) || isRestOver;
+    resting = resting && !isRestOver;
     lock.unlock();
     if (wake) {
         changed.notify_one();

@@ -57,7 +57,7 @@ public:
 
     bool Answer(std::uint32_t seq);  // false: no report waits for this number
 
-    std::size_t GetCount() const { return GetAccount().waiting + GetAccount().unanswered; }
+    std::size_t GetCount() const { return waiting_.size() + unanswered_.size() - (notice_ != nullptr ? 1 : 0); }
     std::size_t GetBytes() const { return bytes_; }
     std::size_t GetUnanswered() const { return unanswered_.size(); }
     bool IsWaiting() const { return !waiting_.empty(); }  // a report or a notice

