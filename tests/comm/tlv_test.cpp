@@ -89,7 +89,8 @@ TEST(TLVTest, MovingEmptiesTheSource)
     EXPECT_EQ(Bytes(source), "none");  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the point
     TLVPacker packer;
     packer.Add(std::move(source));  // it still says how long its bytes were
-    EXPECT_TRUE(packer.Add(7, "x", 1) && packer.Pack(true) == -1 && packer.GetBuffer() == nullptr);
+    packer.Add(Item(7, "x"));
+    EXPECT_TRUE(packer.Pack(true) == -1 && packer.GetBuffer() == nullptr);
     TLVValue& self = target;
     target = std::move(self);
     EXPECT_EQ(Bytes(target), "abc");
