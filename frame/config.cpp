@@ -69,6 +69,7 @@ std::mutex& Config::Mutex()
 
 void Config::Store(std::string_view line, bool asInteger, const std::map<std::string, std::string>& keyNames)
 {
+    const StopDeferral untilStored;
     const std::size_t equals = line.find('=');
     if (equals == std::string_view::npos) {
         return;

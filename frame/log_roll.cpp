@@ -113,8 +113,8 @@ bool SpawnAndWait(char* const arguments[], sigset_t mask)
 // Runs a command in the shell as system() does and waits for it alone. Unlike system() it leaves the process's signal
 // dispositions as they are: a signal that is ignored for a moment is lost, also where it is blocked.
 // SIGCHLD is blocked meanwhile, as in system(): a handler that waits for any child would take the status away.
-// The shell gets the caller's mask as from system(), but for SIGTERM: a service manager sends that to all processes of an
-// agent that blocks it, and gzip may hang. Some shells begin with an empty mask anyway.
+// The shell gets the caller's mask as from system(), but for SIGTERM: a service manager sends that to all processes of
+// an agent that blocks it, and gzip may hang. Some shells begin with an empty mask anyway.
 bool RunInShell(const std::string& command)
 {
     std::string shell = "sh";

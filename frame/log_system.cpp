@@ -144,6 +144,7 @@ bool LogSystem::Register(std::shared_ptr<LogFile> file, const std::string& kind,
     if (StopDeferral::IsInterrupted()) {
         return false;
     }
+    const StopDeferral untilRegistered;
     const std::string path = file == nullptr ? std::string() : file->filePath_;
     const char* fault = nullptr;
     if (file == nullptr) {
@@ -184,6 +185,7 @@ void LogSystem::SetGlobalRecordLines(unsigned int lines)
 
 bool LogSystem::Unregister(const std::string& name)
 {
+    const StopDeferral untilClosed;
     std::shared_ptr<LogFile> file;
     std::string kind;
     if (const FrameLock registration(RegistrationMutex()); registration) {
@@ -209,6 +211,7 @@ bool LogSystem::Unregister(const std::string& name)
 
 void LogSystem::CloseAllLogFile()
 {
+    const StopDeferral untilClosed;
     std::vector<std::tuple<std::string, std::string, std::shared_ptr<LogFile>>> closed;
     if (const FrameLock registration(RegistrationMutex()); registration) {
         for (Slot& slot : Slots()) {

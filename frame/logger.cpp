@@ -265,6 +265,7 @@ namespace {
 bool Add(const std::string& kind, const std::string& name, MessageBus::Subscriber subscriber,
          const std::atomic<unsigned int>* minLevel)
 {
+    const StopDeferral untilAdded;
     GatedSubscriber gated{std::make_shared<GatedSubscriber::Shared>(std::move(subscriber), minLevel)};
     const FrameLock lock(MessageBus::GetSubMutex());
     auto& list = MessageBus::GetSubList<const NENormalLog&>();
@@ -310,12 +311,14 @@ bool SubscribeFromLevel(const std::atomic<unsigned int>& minLevel, const std::st
 
 bool MessageBus::Unsubscribe(const std::string& kind, const std::string& name)
 {
+    const StopDeferral untilDestroyed;
     Subscriber removed;
     return TakeOut(kind, name, removed);
 }
 
 bool MessageBus::UnsubscribeAndWait(const std::string& kind, const std::string& name)
 {
+    const StopDeferral untilDestroyed;
     Subscriber removed;
     if (!TakeOut(kind, name, removed)) {
         return false;

@@ -4,11 +4,12 @@
 
 namespace NEUtils {
 
-// Puts a stop signal off while this thread holds locks of the frame. The stop function runs in the signal's handler and
-// may log or read the configuration; it would wait for its own thread for ever. The signal is sent again at the end of
-// the scope. One that comes more than a second after the first is not put off, so a program that hangs in a log call
-// can still be stopped, and neither is a fault. The thread then runs the stop function in the middle of a log call, and
-// until that is over it takes none of these locks: its records are dropped.
+// Puts a stop signal off while this thread is in a call of the frame, where it holds locks of the frame or, in malloc,
+// of the C library. The stop function runs in the signal's handler and may log or read the configuration; it would wait
+// for its own thread for ever. The signal is sent again at the end of the scope. One that comes more than a second
+// after the first is not put off, so a program that hangs in a log call can still be stopped, and neither is a fault.
+// The thread then runs the stop function in the middle of a log call, and until that is over it takes none of these
+// locks: its records are dropped.
 //
 // Threads  each puts off its own signals.
 class StopDeferral {
