@@ -27,10 +27,10 @@ namespace NEUtils {
 //
 // A stop signal that is not blocked interrupts whatever its thread does at that moment, and the stop function then
 // runs in the middle of that. While the thread logs, registers a log file or uses the configuration, the frame puts the
-// signal off. It cannot do so for other locks, such as malloc's: a stop function that needs one of them may wait for its
-// own thread for ever. So call BlockStopSignals() first in main(), and wait in WaitForStop(). A crash signal is not put
-// off, nor is a stop signal more than a second after the first: after one in the middle of such a call, what the stop
-// function logs on that thread is dropped, and it finds no configuration.
+// signal off. It cannot do so elsewhere, in malloc for example: a stop function that needs a lock which its own thread
+// holds there may wait for it for ever. So call BlockStopSignals() first in main(), and wait in WaitForStop(). A crash
+// signal is not put off, nor is a stop signal more than a second after the first: after one in the middle of such a
+// call, what the stop function logs on that thread is dropped, and it finds no configuration.
 //
 // Stop signals within a second of the first are one stop. A later one runs the stop function again, also in the middle
 // of itself: the first may hang.
