@@ -33,6 +33,8 @@ TEST(MR1WLockTest, WriterLooksEvery100MsAndGivesUp)
     reader.join();
     EXPECT_TRUE(lock.LockForWrite(0));
     lock.UnlockForWrite();
+    lock.LockForRead();
+    EXPECT_FALSE(lock.LockForWrite(0));
 }
 
 // A steady stream of readers must not keep the writer out, nor a failed writer the readers.

@@ -4,6 +4,7 @@
 #include "tests/support/support.h"
 #include "util/bounded.h"
 #include "util/file.h"
+#include "util/rate_limiter.h"
 #include "util/text.h"
 #include "util/text_list.h"
 
@@ -65,6 +66,19 @@ TEST(FileTest, WritesFromTheStartAndTruncatesOnRequest)
     EXPECT_TRUE(FileOperation::WriteByDirect(dir / "f", "ab", 2, true));
     EXPECT_EQ(Read(dir / "f"), "ab");
     EXPECT_FALSE(FileOperation::WriteByDirect("/dev/full", "ab", 2, true));
+}
+
+// What repeats is let through once a period: at first, and once more than the period has passed, also before zero.
+TEST(RateLimiterTest, AllowsOnceAPeriodWhoeverAsks)
+{
+    RateLimiter limiter(100);
+    std::string allowed;
+    for (const int nowMs : {-50, -50, 50, 51, 151, 152}) {
+        std::atomic<int> count{0};
+        InThreads(4, [&](int) { count += limiter.Allow(nowMs) ? 1 : 0; });
+        allowed += std::to_string(count);
+    }
+    EXPECT_EQ(allowed, "100101");
 }
 
 // A number read from half a text would turn a typing error into a setting.
