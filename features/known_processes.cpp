@@ -69,7 +69,9 @@ std::string NotesOf(const ProcessRecord& record)
     };
     std::string text;
     for (const auto& [holds, note] : notes) {
-        text += holds ? (text.empty() ? "" : ",") + std::string(note) : "";
+        if (holds) {
+            text.append(text.empty() ? "" : ",").append(note);
+        }
     }
     return text;
 }
