@@ -129,18 +129,25 @@ stop_collector() {
     exec {ordersTo}>&-
 }
 
+# collected PATTERN: a line of the collector's has it, and not only behind an item: the command lines of this script's
+# own programs hold what it looks for.
+collected() { holds "$collectorLog" "^[^=]*$1"; }
+
+# Prints the lines of that kind.
+print_collected() { grep -E "^[^=]*$1" "$collectorLog" | sed 's/^/    /'; }
+
 show_reports() {
     step 'What the collector got from the agent meanwhile, about the same commands'
-    expect 'the end of the last of them' holds "$collectorLog" " exited pid=$lastChild "
-    grep -E " pid=($children) " "$collectorLog" | sed 's/^/    /'
+    expect 'the end of the last of them' collected " exited pid=$lastChild "
+    print_collected " pid=($children) "
 
     step 'The collector goes away, a command runs, the collector comes back: nothing is lost'
     stop_collector
     demonstrate sh -c 'sleep 0.2; exit 7'
     start_collector
     expect 'the exit of that command, which the agent had kept' \
-        holds "$collectorLog" " exited pid=$lastChild .*exitCode=7"
-    grep -E " pid=$lastChild " "$collectorLog" | sed 's/^/    /'
+        collected " exited pid=$lastChild .*exitCode=7"
+    print_collected " pid=$lastChild "
 }
 
 # order ANSWER COMMAND...: gives the collector a command for the agent and waits for the answer.
@@ -149,8 +156,8 @@ order() {
     shift
     echo "    > $*"
     echo "$*" >&"$ordersTo"
-    expect 'the answer' holds "$collectorLog" "$answer"
-    grep -E "$answer" "$collectorLog" | tail -n 1 | sed 's/^/    /'
+    expect 'the answer' collected "$answer"
+    print_collected "$answer" | tail -n 1
 }
 
 show_orders() {
@@ -170,13 +177,13 @@ show_status() {
     run "${asRoot[@]}" "$agent" --root "$prefix" --status
 }
 
-# touch_file COLLECTED COMMAND...: runs a command on a file and shows what the collector gets about it.
+# touch_file PATTERN COMMAND...: runs a command on a file and shows what the collector gets about it.
 touch_file() {
-    local collected=$1
+    local pattern=$1
     shift
     show "$@"
     "$@" >/dev/null
-    expect "it at the collector" holds "$collectorLog" "$collected"
+    expect "it at the collector" collected "$pattern"
 }
 
 show_files() {
@@ -186,18 +193,18 @@ show_files() {
     touch_file ' file action=create .*path=.*/tree/directory/file$' touch "$tree/directory/file"
     touch_file ' file action=write change="osize=0 size=6 " path=.*/file$' sh -c "echo hello >$tree/directory/file"
     expect 'its digest' \
-        holds "$collectorLog" ' sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 .*/directory/file$'
+        collected ' file action=digest sha256=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03 .*/directory/file$'
     touch_file ' file action=attrib change="oaccess=33188 access=33152 " path=.*/file$' chmod 600 "$tree/directory/file"
     touch_file ' file action=rename .*oldPath=.*/directory/file path=.*/tree/renamed$' mv "$tree/directory/file" "$tree/renamed"
     touch_file ' file action=delete path=.*/tree/renamed$' rm "$tree/renamed"
-    grep ' file action=' "$collectorLog" | sed 's/^/    /'
+    print_collected ' file action='
 
     step 'A guarded file: who touches it'
     show sh -c "exec <$watched/guarded; sleep 0.5"
     sh -c "exec <$watched/guarded; sleep 0.5"
     expect 'its opening, with the process' \
-        holds "$collectorLog" ' access pid=[0-9]+ user=.* action=open path=.*/guarded cmdLine=sh -c exec'
-    grep ' access pid=' "$collectorLog" | sed 's/^/    /'
+        collected ' access pid=[0-9]+ user=.* action=open path=.*/guarded cmdLine=sh -c exec'
+    print_collected ' access pid='
 }
 
 show_events() {
