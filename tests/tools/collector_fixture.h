@@ -31,13 +31,17 @@ inline std::string Text(const std::string& text)
     return text + '\0';
 }
 
+inline std::string Times(int count, const std::string& text)
+{
+    return count == 0 ? "" : text + Times(count - 1, text);
+}
+
 inline const std::string kTime = Item(kTagTime, std::string(8, '\0'));
 inline const std::string kExit = kTime + Item(kTagEvent, Int(kProcessExited)) + Item(kTagPid, Int(42)) +
                                  Item(kTagContainer, "f00d") + Item(kTagExitCode, Int(3)) +
                                  Item(kTagCmdLine, std::string("a\x1b[1m\x9b\xff\n\"b\0", 12));
 
-class CollectorTest : public testing::Test {
-protected:
+struct CollectorTest : testing::Test {
     pid_t Start(const std::string& options, const std::string& out) const
     {
         if (fs::is_regular_file(out)) {
@@ -64,11 +68,11 @@ protected:
         kill(pid_, SIGTERM);
         return WEXITSTATUS(Wait(pid_));
     }
-    // Its exit status, if it ends in time; -1 otherwise.
+    // Its exit status, if it ends in the time that a stop may take, and some more on a busy machine; -1 otherwise.
     int Ended() const
     {
         int status = 0;
-        const bool ended = Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 10);
+        const bool ended = Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 4);
         return ended ? WEXITSTATUS(status) : -1;
     }
     bool Prints(const std::string& text) const { return Contains(Read(out_), text); }

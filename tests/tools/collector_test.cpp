@@ -16,49 +16,42 @@ TEST_F(CollectorTest, PrintsAndAnswersWholeMessages)
     EXPECT_EQ(Receive(agent, 16), Message(2, 7, ""));
     ASSERT_TRUE(Send(agent, Message(4, 8, "") + Message(99, 9, "?")));  // a response; a type that nobody knows
     EXPECT_EQ(Receive(agent, 16), Message(100, 9, ""));
-    const std::string digest = Item(kTagPath, "/x") + Item(kTagDigest, "12") + Item(kTagAction, "digest");
-    ASSERT_TRUE(Send(agent, Message(kMsgFile, 10, digest)));
-    EXPECT_EQ(Receive(agent, 16), Message(6, 10, ""));
-    const std::string pid = kTime + Item(kTagPid, Int(7));
-    const std::string killed = pid + Item(kTagEvent, Int(kProcessKilled)) + Item(kTagSignal, Int(9));
-    ASSERT_TRUE(
-        Send(agent, Message(kMsgProcess, 11, killed) + Message(kMsgProcess, 12, pid + Item(kTagEvent, Int(9)))));
-    EXPECT_EQ(Receive(agent, 32), Message(2, 11, "") + Message(2, 12, ""));
     ASSERT_TRUE(Send(agent, Message(99, 13, std::string(kMaxMsgBody, 'x'))));  // the longest
     EXPECT_EQ(Receive(agent, 16), Message(100, 13, ""));
-    const std::string executed = pid + Item(kTagEvent, Int(kProcessExecuted)) + Item(kTagExe, Text("/bin/a b")) +
-                                 Item(kTagNotes, Text("deleted")) + Item(kTagDuration, std::string(8, '\1'));
-    const std::string args =
-        Item(kTagArgs, std::string("a\0\0", 3) + std::string(2045, 'x')) + Item(kTagArgs, Text("]\""));
-    const std::string line = Item(kTagCmdLine, Text("a"));
-    ASSERT_TRUE(Send(agent, Message(kMsgProcess, 14, executed + args + line) +
-                                Message(kMsgProcess, 15, executed + Item(kTagArgs, Text("a")) + line)));
-    EXPECT_EQ(Receive(agent, 32), Message(2, 14, "") + Message(2, 15, ""));
     EXPECT_EQ(End(), 0);
-    const std::string what = " duration=72340172838076673 exe=\"/bin/a b\" notes=deleted ";
-    EXPECT_TRUE(Prints(what + R"(args=["a","",")" + std::string(2045, 'x') + R"(]\""] cmdLine=a)" + "\n"))
-        << Read(out_);
-    EXPECT_TRUE(Prints(what + "cmdLine=a\n"));
-    EXPECT_TRUE(Prints(" killed pid=7 signal=9\n") && Prints(" process event=9 pid=7\n"));
-    EXPECT_TRUE(Prints(" file action=digest sha256=12 path=/x\n"));
     EXPECT_TRUE(Prints(" exited pid=42 container=f00d exitCode=3 cmdLine=a?[1m???\"b\n")) << Read(out_);
-    EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=8 ")) << Read(out_);
+    EXPECT_TRUE(Prints("type=99 seq=9 length=1") && Prints("\nsummary: messages=3 ")) << Read(out_);
     EXPECT_FALSE(fs::exists(path_));
 
     Listen("--json --count 1");
     ASSERT_TRUE(Send(Connect(), Message(kMsgProcess, 7, kExit)));
     EXPECT_EQ(WEXITSTATUS(Wait(pid_)), 0);
-    EXPECT_TRUE(Prints(R"("exitCode":3)") && Prints(R"("cmdLine":"a\u001b[1m)") && Prints(R"(\n\"b")")) << Read(out_);
+    EXPECT_TRUE(Prints(R"("exitCode":3)") && Prints(R"("cmdLine":"a\u001b[1m\ufffd\ufffd\n\"b")")) << Read(out_);
 }
 
-// Whoever sends wrong bytes is told apart and cut off; the others notice nothing.
 // Of what only newer agents know, everything is shown, and nothing of it can pass for something else.
 TEST_F(CollectorTest, ShowsUnknownTypesAndItemsOneByOne)
 {
     const std::string file = Item(kTagOldPath, "a path=b") + Item(kTagPath, "c \"d") + Item(kTagAction, "x,y");
+    const std::string pid = kTime + Item(kTagPid, Int(7));
+    const std::string killed = pid + Item(kTagEvent, Int(kProcessKilled)) + Item(kTagSignal, Int(9));
+    const std::string executed = pid + Item(kTagEvent, Int(kProcessExecuted)) + Item(kTagExe, Text("/bin/a b")) +
+                                 Item(kTagNotes, Text("deleted")) + Item(kTagCmdLine, Text("a"));
+    const std::string args =
+        Item(kTagArgs, std::string("a\0\0", 3) + std::string(2045, 'x')) + Item(kTagArgs, Text("]\""));
+    const std::string shown = R"(args=["a","",")" + std::string(2045, 'x') + R"(]\""] cmdLine=a)";
     const std::tuple<std::uint32_t, std::string, std::string, std::string> rows[] = {
-        {201, Item(kTagPid, Int(7)) + Item(900, Text("a \"b")), R"(type=201 seq=1 length=17 pid=7 item900="a \"b")",
-         R"("type":201,"seq":1,"length":17,"pid":7,"items":[{"tag":900,"text":"a \"b","length":5}],"received":)"},
+        {kMsgProcess, executed + args, " exe=\"/bin/a b\" notes=deleted " + shown + "\n",
+         R"("exe":"/bin/a b","notes":"deleted","args":["a","","xx)"},
+        {kMsgProcess, executed + Item(kTagArgs, Text("a")) + Item(kTagDuration, std::string(8, '\1')),
+         " duration=72340172838076673 exe=\"/bin/a b\" notes=deleted cmdLine=a\n", R"("args":["a"],"cmdLine":"a",)"},
+        {kMsgFile, Item(kTagPath, "/x") + Item(kTagDigest, "12") + Item(kTagAction, "digest"),
+         " file action=digest sha256=12 path=/x\n", R"("action":"digest","sha256":"12","path":"/x",)"},
+        {kMsgProcess, killed, " killed pid=7 signal=9\n", R"("type":"killed","seq":1,"time":0,"pid":7,"signal":9,)"},
+        {kMsgProcess, pid + Item(kTagEvent, Int(9)), " process event=9 pid=7\n",
+         R"("type":"process","seq":1,"time":0,)"},
+        {201, Item(kTagPid, Int(7)) + Item(900, Text("\\ \"b")), R"(type=201 seq=1 length=17 pid=7 item900="\\ \"b")",
+         R"("type":201,"seq":1,"length":17,"pid":7,"items":[{"tag":900,"text":"\\ \"b","length":5}],"received":)"},
         {201, Item(900, Text("b\x1b")), " item900=0x621b00\n", R"({"tag":900,"bytes":"621b00","length":3})"},
         {201, Item(900, Int(0xFFFFFFFE)), " item900=-2\n", R"({"tag":900,"number":-2,"length":4})"},
         {201, Item(900, "Z") + Item(901, "word"), " item900=90 item901=\"word\"\n", R"({"tag":900,"number":90,)"},
@@ -121,6 +114,7 @@ TEST_F(CollectorTest, TellsConnectionsInJson)
     EXPECT_EQ(End(), 0);
 }
 
+// Whoever sends wrong bytes is cut off with the reason; the others notice nothing.
 TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
 {
     Listen("");
@@ -133,15 +127,12 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
         args += Item(kTagArgs, std::string(2048, 'x'));
     }
     const std::pair<std::string, std::string> rows[] = {
-        {header(0, 0), "version 0 is not supported"},
         {header(2, 0), "version 2 is not supported"},
         {header(1, kMaxMsgBody + 1), "a body of 524273 bytes is too long"},
         {header(1, 0xFFFFFFF0), "a body of 4294967280 bytes is too long"},
-        {Message(1, 5, ""), ""},
-        {Message(1, 5, "xxx"), ""},
+        {Message(1, 5, "xxx"), "the body is empty or not made of whole items"},
         {Message(1, 5, kTime + Item(kTagEvent, Int(1))), "pid is missing"},
         {Message(1, 5, kTime + Item(kTagPid, "xx")), "pid has 2 bytes"},
-        {Message(3, 5, kTime), "count is missing"},
         {Message(kMsgProblem, 5, kTime), "problem is missing"},
         {Message(1, 5, args), "args is too long"},
     };
@@ -166,7 +157,7 @@ TEST_F(CollectorTest, RefusesMalformedInputOfOneConnection)
     }
     EXPECT_TRUE(IsAnswered(healthy, Message(1, 1, kExit)));
     EXPECT_EQ(End(), 0);
-    EXPECT_TRUE(Prints(" refused=15 ")) << Read(out_);
+    EXPECT_TRUE(Prints(" refused=12 ")) << Read(out_);
 }
 
 TEST_F(CollectorTest, ServesManyAgentsOverTheNetworkToo)
@@ -203,14 +194,11 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
         {"--listen tcp:127.0.0.1:65536", "2 sentrel-collector: "},
         {"--listen unix:" + std::string(108, 'x'), "2 sentrel-collector: "},
         {"--listen http:x", "2 sentrel-collector: --listen 'http:x' "},
-        {"--listen unix:x --count many", "2 sentrel-collector: --count 'many' "},
         {"--listen unix:x --count 0", "2 sentrel-collector: --count '0' is not a number from 1 to 4294967295"},
         {"--listen unix:x --agents 100001", "2 sentrel-collector: --agents '100001' is not a number from 1 to 100000"},
-        {"--listen unix:x --patience -1", "2 sentrel-collector: --patience '-1' "},
         {"--control tcp:127.0.0.1:1", "2 sentrel-collector: --control 'tcp:127.0.0.1:1' "},
         {"--listen unix:x --control - <&-", "1 sentrel-collector: --control -: standard input is closed"},
         {"--listen unix:" + directory_.Path(), "1 sentrel-collector: "},
-        {"--listen tcp:192.0.2.1:1", "1 sentrel-collector: "},
     };
     for (const auto& [options, fault] : rows) {
         EXPECT_EQ(Run(options).substr(0, fault.size()), fault);
@@ -218,11 +206,8 @@ TEST_F(CollectorTest, WrongUseAndEndsHaveTheirStatus)
     Listen("--seconds 1 --count 1");
     EXPECT_TRUE(Contains(Run("--listen unix:" + path_), "1 sentrel-collector: "));  // in use
     EXPECT_EQ(WEXITSTATUS(Wait(pid_)), 3);
-    const UniqueFd stale(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(bind(stale.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    Listen("");
+    Kill(pid_);
     Listen("");  // over the socket that nobody listens on
     EXPECT_EQ(End(), 0);
 }
@@ -266,7 +251,6 @@ TEST_F(CollectorTest, CommandsReachEveryAgentAndTheirAnswersWhoAsked)
                       R"("command":"policy","feature":"file_access","enable":false,"result":3,"reason":"no\u001b","received":)"}) {
             EXPECT_TRUE(Contains(told, line) && Prints(line)) << line << told;
         }
-        EXPECT_TRUE(Prints(json.empty() ? "messages=2 ignored=0" : R"("messages":2,"ignored":0)"));
     }
 }
 
@@ -281,7 +265,6 @@ TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::pair<std::string, std::string> rows[] = {
         {"# frob", ""},
-        {" ", ""},
         {"frob\x1b[1m", "'frob?[1m' is no command, help lists them"},
         {"status now", "status takes nothing, but 'now' follows"},
         {Text("status"), "the line has a NUL byte"},
@@ -307,7 +290,7 @@ TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
     lines += "status";  // the last one needs no end
     expected += "done: sent=0 answered=0\n";
     Write(directory_ / "lines", lines);
-    const UniqueFd pipe(open(fifo.c_str(), O_RDWR));
+    UniqueFd pipe(open(fifo.c_str(), O_RDWR));
     const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(grantpt(terminal.Get()) == 0 && unlockpt(terminal.Get()) == 0);
     int sockets[2];
@@ -320,17 +303,20 @@ TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
             ASSERT_EQ(write(input == fifo ? pipe.Get() : sockets[0], (lines + "\n").data(), lines.size() + 1),
                       static_cast<ssize_t>(lines.size() + 1));
         }
+        if (input == fifo) {
+            pipe.Reset();
+        }
         EXPECT_TRUE(input.starts_with("/dev/") || Says(expected)) << input << Read(err_);
-        const UniqueFd agent = ConnectAgent();  // an end of the input is none of the collector
-        if (input.starts_with("/dev/pts")) {
-            ASSERT_EQ(write(terminal.Get(), "status\n", 7), 7);
-            EXPECT_EQ(Receive(agent, 16), Message(11, 1, ""));
+        const UniqueFd agent = ConnectAgent();                 // an end of the input is none of the collector
+        if (input.starts_with("/dev/pts") || input == fifo) {  // which has no end: there is a next one who writes
+            const UniqueFd next(input == fifo ? open(fifo.c_str(), O_RDWR) : dup(terminal.Get()));
+            ASSERT_EQ(write(next.Get(), "status\n", 7), 7);
+            EXPECT_EQ(Receive(agent, 16), Message(11, input == fifo ? 2 : 1, ""));
         }
         EXPECT_EQ(End(), 0);
     }
     Listen("--control unix:" + control_);
     EXPECT_EQ(Ask(lines), expected);
-    EXPECT_TRUE(Contains(Ask("help\n"), "policy FEATURE on|off [FILE]"));
     EXPECT_EQ(End(), 0);
 }
 
@@ -345,9 +331,6 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
         }
         return items;
     };
-    const auto deep = [&](const std::string& open, const std::string& close) {
-        return good + pieces(open + std::string(30000, '[') + std::string(30000, ']') + close);
-    };
     const auto nested = [](std::size_t depth) {
         return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
     };
@@ -356,20 +339,15 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
         members += "\"" + std::to_string(i) + "\":1" + (i < 2000 ? "," : "");
     }
     const std::pair<std::string, std::string> rows[] = {
-        {"", "the body is empty or not made of whole items"},
         {good + "x", "the body is empty or not made of whole items"},
-        {Item(kTagStatus, "{}"), "result is missing"},
         {Item(kTagResult, "xx"), "result has 2 bytes"},
         {good, "status is missing"},
-        {good + Item(kTagStatus, "[]"), "status is no JSON object"},
-        {good + Item(kTagStatus, R"({"a":1e999})"), "status is no JSON object"},
         {good + Item(kTagStatus, "{\"a\":\"\xff\"}"), "status is no JSON object"},
-        {deep("", ""), "status is nested too deeply"},
+        {good + pieces(nested(30000)), "status is nested too deeply"},
         {good + Item(kTagStatus, nested(33)), "status is nested too deeply"},
         {good + pieces("{" + members + "}"), "status has more than 2000 members"},
-        {deep("{\"a\":", "}"), "status is nested too deeply"},
         {good + Item(kTagReason, std::string(3000, 'x')), "reason has an item of more than 2048 bytes"},
-        {deep("{\"a\":\"", std::string(9000, 'x') + "\"}"), "status has more than 65536 bytes"},
+        {good + pieces("{\"a\":\"" + std::string(70000, 'x') + "\"}"), "status has more than 65536 bytes"},
     };
     std::uint32_t seq = 0;
     for (const auto& [body, fault] : rows) {
@@ -404,7 +382,7 @@ TEST_F(CollectorTest, RefusesWrongAnswersAndIgnoresUnexpectedOnes)
     EXPECT_EQ(Told(client, "\n"), "done: sent=3 answered=1\n");  // after the time that the silent one has
     EXPECT_TRUE(IsAnswered(silent, Message(1, 1, kExit)));
     EXPECT_EQ(End(), 0);
-    EXPECT_TRUE(Prints(" ignored=3 ") && Prints(" refused=14 ")) << Read(out_);
+    EXPECT_TRUE(Prints(" ignored=3 ") && Prints(" refused=9 ")) << Read(out_);
 }
 
 // Neither side makes the collector wait, or keep more than so much.
@@ -417,30 +395,20 @@ TEST_F(CollectorTest, StalledClientsAndAgentsHoldNothingUp)
         clients.push_back(Connect(control_));
     }
     EXPECT_EQ(Told(Connect(control_)), "error: too many clients\n");
-    std::string helps;
-    for (int i = 0; i < 1000; ++i) {
-        helps += "help\n";
-    }
+    const std::string helps = Times(1000, "help\n");
     while (send(clients[0].Get(), helps.data(), helps.size(), MSG_NOSIGNAL) > 0) {  // until it is dropped
     }
     const UniqueFd agent = ConnectAgent();
-    std::string asks;
-    for (int i = 0; i < 20; ++i) {
-        asks += "status\n";
-    }
-    ASSERT_TRUE(Send(clients[2], asks) && Send(clients[3], "help\n"));
+    ASSERT_TRUE(Send(clients[2], Times(20, "status\n")) && Send(clients[3], "help\n"));
     EXPECT_EQ(Receive(agent, std::size_t{16} * 16).size(), 256U);
     EXPECT_TRUE(Contains(Told(clients[3], "list the commands\n"), "policy FEATURE"));
     char byte = 0;
     EXPECT_EQ(recv(agent.Get(), &byte, 1, MSG_DONTWAIT), -1);  // the others wait until one has ended
     ASSERT_TRUE(Send(agent, Message(12, 1, Item(kTagResult, Int(0)) + Item(kTagStatus, "{}"))));
     EXPECT_EQ(Receive(agent, 16), Message(11, 17, ""));
-    std::string policies;
-    for (int i = 0; i < 16; ++i) {
-        policies += "policy a on " + directory_ / "policy" + "\n";
-    }
-    ASSERT_TRUE(Send(clients[1], policies));
+    ASSERT_TRUE(Send(clients[1], Times(16, "policy a on " + directory_ / "policy" + "\n")));
     EXPECT_EQ(Told(clients[1], "\n"), "done: sent=0 answered=0\n");
     EXPECT_EQ(End(), 0);
     EXPECT_TRUE(Told(clients[1]).ends_with("done: sent=1 answered=0\n"));
+    EXPECT_TRUE(Contains(Told(clients[2]), "error: the collector ends, further commands are not carried out\n"));
 }
