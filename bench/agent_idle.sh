@@ -32,7 +32,7 @@ paste -d ' ' <(memory "$agent" | tr ' ' '\n'; sums <<<"$own" | tr ' ' '\n') \
     <(memory "${tools[@]}" | tr ' ' '\n'; sums <<<"$others" | tr ' ' '\n') |
     awk 'BEGIN {split("resident KiB;anonymous KiB;proportional KiB;processor ms a second;wake-ups a second", name, ";")}
         {printf "%-26s %10.2f %10.2f %10.2f\n", name[NR], $1, $2, $1 / ($2 > 0 ? $2 : 1)}'
-echo "aims: resident below 12288 KiB, processor below 2 ms a second"
+echo "aims: resident below 12288 KiB, processor below 0.4 ms a second"
 awk -v s="$window" '{printf "wake-ups a second %6.2f  %s, %.3f ms\n", $3 / s, $1, $2 / 1e6 / s}' <<<"$own"
 echo "log records in the window: $((recordsAfter - records)) (ten or so are this script's)"
 stop_tools

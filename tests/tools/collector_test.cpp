@@ -290,7 +290,7 @@ TEST_F(CollectorTest, NamesWrongCommandsOnEveryWayTheyCome)
     lines += "status";  // the last one needs no end
     expected += "done: sent=0 answered=0\n";
     Write(directory_ / "lines", lines);
-    UniqueFd pipe(open(fifo.c_str(), O_RDWR));
+    UniqueFd pipe(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
     const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(grantpt(terminal.Get()) == 0 && unlockpt(terminal.Get()) == 0);
     int sockets[2];
