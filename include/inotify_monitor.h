@@ -15,7 +15,7 @@ class InotifySession;
 // Watches files and directory trees with inotify and keeps their records in the attribute table. A tree rule
 // follows its tree: directories that are created, moved in, out or about, and a watched file that is deleted
 // or replaced and comes back. Where the kernel's queue overflows, the watched files are compared with what is
-// known of them, and what has really changed is told.
+// known of them, and what has really changed is notified.
 //
 // Threads  ReadEvent: one, the callbacks run on it. The others: any.
 // Blocks   ReadEvent: until DeInit. RemoveRule and DeInit: until the callback under way has returned, where
