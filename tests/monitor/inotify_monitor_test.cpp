@@ -455,7 +455,7 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
             const std::string other = path();
             switch (random() % 7) {
             case 6:
-                if (ownMounts_ && std::getenv("NEUTILS_MOUNTS") && random() % 2 == 0) {
+                if (ownMounts_ && seed % 4 < 2 && random() % 2 == 0) {
                     const std::string at = *this / ("d/" + std::string(1, "abcd"[random() % 4]));
                     mount((*this / "out").c_str(), at.c_str(), nullptr, MS_BIND, nullptr);
                 } else if (ownMounts_) {
@@ -722,7 +722,8 @@ TEST(InotifyMonitorMemoryTest, TheThreadGoesOnWithoutIt)
         const auto prepare = [&] { name = directory / std::to_string(++number); };
         const auto change = [&] {
             mkdir(name.c_str(), 0700);
-            for (int i = 0; i < 20 && last != number; ++i) {
+            const int mostMs = mode == Mode::kOne ? 2000 : 50;  // without any memory it never comes
+            for (int i = 0; i < mostMs && last != number; ++i) {
                 usleep(1000);
             }
         };
@@ -731,7 +732,7 @@ TEST(InotifyMonitorMemoryTest, TheThreadGoesOnWithoutIt)
             EXPECT_TRUE(Eventually([&] { return last == number; })) << number;
             prepare();
         });
-        EXPECT_GT(failed, 10);
+        EXPECT_TRUE(failed > 10 || mode != Mode::kOne);
     }
     EXPECT_GT(monitor.GetOverflowCount(), 0);
     EXPECT_EQ(
