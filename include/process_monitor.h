@@ -75,7 +75,8 @@ public:
     // Callbacks get no fork and no exit of further threads; before the start. The kernel drops them, so that a
     // program that makes threads without end cannot fill the socket's buffer. An exit then means that the
     // process has ended, with its own status; where the first thread ends before the others, it comes up to
-    // half a second after the last of them. Where another thread than the first executes a program and the
+    // half a second after the last of them; if such a process ends very many threads, its status may be that of
+    // an earlier one. Where another thread than the first executes a program and the
     // process ends at once, its exit may come twice.
     void SetProcessesOnly(bool processesOnly);
 

@@ -48,7 +48,9 @@ struct ProcessRecord {
     std::string comm;  // at most 15 bytes
 
     // Of an exec alone:
-    std::string exe;  // the program that runs, of a script its interpreter; not absolute if it could not be resolved
+    // The program that runs, of a script its interpreter; not absolute if it could not be resolved. With the trace
+    // programs the path that was asked for, with its links; exeInode is that of the file behind them.
+    std::string exe;
     std::string exeGiven;           // what was asked for, where that was relative or a descriptor
     std::string script;             // the script, if it is one
     std::vector<std::string> args;  // from argv[0] on, each by itself, bytes as they are

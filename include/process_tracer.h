@@ -11,18 +11,19 @@ namespace NEUtils {
 
 // Hands a record to its owner about every process that starts, executes a program or ends, however short it
 // lives, except those of white-listed processes: the platform's management tooling, a few system daemons,
-// and the children of both. Such a process is known from its exec on: its fork is told, its end is not.
+// and the children of both. Such a process is known from its exec on: its fork gets a record, its end does not.
 //
 // Source   trace programs in the kernel, which see everything at the moment it happens: Linux 5.8 with BTF,
 //          CAP_BPF and CAP_PERFMON. Otherwise the process connector (CAP_NET_ADMIN, the first pid and network
 //          namespace), whose events are completed from /proc: what ends or executes something else within
-//          microseconds is then told, but not whole. A library built without the programs has the connector alone.
+//          microseconds then has a record that is not whole. A library built without the programs has the connector
+//          alone.
 // Threads  callbacks run on the tracer's thread, "process-tracer", one at a time. Start, Stop and the destructor
 //          belong to one owner, everything else may be called by any. A callback may stop the tracer, but neither
 //          start nor destroy it. With the connector a second thread, "process-reader", reads /proc.
 // Locks    none is held while a callback runs.
 // Blocks   Stop waits for half a second of callbacks, and with the connector for one look at /proc.
-// Errors   logged. What did not reach the reader is counted, never silent.
+// Errors   logged. What did not reach the reader, or what there was no memory for, is counted.
 // Limits   arguments of 16 KiB together, then argsCut; paths of 4,095 bytes. Rights may be dropped once Start has
 //          returned; container names then need the right to read /proc of others.
 class NEUTILS_API ProcessTracer {
@@ -45,7 +46,7 @@ public:
     ProcessTracer& operator=(const ProcessTracer&) = delete;
 
     // False, with the reason logged, if the source cannot be had; then nothing runs. Everything that happens once it
-    // has returned true is told.
+    // has returned true gets a record.
     [[nodiscard]] bool Start(const Settings& settings, Callback callback, LossCallback onLoss = nullptr);
     // What happened before is still told, as far as that takes half a second; the rest counts as lost. Called by a
     // callback, it drops what was not read yet. No callback runs afterwards, but the one that it is called from.

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -29,7 +28,6 @@ constexpr std::uint64_t kSettleNs = 5 * Clock::kNsPerMs;  // after it the next e
 constexpr std::uint64_t kLearnPeriodNs = 2 * Clock::kNsPerSecond;
 constexpr std::size_t kMaxBatches = 200;  // in one round
 constexpr std::size_t kLookAhead = 256;
-constexpr std::uint32_t kHostPidNs = 0xEFFFFFFCU;  // fixed in the kernel
 
 std::uint64_t NsOf(clockid_t clock)
 {
@@ -86,7 +84,7 @@ private:
     std::atomic<std::uint64_t> failures_{0};
 
     // Of the tracer's thread alone:
-    std::uint32_t hostMountNs_ = 0;
+    const std::uint32_t hostMountNs_ = HostMountNs();
     std::uint64_t bootOffsetNs_ = 0;  // of the clock of the events
     std::uint64_t wallOffsetNs_ = 0;  // of the time since the boot
     bool missed_ = true;              // at the start, too
@@ -98,8 +96,6 @@ private:
 
 bool ConnectorSource::Open(std::string& reason)
 {
-    struct stat space = {};
-    hostMountNs_ = stat("/proc/1/ns/mnt", &space) == 0 ? static_cast<std::uint32_t>(space.st_ino) : 0;
     stop_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!stop_.IsValid()) {
         const int error = errno;
@@ -296,9 +292,9 @@ void ConnectorSource::HandleFork(const proc_event& event, RecordSink& sink)
     child.record.pid = child.record.tid = fork.child_tgid;
     child.record.parentPid = fork.parent_tgid;
     child.record.startNs = child.record.bootNs;
-    ProcessRecord told = child.record;
+    ProcessRecord copy = child.record;
     known_[fork.child_tgid] = std::move(child);
-    Put(told, sink);
+    Put(copy, sink);
 }
 
 void ConnectorSource::HandleExec(const proc_event& event, RecordSink& sink)

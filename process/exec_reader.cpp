@@ -78,7 +78,7 @@ void ExecReader::Run(int priority)
     const sched_param wanted = {priority};
     const int error = priority > 0 ? pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) : 0;
     if (error != 0) {
-        NE_LOG(WARN, "Short programs may be told without details: no real-time priority.[errmsg=%s]",
+        NE_LOG(WARN, "Details of short programs may be missing: no real-time priority.[errmsg=%s]",
                ErrnoText(error).Get());
     }
     std::vector<proc_event> events;

@@ -39,7 +39,7 @@ bool ToNumber(const std::string& text, Number& number)
 }
 
 // False where there is no such process any more. Mostly so, and a signal finds out cheaper than a file. It also
-// tells a thread of another process from it, which may have got the id.
+// fails for a thread of another process, which may have got the id.
 bool ReadStat(int pid, Stat& stat)
 {
     ByteBuffer content;

@@ -4,7 +4,7 @@
 
 namespace NEUtils {
 
-// The platform's own processes, whose activity is not told: what their command line holds.
+// The platform's own processes, whose activity nobody is notified of: what their command line holds.
 inline constexpr std::array<const char*, 8> kPlatformPatterns = {
     "/opt/omx/envs/DBAgent",
     "tools/pyscript/deployagent/DeployAgent.pyc",

@@ -81,6 +81,13 @@ void FindScript(ProcessRecord& record)
 
 }  // namespace
 
+std::uint32_t HostMountNs()
+{
+    struct stat space = {};
+    const bool known = stat("/proc/1/ns/mnt", &space) == 0 || stat("/proc/self/ns/mnt", &space) == 0;
+    return known ? static_cast<std::uint32_t>(space.st_ino) : 0;
+}
+
 void ResolvePaths(ProcessRecord& record)
 {
     constexpr std::string_view kDescriptors = "/dev/fd/";

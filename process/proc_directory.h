@@ -10,6 +10,11 @@
 
 namespace NEUtils {
 
+inline constexpr std::uint32_t kHostPidNs = 0xEFFFFFFCU;  // fixed in the kernel
+
+// The mount namespace of the host's first process; the own one where nobody may look at that process's.
+std::uint32_t HostMountNs();
+
 // What /proc/<pid>/stat says, as far as the tracer asks.
 struct ProcStat {
     std::string comm;

@@ -8,7 +8,8 @@
 
 namespace NEUtils {
 
-// The living processes as far as they were seen to start, and the platform's: who started whom, and who is not told.
+// The living processes as far as they were seen to start, and the platform's: who started whom, and of whom nobody is
+// notified.
 // A process stays the child of the one that forked it, also after that has ended.
 //
 // Threads  of the tracer's thread alone.
@@ -17,7 +18,7 @@ public:
     // With checkProgram the name alone does not make a platform process.
     explicit ProcessTable(bool checkProgram) : checkProgram_(checkProgram) {}
 
-    // Takes the process up as a record says, and puts its first parent into the record. False if it shall not be told.
+    // Notes what a record says of its process, and puts the first parent into the record. False: notify nobody of it.
     bool Follow(ProcessRecord& record);
 
     // Looks for the platform's processes in /proc, and drops those that have ended unseen. Given up on a stop.

@@ -43,7 +43,7 @@ struct {
     __type(value, struct exec_record);
 } scratch SEC(".maps");
 
-/* Processes with several threads whose end was told. */
+/* Processes with several threads whose end has a record. */
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, MAX_ENDED);

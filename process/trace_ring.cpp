@@ -1,7 +1,6 @@
 #include "process/trace_ring.h"
 
 #include <bpf/libbpf.h>
-#include <sys/stat.h>
 
 #include <atomic>
 
@@ -19,15 +18,6 @@
 namespace NEUtils {
 
 namespace {
-
-constexpr std::uint32_t kHostPidNs = 0xEFFFFFFCU;  // fixed in the kernel
-
-std::uint32_t HostMountNs()
-{
-    struct stat space = {};
-    const bool known = stat("/proc/1/ns/mnt", &space) == 0 || stat("/proc/self/ns/mnt", &space) == 0;
-    return known ? static_cast<std::uint32_t>(space.st_ino) : 0;
-}
 
 TracerCounts::Kinds LoadKinds(const __u64 (&counters)[TRACE_KINDS])
 {
@@ -68,7 +58,7 @@ private:
     ProcessRecord record_;
     ContainerNames containers_;
     std::uint32_t hostMountNs_ = HostMountNs();
-    std::uint64_t toldLosses_ = 0;
+    std::uint64_t seenLosses_ = 0;
 };
 
 void TraceRing::TakeRecord(const void* data, std::size_t length)
@@ -98,8 +88,8 @@ void TraceRing::Complete(ProcessRecord& record)
 void TraceRing::EndRound(bool isQuiet)
 {
     const std::uint64_t losses = LoadKinds(programs_->bss->state.lost).Total() + reader_.GetFailureCount();
-    if (losses != toldLosses_) {
-        toldLosses_ = losses;
+    if (losses != seenLosses_) {
+        seenLosses_ = losses;
         sink_->PutLoss();
     }
     sink_->Rest(isQuiet);

@@ -120,7 +120,12 @@ TEST_F(ProcessMonitorTest, WhiteListedProcessesAndTheirChildrenStayUnreported)
 // An id that stays listed for too long hides the next process that gets it.
 TEST_F(ProcessMonitorTest, FilterFollowsForksAndExitsAndARefresh)
 {
-    ASSERT_TRUE(StartListed());
+    ASSERT_TRUE(StartListed(&ProcessMonitor::UpdateProcessWhiteList));
+    EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
+    EXPECT_FALSE(Filters(kForkEvent, 1, kChild));  // from before the search, which may have found the process
+    EXPECT_TRUE(Filters(kExecEvent, kChild));
+    EXPECT_FALSE(Filters(kForkEvent, 1, kChild, Clock::MonotonicNs()));  // a new one has got the id
+    EXPECT_FALSE(Filters(kExecEvent, kChild));
     EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
     EXPECT_TRUE(Filters(kCommEvent, kChild + 1));
     EXPECT_FALSE(Filters(kExecEvent, 0));
@@ -274,17 +279,6 @@ TEST_F(ProcessMonitorTest, TellsWhenItsThreadLastCameRound)
     EXPECT_TRUE(Eventually([this] { return monitor_.GetBeatAgeMs() < 1000; }));
     monitor_.StopProcessMonitor();
     EXPECT_EQ(monitor_.GetBeatAgeMs(), -1);
-}
-
-// An id that is listed for a process that has ended must not hide the next one.
-TEST_F(ProcessMonitorTest, NewProcessTakesAListedIdOver)
-{
-    ASSERT_TRUE(StartListed(&ProcessMonitor::UpdateProcessWhiteList));
-    EXPECT_TRUE(Filters(kForkEvent, listed_, kChild));
-    EXPECT_FALSE(Filters(kForkEvent, 1, kChild));  // from before the search, which may have found the process
-    EXPECT_TRUE(Filters(kExecEvent, kChild));
-    EXPECT_FALSE(Filters(kForkEvent, 1, kChild, Clock::MonotonicNs()));
-    EXPECT_FALSE(Filters(kExecEvent, kChild));
 }
 
 // The list was made by shell commands once, and who is on it stays the same.

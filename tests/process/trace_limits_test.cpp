@@ -129,83 +129,46 @@ static std::uint64_t Bit(int capability)
     return std::uint64_t{1} << capability;
 }
 
-// What of the sources a process with these rights gets, as "source:told", or "none".
-static std::string SourceWith(std::uint64_t rights, ProcessTracer::Source wanted, const Records& log,
-                              std::string& reason)
-{
-    int ends[2] = {};
-    char answer[512] = {};
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = Fork([&] {
-        Traced traced;
-        const bool started = KeepRights(rights) && traced.Start(wanted);
-        const std::string source = ProcessTracer::GetSourceName(traced.tracer.GetSource());
-        std::string text = source + "|" + traced.tracer.GetFallbackReason();
-        if (started) {
-            const pid_t pid = Spawn({"/bin/sh", "-c", "sleep 0.1"});
-            Wait(pid);
-            text += traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole ? "" : "|not told";
-        }
-        for (const std::string& line : log.Lines()) {
-            text += Contains(line, "he process tracer") ? "|" + line : "";
-        }
-        return write(ends[1], text.data(), text.size()) > 0 ? 0 : 1;
-    });
-    close(ends[1]);
-    const ssize_t size = read(ends[0], answer, sizeof(answer));
-    close(ends[0]);
-    Wait(child);
-    reason.assign(answer, size > 0 ? static_cast<std::size_t>(size) : 0);
-    return reason.substr(0, reason.find('|'));
-}
-
 TEST_F(TraceLimitsTest, WithoutRightsTheConnectorTakesOverAndSaysWhy)
 {
+    using Tracer = ProcessTracer;
     const std::uint64_t look = Bit(CAP_SYS_PTRACE) | Bit(CAP_DAC_READ_SEARCH) | Bit(CAP_DAC_OVERRIDE);
     const std::uint64_t net = look | Bit(CAP_NET_ADMIN) | Bit(CAP_SYS_NICE);
     const std::uint64_t trace = look | Bit(CAP_BPF) | Bit(CAP_PERFMON);
+    const std::string began = "The process tracer started.[source=";
+    const std::string cannot = "cannot load the trace programs: ";
     struct Row {
-        const char* name;
         std::uint64_t rights;
-        ProcessTracer::Source wanted;
-        const char* source;
-        Strings texts;
+        Tracer::Source wanted;
+        Tracer::Source source;
+        std::string text;
+        std::string reason;
     };
     const Row rows[] = {
-        {"those of the programs",
-         trace,
-         ProcessTracer::kAuto,
-         "trace",
-         {"|INFO The process tracer started.[source=trace]"}},
-        {"those of the connector",
-         net,
-         ProcessTracer::kAuto,
-         "connector",
-         {"|cannot load the trace programs: Operation not permitted",
-          "|WARN The process tracer started.[source=connector trace=cannot load the trace programs: "}},
-        {"all, but the connector is wanted",
-         net | trace,
-         ProcessTracer::kConnector,
-         "connector",
-         {"|INFO The process tracer started.[source=connector trace=not wanted]"}},
-        {"the programs are wanted",
-         net,
-         ProcessTracer::kTrace,
-         "none",
-         {"|ERROR Fail to start the process tracer.[source=trace reason=cannot load the trace programs"}},
-        {"none",
-         look,
-         ProcessTracer::kAuto,
-         "none",
-         {"reason=trace: cannot load the trace programs", "; connector: cannot enlarge the process connector: "}},
+        {trace, Tracer::kAuto, Tracer::kTrace, "INFO " + began + "trace]", ""},
+        {net, Tracer::kAuto, Tracer::kConnector, "WARN " + began + "connector trace=" + cannot,
+         cannot + "Operation not permitted"},
+        {net | trace, Tracer::kConnector, Tracer::kConnector, "INFO " + began + "connector trace=not wanted]", ""},
+        {net, Tracer::kTrace, Tracer::kNone,
+         "ERROR Fail to start the process tracer.[source=trace reason=" + cannot + "Operation not permitted", ""},
+        {look, Tracer::kAuto, Tracer::kNone, "; connector: cannot enlarge the process connector: ", ""},
     };
     for (const Row& row : rows) {
-        std::string reason;
-        EXPECT_EQ(SourceWith(row.rights, row.wanted, log_, reason), row.source) << row.name << ": " << reason;
-        EXPECT_FALSE(Contains(reason, "not told")) << row.name << ": " << reason;
-        for (const std::string& text : row.texts) {
-            EXPECT_TRUE(Contains(reason, text)) << row.name << ": " << reason;
-        }
+        EXPECT_EQ(Wait(Fork([&] {
+                      Traced traced;
+                      const bool started = KeepRights(row.rights) && traced.Start(row.wanted);
+                      EXPECT_EQ(started, row.source != Tracer::kNone);
+                      EXPECT_EQ(traced.tracer.GetSource(), row.source);
+                      EXPECT_EQ(log_.CountWith(row.text), 1);
+                      EXPECT_EQ(traced.tracer.GetFallbackReason().substr(0, row.reason.size()), row.reason);
+                      if (started) {
+                          const pid_t pid = Spawn({"/bin/sh", "-c", "sleep 0.1"});
+                          EXPECT_TRUE(Wait(pid) == 0 && traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole);
+                      }
+                      return HasFailure() ? 1 : 0;
+                  })),
+                  0)
+            << row.text;
     }
 }
 
@@ -214,40 +177,29 @@ static bool OwnMounts()
     return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// Runs in a child, whose result says what went wrong.
 static int StartsBesideItsNeedsAlone()
 {
     const rlimit none = {};
     Traced traced;
-    if (!OwnMounts() || setrlimit(RLIMIT_MEMLOCK, &none) != 0) {
-        return 1;
-    }
+    EXPECT_TRUE(OwnMounts() && setrlimit(RLIMIT_MEMLOCK, &none) == 0);
     umount2("/sys/kernel/tracing", MNT_DETACH);
     umount2("/sys/kernel/debug", MNT_DETACH);
-    if (!traced.Start(ProcessTracer::kTrace)) {
-        return 2;
-    }
-    if (!BecomePlainUser() || !KeepRights(0)) {
-        return 3;
-    }
+    EXPECT_TRUE(traced.Start(ProcessTracer::kTrace) && BecomePlainUser() && KeepRights(0));
     const pid_t pid = RunTrue();
-    const bool told = traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole;
-    const auto counts = traced.tracer.GetCounts();
-    return told && counts.seen.execs > 0 && counts.recursionMisses == 0 ? 0 : 4;
+    EXPECT_TRUE(traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole);
+    EXPECT_TRUE(traced.tracer.GetCounts().seen.execs > 0 && traced.tracer.GetCounts().recursionMisses == 0);
+    return testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST_F(TraceLimitsTest, NeedsTheKernelsTypesButNoTracefsNoLockedMemoryAndNoRightsOnceItRuns)
 {
     EXPECT_EQ(Wait(Fork([] {
                   Traced traced;
-                  if (!OwnMounts() || mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) != 0 ||
-                      traced.Start(ProcessTracer::kTrace)) {
-                      return 1;
-                  }
-                  return traced.Start(ProcessTracer::kAuto) && traced.tracer.GetSource() == ProcessTracer::kConnector &&
-                                 Contains(traced.tracer.GetFallbackReason(), "cannot load the trace programs: ")
-                             ? 0
-                             : 2;
+                  EXPECT_TRUE(OwnMounts() && mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) == 0);
+                  EXPECT_TRUE(!traced.Start(ProcessTracer::kTrace) && traced.Start(ProcessTracer::kAuto));
+                  EXPECT_EQ(traced.tracer.GetSource(), ProcessTracer::kConnector);
+                  EXPECT_TRUE(Contains(traced.tracer.GetFallbackReason(), "cannot load the trace programs: "));
+                  return HasFailure() ? 1 : 0;
               })),
               0);
     EXPECT_EQ(Wait(Fork(&StartsBesideItsNeedsAlone)), 0);
@@ -276,43 +228,33 @@ TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
 }
 
 // The control groups of a container name it, whatever mounts there are.
-static int NamesItsContainer()
-{
-    const std::string id = std::string(60, 'c') + "0001";
-    if (!OwnMounts() || mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) != 0) {
-        return 1;
-    }
-    const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
-    const std::string inner = group + "/" + id + ".scope";
-    fs::create_directories(inner);
-    bool named = false;
-    {
-        const Children children({[&] {
-            Write(inner + "/cgroup.procs", "0");
-            return Execute("/bin/true", {"true"});
-        }});
-        Traced traced;
-        const bool started = traced.Start(ProcessTracer::kTrace);
-        const pid_t pid = children.Run(0);
-        named = started && traced.SawEnd(pid) && traced.Of(pid, Record::kFork)[0].containerId.empty() &&
-                traced.Of(pid, Record::kExec)[0].containerId == id;
-    }
-    fs::remove(inner);
-    fs::remove(group);
-    return named ? 0 : 2;
-}
-
 TEST_F(TraceLimitsTest, ContainersAreNamed)
 {
-    EXPECT_EQ(Wait(Fork(&NamesItsContainer)), 0);
+    const std::string id = std::string(60, 'c') + "0001";
+    EXPECT_EQ(Wait(Fork([&] {
+                  EXPECT_TRUE(OwnMounts() && mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) == 0);
+                  const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
+                  const std::string inner = group + "/" + id + ".scope";
+                  fs::create_directories(inner);
+                  const Children children({[&] {
+                      Write(inner + "/cgroup.procs", "0");
+                      return Execute("/bin/true", {"true"});
+                  }});
+                  EXPECT_TRUE(traced_.Start(ProcessTracer::kTrace));
+                  const pid_t pid = children.Run(0);
+                  EXPECT_TRUE(traced_.SawEnd(pid) && traced_.Of(pid, Record::kFork)[0].containerId.empty());
+                  EXPECT_EQ(traced_.Of(pid, Record::kExec)[0].containerId, id);
+                  fs::remove(inner);
+                  fs::remove(group);
+                  return HasFailure() ? 1 : 0;
+              })),
+              0);
 }
 
-// A process chooses its name, but not the program behind it. Gives the number of rows that went wrong.
+// A process chooses its name, but not the program behind it.
 static int TellsPlatformFromImpostors()
 {
-    if (!OwnMounts() || mount("none", "/opt", "tmpfs", 0, "mode=755") != 0) {
-        return 1000;
-    }
+    EXPECT_TRUE(OwnMounts() && mount("none", "/opt", "tmpfs", 0, "mode=755") == 0);
     const std::string agent = "/opt/omx/envs/NodeAgent";
     const std::string script = "/opt/omx/envs/Product-Etcd.sh";
     const std::string bash = "/bin/bash";
@@ -345,28 +287,25 @@ static int TellsPlatformFromImpostors()
     for (const Row& row : rows) {
         bodies.emplace_back([&] { return row.before() ? Execute(row.path, row.args) : 1; });
     }
-    if (!install()) {
-        return 1000;
-    }
+    EXPECT_TRUE(install());
     Write(script, "sleep 0.1; true\n");
-    int wrong = 0;
     for (const auto source : {ProcessTracer::kTrace, ProcessTracer::kConnector}) {
         const Children children(bodies);
         Traced traced;
-        wrong += traced.Start(source) && chmod(script.c_str(), 0644) == 0 ? 0 : 100;
+        EXPECT_TRUE(traced.Start(source) && chmod(script.c_str(), 0644) == 0);
         for (std::size_t i = 0; i < bodies.size(); ++i) {
             const pid_t pid = children.Run(static_cast<int>(i));
-            wrong += traced.SawEnd(RunTrue()) ? 0 : 100;
-            const bool listed = source == ProcessTracer::kTrace ? rows[i].listedByTrace : rows[i].listedByName;
+            EXPECT_TRUE(traced.SawEnd(RunTrue()));
             const bool told = !traced.Of(pid, Record::kExec).empty();
             const std::lock_guard<std::mutex> lock(traced.mutex);
             const bool hasChildren = std::ranges::any_of(
                 traced.records, [=](const auto& record) { return record.second[0].parentPid == pid; });
-            EXPECT_TRUE(told != listed && hasChildren != listed) << rows[i].name;
-            wrong += told == listed || hasChildren == listed ? 1 : 0;
+            EXPECT_NE(told, source == ProcessTracer::kTrace ? rows[i].listedByTrace : rows[i].listedByName)
+                << rows[i].name;
+            EXPECT_EQ(hasChildren, told) << rows[i].name;
         }
     }
-    return wrong;
+    return testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST_F(TraceLimitsTest, PlatformProcessesStayUntoldButNoImpostor)
