@@ -1,5 +1,5 @@
-// Lets memory run out at a chosen allocation, and counts it. A test binary that uses it has support/failing_allocations.cpp
-// among its sources, which replaces the program's operator new.
+// Lets memory run out at a chosen allocation, and counts it. A test binary that uses it has
+// support/failing_allocations.cpp among its sources, which replaces the program's operator new.
 #pragma once
 
 #include <functional>
