@@ -4,15 +4,18 @@
 
 #include "event_file.h"
 #include "process_tracer.h"
-#include "tests/support/support.h"
+#include "tests/features/driver.h"
 #include "thread_pool.h"
 
 namespace {
 
 using Record = ProcessRecord;
+using Change = std::function<void(Record&)>;
 
 constexpr int kGone = 5000000;  // above every id that the kernel gives
 constexpr std::uint64_t kMs = 1000000;
+
+void Keep(Record&) {}
 
 // Feeds records as a tracer hands them over; gives what was logged of them, without the times.
 struct Feed {
@@ -40,8 +43,7 @@ struct Feed {
         record.parentStartNs = parentStartNs;
         log.Handle(record);
     }
-    void Exec(
-        int pid, const std::function<void(Record&)>& change = [](Record&) {})
+    void Exec(int pid, const Change& change = Keep)
     {
         Record record = Make(Record::kExec, pid);
         record.exe = "/bin/sh";
@@ -50,8 +52,7 @@ struct Feed {
         change(record);
         log.Handle(record);
     }
-    void Exit(
-        int pid, const std::function<void(Record&)>& change = [](Record&) {})
+    void Exit(int pid, const Change& change = Keep)
     {
         Record record = Make(Record::kExit, pid);
         change(record);
@@ -74,46 +75,6 @@ const std::string kWho = "[pid=5000001 ppid=5000000 user=4242 ";
 const std::string kEnd = "duration=2000 startTime=1000000 ";
 const ProcessLogSettings kEnds = {false, true, {}, 100};
 
-// A process of another parent than the test, whose own children are left out; it lives until it is killed.
-struct Stranger {
-    explicit Stranger(const Strings& args)
-    {
-        int ends[2] = {};
-        EXPECT_EQ(pipe(ends), 0);
-        parent = ::Fork([&] {
-            const pid_t child = ::Fork([&] {
-                std::vector<char*> words;
-                for (const std::string& arg : args) {
-                    words.push_back(const_cast<char*>(arg.c_str()));
-                }
-                words.push_back(nullptr);
-                return execvp("sleep", words.data());
-            });
-            const bool sent = write(ends[1], &child, sizeof(child)) == sizeof(child);
-            Wait(child);
-            return sent ? 0 : 1;
-        });
-        EXPECT_EQ(read(ends[0], &pid, sizeof(pid)), static_cast<ssize_t>(sizeof(pid)));
-        close(ends[0]);
-        close(ends[1]);
-        EXPECT_TRUE(Eventually([&] {
-            Record record;
-            return ProcessTracer::ReadProcess(pid, record) && record.args == args;
-        }));
-    }
-    void End()
-    {
-        if (parent != 0) {
-            kill(pid, SIGKILL);
-            Wait(std::exchange(parent, 0));
-        }
-    }
-    ~Stranger() { End(); }
-
-    pid_t parent = 0;
-    pid_t pid = 0;
-};
-
 }  // namespace
 
 // What one program is told as.
@@ -122,10 +83,10 @@ TEST(ProcessLogTest, SaysWhatAProgramIs)
     const std::string start = "Process executed." + kWho + "startTime=1000000 ";
     const struct {
         const char* name;
-        std::function<void(Record&)> change;
+        Change change;
         std::string line;
     } rows[] = {
-        {"usual", [](Record&) {}, "exe=/bin/sh cmdLine=sh -e]"},
+        {"usual", Keep, "exe=/bin/sh cmdLine=sh -e]"},
         {"arguments that blanks do not tell apart",
          [](Record& r) {
              r.args = {"sh", "-c", "a b", "", "\n\"\xff"};
@@ -138,12 +99,6 @@ TEST(ProcessLogTest, SaysWhatAProgramIs)
          },
          "exe=/" + std::string(511, 'd') + "... script=/" + std::string(511, 'd') +
              "... notes=other-name cmdLine=x y x y x y "},
-        {"cut arguments",
-         [](Record& r) {
-             r.argsCut = true;
-             r.argsSize = 102400;
-         },
-         "exe=/bin/sh argsSize=102400 cmdLine=sh -e]"},
         {"no arguments", [](Record& r) { r.args.clear(); }, "exe=/bin/sh cmdLine=[sh]]"},
         {"not even a name",
          [](Record& r) {
@@ -159,15 +114,18 @@ TEST(ProcessLogTest, SaysWhatAProgramIs)
          },
          "exe=/bin/sh script=\"/tmp/x exe=/bin/true\" args=[\"/bin/sh\",\"/tmp/x exe=/bin/true\"] "
          "cmdLine=/bin/sh /tmp/x exe=/bin/true]"},
-        {"deleted", [](Record& r) { r.exeDeleted = true; }, "exe=/bin/sh notes=deleted cmdLine=sh -e]"},
+        {"deleted, and begun by a descriptor",
+         [](Record& r) {
+             r.exeDeleted = true;
+             r.exe = "/dev/fd/3";
+         },
+         "exe=/dev/fd/3 notes=deleted cmdLine=sh -e]"},
         {"in memory",
          [](Record& r) {
              r.exeDeleted = r.exeInMemory = true;
              r.exe = "/memfd:sh";
          },
          "exe=/memfd:sh notes=in-memory cmdLine=sh -e]"},
-        {"another name", [](Record& r) { r.args[0] = "[kworker/0:1]"; },
-         "exe=/bin/sh notes=other-name cmdLine=[kworker/0:1] -e]"},
         {"a login shell", [](Record& r) { r.args[0] = "-sh"; }, "exe=/bin/sh cmdLine=-sh -e]"},
         {"by a link, of which only the name is left", [](Record& r) { r.exe = "/usr/bin/dash"; },
          "exe=/usr/bin/dash cmdLine=sh -e]"},
@@ -178,16 +136,16 @@ TEST(ProcessLogTest, SaysWhatAProgramIs)
              r.comm = "3";
          },
          "exe=/opt/program cmdLine=sh -e]"},
-        {"set-user-id, by somebody who logged in",
+        {"cut arguments of a set-user-id program, elsewhere, by somebody who logged in",
          [](Record& r) {
-             r.exeSetUid = r.exeSetGid = true;
+             r.argsCut = r.exeSetUid = r.exeSetGid = r.foreignMountNs = r.foreignPidNs = true;
+             r.argsSize = 102400;
              r.euid = 4243;
              r.loginUid = 4244;
              r.session = 7;
          },
-         "effectiveUser=4243 loginUser=4244 session=7 exe=/bin/sh notes=set-user-id,set-group-id cmdLine=sh -e]"},
-        {"elsewhere", [](Record& r) { r.foreignMountNs = r.foreignPidNs = true; },
-         "exe=/bin/sh notes=mount-namespace,pid-namespace cmdLine=sh -e]"},
+         "effectiveUser=4243 loginUser=4244 session=7 exe=/bin/sh "
+         "notes=set-user-id,set-group-id,mount-namespace,pid-namespace argsSize=102400 cmdLine=sh -e]"},
         {"too short to be read",
          [](Record& r) {
              r.whole = false;
@@ -333,22 +291,23 @@ TEST(ProcessLogTest, WritesWholeEventsToTheirFile)
 // not keep it for good.
 TEST(ProcessLogTest, ComparesWithProc)
 {
-    Stranger stranger({"sl\033[1m\nx", "60"});
+    const Strings args = {"sl\033[1m\nx", "60"};
+    const Driver driver({[&] { return Fork([&] { return Execute("/bin/sleep", args); }); }});
+    const pid_t stranger = driver.Do(0);
+    Record now;
+    ASSERT_TRUE(Eventually([&] { return ProcessTracer::ReadProcess(stranger, now) && now.args == args; }));
     Feed feed(kEnds);
     feed.Exec(kGone + 1);
     feed.Exec(kGone + 2);
     feed.log.CompareWithProc();
-    const auto end = [&stranger](Record& r) {
-        Record now;
-        EXPECT_TRUE(ProcessTracer::ReadProcess(stranger.pid, now));
-        r.startNs = now.startNs;
-        r.bootNs = now.startNs + 5 * kMs;
-        r.parentPid = stranger.parent;
-    };
     feed.Exit(kGone + 1);
     feed.log.CompareWithProc();
     feed.Exit(kGone + 2);
-    feed.Exit(stranger.pid, end);
+    feed.Exit(stranger, [&](Record& r) {
+        r.startNs = now.startNs;
+        r.bootNs = now.startNs + 5 * kMs;
+        r.parentPid = driver.pid;
+    });
     const Strings lines = feed.Lines();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_TRUE(lines[0].ends_with(" exe=/bin/sh cmdLine=sh -e]"));
@@ -358,8 +317,7 @@ TEST(ProcessLogTest, ComparesWithProc)
         << lines[2];
     const pid_t own = ::Fork([] { return pause(); });
     feed.log.CompareWithProc();
-    kill(own, SIGKILL);
-    Wait(own);
+    Kill(own);
     feed.Fork(own, kGone + 3);
     feed.Exit(kGone + 3);
     feed.log.Stop();

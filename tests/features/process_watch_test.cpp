@@ -1,7 +1,5 @@
 // The feature process_watch with real programs, as an agent loads it.
-#include <fcntl.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <mutex>
@@ -11,58 +9,10 @@
 #include "feature_counters.h"
 #include "hips_guard.h"
 #include "module_manager.h"
-#include "tests/support/support.h"
+#include "tests/features/driver.h"
 #include "thread_pool.h"
 
 namespace {
-
-using Job = std::function<pid_t()>;
-
-// A process that does jobs when it is asked to. It is no child of the test, since those are left out of the log; and it
-// begins before the test has any other thread, so its children need no lock that one of them held.
-struct Driver {
-    explicit Driver(const std::vector<Job>& jobs)
-    {
-        EXPECT_EQ(pipe(orders_) + pipe(answers_), 0);
-        Wait(Fork([&] {
-            if (fork() == 0) {
-                close(orders_[1]);
-                Serve(jobs);
-            }
-            return 0;
-        }));
-        close(orders_[0]);
-        EXPECT_EQ(read(answers_[0], &pid, sizeof(pid)), static_cast<ssize_t>(sizeof(pid)));
-    }
-    ~Driver()
-    {
-        close(orders_[1]);
-        close(answers_[0]);
-    }
-    [[noreturn]] void Serve(const std::vector<Job>& jobs) const
-    {
-        std::size_t order = 0;
-        for (pid_t answer = getpid(); write(answers_[1], &answer, sizeof(answer)) == sizeof(answer);) {
-            if (read(orders_[0], &order, sizeof(order)) != sizeof(order)) {
-                break;
-            }
-            answer = jobs[order]();
-        }
-        _exit(0);
-    }
-
-    pid_t Do(std::size_t job) const
-    {
-        pid_t answer = 0;
-        EXPECT_EQ(write(orders_[1], &job, sizeof(job)), static_cast<ssize_t>(sizeof(job)));
-        EXPECT_EQ(read(answers_[0], &answer, sizeof(answer)), static_cast<ssize_t>(sizeof(answer)));
-        return answer;
-    }
-
-    pid_t pid = 0;
-    int orders_[2] = {};
-    int answers_[2] = {};
-};
 
 // A job: runs a program to its end, and gives the id that it had.
 Job Program(const std::string& path, const Strings& args)
@@ -72,33 +22,6 @@ Job Program(const std::string& path, const Strings& args)
         Wait(pid);
         return pid;
     };
-}
-
-pid_t RunNameless(int fd)
-{
-    const pid_t pid = Fork([&] {
-        char* args[] = {const_cast<char*>("true"), nullptr};
-        return fexecve(fd, args, environ);
-    });
-    Wait(pid);
-    return pid;
-}
-
-// The whole of a program, which then has no name, or never had one.
-pid_t RunCopy(const std::string& path)
-{
-    const std::string content = Read("/bin/true");
-    const int fd = path.empty() ? memfd_create("hidden", 0) : open(path.c_str(), O_CREAT | O_WRONLY, 0755);
-    if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-        return 0;
-    }
-    if (path.empty()) {
-        return RunNameless(fd);
-    }
-    close(fd);
-    const int again = open(path.c_str(), O_RDONLY);
-    unlink(path.c_str());
-    return RunNameless(again);
 }
 
 pid_t RunInPidNamespace()
@@ -198,29 +121,15 @@ TEST_F(ProcessWatchTest, TellsEachShortProgramOnceWithWhatItWas)
     fs::copy_file("/bin/true", copy);
     Write(script, "#!/bin/sh -e\nexit 4\n");
     ASSERT_EQ(chown(copy.c_str(), 65534, 65534) + chmod(copy.c_str(), 06755) + chmod(script.c_str(), 0755), 0);
-    Strings many = {"true"};
-    std::string line = "cmdLine=true";
-    for (int i = 0; i < 500; ++i) {
-        many.push_back("arg" + std::to_string(i));
-        line += " " + many.back();
-    }
-    const std::string whole = "exe=/bin/true parentExe=";
     const struct {
         const char* name;
         Job job;
         Strings pieces;
         std::string end = " exitCode=0 ";
     } rows[] = {
-        {"one argument", Program("/bin/true", {"true", "unique"}), {whole, "cmdLine=true unique]"}},
-        {"none", Program("/bin/true", {}), {whole, "cmdLine=[true]]"}},
-        {"500", Program("/bin/true", many), {whole, line.substr(0, 3400)}},
-        {"100 KiB", Program("/bin/true", {"true", std::string(102400, 'x')}), {" argsSize=102406 ", "xxx]"}},
         {"odd bytes",
          Program("/bin/true", {"true", "", "\"a\nb", "\xff"}),
-         {R"( args=["true","","\"a\nb","\ufffd"] )", "cmdLine=true  \"a?b ?]"}},
-        {"another name", Program("/bin/true", {"sshd"}), {whole, " notes=other-name ", "cmdLine=sshd]"}},
-        {"deleted", [&] { return RunCopy(dir_ / "gone"); }, {" exe=/dev/fd/", " notes=deleted "}},
-        {"in memory", [] { return RunCopy(""); }, {" exe=/dev/fd/", " notes=in-memory "}},
+         {"exe=/bin/true parentExe=", R"( args=["true","","\"a\nb","\ufffd"] )", "cmdLine=true  \"a?b ?]"}},
         {"set-user-id",
          Program(copy, {"copy"}),
          {" user=root ", " effectiveUser=nobody ", "notes=set-user-id,set-group-id "}},
@@ -232,7 +141,7 @@ TEST_F(ProcessWatchTest, TellsEachShortProgramOnceWithWhatItWas)
          Program("/bin/sh", {"sh", "-c", "kill -9 $$"}),
          {"args=[\"sh\",\"-c\",\"kill -9 $$\"]"},
          " signal=9 "},
-        {"another namespace", &RunInPidNamespace, {whole, "notes=pid-namespace ", "cmdLine=true apart]"}},
+        {"another namespace", &RunInPidNamespace, {"exe=/bin/true ", "notes=pid-namespace ", "cmdLine=true apart]"}},
     };
     std::vector<Job> jobs;
     for (const auto& row : rows) {
@@ -265,15 +174,14 @@ TEST_F(ProcessWatchTest, TellsEachShortProgramOnceWithWhatItWas)
 TEST_F(ProcessWatchTest, CountsWhatItLosesAndLearnsWhatRunsSince)
 {
     constexpr int kPrograms = 1500;
-    pid_t* const sleeper =
-        static_cast<pid_t*>(mmap(nullptr, sizeof(pid_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    pid_t sleeper = 0;  // as the driver has it
     const Driver driver({Program("/bin/true", {"true", "first"}), [] { return RunMany(kPrograms); },
-                         [&] { return *sleeper = Fork([] {
-                                   return Execute("/bin/sleep", {"sleep", "600"});
-                               }); },
+                         [&] { return sleeper = Fork([] {
+                                          return Execute("/bin/sleep", {"sleep", "600"});
+                                      }); },
                          [&] {
-                             Kill(*sleeper);
-                             return *sleeper;
+                             Kill(sleeper);
+                             return sleeper;
                          }});
     ASSERT_TRUE(Start("source=trace\nring_bytes=65536\nrepeats=0"));
     std::mutex held;
@@ -292,12 +200,9 @@ TEST_F(ProcessWatchTest, CountsWhatItLosesAndLearnsWhatRunsSince)
     const auto lost = [this] { return std::stoull("0" + Detail("lostExecs")); };
     const std::string mine = " ppid=" + std::to_string(driver.pid) + " ";
     const auto told = [&] {
-        std::uint64_t count = 0;
-        for (const std::string& line : records_.Lines()) {
-            count +=
-                Contains(line, "Process executed.") && Contains(line, mine) && line.ends_with("true many]") ? 1 : 0;
-        }
-        return count;
+        return static_cast<std::uint64_t>(std::ranges::count_if(records_.Lines(), [&](const std::string& line) {
+            return Contains(line, "Process executed.") && Contains(line, mine) && line.ends_with("true many]");
+        }));
     };
     EXPECT_TRUE(Eventually([&] { return lost() > 0 && told() + lost() >= kPrograms; })) << told() << " " << lost();
     EXPECT_LT(told(), kPrograms);
@@ -309,46 +214,34 @@ TEST_F(ProcessWatchTest, CountsWhatItLosesAndLearnsWhatRunsSince)
     driver.Do(3);
     ASSERT_TRUE(Ended(sleeping));
     EXPECT_TRUE(Of("killed", sleeping)[0].ends_with(" cmdLine=sleep 600]")) << Of("killed", sleeping)[0];
-    munmap(sleeper, sizeof(pid_t));
 }
 
-// An agent that stops is often what somebody wants to hide something from.
-TEST_F(ProcessWatchTest, TellsWhatHappenedBeforeAStop)
-{
-    const Driver driver({Program("/bin/sleep", {"sleep", "0.1"}), [] { return RunMany(200); }});
-    for (const char* source : {"trace", "connector"}) {
-        ASSERT_TRUE(counters_.watches == 0 && Start(std::string("wake_ms=1000\nsource=") + source));
-        driver.Do(1);
-        const pid_t pid = driver.Do(0);
-        manager_.UpdateModulePolicy({});
-        EXPECT_EQ(Of("executed", pid).size(), 1U) << source;
-        EXPECT_TRUE(Of("exited", pid).size() == 1 && Of("exited", pid)[0].ends_with(" cmdLine=sleep 0.1]")) << source;
-    }
-}
-
-// Each of the sources, and each change between them, while programs come and go.
-TEST_F(ProcessWatchTest, TellsNothingTwiceWhilePoliciesChange)
+// Each of the sources, each change between them, and each stop, while programs come and go. An agent that stops is
+// often what somebody wants to hide something from.
+TEST_F(ProcessWatchTest, TellsEverythingOnceWhilePoliciesChangeAndStop)
 {
     const Driver driver({[] { return RunMany(20); }, Program("/bin/sleep", {"sleep", "0.1"})});
     const std::uint64_t lostBefore = counters_.lost;
-    for (const char* source : {"trace", "connector", "auto"}) {
-        ASSERT_TRUE(counters_.watches == 0 ? Start(std::string("source=") + source)
-                                           : SetPolicy(std::string("source=") + source));
-        EXPECT_EQ(Detail("source"), std::string(source) == "connector" ? "connector" : "trace");
+    for (const std::string source : {"trace", "connector", "auto"}) {
+        ASSERT_TRUE(Start("source=" + source));
+        EXPECT_EQ(Detail("source"), source == "connector" ? "connector" : "trace");
         std::jthread load([&](const std::stop_token& stop) {
             while (!stop.stop_requested()) {
                 driver.Do(0);
             }
         });
         for (int i = 0; i < 5; ++i) {
-            ASSERT_TRUE(SetPolicy(std::string("repeats=0\nwake_ms=1\nsource=") + source + "\n#" + std::to_string(i)));
+            ASSERT_TRUE(SetPolicy("repeats=0\nwake_ms=1\nsource=" + source + "\n#" + std::to_string(i)));
         }
         load.request_stop();
         load.join();
+        ASSERT_TRUE(SetPolicy("repeats=0\nwake_ms=1000\nsource=" + source));
+        driver.Do(0);
         const pid_t pid = driver.Do(1);
-        ASSERT_TRUE(Ended(pid)) << source;
+        manager_.UpdateModulePolicy({});
         EXPECT_EQ(Of("executed", pid).size(), 1U) << source;
-        EXPECT_TRUE(Of("exited", pid)[0].ends_with(" cmdLine=sleep 0.1]")) << source;
+        EXPECT_TRUE(Of("exited", pid).size() == 1 && Of("exited", pid)[0].ends_with(" cmdLine=sleep 0.1]")) << source;
+        EXPECT_EQ(Detail("source"), "none");
     }
     std::set<std::string> seen;
     for (const std::string& line : records_.Lines()) {
@@ -359,6 +252,4 @@ TEST_F(ProcessWatchTest, TellsNothingTwiceWhilePoliciesChange)
         }
     }
     EXPECT_EQ(counters_.lost, lostBefore);
-    manager_.UpdateModulePolicy({});
-    EXPECT_EQ(Detail("source"), "none");
 }
