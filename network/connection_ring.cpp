@@ -114,7 +114,7 @@ ConnectionCounts ConnectionRing::GetCounts() const
     counts.seen = ToKinds([&](connection_kind kind) { return RingReader::Load(state.seen[kind]); });
     counts.lost = ToKinds([&](connection_kind kind) { return RingReader::Load(state.lost[kind]); });
     counts.received = ToKinds([this](connection_kind kind) { return received_[kind].load(); });
-    counts.malformed = malformed_;
+    counts.malformed = malformed_ + reader_.GetFailureCount();
     counts.recursionMisses = RingReader::CountRecursionMisses(programs_->progs.trace_state_change);
     return counts;
 }
