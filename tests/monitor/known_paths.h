@@ -29,8 +29,11 @@ struct KnownPaths {
             std::erase_if(paths, isBelow(event.path));
             std::erase_if(paths, isBelow(event.oldPath));
             paths.merge(moved);
+        } else {
+            changed.insert(event.path);
         }
     }
 
     std::set<std::string> paths;
+    std::set<std::string> changed;
 };

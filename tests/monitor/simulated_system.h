@@ -47,17 +47,20 @@ struct SimulatedSystem : NEUtils::WatchHost {
     }
     static std::string Name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
     int Above(const std::string& path) const { return At(NEUtils::Monitor::ParentOf(path)); }
-    bool IsMountedOn(int inode) const
-    {
-        return mounts.count(inode) != 0 || std::any_of(inodes.at(inode).entries.begin(), inodes.at(inode).entries.end(),
-                                                       [this](const auto& entry) { return IsMountedOn(entry.second); });
-    }
-
-    bool Holds(int top, int inode) const
+    // Whether a condition holds for a file or one below it; what is mounted does not count.
+    bool Any(int top, const std::function<bool(int)>& condition) const
     {
         const auto& entries = inodes.at(top).entries;
-        return top == inode || std::any_of(entries.begin(), entries.end(),
-                                           [&](const auto& entry) { return Holds(entry.second, inode); });
+        return condition(top) || std::any_of(entries.begin(), entries.end(),
+                                             [&](const auto& entry) { return Any(entry.second, condition); });
+    }
+    bool IsMountedOn(int top) const
+    {
+        return Any(top, [this](int inode) { return mounts.count(inode) != 0; });
+    }
+    bool Holds(int top, int inode) const
+    {
+        return Any(top, [inode](int one) { return one == inode; });
     }
 
     void Create(const std::string& path, bool isDirectory, const std::string& target = {})
@@ -137,7 +140,7 @@ struct SimulatedSystem : NEUtils::WatchHost {
     void Unmount(int which)
     {
         for (auto mount = mounts.begin(); mount != mounts.end(); ++mount) {
-            if (which-- == 0 && !IsMountedBelow(mount->second.root)) {
+            if (which-- == 0 && !IsMountedOn(mount->second.root)) {
                 const int device = inodes[mount->second.root].device;
                 mounts.erase(mount);
                 mountsChanged = true;
@@ -149,12 +152,6 @@ struct SimulatedSystem : NEUtils::WatchHost {
                 return;
             }
         }
-    }
-    bool IsMountedBelow(int root) const
-    {
-        return mounts.count(root) != 0 ||
-               std::any_of(inodes.at(root).entries.begin(), inodes.at(root).entries.end(),
-                           [this](const auto& entry) { return IsMountedBelow(entry.second); });
     }
     std::string MountInfo() const
     {
@@ -201,8 +198,7 @@ struct SimulatedSystem : NEUtils::WatchHost {
 
     bool Look(const std::string& path, struct stat& status) override
     {
-        Meanwhile();
-        const int inode = At(path);
+        const int inode = Find(path);
         if (inode != 0) {
             const Inode& file = inodes[inode];
             const mode_t type = file.isDirectory ? S_IFDIR : file.target.empty() ? S_IFREG : S_IFLNK;
@@ -217,15 +213,13 @@ struct SimulatedSystem : NEUtils::WatchHost {
     }
     bool ReadLink(const std::string& path, std::string& target) override
     {
-        Meanwhile();
-        const int inode = At(path);
+        const int inode = Find(path);
         target = inode == 0 ? "" : inodes[inode].target;
         return !target.empty();
     }
     bool ListDirectory(const std::string& path, std::vector<std::string>& names) override
     {
-        Meanwhile();
-        const int inode = At(path);
+        const int inode = Find(path);
         if (inode != 0) {
             for (const auto& [name, entry] : inodes[inode].entries) {
                 names.push_back(name);
@@ -236,8 +230,7 @@ struct SimulatedSystem : NEUtils::WatchHost {
     NEUtils::WatchId AddWatch(const std::string& path, std::uint32_t mask, bool isDirectory,
                               NEUtils::WatchId /*like*/) override
     {
-        Meanwhile();
-        const int inode = At(path);
+        const int inode = Find(path);
         if (inode == 0 || (watches.count(inode) == 0 && watches.size() >= maxWatches)) {
             return 0;
         }
@@ -255,11 +248,12 @@ struct SimulatedSystem : NEUtils::WatchHost {
     void ForgetWatch(NEUtils::WatchId /*watch*/) override {}
     bool HasRoom() const override { return watches.size() < maxWatches; }
     bool Continue() override { return true; }
-    void Meanwhile()
+    int Find(const std::string& path) const
     {
         if (meanwhile) {
             meanwhile();
         }
+        return At(path);
     }
 
     struct MountPoint {
