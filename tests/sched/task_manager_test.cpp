@@ -71,7 +71,6 @@ struct TaskManagerTest : testing::Test {
         manager_.MakeTaskLaunch(id);
         manager_.DoSchedule();
     }
-    void Step(std::int64_t ms) { Clock::wallOffsetMs += ms; }
 
     Records records_;
     ThreadPool pool_;
@@ -81,7 +80,7 @@ struct TaskManagerTest : testing::Test {
 }  // namespace
 
 // Kept because callers know the first id as 2, and one-shot tasks are frequent: these log one level lower.
-TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLater)
+TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLaterAndItsIdMayComeAgain)
 {
     const std::uint32_t id = Register(TASK_ONE_SHOT, After(-1));
     EXPECT_EQ(id, 2U);
@@ -97,6 +96,11 @@ TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLater)
     EXPECT_THROW(RunsAfterTick(), std::runtime_error);
     RunsAfterTick();
     EXPECT_EQ(manager_.GetTask(thrown), nullptr);  // done all the same
+    const std::uint32_t used = Register(TASK_ON_DEMAND, {});
+    TaskIds::last = used - 1;
+    EXPECT_EQ(Register(TASK_ON_DEMAND, {}), used + 1);
+    TaskIds::last = 0xFFFFFFFFU;
+    EXPECT_EQ(Register(TASK_ON_DEMAND, {}), 1U);
     EXPECT_EQ(TaskManager().RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, ""), 0U);
     EXPECT_TRUE(records_.Has("ERROR Task manager is not running."));
 }
@@ -105,28 +109,20 @@ TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLater)
 TEST_F(TaskManagerTest, ClockStepsForwardAndBack)
 {
     Register(TASK_FIXED_INTERVAL, After(5000, 10000));
-    EXPECT_EQ(RunsAfterTick(), 0);
-    Step(-3600000);  // before the first launch: armed again by the delay
-    EXPECT_EQ(RunsAfterTick(), 0);
-    Step(5100);
-    EXPECT_EQ(RunsAfterTick(), 1);
-    Step(3600000);
-    EXPECT_EQ(RunsAfterTick(), 1);
-    EXPECT_EQ(RunsAfterTick(), 0);
-    Step(-7200000);  // after it: by the interval
-    EXPECT_EQ(RunsAfterTick(), 0);
-    Step(8000);
-    EXPECT_EQ(RunsAfterTick(), 0);
-    Step(2100);
-    EXPECT_EQ(RunsAfterTick(), 1);
+    std::string runs;
+    const auto step = [&](int ms) {
+        Clock::wallOffsetMs += ms;
+        runs += std::to_string(RunsAfterTick());
+    };
+    // Before the first launch the delay counts again, after it the interval.
+    for (const int ms : {0, -3600000, 5100, 3600000, 0, -7200000, 8000, 2100}) {
+        step(ms);
+    }
     Register(TASK_ONE_SHOT, After(2000));
-    Step(-3600000);
-    RunsAfterTick();
-    const int before = g_runs;
-    Step(2100);
-    RunsAfterTick();
-    RunsAfterTick();
-    EXPECT_EQ(g_runs, before + 1);
+    for (const int ms : {-3600000, 2100, 0}) {
+        step(ms);
+    }
+    EXPECT_EQ(runs, "00110001010");
 }
 
 // A launch is due once its time is past, not at it.
@@ -239,8 +235,7 @@ TEST_F(TaskManagerTest, FurtherLaunchesOfADoneOneShotRunOutsideTheMapUnlessPause
     }
     for (const auto remove : {&TaskManager::PauseAndWaitForEnd, &TaskManager::UnregisterTask}) {
         const std::uint32_t id = Register(TASK_ONE_SHOT, After(3600000));
-        manager_.MakeTaskLaunch(id);
-        manager_.DoSchedule();
+        Launch(id);
         manager_.MakeTaskLaunch(id);
         EXPECT_EQ(RunsAfterTick(), 1);
         manager_.DoSchedule();
@@ -258,15 +253,6 @@ TEST_F(TaskManagerTest, DroppedLaunchGivesItsRunLockBack)
     pool_.Start(1, 1);
     Launch(id);
     EXPECT_TRUE(Eventually([] { return g_runs == 1; }));
-}
-
-TEST_F(TaskManagerTest, IdsInUseAreSkippedAndWrapWithoutZero)
-{
-    const std::uint32_t used = Register(TASK_ON_DEMAND, {});
-    TaskIds::last = used - 1;
-    EXPECT_EQ(Register(TASK_ON_DEMAND, {}), used + 1);
-    TaskIds::last = 0xFFFFFFFFU;
-    EXPECT_EQ(Register(TASK_ON_DEMAND, {}), 1U);
 }
 
 // Kept because callers hold tasks beyond their manager: the destructor leaves registered tasks and their launches

@@ -67,8 +67,9 @@ TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
     EXPECT_EQ(name, "T-a-long-job-na");
 }
 
-// Kept because callers count on queued jobs: a full queue refuses the new job and keeps the old ones.
-TEST_F(ThreadPoolTest, QueueTakes5000WaitingJobs)
+// Kept because callers count on queued jobs: a full queue refuses the new job and keeps the old ones. Nor do these go
+// because somebody starts the pool again.
+TEST_F(ThreadPoolTest, QueueTakes5000JobsAndKeepsThemWhereTheRunningPoolIsStarted)
 {
     ASSERT_TRUE(pool_.Start(1, 1));
     g_hold = true;
@@ -80,7 +81,13 @@ TEST_F(ThreadPoolTest, QueueTakes5000WaitingJobs)
     }
     EXPECT_FALSE(pool_.AddThread(&Job, nullptr, "refused", owner));
     EXPECT_EQ(records_.FileOf("ERROR Push thread task to queue failed."), "thread_pool.cpp");
+    EXPECT_TRUE(pool_.Start(3, 5));  // makes the workers that it lacks
+    EXPECT_TRUE(Workers("0") == 1 && Workers("1") == 1 && Workers("2") == 1 && Workers("3") == 0);
+    EXPECT_TRUE(Eventually([] { return g_started == 3; }));
     EXPECT_EQ(owner.use_count(), 5001);
+    g_hold = false;
+    pool_.Stop();
+    EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=3]"));
 }
 
 // Jobs must neither run nor be lost to a leak after a stop, and a stop must not wait for the idle.
@@ -110,23 +117,6 @@ TEST_F(ThreadPoolTest, StopIsPromptAndLeavesQueuedJobsUnrun)
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
     EXPECT_TRUE(UninitHipsGuard());  // before the pool: its idle workers must not wait for their minute
     EXPECT_LT(Clock::MonotonicNs() - start, 10 * Clock::kNsPerSecond);
-}
-
-// Queued jobs are the callers' and must not vanish because somebody starts the pool again.
-TEST_F(ThreadPoolTest, StartOfARunningPoolKeepsJobsAndMakesMissingWorkers)
-{
-    ASSERT_TRUE(pool_.Start(1, 1));
-    g_hold = true;
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(pool_.AddThread(&Job, nullptr, "kept"));
-    }
-    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
-    EXPECT_TRUE(pool_.Start(3, 5));
-    EXPECT_TRUE(Workers("0") == 1 && Workers("1") == 1 && Workers("2") == 1 && Workers("3") == 0);
-    g_hold = false;
-    EXPECT_TRUE(Eventually([] { return g_started == 10; }));
-    pool_.Stop();
-    EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=3]"));
 }
 
 TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
