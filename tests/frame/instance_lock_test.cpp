@@ -1,7 +1,5 @@
 #include "instance_lock.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 
 #include "my_program.h"

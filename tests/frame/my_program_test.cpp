@@ -162,6 +162,9 @@ TEST_F(MyProgramTest, StopAndFaultSignalsReportStopAndEndBySigterm)
         ExpectReport(signo);
         EXPECT_TRUE(fs::remove(report_) && fs::remove(g_stopped));
     }
+    Write(pidFile_, "rubbish");  // refused: the pid file of the instance that runs is not this one's to remove
+    EXPECT_EQ(WTERMSIG(RunAndRaise(SIGINT)), SIGTERM);
+    EXPECT_EQ(Read(pidFile_), "rubbish");
 }
 
 // Where the process was started with SIGTERM ignored or blocked, a fault that comes back at once would loop for ever.
@@ -226,14 +229,6 @@ TEST_F(MyProgramTest, OnlyWithoutTheLockThePidFileOfALivingStrangerIsLeft)
         EXPECT_EQ(fs::remove(pidFile_), left) << text;
     }
     Kill(child);
-}
-
-// The pid file of the instance that runs is not this one's to remove.
-TEST_F(MyProgramTest, RefusedInstanceLeavesThePidFileAlone)
-{
-    Write(pidFile_, "rubbish");
-    EXPECT_EQ(WTERMSIG(RunAndRaise(SIGINT)), SIGTERM);
-    EXPECT_EQ(Read(pidFile_), "rubbish");
 }
 
 // Kept because a full disk must still take a report: it is written over the one before and not cut to its length.

@@ -2,9 +2,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <array>
-#include <atomic>
-
 #include "config.h"
 #include "log_system.h"
 #include "my_program.h"
@@ -92,7 +89,7 @@ TEST_F(StopInHandlerTest, AMainFunctionThatIsBusyInTheFrameIsStoppedOnce)
     for (const auto& [name, main] : mains) {
         step = main;
         for (int i = 0; i < 36; ++i) {
-            const int signo = std::array{SIGINT, SIGQUIT, SIGSEGV}[static_cast<std::size_t>(i % 3)];
+            const int signo = i % 3 == 0 ? SIGINT : i % 3 == 1 ? SIGQUIT : SIGSEGV;
             const pid_t pid = Start([] {
                 for (NE_LOG(INFO, "begins");; step()) {
                 }
@@ -144,6 +141,7 @@ TEST_F(StopInHandlerTest, AFaultUnderALockHoldsNoOtherThreadUp)
 TEST_F(StopInHandlerTest, ALaterStopSignalDoesNotWaitForTheRecord)
 {
     const std::string gzip = dir_ / "gzip";
+    const auto rolls = [&] { return Read(gzip + ".pid").ends_with("\n"); };
     Write(gzip, "#!/bin/sh\necho $$ >" + gzip + ".pid\nexec sleep 60\n");
     fs::permissions(gzip, fs::perms(0755));
     setenv("PATH", (dir_.Path() + ":" + getenv("PATH")).c_str(), 1);
@@ -153,13 +151,13 @@ TEST_F(StopInHandlerTest, ALaterStopSignalDoesNotWaitForTheRecord)
               [&] {
                   other = std::jthread([&] {  // the stop function joins it, and it logs to the file that stays locked
                       MyProgram::BlockStopSignals();
-                      Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); });
+                      Eventually(rolls);
                       while (!stopping) {
                           NE_LOG(INFO, "other");
                       }
                   });
               });
-    EXPECT_TRUE(Eventually([&] { return Read(gzip + ".pid").ends_with("\n"); }));
+    EXPECT_TRUE(Eventually(rolls));
     kill(pid, SIGINT);
     EXPECT_TRUE(TakesSignals(pid));
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
@@ -260,12 +258,11 @@ TEST_F(StopTest, ReportsDoNotNest)
         const rlimit small = {262144, RLIM_INFINITY};
         setrlimit(RLIMIT_STACK, &small);
         NE_LOG(INFO, "ready");
-        for (;;) {
-            pause();
+        while (pause() != 0) {
         }
         return 0;
     });
-    EXPECT_TRUE(Logged("ready\n"));
+    ASSERT_TRUE(Logged("ready\n"));
     for (int i = 0; i < 500; ++i) {
         kill(pid, SIGUSR1);
         ASSERT_TRUE(TakesSignals(pid));
