@@ -1,26 +1,25 @@
 #include "comm/report_store.h"
 
-#include <cstring>
 #include <deque>
 #include <random>
 
 #include "comm/server_watch.h"
-#include "tests/support/support.h"
+#include "tests/comm/peer.h"
 
 namespace {
 
 constexpr std::int64_t kSecond = Clock::kNsPerSecond;
 
-std::shared_ptr<std::string> Message(std::size_t size = sizeof(SentrelAgentMsg))
+std::shared_ptr<std::string> Report(std::size_t size = sizeof(SentrelAgentMsg))
 {
     return std::make_shared<std::string>(size, '\0');
 }
 
-std::uint32_t SeqIn(const ReportStore::ReportPtr& report)
+void Fill(ReportStore& store, std::size_t count, std::size_t size)
 {
-    SentrelAgentMsg header;
-    std::memcpy(&header, report->message->data(), sizeof(header));
-    return header.seq;
+    for (std::size_t i = 0; i < count; ++i) {
+        ASSERT_TRUE(store.Add(Report(size)));
+    }
 }
 
 // Does at random what a queue does, and knows the answer to every question that the account answers.
@@ -47,7 +46,7 @@ public:
         } else if (choice < 9) {
             Answer();
         } else {
-            added_ += store_.Add(Message(16 + random_() % (random_() % 50 == 0 ? 21000 : 200))) ? 1U : 0U;
+            added_ += store_.Add(Report(16 + random_() % (random_() % 50 == 0 ? 21000 : 200))) ? 1U : 0U;
             ++pushed_;
         }
         CheckAccount();
@@ -84,7 +83,7 @@ private:
     {
         if (store_.GetDropsToReport() > 0) {
             noticed_ += store_.GetDropsToReport();
-            store_.AddNotice(Message());
+            store_.AddNotice(Report());
         }
     }
     void Send(bool fails)
@@ -92,7 +91,7 @@ private:
         const auto batch = store_.TakeNext(now_);
         const std::size_t before = sent_.size();
         for (const auto& report : batch) {
-            Check(SeqIn(report) == report->seq && numbers_.insert(report->seq).second);
+            Check(HeaderOf(*report->message).seq == report->seq && numbers_.insert(report->seq).second);
             sent_.push_back(report->seq);
         }
         if (fails) {  // perhaps with an answer in the middle
@@ -142,7 +141,7 @@ TEST(ReportStoreTest, RepeatsDoubleTheirTime)
 {
     ReportStore store;
     store.SetLimits(10, 1000);
-    ASSERT_TRUE(store.Add(Message(20)));
+    ASSERT_TRUE(store.Add(Report(20)));
     std::int64_t now = 5 * kSecond;
     auto report = store.TakeNext(now).at(0);
     for (const std::int64_t seconds : {36, 72, 144, 288, 576, 576}) {
@@ -158,7 +157,7 @@ TEST(ReportStoreTest, RepeatsDoubleTheirTime)
     EXPECT_EQ(store.GetAccount().repeats, 6U);
     // Given up for its silence, the server gets nothing before the time, new reports neither; its answer ends that.
     store.Hold();
-    ASSERT_TRUE(store.Add(Message(20)));
+    ASSERT_TRUE(store.Add(Report(20)));
     EXPECT_EQ(store.TakeBackAll().size(), 1U);
     EXPECT_TRUE(store.TakeNext(now + 576 * kSecond - 1).empty());
     EXPECT_TRUE(store.CanSend(now + 576 * kSecond));
@@ -171,11 +170,9 @@ TEST(ReportStoreTest, JoinsUpToTheLimitsAndKeepsTheOrder)
     ReportStore store;
     store.SetLimits(1000, 1 << 20);
     for (const std::size_t size : {70000, 40000, 25000, 1000}) {
-        ASSERT_TRUE(store.Add(Message(size)));
+        Fill(store, 1, size);
     }
-    for (int i = 0; i < 300; ++i) {
-        ASSERT_TRUE(store.Add(Message(16)));
-    }
+    Fill(store, 300, 16);
     EXPECT_EQ(store.TakeNext(1).size(), 1U);  // longer than a batch, alone
     const auto second = store.TakeNext(1);
     ASSERT_EQ(second.size(), 2U);
@@ -206,9 +203,7 @@ TEST(ReportStoreTest, HasEnoughBeforeThereIsNoRoom)
     for (const auto& row : rows) {
         ReportStore store;
         store.SetLimits(row.maxCount, row.maxBytes);
-        for (std::size_t i = 0; i < row.reports; ++i) {
-            ASSERT_TRUE(store.Add(Message(row.size)));
-        }
+        Fill(store, row.reports, row.size);
         EXPECT_EQ(store.HasEnough(), row.enough) << row.reports << " of " << row.size;
         store.TakeNext(1);  // what is sent only takes room
         EXPECT_EQ(store.HasEnough(), row.enough && row.reports < 100) << row.reports << " of " << row.size;
