@@ -1,19 +1,13 @@
 // The feature libraries as an agent uses them: loaded, given policies, stopped, unloaded.
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include "config.h"
 #include "event_file.h"
-#include "feature_counters.h"
-#include "hips_guard.h"
-#include "module_manager.h"
-#include "monitor.h"
 #include "monitor_manager.h"
+#include "tests/features/features_fixture.h"
 #include "tests/support/failing_allocations.h"
-#include "tests/support/support.h"
-#include "thread_pool.h"
 #include "util/unique_fd.h"
 
 using Manager::Policy;
@@ -23,39 +17,12 @@ namespace {
 
 const std::string kAgain = "b4c9e14061c2fd453b36700e3b0da008db2189c711ac629f0f583089164e267d";
 
-bool Logs(const Records& records, const std::string& piece, const std::string& end)
-{
-    return std::ranges::any_of(records.Lines(),
-                               [&](const std::string& line) { return Contains(line, piece) && line.ends_with(end); });
-}
-
-struct FeaturesTest : testing::Test {
+struct FeaturesTest : FeaturesFixture {
     FeaturesTest()
     {
-        for (const char* feature : {"process_watch", "file_integrity", "file_access", "network_watch"}) {
-            const std::string name = std::string("lib") + feature + ".so";
-            fs::copy_file(FEATURE_DIR + name, dir_ / name);
-            chmod((dir_ / name).c_str(), 0755);
-        }
         fs::create_directory(tree_);
         Write(guarded_, "");
-        InitHipsGuard(0, 0, 0);
-        ThreadPool::GetInstance().Start(1, 3);
-        Monitor::InitFileMonitor();
-        manager_.SetModulePrefix(dir_ / "");
-    }
-    void SetUp() override
-    {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "process events need CAP_NET_ADMIN, fanotify and mounts CAP_SYS_ADMIN";
-        }
-    }
-    ~FeaturesTest() override
-    {
-        manager_.StopAndDeinitAllModule();
-        Monitor::DeInitFileMonitor();
-        ThreadPool::GetInstance().Stop();
-        UninitHipsGuard();
+        Begin();
     }
     // The marks of fanotify that this process has, as the kernel shows them.
     static std::size_t Marks()
@@ -71,17 +38,25 @@ struct FeaturesTest : testing::Test {
     }
     static std::uint64_t Seen(const char* feature) { return FeatureCounters::Of(feature).seen; }
 
-    const TempDir dir_;
     const std::string tree_ = dir_ / "tree";
     const std::string guarded_ = dir_ / "guarded";
-    Manager::ModuleManager manager_;
+};
+
+struct FeatureRecordsTest : FeaturesTest {
+    bool Logs(const std::string& piece, const std::string& end) const
+    {
+        return std::ranges::any_of(
+            records_.Lines(), [&](const std::string& line) { return Contains(line, piece) && line.ends_with(end); });
+    }
+
+    const Records records_;
 };
 
 // What a process holds, of all that a feature may leave behind.
 struct Held {
     static std::ptrdiff_t Entries(const char* directory)
     {
-        return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
+        return std::distance(fs::directory_iterator(directory), {});
     }
     std::ptrdiff_t descriptors = Entries("/proc/self/fd");
     std::ptrdiff_t threads = Entries("/proc/self/task");
@@ -92,61 +67,60 @@ struct Held {
 }  // namespace
 
 // A policy that is half understood would leave an administrator in the belief that something is watched.
-TEST_F(FeaturesTest, PoliciesThatCannotBeTakenAreRefusedWithAReason)
+TEST_F(FeatureRecordsTest, PoliciesThatCannotBeTakenAreRefusedWithAReason)
 {
     const std::string rows[][3] = {
         {"process_watch", "# fine\n\nevents start", "line 3: 'events start' has no '='"},
         {"process_watch", "evens=start", "line 1: unknown key 'evens'"},
         {"process_watch", "events=start,stop", "line 1: events: 'start,stop' is not one of start, end, start,end"},
         {"process_watch", "exclude=", "line 1: exclude: '' is not a shell pattern"},
-        {"file_integrity", "", "it has no watch"},
         {"file_integrity", "digest_max_bytes=1", "it has no watch"},
-        {"file_integrity", "watch=etc", "line 1: watch: 'etc' is not an absolute path"},
         {"file_integrity", "watch=/x\r", "line 1: watch: '/x?' holds a control character"},
-        {"file_integrity", "watch=/x;events=write,touch",
-         "line 1: watch: '/x;events=write,touch' has an unknown event 'touch'"},
         {"file_integrity", "watch=/x\ndigest_max_bytes=-1",
          "line 2: digest_max_bytes: '-1' is not a number from 0 to 1099511627776"},
-        {"file_integrity",
-         "watch=/x;exclude=", "line 1: watch: '/x;exclude=' has an exclude that no path can match, ''"},
-        {"file_integrity", "watch=/x;recursive;exclude=a/",
-         "line 1: watch: '/x;recursive;exclude=a/' has an exclude that no path can match, 'a/'"},
-        {"file_integrity", "watch=/x;exclude=../y",
-         "line 1: watch: '/x;exclude=../y' has an exclude that no path can match, '../y'"},
-        {"file_integrity", "watch=/x;recursive;exclude=/y/z",
-         "line 1: watch: '/x;recursive;exclude=/y/z' has an exclude that is not below the path, '/y/z'"},
-        {"file_integrity", "watch=/x/y;recursive;exclude=/x",
-         "line 1: watch: '/x/y;recursive;exclude=/x' has an exclude that is not below the path, '/x'"},
-        {"file_integrity", "watch=/x;exclude=*,a/b",
-         "line 1: watch: '/x;exclude=*,a/b' has an exclude that needs recursive, 'a/b'"},
         {"process_watch", "repeats=x", "line 1: repeats: 'x' is not a number from 0 to 1000000"},
         {"network_watch", "events=connect,", "line 1: events: 'connect,' is not made of connect, accept and listen"},
         {"network_watch", "exclude=10.0.0.1/8",
          "line 1: exclude: '10.0.0.1/8' has a network with bits beyond its size"},
         {"network_watch", "ring_bytes=65535", "line 1: ring_bytes: '65535' is not a number from 65536 to 1073741824"},
         {"network_watch", "wake_ms=1001", "line 1: wake_ms: '1001' is not a number from 0 to 1000"},
-        {"network_watch", "ports=1", "line 1: unknown key 'ports'"},
         {"file_access", "guard=", "line 1: guard: '' is not an absolute path"},
         {"file_access", "guard=/x;recursive", "line 1: guard: '/x;recursive' has an unknown option 'recursive'"},
     };
-    Records records;
-    for (const auto& [feature, policy, fault] : rows) {
-        manager_.UpdateModulePolicy({{feature, {true, policy, ""}}});
-        EXPECT_TRUE(records.Has("ERROR Policy is refused.[feature=" + feature + " reason=" + fault + "]")) << fault;
+    const char* const watches[][2] = {
+        {"etc", "is not an absolute path"},
+        {"/x;events=write,touch", "has an unknown event 'touch'"},
+        {"/x;exclude=", "has an exclude that no path can match, ''"},
+        {"/x;recursive;exclude=a/", "has an exclude that no path can match, 'a/'"},
+        {"/x;exclude=../y", "has an exclude that no path can match, '../y'"},
+        {"/x;recursive;exclude=/y/z", "has an exclude that is not below the path, '/y/z'"},
+        {"/x/y;recursive;exclude=/x", "has an exclude that is not below the path, '/x'"},
+        {"/x;exclude=*,a/b", "has an exclude that needs recursive, 'a/b'"},
+    };
+    const auto expectRefusal = [&](const std::string& feature, const std::string& policy, const std::string& fault) {
+        SetPolicy(feature, policy);
+        EXPECT_TRUE(records_.Has("ERROR Policy is refused.[feature=" + feature + " reason=" + fault + "]")) << fault;
         EXPECT_EQ(manager_.GetModuleStatus(feature), Manager::kFailed);
         manager_.DestroyModule(feature);
+    };
+    for (const auto& [feature, policy, fault] : rows) {
+        expectRefusal(feature, policy, fault);
+    }
+    for (const auto& [value, fault] : watches) {
+        expectRefusal("file_integrity", std::string("watch=") + value,
+                      std::string("line 1: watch: '") + value + "' " + fault);
     }
     // Each record about a guarded log would be its next use.
     Config::ParseConfig("LOG_FILE=" + dir_ / "tree/own.log", false, {});
-    manager_.UpdateModulePolicy({{"file_access", {true, "guard=" + tree_ + "/.;events=modify", ""}}});
+    SetPolicy("file_access", "guard=" + tree_ + "/.;events=modify");
     EXPECT_FALSE(manager_.IsRunable("file_access"));
     EXPECT_TRUE(
         geteuid() != 0 ||
-        records.Has("ERROR File cannot be guarded.[reason=\"the agent's own log is there\" path=" + tree_ + "/.]"));
+        records_.Has("ERROR File cannot be guarded.[reason=\"the agent's own log is there\" path=" + tree_ + "/.]"));
 }
 
 // Whoever replaces a guarded file, as passwd does, would use the new one unseen.
-TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
+TEST_F(FeatureRecordsTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
 {
     const std::string parent = dir_ / "p";
     const std::string file = parent + "/sub/file";
@@ -157,11 +131,8 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
     };
     make(parent + "/sub");
     fs::create_symlink(file, link);
-    Records records;
-    manager_.UpdateModulePolicy(
-        {{"file_access",
-          {true, "guard=" + file + ";events=open\nguard=" + link + ";events=open\nguard=" + tree_ + ";events=open",
-           ""}}});
+    SetPolicy("file_access",
+              "guard=" + file + ";events=open\nguard=" + link + ";events=open\nguard=" + tree_ + ";events=open");
     // Reads it in another process until that is noticed: the mark follows the change by a moment.
     const auto isUseLogged = [&](const std::string& path) {
         return Eventually(
@@ -169,13 +140,12 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
                 const pid_t pid = Fork([&] { return open(path.c_str(), O_RDONLY) < 0 ? 1 : 0; });
                 Wait(pid);
                 const std::string use = "action=open pid=" + std::to_string(pid) + " ";
-                return Eventually([&] { return Logs(records, use, "]"); }, 1);
+                return Eventually([&] { return Logs(use, "]"); }, 1);
             },
             10);
     };
     const auto isChangeLogged = [&](const std::string& action, const std::string& path) {
-        return Eventually(
-            [&] { return Logs(records, "Guarded file changed.[action=" + action + " ", "path=" + path + "]"); });
+        return Eventually([&] { return Logs("Guarded file changed.[action=" + action + " ", "path=" + path + "]"); });
     };
     const auto& overflows = FeatureCounters::Of("file_access").overflows;
     const std::uint64_t before = overflows;
@@ -246,7 +216,7 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
     fs::rename(tree_, dir_ / "former");
     make(tree_);
     EXPECT_TRUE(isUseLogged(tree_ + "/file")) << "guarded directory replaced";
-    EXPECT_LE(std::ranges::count_if(records.Lines(),
+    EXPECT_LE(std::ranges::count_if(records_.Lines(),
                                     [](const auto& line) { return Contains(line, "Guarded file changed."); }),
               60);
     EXPECT_EQ(FeatureCounters::Of("file_access").watches, 3U);
@@ -256,7 +226,7 @@ TEST_F(FeaturesTest, GuardedPathsStayGuardedWhateverTheyLeadTo)
 TEST_F(FeaturesTest, OverflowOfGuardedUsesIsCountedAsUnknown)
 {
     const std::uint64_t before = FeatureCounters::Of("file_access").overflows;
-    manager_.UpdateModulePolicy({{"file_access", {true, "guard=" + tree_ + ";events=open", ""}}});
+    SetPolicy("file_access", "guard=" + tree_ + ";events=open");
     std::mutex held;
     held.lock();  // holds the thread that reads the events at its first record
     MessageBus::Subscribe(kNormalLog, "test-hold", [&held](const NENormalLog& record) {
@@ -281,7 +251,7 @@ TEST_F(FeaturesTest, OverflowOfWatchedChangesIsCountedAsUnknown)
     const std::uint64_t before = FeatureCounters::Of("file_integrity").overflows;
     Write(tree_ + "/x", "");
     Write(tree_ + "/y", "");
-    manager_.UpdateModulePolicy({{"file_integrity", {true, "watch=" + tree_ + ";events=attrib", ""}}});
+    SetPolicy("file_integrity", "watch=" + tree_ + ";events=attrib");
     for (int i = 0; i < 20000; ++i) {  // all before the monitor looks first; two of one file are merged
         chmod((tree_ + (i % 2 == 0 ? "/x" : "/y")).c_str(), 0600);
     }
@@ -289,24 +259,23 @@ TEST_F(FeaturesTest, OverflowOfWatchedChangesIsCountedAsUnknown)
 }
 
 // With a file of their own, events leave the log alone.
-TEST_F(FeaturesTest, EventsGoToTheirFileInsteadOfTheLog)
+TEST_F(FeatureRecordsTest, EventsGoToTheirFileInsteadOfTheLog)
 {
     const std::string path = dir_ / "events.jsonl";
     ASSERT_EQ(EventFile::GetInstance().Open({path}), "");
-    Records records;
-    manager_.UpdateModulePolicy({{"file_integrity", {true, "watch=" + dir_.Path() + ";recursive", ""}}});
+    SetPolicy("file_integrity", "watch=" + dir_.Path() + ";recursive");
     Write(tree_ + "/a\"\xff\033", "");
     const std::string line = ",\"path\":\"" + tree_ + "/a\\\"\\ufffd\\u001b\"}\n";
     EXPECT_TRUE(Eventually([&] { return Contains(Read(path), line); }));
     EXPECT_EQ(Read(path).find("{\"type\":\"file\",\"time\":1"), 0U);
     EXPECT_FALSE(Contains(Read(path), "events.jsonl"));  // its own changes
-    EXPECT_FALSE(Logs(records, "File changed.", ""));
+    EXPECT_FALSE(Logs("File changed.", ""));
     manager_.UpdateModulePolicy({});
     EventFile::GetInstance().Close();
 }
 
 // A record that names a file by half, that a file's name can forge, or that makes the next one, misleads.
-TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
+TEST_F(FeatureRecordsTest, RecordsOfFilesSayWhatIsSo)
 {
     const std::string log = dir_ / "log";
     const std::string late = dir_ / "late";
@@ -317,23 +286,19 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
     Config::ParseConfig("LOG_FILE=" + log + "/own.log", false, {});
     const UniqueFd own(open((log + "/own.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     ASSERT_EQ(mount(log.c_str(), (tree_ + "/mount").c_str(), nullptr, MS_BIND, nullptr), 0);
-    Records records;
-    manager_.UpdateModulePolicy({{"file_integrity",
-                                  {true,
-                                   "watch=" + dir_ / "way" +
-                                       ";recursive;cross-mounts;events=create,delete,rename,write,"
-                                       "modify,attrib;exclude=*.tmp,sub/cache," +
-                                       dir_ / "way/sub/o*" + "\nwatch=" + late,
-                                   ""}}});
+    SetPolicy("file_integrity", "watch=" + dir_ / "way" +
+                                    ";recursive;cross-mounts;events=create,delete,rename,write,"
+                                    "modify,attrib;exclude=*.tmp,sub/cache," +
+                                    dir_ / "way/sub/o*" + "\nwatch=" + late);
     ASSERT_TRUE(manager_.IsRunable("file_integrity"));
     EXPECT_EQ(FeatureCounters::Of("file_integrity").waiting, 1U);
     const auto logged = [&](const std::string& piece, const std::string& path) {
-        return Eventually([&] { return Logs(records, "File changed.[" + piece, " path=" + path + "]"); });
+        return Eventually([&] { return Logs("File changed.[" + piece, " path=" + path + "]"); });
     };
     const std::string file = tree_ + "/y path=innocent";
     Write(tree_ + "/mount/other", "");  // the first one waits until the monitor looks
     EXPECT_TRUE(logged("action=create mode=", tree_ + "/mount/other"));
-    EXPECT_TRUE(write(own.Get(), "x", 1) == 1 && Logs(records, "other", "]"));
+    EXPECT_TRUE(write(own.Get(), "x", 1) == 1 && Logs("other", "]"));
     fs::create_hard_link(log + "/own.log", tree_ + "/link");
     EXPECT_EQ(write(own.Get(), "x", 1), 1);
     Write(log + "/own.log.1.gz", "");
@@ -353,42 +318,40 @@ TEST_F(FeaturesTest, RecordsOfFilesSayWhatIsSo)
     const timespec times[] = {{86400, 0}, {172800, 0}};
     utimensat(AT_FDCWD, (tree_ + "/z]").c_str(), times, 0);
     EXPECT_TRUE(logged("action=attrib change=\"omtime=", tree_ + "/z]"));
-    EXPECT_TRUE(Logs(records, " mtime=1970-01-03T", "]"));
+    EXPECT_TRUE(Logs(" mtime=1970-01-03T", "]"));
     char value = '1';
     EXPECT_TRUE(Eventually([&] {  // the kernel's clock for it may stand still for some milliseconds
         value = value == '1' ? '2' : '1';
         return setxattr((tree_ + "/z]").c_str(), "trusted.x", &value, 1, 0) == 0 &&
-               Logs(records, "action=attrib change=\"octime=", tree_ + "/z]]");
+               Logs("action=attrib change=\"octime=", tree_ + "/z]]");
     }));
-    EXPECT_FALSE(Logs(records, "own.log", "]") || Logs(records, "/link]", "]") || Logs(records, ".tmp", "]") ||
-                 Logs(records, "cache", "]") || Logs(records, "sub/out", "]"));
+    EXPECT_FALSE(Logs("own.log", "]") || Logs("/link]", "]") || Logs(".tmp", "]") || Logs("cache", "]") ||
+                 Logs("sub/out", "]"));
     EXPECT_GE(FeatureCounters::Of("file_integrity").filtered, 3U);
     Write(late, "");
     EXPECT_TRUE(logged("action=create", late));
     EXPECT_TRUE(Eventually([] { return FeatureCounters::Of("file_integrity").waiting == 0; }, 30));
-    EXPECT_TRUE(Logs(records, "WARN Path to be watched is not there, it is waited for.", "path=" + late + "]"));
+    EXPECT_TRUE(Logs("WARN Path to be watched is not there, it is waited for.", "path=" + late + "]"));
     umount2((tree_ + "/mount").c_str(), MNT_DETACH);
 }
 
 // Digests of files above the limit would hold the pool up, and one under way the stop.
-TEST_F(FeaturesTest, DigestsKeepToTheirLimitAndNeverHoldAStop)
+TEST_F(FeatureRecordsTest, DigestsKeepToTheirLimitAndNeverHoldAStop)
 {
-    Records records;
     const std::string watch = "watch=" + tree_ + ";recursive\ndigest_max_bytes=";
-    manager_.UpdateModulePolicy({{"file_integrity", {true, watch + "5", ""}}});
+    SetPolicy("file_integrity", watch + "5");
     Write(tree_ + "/large", "larger");
     Write(tree_ + "/small", "small");
     Write(tree_ + "/beside", "other");
     fs::rename(tree_ + "/beside", tree_ + "/replaced");  // as an installer does it
     const auto hasDigest = [&](const std::string& name) {
-        return Logs(records, "INFO File digest.[", " path=" + tree_ + name + "]");
+        return Logs("INFO File digest.[", " path=" + tree_ + name + "]");
     };
     EXPECT_TRUE(Eventually([&] { return hasDigest("/small") && hasDigest("/replaced"); }));
-    EXPECT_TRUE(
-        Eventually([&] { return Logs(records, "File has no digest.[action=digest fault=\"too large\"", "/large]"); }));
+    EXPECT_TRUE(Eventually([&] { return Logs("File has no digest.[action=digest fault=\"too large\"", "/large]"); }));
     Write(tree_ + "/small", "again");
-    EXPECT_TRUE(Eventually([&] { return Logs(records, "sha256=" + kAgain, "/small]"); })) << "one digest for ever";
-    manager_.UpdateModulePolicy({{"file_integrity", {true, watch + "1099511627776", ""}}});
+    EXPECT_TRUE(Eventually([&] { return Logs("sha256=" + kAgain, "/small]"); })) << "one digest for ever";
+    SetPolicy("file_integrity", watch + "1099511627776");
     Write(tree_ + "/endless", "");
     ASSERT_EQ(truncate((tree_ + "/endless").c_str(), std::int64_t{1} << 40), 0);  // some minutes of reading
     chmod((tree_ + "/endless").c_str(), 0640);
@@ -430,14 +393,14 @@ TEST_F(FeaturesTest, RoundsOfPoliciesUnderLoadLeaveNothing)
             }
         }
     };
-    rounds(100);
+    rounds(40);
     const Held before;
-    rounds(100);
+    rounds(40);
     const Held after;
     EXPECT_LE(after.descriptors, before.descriptors + 1);  // the load's own
     EXPECT_LE(after.threads, before.threads + 2);          // the pool's workers
     EXPECT_EQ(after.watches, before.watches);
-    EXPECT_LE(after.heap, before.heap + 2000);  // 7 bytes a start
+    EXPECT_LE(after.heap, before.heap + 800);  // 7 bytes a start
     const std::uint64_t seen = Seen("file_integrity");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(Seen("file_integrity"), seen);

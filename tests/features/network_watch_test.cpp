@@ -10,7 +10,10 @@
 
 using Connection = ConnectionRecord;
 
-static ConnectionRecord Make(Connection::Kind kind, int pid = 5000001)  // above every id that the kernel gives
+static void Keep(Connection&) {}
+
+static Connection Make(Connection::Kind kind, const std::function<void(Connection&)>& change = Keep,
+                       int pid = 5000001)  // above every id that the kernel gives
 {
     Connection record;
     record.kind = kind;
@@ -22,21 +25,22 @@ static ConnectionRecord Make(Connection::Kind kind, int pid = 5000001)  // above
     record.remote = {AF_INET, {10, 200, 0, 1}};
     record.localPort = 40000;
     record.remotePort = 443;
+    change(record);
     return record;
+}
+
+static NetworkRule Rule(const char* text)
+{
+    NetworkRule rule;
+    EXPECT_EQ(ParseNetworkRule(text, rule), "") << text;
+    return rule;
 }
 
 TEST(NetworkRulesTest, WhatCanNeverMatchIsRefused)
 {
     const std::pair<const char*, const char*> rows[] = {
-        {"*", ""},
-        {"10.0.0.0/8", ""},
-        {"0.0.0.0/0", ""},
-        {"10.0.0.1;ports=22,8000-8999", ""},
-        {"fe80::/10;ports=0-65535", ""},
-        {"::1/128", ""},
         {"", "has a network that is neither *, nor an address, nor ADDRESS/BITS, ''"},
         {"10.0.0/8", "has a network that is neither *, nor an address, nor ADDRESS/BITS, '10.0.0/8'"},
-        {"host", "has a network that is neither *, nor an address, nor ADDRESS/BITS, 'host'"},
         {"10.0.0.0/33", "has a network whose size is not a number from 0 to 32"},
         {"::/129", "has a network whose size is not a number from 0 to 128"},
         {"10.0.0.0/", "has a network whose size is not a number from 0 to 32"},
@@ -57,51 +61,40 @@ TEST(NetworkRulesTest, WhatCanNeverMatchIsRefused)
 
 TEST(NetworkRulesTest, MatchesTheOtherSideAndTheService)
 {
-    Connection listener = Make(Connection::kListen);
-    listener.remote = {AF_INET, {}};
-    Connection ipv6 = Make(Connection::kConnect);
-    ipv6.remote = {AF_INET6, {0xfe, 0xbf, 1}};
+    const Connection connect = Make(Connection::kConnect);
+    const Connection accept = Make(Connection::kAccept);
+    const Connection listener = Make(Connection::kListen, [](auto& r) { r.remote = {AF_INET, {}}; });
+    const Connection ipv6 = Make(Connection::kConnect, [](auto& r) { r.remote = {AF_INET6, {0xfe, 0xbf, 1}}; });
     const std::tuple<const char*, Connection, bool> rows[] = {
-        {"10.200.0.0/16", Make(Connection::kConnect), true},
-        {"10.200.0.0/15", Make(Connection::kConnect), true},
-        {"10.192.0.0/13", Make(Connection::kConnect), false},
-        {"10.200.0.1", Make(Connection::kConnect), true},
-        {"10.200.0.2", Make(Connection::kConnect), false},
-        {"10.1.0.0/16", Make(Connection::kConnect), false},
-        {"10.200.0.0/16", Make(Connection::kAccept), true},
+        {"10.200.0.0/16", connect, true},
+        {"10.192.0.0/13", connect, false},
+        {"10.200.0.2", connect, false},
+        {"10.200.0.0/16", accept, true},
         {"10.1.0.0/16", listener, true},
         {"0.0.0.0/32", listener, false},
-        {"0.0.0.0/0", Make(Connection::kConnect), true},
-        {"::/0", Make(Connection::kConnect), false},
+        {"0.0.0.0/0", connect, true},
+        {"::/0", connect, false},
         {"0.0.0.0/0", ipv6, false},
-        {"fe80::/10", ipv6, true},
+        {"fe80::/10;ports=0-65535", ipv6, true},
         {"fe80::/11", ipv6, false},
+        {"::1/128", ipv6, false},
         {"*", ipv6, true},
-        {"*;ports=443", Make(Connection::kConnect), true},
-        {"*;ports=40000", Make(Connection::kConnect), false},
-        {"*;ports=443", Make(Connection::kAccept), false},
-        {"*;ports=1,30000-40000", Make(Connection::kAccept), true},
+        {"*;ports=443", connect, true},
+        {"*;ports=40000", connect, false},
+        {"*;ports=1,30000-40000", accept, true},
         {"*;ports=40001-50000", Make(Connection::kListenEnd), false},
-        {"10.9.0.0/16;ports=443", Make(Connection::kConnect), false},
+        {"10.9.0.0/16;ports=443", connect, false},
     };
     for (const auto& [text, record, matches] : rows) {
-        NetworkRule rule;
-        ASSERT_EQ(ParseNetworkRule(text, rule), "") << text;
-        EXPECT_EQ(Matches(rule, record), matches) << text << " " << record.kind;
+        EXPECT_EQ(Matches(Rule(text), record), matches) << text << " " << record.kind;
     }
 }
 
 TEST(ConnectionLogTest, EachRecordIsALineOrCounted)
 {
-    const auto rule = [](const char* text) {
-        NetworkRule made;
-        EXPECT_EQ(ParseNetworkRule(text, made), "");
-        return made;
-    };
-    const auto with = [](Connection record, const std::function<void(Connection&)>& change) {
-        change(record);
-        return record;
-    };
+    const auto noPort = [](auto& r) { r.remotePort = 0; };
+    const std::string parent = std::to_string(getppid());
+    const fs::path parentProgram = fs::read_symlink("/proc/" + parent + "/exe");
     const std::string who = "pid=5000001 user=4242 ";
     const std::string from = "localAddress=10.1.2.3 localPort=40000 ";
     const std::string to = from + "remotePort=443 ";
@@ -115,47 +108,45 @@ TEST(ConnectionLogTest, EachRecordIsALineOrCounted)
     } rows[] = {
         {"a process connects",
          {},
-         {with(Make(Connection::kConnect), [](auto& r) { r.result = Connection::kOpened; }), Make(Connection::kConnect),
-          with(Make(Connection::kConnect),
+         {Make(Connection::kConnect, [](auto& r) { r.result = Connection::kOpened; }), Make(Connection::kConnect),
+          Make(Connection::kConnect,
                [](auto& r) { r.result = Connection::kFailed, r.error = ECONNREFUSED, r.netNs = 7; })},
          {"Connection opened.[action=opened " + who + to + end, "Connection pending.[action=pending " + who + to + end,
           "Connection failed.[action=failed " + who + to + "error=\"Connection refused\" " + end}},
         {"of nobody that is known, in another namespace",
          {},
          {Make(Connection::kAccept),
-          with(Make(Connection::kConnect), [](auto& r) { r.pid = 0, r.netNs = 7, r.foreignNetNs = true; })},
+          Make(Connection::kConnect, [](auto& r) { r.pid = 0, r.netNs = 7, r.foreignNetNs = true; })},
          {"Connection accepted.[action=accepted " + to + "remoteAddress=10.200.0.1]",
           "Connection pending.[action=pending netNs=7 " + to + "remoteAddress=10.200.0.1]"}},
         {"listening",
          {},
-         {with(Make(Connection::kListen), [](auto& r) { r.remotePort = 0; }),
-          with(Make(Connection::kListenEnd), [](auto& r) { r.remotePort = 0, r.program.clear(); })},
+         {Make(Connection::kListen, noPort),
+          Make(Connection::kListenEnd, [](auto& r) { r.remotePort = 0, r.program.clear(); })},
          {"Listening began.[action=listening " + who + from + "program=two words]",
           "Listening ended.[action=closed " + who + from + "program=[a b]]"}},
         {"the path of a program that still runs, unless it is another one by now",
          {},
-         {with(
-             Make(Connection::kConnect, getppid()),
-             [](auto& r) { r.program = fs::read_symlink("/proc/" + std::to_string(getppid()) + "/exe").filename(); })},
-         {"Connection pending.[action=pending pid=" + std::to_string(getppid()) + " user=4242 " + to +
-          "remoteAddress=10.200.0.1 program=" +
-          fs::read_symlink("/proc/" + std::to_string(getppid()) + "/exe").string() + "]"}},
-        {"the agent's own", {}, {Make(Connection::kConnect, getpid())}, {}, 1},
+         {Make(
+             Connection::kConnect, [&](auto& r) { r.program = parentProgram.filename(); }, getppid())},
+         {"Connection pending.[action=pending pid=" + parent + " user=4242 " + to +
+          "remoteAddress=10.200.0.1 program=" + parentProgram.string() + "]"}},
+        {"the agent's own", {}, {Make(Connection::kConnect, Keep, getpid())}, {}, 1},
         {"excluded",
-         {{}, {rule("10.200.0.0/16")}, 0},
-         {Make(Connection::kConnect), with(Make(Connection::kListen), [](auto& r) { r.remotePort = 0; })},
+         {{}, {Rule("10.200.0.0/16")}, 0},
+         {Make(Connection::kConnect), Make(Connection::kListen, noPort)},
          {"Listening began.[action=listening " + who + from + "program=two words]"},
          1},
         {"not included, or excluded of what is",
-         {{rule("*;ports=443"), rule("*;ports=1")}, {rule("10.200.0.1")}, 0},
+         {{Rule("*;ports=443"), Rule("*;ports=1")}, {Rule("10.200.0.1")}, 0},
          {Make(Connection::kAccept), Make(Connection::kConnect)},
          {},
          2},
         {"repeats are summed up, by program or by address",
          {{}, {}, 1},
-         {Make(Connection::kConnect, 5000002), Make(Connection::kConnect, 5000003), Make(Connection::kConnect, 5000004),
-          Make(Connection::kAccept), Make(Connection::kAccept)},
-         {"Connection pending.[action=pending pid=5000002 user=4242 " + to + end,
+         {Make(Connection::kConnect), Make(Connection::kConnect, Keep, 5000003),
+          Make(Connection::kConnect, Keep, 5000004), Make(Connection::kAccept), Make(Connection::kAccept)},
+         {"Connection pending.[action=pending " + who + to + end,
           "Connection accepted.[action=accepted " + to + "remoteAddress=10.200.0.1]",
           "Connection repeated.[action=pending count=2 program=two words]",
           "Connection repeated.[action=accepted count=1 remoteAddress=10.200.0.1]"}},
