@@ -312,7 +312,9 @@ TEST_F(FeatureRecordsTest, RecordsOfFilesSayWhatIsSo)
     EXPECT_TRUE(
         logged("action=rename mode=0644 owner=root oldPath=\"" + tree_ + "/z?[1m\\\"\\\\?\" time=", tree_ + "/z]"));
     Write(tree_ + "/a new", "");
+    EXPECT_TRUE(logged("action=create mode=0644 owner=root ", tree_ + "/a new"));
     chmod((tree_ + "/a new").c_str(), 04777);
+    EXPECT_TRUE(logged("action=attrib change=\"oaccess=33188 access=35327 ", tree_ + "/a new"));
     fs::rename(tree_ + "/a new", tree_ + "/z]");
     EXPECT_TRUE(logged("action=rename mode=4777 owner=root oldPath=\"" + tree_ + "/a new\" ", tree_ + "/z]"));
     const timespec times[] = {{86400, 0}, {172800, 0}};
