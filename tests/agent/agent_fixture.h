@@ -67,6 +67,31 @@ struct AgentTest : testing::Test {
     {
         return Eventually([&] { return Contains(Status(), text); });
     }
+    // A collector, which listens once this returns, and what it has printed.
+    pid_t StartCollector(const std::string& options) const
+    {
+        fs::remove(got_);
+        const pid_t pid = Fork([&] {
+            const std::string command =
+                std::string("exec ") + COLLECTOR_PROGRAM + " " + options + " >" + got_ + " 2>&1";
+            return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        });
+        EXPECT_TRUE(Got("listening"));
+        return pid;
+    }
+    bool Got(const std::string& text) const
+    {
+        return Eventually([&] { return Contains(Read(got_), text); });
+    }
+    bool GotLine(const std::string& start, const std::string& end) const
+    {
+        return Eventually([&] { return HasLine(Read(got_), start, end); });
+    }
+    std::string CollectorPort() const
+    {
+        const std::string line = Read(got_);
+        return line.substr(line.rfind(':') + 1, line.rfind('"') - line.rfind(':') - 1);
+    }
     // An old log that is too large to be carried over, and a shell script in gzip's place to roll it away.
     void ReplaceGzip(const std::string& script)
     {
@@ -84,6 +109,7 @@ struct AgentTest : testing::Test {
     const std::string log_ = root_ / "log/agent.log";
     const std::string report_ = root_ / "log/coredump.log";
     const std::string out_ = root_ / "out";
+    const std::string got_ = root_ / "got";
     const std::string run_ = "--root " + root_.Path();
     std::string path_ = getenv("PATH");
     pid_t agent_ = 0;

@@ -5,34 +5,20 @@
 #include "tests/agent/agent_fixture.h"
 #include "util/unique_fd.h"
 
-TEST_F(AgentTest, ReportsConnectionsOfOthersAndNotItsOwn)
+TEST_F(RootAgentTest, ReportsConnectionsOfOthersAndNotItsOwn)
 {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "trace programs need rights";
-    }
     const std::string library = root_ / "lib/features/libnetwork_watch.so";
     fs::copy(FEATURE_DIR "libnetwork_watch.so", library);
     fs::permissions(library, fs::perms(0755));
     SetPolicy("process_watch", "enable=off\n");
-    const std::string got = root_ / "got";
-    const pid_t collector = Fork([&] {
-        const std::string command =
-            std::string("exec ") + COLLECTOR_PROGRAM + " --json --listen tcp:127.0.0.1:0 >" + got;
-        return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-    });
-    ASSERT_TRUE(Eventually([&] { return Contains(Read(got), "\"listening\""); }));
-    const std::string address = "127.0.0.1:";
-    const std::string listening = Read(got);
-    const std::string collectorPort =
-        std::to_string(std::stoi(listening.substr(listening.rfind(address) + address.size())));
-    Write(config_, "SOCKET_TYPE=2\nSERVER_IP=127.0.0.1\nAGENT_IP=127.0.0.1\nSERVER_PORT=" + collectorPort + "\n");
+    const pid_t collector = StartCollector("--json --listen tcp:127.0.0.1:0");
+    Write(config_, "SOCKET_TYPE=2\nSERVER_IP=127.0.0.1\nAGENT_IP=127.0.0.1\nSERVER_PORT=" + CollectorPort() + "\n");
     SetPolicy("network_watch", "enable=on\nexclude=::1\n");
     StartAgent();
     ASSERT_TRUE(Eventually([this] { return Logged("The network tracer started."); }));
 
     sockaddr_in at = {};
     at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof(at);
     const UniqueFd server(socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_TRUE(listen(server.Get(), 1) == 0 &&
@@ -45,14 +31,10 @@ TEST_F(AgentTest, ReportsConnectionsOfOthersAndNotItsOwn)
     });
     const std::string port = std::to_string(ntohs(at.sin_port));
     const std::string program = fs::read_symlink("/proc/self/exe");
-    const auto reported = [&](const std::string& start, const std::string& end) {
-        return Eventually([&] { return HasLine(Read(got), start, end); });
-    };
-    EXPECT_TRUE(reported("\"type\":\"connection\"", "\"pid\":" + std::to_string(client)));
-    EXPECT_TRUE(
-        reported("\"action\":\"opened\",\"localAddress\":\"127.0.0.1\"",
-                 "\"remotePort\":" + port + ",\"remoteAddress\":\"127.0.0.1\",\"program\":\"" + program + "\""));
-    EXPECT_TRUE(reported("\"action\":\"accepted\",\"localAddress\":\"127.0.0.1\",\"localPort\":" + port, "remotePort"));
+    EXPECT_TRUE(GotLine("\"type\":\"connection\"", "\"pid\":" + std::to_string(client)));
+    EXPECT_TRUE(GotLine("\"action\":\"opened\",\"localAddress\":\"127.0.0.1\"",
+                        "\"remotePort\":" + port + ",\"remoteAddress\":\"127.0.0.1\",\"program\":\"" + program + "\""));
+    EXPECT_TRUE(GotLine("\"action\":\"accepted\",\"localAddress\":\"127.0.0.1\",\"localPort\":" + port, "remotePort"));
     EXPECT_EQ(Wait(client), 0);
     EXPECT_TRUE(LoggedLine("Connection opened.[action=opened pid=" + std::to_string(client) + " user=nobody ",
                            " program=" + program + "]"));
