@@ -1,6 +1,5 @@
 #include "monitor/file_tracker.h"
 
-#include <cstdlib>
 #include <numeric>
 #include <random>
 
@@ -12,15 +11,6 @@
 namespace {
 
 using Monitor::FileWatchRule;
-
-constexpr std::uint32_t kComings = IN_CREATE | IN_DELETE | IN_MOVE;
-constexpr std::uint32_t kTreeEvents = kComings | IN_ATTRIB | IN_CLOSE_WRITE;
-
-int FromEnvironment(const char* name, int otherwise)
-{
-    const char* text = std::getenv(name);
-    return text == nullptr ? otherwise : std::atoi(text);
-}
 
 // A tracker on a simulated system, and for each rule what somebody knows who applies its events in their order.
 struct Model {
@@ -51,42 +41,22 @@ struct Model {
     void Mutate()
     {
         const std::string path = Path();
-        switch (Below(14)) {
-        case 0:
-        case 1:
-        case 2:
-            system.Create(path, true);
-            break;
-        case 3:
-        case 4:
-            system.Create(path, false);
-            break;
-        case 5:
-        case 6:
+        const unsigned kind = Below(14);
+        if (kind <= 4) {
+            system.Create(path, kind <= 2);
+        } else if (kind <= 6) {
             system.Remove(path);
-            break;
-        case 7:
+        } else if (kind == 7) {
             system.Change(path, Below(2) == 0);
-            break;
-        case 8:
-            system.Rename(path, Path(), true);
-            break;
-        case 9:
-            if (mounts && Below(4) == 0) {
-                system.Mount(path, Below(2) == 0 ? "" : Path());
-            } else if (mounts) {
-                system.Unmount(static_cast<int>(Below(3)));
-            }
-            break;
-        case 10:
-            if (links) {
-                system.Remove("/link");
-                system.Create("/link", false, Below(2) == 0 ? "/w" : "w/a");
-            }
-            break;
-        default:
-            system.Rename(path, Path(), false);
-            break;
+        } else if (kind == 9 && mounts && Below(4) == 0) {
+            system.Mount(path, Below(2) == 0 ? "" : Path());
+        } else if (kind == 9 && mounts) {
+            system.Unmount(static_cast<int>(Below(3)));
+        } else if (kind == 10 && links) {
+            system.Remove("/link");
+            system.Create("/link", false, Below(2) == 0 ? "/w" : "w/a");
+        } else if (kind != 9 && kind != 10) {
+            system.Rename(path, Path(), kind == 8);
         }
     }
 

@@ -1,14 +1,26 @@
-// What somebody knows who applies a rule's events in their order.
+// What the random changes of a tree share, simulated and real.
 #pragma once
 
 #include <sys/inotify.h>
 
+#include <cstdlib>
 #include <set>
 #include <string>
 
 #include "file_watch.h"
 #include "monitor/watch_scope.h"
 
+constexpr std::uint32_t kComings = IN_CREATE | IN_DELETE | IN_MOVE;
+constexpr std::uint32_t kTreeEvents = kComings | IN_ATTRIB | IN_CLOSE_WRITE;
+
+template <typename Number>
+Number FromEnvironment(const char* name, Number otherwise)
+{
+    const char* text = std::getenv(name);
+    return text == nullptr ? otherwise : static_cast<Number>(std::atoi(text));
+}
+
+// What somebody knows who applies a rule's events in their order.
 struct KnownPaths {
     void Apply(const NEUtils::Monitor::FileEvent& event)
     {
