@@ -12,9 +12,17 @@ namespace {
 
 using Monitor::FileWatchRule;
 
+constexpr std::size_t kEnough = 1000000;
+
 // A tracker on a simulated system, and for each rule what somebody knows who applies its events in their order.
 struct Model {
-    explicit Model(unsigned seed) : random(seed), tracker(system) { tracker.SetMounts(system.MountInfo()); }
+    Model(unsigned seed, const Strings& directories) : random(seed), tracker(system)
+    {
+        tracker.SetMounts(system.MountInfo());
+        for (const std::string& path : directories) {
+            system.Create(path, true);
+        }
+    }
 
     unsigned Below(unsigned end) { return static_cast<unsigned>(random() % end); }
     std::string Path()
@@ -126,11 +134,12 @@ struct Model {
             }
         }
     }
-    // Whoever has followed the events knows what is there, hears of a new file in each directory, and, as far as its
-    // rule asks for that, of a change of each file.
+    // Each directory has its watch, again if there was none for it: whoever has followed the events knows what is
+    // there, hears of a new file in each directory, and, as far as its rule asks for that, of a change of each file.
     void Check()
     {
         Rest();
+        EXPECT_EQ(tracker.CountLacking(), 0);
         ExpectKnown();
         ForEachCovered([this](const std::string& path) { system.Create(path + "/probe", false); });
         Rest();
@@ -188,10 +197,7 @@ TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
             break;
         }
         SCOPED_TRACE("NEUTILS_SEED=" + std::to_string(seed));
-        Model model(static_cast<unsigned>(seed) + 1);
-        for (const char* path : {"/w", "/out", "/w/a", "/w/a/b", "/out/b", "/out/b/c"}) {
-            model.system.Create(path, true);
-        }
+        Model model(static_cast<unsigned>(seed) + 1, {"/w", "/out", "/w/a", "/w/a/b", "/out/b", "/out/b/c"});
         model.mounts = seed % 4 == 3;
         model.links = seed % 4 == 2;
         model.system.Create("/link", false, "/w");
@@ -204,8 +210,9 @@ TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
         for (std::size_t i = 0; i < given.size() && (i == 0 || model.Below(2) == 0); ++i) {
             model.rules.push_back(model.Add(given[i]));
         }
+        model.system.maxWatches = seed % 8 == 1 ? model.system.watches.size() + 1 : kEnough;
         const unsigned hurry = model.Below(4) == 0 ? 0 : 6;  // how often something happens before a look
-        model.system.maxRecords = model.Below(8) == 0 ? 6 : 100000;
+        model.system.maxRecords = model.Below(8) == 0 ? 6 : kEnough;
         for (int step = 0; step < 40; ++step) {
             model.system.meanwhile = nullptr;
             model.Mutate();
@@ -228,7 +235,7 @@ TEST(FileTrackerTest, EventsAddUpToWhatIsThere)
             }
         }
         model.system.meanwhile = nullptr;
-        model.system.maxRecords = 100000;
+        model.system.maxRecords = model.system.maxWatches = kEnough;
         model.Check();
         model.tracker.Clear();
     }
@@ -240,10 +247,7 @@ TEST(FileTrackerTest, MountsThatComeAndGoLeaveNothingBehind)
     for (int mounted = 0; mounted < 40; ++mounted) {
         for (int unmounted = mounted + 1; unmounted < 40; ++unmounted) {
             SCOPED_TRACE(std::to_string(mounted) + " " + std::to_string(unmounted));
-            Model model(1);
-            for (const char* path : {"/w", "/w/a", "/w/a/b", "/out", "/out/b", "/out/c"}) {
-                model.system.Create(path, true);
-            }
+            Model model(1, {"/w", "/w/a", "/w/a/b", "/out", "/out/b", "/out/c"});
             model.system.Create("/w/a/b/old", false);
             model.system.Create("/out/c/other", false);
             model.rules = {model.Add({"/w", true, kTreeEvents, {}, nullptr, nullptr, true, false}),
@@ -272,33 +276,6 @@ TEST(FileTrackerTest, MountsThatComeAndGoLeaveNothingBehind)
     }
 }
 
-// Each watch that becomes free goes to a directory that lacks one, which is then read, as nobody knows it.
-TEST(FileTrackerTest, DirectoriesWithoutAWatchGetThoseThatBecomeFree)
-{
-    Model model(1);
-    const auto pathOf = [](int i) { return std::string("/w/") + "abcde"[i % 5]; };
-    model.system.Create("/w", true);
-    for (int i = 0; i < 5; ++i) {
-        model.system.Create(pathOf(i), true);
-    }
-    model.system.maxWatches = 4;  // for the root, /w and two below
-    model.rules = {model.Add({"/w", true, kTreeEvents, {}, nullptr, nullptr, false, false})};
-    std::size_t lacking = 3;
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(model.tracker.CountLacking(), lacking);
-        EXPECT_EQ(model.tracker.CountLacking(*model.rules[0]), lacking);
-        if (lacking > 0 && model.system.watches.count(model.system.At(pathOf(i))) != 0) {
-            model.system.Remove(pathOf(i) + "/unseen");
-            model.system.Remove(pathOf(i));
-            model.Rest();
-            --lacking;
-        }
-        model.system.Create(pathOf(i) + "/unseen", false);
-    }
-    EXPECT_EQ(lacking, 0);
-    model.Check();
-}
-
 // Whichever allocation fails while a change is handled: after the comparison the events add up to what is there.
 TEST(FileTrackerTest, EventsAddUpWhereMemoryRunsOut)
 {
@@ -320,10 +297,8 @@ TEST(FileTrackerTest, EventsAddUpWhereMemoryRunsOut)
         std::unique_ptr<Model> model;
         bool isLost = false;
         const auto prepare = [&, &change = change] {
-            model = std::make_unique<Model>(1);
-            for (const char* path : {"/w", "/w/a", "/w/a/b", "/w/c", "/w/d", "/out", "/out/x", "/out/x/y"}) {
-                model->system.Create(path, true);
-            }
+            model = std::make_unique<Model>(
+                1, Strings{"/w", "/w/a", "/w/a/b", "/w/c", "/w/d", "/out", "/out/x", "/out/x/y"});
             model->system.Create("/w/a/b/f", false);
             model->system.Create("/w/c/f", false);
             model->system.Create("/link", false, "/w/a");

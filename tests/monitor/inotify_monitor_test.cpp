@@ -322,7 +322,7 @@ TEST_F(InotifyMonitorTest, CallbacksMayRemoveAndAddRulesAndTheEndIsPrompt)
     }
     EXPECT_EQ(state.calls, 3);
     EXPECT_FALSE(monitor_.RemoveRule(state.rule));
-    EXPECT_EQ(std::ranges::count_if(records_.Lines(), [](auto& line) { return Contains(line, "of a callback]"); }), 3);
+    EXPECT_EQ(records_.CountWith("of a callback]"), 3);
 }
 
 // Whatever two processes do to a tree at once: who follows the events knows the tree, and every directory in it is
@@ -385,7 +385,7 @@ TEST_F(InotifyMonitorTest, EventsAddUpToTheTree)
         change(2 * seed + 2);
         EXPECT_EQ(Wait(other), 0);
         for (const char* at : {"d/a", "d/b", "d/c", "d/d"}) {
-            while (umount2((*this / at).c_str(), MNT_DETACH) == 0) {
+            while (umount2((*this / at).c_str(), MNT_DETACH) == 0) {  // one over the other
             }
         }
         EXPECT_TRUE(Eventually([&] { return told_.Known() == tree(); }, 10));
@@ -530,25 +530,19 @@ TEST(FileMonitorTest, RunsOnItsGuardedThread)
 
 // Memory may run out anywhere on the monitor's thread, now and then or for a while. It goes on, says so, counts it, and
 // finds out what it has missed.
-TEST(InotifyMonitorMemoryTest, TheThreadGoesOnWithoutIt)
+TEST_F(InotifyMonitorTest, GoesOnWithoutMemory)
 {
     using FailingAllocations::Mode;
     static std::atomic<int> last{-1};
-    const TempDir directory;
-    const Records records;
-    InotifyMonitor monitor;
-    ASSERT_TRUE(monitor.Init());
-    std::jthread reader([&] { monitor.ReadEvent(); });
-    const FileWatchRule rule{directory.Path(), true, IN_CREATE | IN_MOVE, {}, nullptr, nullptr, false, false};
-    FileWatchRule counting = rule;
+    FileWatchRule counting = Rule(directory_.Path(), true, IN_CREATE | IN_MOVE);
     counting.callback = [](const FileEvent& event, void*) {
         last = std::atoi(event.path.c_str() + event.path.rfind('/') + 1);
     };
-    ASSERT_TRUE(monitor.AddRule(counting));
+    ASSERT_TRUE(monitor_.AddRule(counting));
     int number = 0;
     for (const Mode mode : {Mode::kOne, Mode::kAllFromThere}) {
         std::string name;
-        const auto prepare = [&] { name = directory / std::to_string(++number); };
+        const auto prepare = [&] { name = *this / std::to_string(++number); };
         const auto change = [&] {
             mkdir(name.c_str(), 0700);
             const int mostMs = mode == Mode::kOne ? 2000 : 50;  // without any memory it never comes
@@ -563,9 +557,8 @@ TEST(InotifyMonitorMemoryTest, TheThreadGoesOnWithoutIt)
         });
         EXPECT_TRUE(failed > 10 || mode != Mode::kOne);
     }
-    EXPECT_GT(monitor.GetOverflowCount(), 0);
+    EXPECT_GT(monitor_.GetOverflowCount(), 0);
     EXPECT_EQ(
-        records.CountWith("ERROR Memory has run out, file events may be lost, the watched files are compared.[count="),
+        records_.CountWith("ERROR Memory has run out, file events may be lost, the watched files are compared.[count="),
         1);
-    monitor.DeInit();
 }
