@@ -1,24 +1,10 @@
 #include "task_manager.h"
 
-#include "hips_guard.h"
 #include "sched/task_ids.h"
-#include "tests/support/support.h"
-#include "thread_pool.h"
+#include "tests/sched/pool_fixture.h"
 #include "util/clock.h"
 
 namespace {
-
-std::atomic<int> g_runs{0};
-std::atomic<bool> g_hold{false};
-
-void* Count(void*)
-{
-    ++g_runs;
-    while (g_hold) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return nullptr;
-}
 
 TASK_CONDITION After(std::int64_t delayMs, std::int64_t intervalMs = 0)
 {
@@ -37,34 +23,29 @@ TASK_CONDITION OnWorker(bool allowOverlap, TASK_CONDITION condition = {})
 }
 
 // Ticks are called by hand; the schedule thread's own come a second apart and must not take a run away.
-struct TaskManagerTest : testing::Test {
+struct TaskManagerTest : PoolTest {
     TaskManagerTest()
     {
-        g_runs = 0;
-        g_hold = false;
-        InitHipsGuard(0, 0, 0);
         EXPECT_TRUE(pool_.Start(1, 4));
         EXPECT_TRUE(manager_.Start(&pool_));
         manager_.StopAllThreads();
     }
     ~TaskManagerTest() override
     {
-        g_hold = false;
+        hold = false;
         Clock::wallOffsetMs = 0;
         manager_.Stop();
-        pool_.Stop();
-        UninitHipsGuard();
     }
     int RunsAfterTick()
     {
-        const int before = g_runs;
+        const int before = runs;
         manager_.DoSchedule();
         manager_.LinerProc();
-        return g_runs - before;
+        return runs - before;
     }
     std::uint32_t Register(TASKTYPE type, const TASK_CONDITION& condition)
     {
-        return manager_.RegisterTask(type, condition, &Count, nullptr, "memo");
+        return manager_.RegisterTask(type, condition, &Job, nullptr, "memo");
     }
     void Launch(std::uint32_t id)
     {
@@ -72,8 +53,6 @@ struct TaskManagerTest : testing::Test {
         manager_.DoSchedule();
     }
 
-    Records records_;
-    ThreadPool pool_;
     TaskManager manager_;
 };
 
@@ -101,7 +80,7 @@ TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLaterAndItsIdMayComeAgain)
     EXPECT_EQ(Register(TASK_ON_DEMAND, {}), used + 1);
     TaskIds::last = 0xFFFFFFFFU;
     EXPECT_EQ(Register(TASK_ON_DEMAND, {}), 1U);
-    EXPECT_EQ(TaskManager().RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, ""), 0U);
+    EXPECT_EQ(TaskManager().RegisterTask(TASK_ON_DEMAND, {}, &Job, nullptr, ""), 0U);
     EXPECT_TRUE(records_.Has("ERROR Task manager is not running."));
 }
 
@@ -109,10 +88,10 @@ TEST_F(TaskManagerTest, OneShotRunsOnceAndIsGoneATickLaterAndItsIdMayComeAgain)
 TEST_F(TaskManagerTest, ClockStepsForwardAndBack)
 {
     Register(TASK_FIXED_INTERVAL, After(5000, 10000));
-    std::string runs;
+    std::string ran;
     const auto step = [&](int ms) {
         Clock::wallOffsetMs += ms;
-        runs += std::to_string(RunsAfterTick());
+        ran += std::to_string(RunsAfterTick());
     };
     // Before the first launch the delay counts again, after it the interval.
     for (const int ms : {0, -3600000, 5100, 3600000, 0, -7200000, 8000, 2100}) {
@@ -122,7 +101,7 @@ TEST_F(TaskManagerTest, ClockStepsForwardAndBack)
     for (const int ms : {-3600000, 2100, 0}) {
         step(ms);
     }
-    EXPECT_EQ(runs, "00110001010");
+    EXPECT_EQ(ran, "00110001010");
 }
 
 // A launch is due once its time is past, not at it.
@@ -133,7 +112,7 @@ TEST_F(TaskManagerTest, AnIntervalBeginsWhereTheOneBeforeEnded)
     condition.nextLaunchTime = condition.firstLaunchTime = 5000;
     std::string due;
     for (const TASKTYPE type : {TASK_FIXED_INTERVAL, TASK_ONE_SHOT}) {
-        Task task(1, type, condition, &Count, nullptr, "", nullptr);
+        Task task(1, type, condition, &Job, nullptr, "", nullptr);
         for (const int ms : {0, 1, 10, 11, 12}) {
             timeval at = {5, ms * 1000};
             due += task.IsLaunchConditionMatched(at) ? 'x' : '-';
@@ -151,7 +130,7 @@ TEST_F(TaskManagerTest, FixedTimesMatchTheirSecondOnly)
         TASK_CONDITION condition = {};
         condition.launchTime = local;
         const auto matches = [&](int days, int seconds) {
-            Task task(1, type, condition, &Count, nullptr, "", nullptr);
+            Task task(1, type, condition, &Job, nullptr, "", nullptr);
             timeval at = {now.tv_sec + 86400 * days + seconds, 500000};
             return task.IsLaunchConditionMatched(at);
         };
@@ -162,7 +141,7 @@ TEST_F(TaskManagerTest, FixedTimesMatchTheirSecondOnly)
         condition.launchUsec = 1500001;
         EXPECT_FALSE(matches(0, 0));
     }
-    Task odd(1, static_cast<TASKTYPE>(9), {}, &Count, nullptr, "", nullptr);
+    Task odd(1, static_cast<TASKTYPE>(9), {}, &Job, nullptr, "", nullptr);
     timeval at = now;
     EXPECT_FALSE(odd.IsLaunchConditionMatched(at));
     EXPECT_TRUE(records_.Has("ERROR Invalid task type.[type=9]"));
@@ -186,30 +165,30 @@ TEST_F(TaskManagerTest, InlineLaunchesWaitTheirTurn)
     for (int i = 0; i < 120; ++i) {
         RunsAfterTick();
     }
-    EXPECT_EQ(g_runs, 98);
+    EXPECT_EQ(runs, 98);
 }
 
 TEST_F(TaskManagerTest, RunsThatMayNotOverlapAreSkippedAndUnregisteringWaitsForTheRun)
 {
     const std::uint32_t id = Register(TASK_ON_DEMAND, OnWorker(false));
-    g_hold = true;
+    hold = true;
     Launch(id);
-    ASSERT_TRUE(Eventually([] { return g_runs == 1; }));
+    ASSERT_TRUE(Runs(1));
     Launch(id);
     // The first run gives back what it took, not what the new timetable says.
     manager_.GetTask(id)->SetTaskCondition(TASK_ON_DEMAND, OnWorker(true));
     std::jthread waiter([&] {
         manager_.PauseAndWaitForEnd(id);
-        EXPECT_FALSE(g_hold);  // the run is over
+        EXPECT_FALSE(hold);  // the run is over
         manager_.MakeTaskLaunch(id);
     });
     const std::uint32_t other = Register(TASK_ON_DEMAND, OnWorker(true));
     Launch(other);
-    ASSERT_TRUE(Eventually([] { return g_runs == 2; }));
+    ASSERT_TRUE(Runs(2));
     manager_.UnregisterTask(other);
     EXPECT_EQ(manager_.GetTask(other), nullptr);
     EXPECT_EQ(manager_.CleanTask(), 1U);
-    g_hold = false;
+    hold = false;
     waiter.join();
     EXPECT_TRUE(Eventually([this] { return manager_.CleanTask() == 0; }));
     EXPECT_EQ(RunsAfterTick(), 0);  // a pause is final
@@ -220,17 +199,17 @@ TEST_F(TaskManagerTest, FurtherLaunchesOfADoneOneShotRunOutsideTheMapUnlessPause
 {
     for (const bool createThread : {true, false}) {
         pool_.Start(1, 1);
-        g_runs = 0;
+        runs = 0;
         TASK_CONDITION condition = OnWorker(true, After(3600000));
         condition.createThread = createThread;
         const std::uint32_t id = Register(TASK_ONE_SHOT, condition);
         for (int i = 0; i < 3; ++i) {
             Launch(id);
         }
-        EXPECT_TRUE(Eventually([&] { return manager_.LinerProc() == 0 && g_runs >= 1; }));
+        EXPECT_TRUE(Eventually([&] { return manager_.LinerProc() == 0 && runs >= 1; }));
         EXPECT_TRUE(Eventually([&] { return manager_.DoSchedule(), manager_.GetTask(id) == nullptr; }));
-        EXPECT_TRUE(createThread || (g_runs == 1 && manager_.CleanTask() == 1));
-        EXPECT_TRUE(Eventually([&] { return manager_.LinerProc() == 0 && g_runs == 3; })) << createThread;
+        EXPECT_TRUE(createThread || (runs == 1 && manager_.CleanTask() == 1));
+        EXPECT_TRUE(Eventually([&] { return manager_.LinerProc() == 0 && runs == 3; })) << createThread;
         EXPECT_TRUE(Eventually([&] { return manager_.CleanTask() == 0; }));
     }
     for (const auto remove : {&TaskManager::PauseAndWaitForEnd, &TaskManager::UnregisterTask}) {
@@ -252,7 +231,7 @@ TEST_F(TaskManagerTest, DroppedLaunchGivesItsRunLockBack)
     Launch(id);  // queued where nobody takes it
     pool_.Start(1, 1);
     Launch(id);
-    EXPECT_TRUE(Eventually([] { return g_runs == 1; }));
+    EXPECT_TRUE(Runs(1));
 }
 
 // Kept because callers hold tasks beyond their manager: the destructor leaves registered tasks and their launches
@@ -263,7 +242,7 @@ TEST_F(TaskManagerTest, StopDestroysTasksTheDestructorDoesNot)
         auto manager = std::make_unique<TaskManager>();
         manager->Start(&pool_);
         manager->StopAllThreads();
-        manager->MakeTaskLaunch(manager->RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, "inline"));
+        manager->MakeTaskLaunch(manager->RegisterTask(TASK_ON_DEMAND, {}, &Job, nullptr, "inline"));
         manager->DoSchedule();  // waits in the inline queue
         const std::weak_ptr<Task> task = manager->GetTasks()[0];
         if (stop) {
@@ -309,11 +288,11 @@ TEST_F(TaskManagerTest, StopMayComeFromAnInlineJob)
         TASK_ONE_SHOT, After(-1),
         [](void* manager) -> void* {
             static_cast<TaskManager*>(manager)->Stop();
-            ++g_runs;
+            ++runs;
             return nullptr;
         },
         &manager_, "stops");
-    EXPECT_TRUE(Eventually([] { return g_runs == 1; }));
+    EXPECT_TRUE(Runs(1));
     UninitHipsGuard();  // waits for the tick that it came from
 }
 
@@ -324,7 +303,7 @@ TEST(TaskManagerStartTest, FailedStartLeavesItRunning)
     TaskManager manager;
     EXPECT_FALSE(manager.Start(nullptr));  // no guard
     EXPECT_TRUE(records.Has("ERROR Create thread failed.[name=TaskManager]"));
-    const std::uint32_t id = manager.RegisterTask(TASK_ON_DEMAND, {}, &Count, nullptr, "memo");
+    const std::uint32_t id = manager.RegisterTask(TASK_ON_DEMAND, {}, &PoolTest::Job, nullptr, "memo");
     ASSERT_NE(id, 0U);
     // The clean list is swept at every fifth tick. Without a schedule thread no tick but these is counted.
     manager.UnregisterTask(id);
@@ -334,7 +313,8 @@ TEST(TaskManagerStartTest, FailedStartLeavesItRunning)
     }
     // A launch that the pool refuses is logged, and gives back the run lock that it took.
     ThreadPool stopped;
-    const auto task = std::make_shared<Task>(1, TASK_ON_DEMAND, OnWorker(false), &Count, nullptr, "lost", &stopped);
+    const auto task =
+        std::make_shared<Task>(1, TASK_ON_DEMAND, OnWorker(false), &PoolTest::Job, nullptr, "lost", &stopped);
     task->RunTask();
     task->RunTask();
     EXPECT_EQ(records.Count("ERROR Task launch is lost.[taskId=1 memo=lost]"), 2);

@@ -1,47 +1,16 @@
-#include "thread_pool.h"
-
-#include "hips_guard.h"
 #include "pool_job.h"
 #include "task_manager.h"
+#include "tests/sched/pool_fixture.h"
 #include "tests/support/failing_allocations.h"
-#include "tests/support/support.h"
 #include "util/clock.h"
 
 namespace {
 
-std::atomic<int> g_started{0};
-std::atomic<bool> g_hold{false};
-
-void* Job(void* name)
-{
-    if (name != nullptr) {
-        *static_cast<std::string*>(name) = ThreadPool::GetCurrentThreadName();
-    }
-    ++g_started;
-    while (g_hold) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return nullptr;
-}
-
-struct ThreadPoolTest : testing::Test {
-    ThreadPoolTest()
-    {
-        g_started = 0;
-        InitHipsGuard(0, 0, 0);
-    }
-    ~ThreadPoolTest() override
-    {
-        g_hold = false;
-        pool_.Stop();
-        UninitHipsGuard();
-    }
+struct ThreadPoolTest : PoolTest {
     std::ptrdiff_t Workers(const std::string& number) const
     {
         return records_.Count("DEBUG Create extend thread called.[name=T-Thread" + number + "]");
     }
-    Records records_;
-    ThreadPool pool_;
 };
 
 }  // namespace
@@ -51,19 +20,19 @@ TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
     EXPECT_FALSE(pool_.AddThread(&Job, nullptr, "early"));
     ASSERT_TRUE(pool_.Start(0, 3));
     EXPECT_EQ(Workers("0"), 1);
-    g_hold = true;
+    hold = true;
     std::string name;
     EXPECT_TRUE(pool_.AddThread(&Job, &name, "a-long-job-name"));
-    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    ASSERT_TRUE(Runs(1));
     for (int i = 0; i < 5; ++i) {
         EXPECT_TRUE(pool_.AddThread(&Job, nullptr, nullptr));
         EXPECT_EQ(Workers("1"), 1);  // from the first on: the only worker is busy
     }
     EXPECT_EQ(Workers("2"), 1);
     EXPECT_EQ(Workers("3"), 0);
-    ASSERT_TRUE(Eventually([] { return g_started == 3; }));
-    g_hold = false;
-    EXPECT_TRUE(Eventually([] { return g_started == 6; }));
+    ASSERT_TRUE(Runs(3));
+    hold = false;
+    EXPECT_TRUE(Runs(6));
     EXPECT_EQ(name, "T-a-long-job-na");
 }
 
@@ -72,9 +41,9 @@ TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
 TEST_F(ThreadPoolTest, QueueTakes5000JobsAndKeepsThemWhereTheRunningPoolIsStarted)
 {
     ASSERT_TRUE(pool_.Start(1, 1));
-    g_hold = true;
+    hold = true;
     pool_.AddThread(&Job, nullptr, "busy");
-    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    ASSERT_TRUE(Runs(1));
     const auto owner = std::make_shared<int>(0);
     for (int i = 0; i < 5000; ++i) {
         ASSERT_TRUE(pool_.AddThread(&Job, nullptr, "waits", owner));
@@ -83,9 +52,9 @@ TEST_F(ThreadPoolTest, QueueTakes5000JobsAndKeepsThemWhereTheRunningPoolIsStarte
     EXPECT_EQ(records_.FileOf("ERROR Push thread task to queue failed."), "thread_pool.cpp");
     EXPECT_TRUE(pool_.Start(3, 5));  // makes the workers that it lacks
     EXPECT_TRUE(Workers("0") == 1 && Workers("1") == 1 && Workers("2") == 1 && Workers("3") == 0);
-    EXPECT_TRUE(Eventually([] { return g_started == 3; }));
+    EXPECT_TRUE(Runs(3));
     EXPECT_EQ(owner.use_count(), 5001);
-    g_hold = false;
+    hold = false;
     pool_.Stop();
     EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=3]"));
 }
@@ -107,10 +76,10 @@ TEST_F(ThreadPoolTest, StopIsPromptAndLeavesQueuedJobsUnrun)
     EXPECT_LT(Clock::MonotonicNs() - start, 2 * Clock::kNsPerSecond);
     adder.join();
     EXPECT_TRUE(records_.Has("INFO Stop threads.Pool alive count.[count=4]"));
-    const int ran = g_started;
+    const int ran = runs;
     EXPECT_TRUE(pool->AddThread(&Job, nullptr, "after", owner));
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    EXPECT_EQ(g_started, ran);
+    EXPECT_EQ(runs, ran);
     pool.reset();
     EXPECT_EQ(owner.use_count(), 1);
     ASSERT_TRUE(pool_.Start(2, 2));
@@ -124,7 +93,7 @@ TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
     ASSERT_TRUE(pool_.Start(1, 2));
     pool_.AddThread([](void*) -> void* { throw std::runtime_error("broken"); }, nullptr, "throws");
     pool_.AddThread(&Job, nullptr, "next");
-    ASSERT_TRUE(Eventually([] { return g_started == 1; }));
+    ASSERT_TRUE(Runs(1));
     EXPECT_TRUE(Eventually([this] { return Workers("1") == 1; }));
     Clock::sleepDivisor = 100;  // the idle wait is a minute
     const auto start = Clock::MonotonicNs();
@@ -138,15 +107,19 @@ TEST_F(ThreadPoolTest, IdleWorkersRetireToTheMinimumAndJobsMayThrow)
     EXPECT_EQ(released(), 1);
     Clock::sleepDivisor = 1;
     EXPECT_TRUE(pool_.AddThread(&Job, nullptr, "still served"));
-    EXPECT_TRUE(Eventually([] { return g_started == 2; }));
+    EXPECT_TRUE(Runs(2));
 }
 
-TEST(SchedMemoryTest, EveryAllocationMayFail)
+// Without the collected records, which need memory too.
+struct SchedMemoryTest : PoolTest {
+    SchedMemoryTest() { MessageBus::Unsubscribe(kNormalLog, "test-records"); }
+};
+
+TEST_F(SchedMemoryTest, EveryAllocationMayFail)
 {
     using FailingAllocations::InTurn;
     using FailingAllocations::Mode;
     const std::string name = "a name that needs memory of its own";
-    InitHipsGuard(0, 0, 0);
     for (const Mode mode : {Mode::kOne, Mode::kAllFromThere}) {
         ThreadPool pool;
         bool done = false;
@@ -157,11 +130,11 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
         };
         EXPECT_GT(InTurn(mode, start, again), 4);
         EXPECT_TRUE(done && pool.Start(1, 9));
-        g_started = 0;
+        runs = 0;
         int accepted = 0;
         const auto add = [&] { done = pool.AddThread(&Job, nullptr, name.c_str()); };
         EXPECT_GT(InTurn(mode, add, [&](int) { accepted += done ? 1 : 0; }), 1);
-        EXPECT_TRUE(Eventually([&] { return g_started == accepted; }));
+        EXPECT_TRUE(Runs(accepted));
 
         PoolJob job;
         std::atomic<int> worked = 0;
@@ -184,9 +157,9 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
         EXPECT_GT(InTurn(mode, [&] { manager.GetTask(id)->RunTask(); }), 2);
         // What did not run has given its lock back.
         EXPECT_TRUE(Eventually([&] {
-            g_started = 0;
+            runs = 0;
             manager.GetTask(id)->RunTask();
-            return Eventually([] { return g_started > 0; }, 1);
+            return Eventually([] { return runs > 0; }, 1);
         }));
         const auto leaves = [&](int number) { EXPECT_EQ(manager.GetTask(id) == nullptr, number == 1); };
         InTurn(
@@ -194,5 +167,4 @@ TEST(SchedMemoryTest, EveryAllocationMayFail)
         manager.Stop();
         pool.Stop();
     }
-    UninitHipsGuard();
 }
