@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include "my_program.h"
 #include "tests/support/support.h"
 
 using Result = InstanceLock::Result;
@@ -92,42 +91,4 @@ TEST_F(InstanceLockTest, RefusesWhatIsNoFileOfItsOwnAndNoticesAReplacedOne)
     EXPECT_FALSE(lock_.IsInPlace());
     fs::remove(path_);
     EXPECT_FALSE(lock_.IsInPlace());
-}
-
-struct SingleInstanceTest : InstanceLockTest {
-    SingleInstanceTest()
-    {
-        fs::create_directory(dir_ / "conf");
-        setenv("RUNTIME_CENTER_PATH", dir_.Path().c_str(), 1);
-    }
-    // Starts a process under the frame; 1: refused, 0: its run has ended.
-    static int Run(bool daemon)
-    {
-        return MyProgram::GetInstance().RunProgram(daemon, true, &pause, nullptr, nullptr, nullptr, nullptr) ? 0 : 1;
-    }
-
-    const std::string pidFile_ = dir_ / "conf/sentrel-agent.pid";
-    const std::string lockFile_ = dir_ / "conf/agent.lock";
-};
-
-TEST_F(SingleInstanceTest, ADaemonHoldsTheLockAndIsNamed)
-{
-    // Also where it begins without the standard descriptors, which the daemon opens anew.
-    EXPECT_EQ(Wait(Fork([] { return close(0) + close(1) + close(2) + Run(true); })), 0);
-    EXPECT_TRUE(Eventually([&] { return !Read(lockFile_).empty(); }));
-    const std::string daemon = Read(lockFile_);
-    EXPECT_EQ(Read(pidFile_), daemon);
-    const Records records;
-    EXPECT_EQ(Run(false), 1);
-    const Strings expected = {"INFO Init sigaction success.", "ERROR Another program is running. exit.",
-                              "ERROR The other program's process.[pid=" + daemon + "]",
-                              "ERROR check singleton running failed."};
-    EXPECT_EQ(records.Lines(), expected);
-    kill(std::stoi(daemon), SIGKILL);
-    fs::remove(pidFile_);
-    // Free with the daemon's end; a start that the check refuses keeps nothing.
-    Write(pidFile_, "rubbish");
-    EXPECT_TRUE(
-        Eventually([&] { return Run(false) == 1 && records.Has("ERROR invalid data.[filePath=" + pidFile_ + "]"); }));
-    EXPECT_EQ(lock_.Take(lockFile_), Result::kTaken);
 }

@@ -11,8 +11,7 @@ static void Log(LogFile& file, const char* content, LogLevel level, const LogSys
     file.WriteLog(formatter, {level, 42, "INFO", "src.cpp", content, &kTime});
 }
 
-// Kept because each start is to begin a new file: an old one is never appended to. Losing it, or the copies' order,
-// loses evidence.
+// Kept because the old file and the copies' order are evidence: each start begins a new file and appends to none.
 TEST_F(LogFileTest, RollsWhatItFindsAndKeepsTheNewestCopies)
 {
     umask(077);
@@ -56,8 +55,7 @@ TEST_F(LogFileTest, RollsByTheSizeSeenAtEvery50thWrite)
     EXPECT_FALSE(fs::exists(dir_ / "c.log.gz") || fs::exists(dir_ / "c.log.1.gz"));
 }
 
-// A link planted in the log directory must not lead root's log, or its compression, elsewhere. Kept because copies are
-// evidence: what others may have written is removed, not rolled.
+// A planted link must not lead root's log elsewhere. Kept because copies are evidence: what may be forged is no copy.
 TEST_F(LogFileTest, WhatIsNotAFileOfItsOwnIsRemoved)
 {
     const std::string target = dir_ / "target";
@@ -106,36 +104,35 @@ TEST_F(LogFileTest, LevelBudgetAndFormatterDecideWhatIsWritten)
     EXPECT_EQ(Read(dir_ / "b.log"), "2\n" + failed + "86401000\n-86401000\n-86401000\n" + failed);
 }
 
+using LogSystemTest = LogFileTest;
+
 static bool Register(const std::string& path, const std::string& name, const std::string& kind = kNormalLog)
 {
     return LogSystem::Register(std::make_shared<LogFile>(path, INFO, 1000, 0), kind, name, &Echo);
 }
 
-TEST(LogSystemTest, FivePlacesEachPairOnce)
+TEST_F(LogSystemTest, FivePlacesEachPairOnce)
 {
-    const TempDir dir;
     for (const std::string name : {"n0", "n1", "n2", "n3", "n4"}) {
-        EXPECT_TRUE(Register(dir / name, name));
-        EXPECT_FALSE(Register(dir / name, name));
+        EXPECT_TRUE(Register(dir_ / name, name));
+        EXPECT_FALSE(Register(dir_ / name, name));
     }
-    EXPECT_FALSE(Register(dir / "six", "six"));
+    EXPECT_FALSE(Register(dir_ / "six", "six"));
     LogSystem::Unregister("n4");
     EXPECT_FALSE(LogSystem::Register(nullptr, "k", "n", &Echo) || Register("/x.log", "n", "") ||
                  Register("/x.log", ""));
-    EXPECT_TRUE(Register(dir / "n4", "n4"));
+    EXPECT_TRUE(Register(dir_ / "n4", "n4"));
     EXPECT_TRUE(LogSystem::UpdateLogConfig("n3", FATAL, 0, 1));
     NE_LOG(ERROR, "again");
-    EXPECT_TRUE(Contains(Read(dir / "n4"), "again") && !Contains(Read(dir / "n3"), "again"));
+    EXPECT_TRUE(Contains(Read(dir_ / "n4"), "again") && !Contains(Read(dir_ / "n3"), "again"));
     LogSystem::CloseAllLogFile();
-    EXPECT_TRUE(Register(dir / "six", "six"));
+    EXPECT_TRUE(Register(dir_ / "six", "six"));
 }
 
-// A record below the level of each file costs no formatting; this one could not be formatted. A level that changes, and
-// any other subscriber, counts from the next record on, on all threads.
-TEST(LogSystemTest, OnlyWhatSomebodyTakesIsFormatted)
+// The text of this one cannot be read. Changed levels and new subscribers count from the next record on.
+TEST_F(LogSystemTest, OnlyWhatSomebodyTakesIsFormatted)
 {
-    const TempDir dir;
-    ASSERT_TRUE(Register(dir / "a", "a") && Register(dir / "b", "b"));
+    ASSERT_TRUE(Register(dir_ / "a", "a") && Register(dir_ / "b", "b"));
     const auto unreadable = reinterpret_cast<const char*>(std::uintptr_t{1});
     const auto debug = [](const char* text) { std::jthread([text] { NE_LOG(DEBUG, "%s", text); }); };
     debug(unreadable);
@@ -147,15 +144,14 @@ TEST(LogSystemTest, OnlyWhatSomebodyTakesIsFormatted)
     std::string seen;
     MessageBus::Subscribe(kNormalLog, "other", [&](const NENormalLog& record) { seen += record.content; });
     debug("other");
-    EXPECT_EQ(seen + Read(dir / "a") + Read(dir / "b"), "othera\nb\n");
+    EXPECT_EQ(seen + Read(dir_ / "a") + Read(dir_ / "b"), "othera\nb\n");
     LogSystem::CloseAllLogFile();
 }
 
 // A file closed twice, written after its close or left subscribed would be use after free.
-TEST(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
+TEST_F(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
 {
-    const TempDir dir;
-    const auto file = std::make_shared<LogFile>(dir / "a", INFO, 0, 0);
+    const auto file = std::make_shared<LogFile>(dir_ / "a", INFO, 0, 0);
     for (const std::string content : {"1", "2"}) {
         // What a formatter captured is destroyed without a lock.
         std::shared_ptr<void> last(nullptr, [](void*) { LogSystem::UpdateLogConfig("none", INFO, 0, 0); });
@@ -166,17 +162,16 @@ TEST(LogSystemTest, LateRecordsAreDroppedAndAFileMayComeBack)
         LogSystem::CloseAllLogFile();
         NE_LOG(INFO, "late");
         EXPECT_FALSE(file->FlushLogStream("late\n", 5));
-        EXPECT_EQ(Read(dir / "a"), content + "\n");
+        EXPECT_EQ(Read(dir_ / "a"), content + "\n");
     }
 }
 
 // A module that registers a log is unloaded afterwards: nobody may be in its formatter then, or hold it.
-TEST(LogSystemTest, UnregisteringOneWaitsForItsLinesAndLeavesTheOthers)
+TEST_F(LogSystemTest, UnregisteringOneWaitsForItsLinesAndLeavesTheOthers)
 {
-    const TempDir dir;
-    ASSERT_TRUE(Register(dir / "other", "other"));
+    ASSERT_TRUE(Register(dir_ / "other", "other"));
     const auto token = std::make_shared<std::atomic<int>>(0);
-    const auto file = std::make_shared<LogFile>(dir / "a", INFO, 0, 0);
+    const auto file = std::make_shared<LogFile>(dir_ / "a", INFO, 0, 0);
     const auto slow = [token](const NENormalLog& record, char* out, unsigned int size) {
         *token = 1;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -187,18 +182,17 @@ TEST(LogSystemTest, UnregisteringOneWaitsForItsLinesAndLeavesTheOthers)
     const std::jthread logger([] { LoggerWriteLog(kDotLog, INFO, "f.cpp", 1, "last"); });
     EXPECT_TRUE(Eventually([&] { return *token == 1; }));
     EXPECT_TRUE(LogSystem::Unregister("a") && *token == 2 && token.use_count() == 2 && file.use_count() == 1);
-    EXPECT_EQ(Read(dir / "a"), "last\n");
+    EXPECT_EQ(Read(dir_ / "a"), "last\n");
     EXPECT_FALSE(file->FlushLogStream("late\n", 5) || LogSystem::Unregister("a"));
     NE_LOG(INFO, "goes on");
-    EXPECT_EQ(Read(dir / "other"), "goes on\n");
+    EXPECT_EQ(Read(dir_ / "other"), "goes on\n");
 }
 
 // Without its lock a file loses lines, mixes them or rolls twice at once.
-TEST(LogSystemTest, ManyThreadsLoseNoLineWhileTheFileRolls)
+TEST_F(LogSystemTest, ManyThreadsLoseNoLineWhileTheFileRolls)
 {
     constexpr int kLines = 250;
-    const TempDir dir;
-    ASSERT_TRUE(LogSystem::Register(std::make_shared<LogFile>(dir / "a", INFO, 2000, 40), kNormalLog, "a", &Echo));
+    ASSERT_TRUE(LogSystem::Register(std::make_shared<LogFile>(dir_ / "a", INFO, 2000, 40), kNormalLog, "a", &Echo));
     InThreads(4, [](int i) {
         for (int n = 0; n < kLines; ++n) {
             NE_LOG(INFO, "%d %d %s", i, n, std::string(60, 'x').c_str());
@@ -207,10 +201,10 @@ TEST(LogSystemTest, ManyThreadsLoseNoLineWhileTheFileRolls)
     LogSystem::CloseAllLogFile();
     std::string all;
     for (int copy = 40; copy > 0; --copy) {
-        all += Unzipped(dir / ("a." + std::to_string(copy) + ".gz"));
+        all += Unzipped(dir_ / ("a." + std::to_string(copy) + ".gz"));
     }
     EXPECT_FALSE(all.empty());
-    std::istringstream lines(all + Read(dir / "a"));
+    std::istringstream lines(all + Read(dir_ / "a"));
     int next[4] = {};
     for (std::string line; std::getline(lines, line);) {
         const int thread = line[0] - '0';

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include "instance_lock.h"
 #include "tests/support/support.h"
 
 static int g_signo;
@@ -73,6 +74,7 @@ struct MyProgramTest : testing::Test {
     const TempDir root_;
     const Records records_;
     const std::string report_ = root_ / "coredump.log";
+    const std::string lock_ = root_ / "conf/agent.lock";
     static inline std::string pidFile_;
     static inline std::string seen_;
 };
@@ -124,18 +126,8 @@ TEST_F(MyProgramTest, PidFileDecidesWhetherToStart)
     }
 }
 
-// Kept because a starter takes 0 for handed over, also when there is nobody to hand over to.
-TEST_F(MyProgramTest, FailedForkLeavesWithZero)
-{
-    const int status = Wait(Fork([] {
-        const rlimit none = {0, 0};
-        const bool limited = BecomePlainUser() && setrlimit(RLIMIT_NPROC, &none) == 0;  // it does not hold for root
-        return limited && Run(true, false, kOne) ? 4 : 2;
-    }));
-    EXPECT_EQ(status, 0);
-}
-
-// Kept because starters rely on it: the starting process leaves with 0, the daemon's run is true, its pid file stays.
+// Kept because starters rely on it: the starting process leaves with 0, also when there is nobody to hand over to, the
+// daemon's run is true, its pid file stays.
 TEST_F(MyProgramTest, DaemonDetachesAndLeavesItsPidFile)
 {
     const int status = Wait(Fork([] {
@@ -150,6 +142,34 @@ TEST_F(MyProgramTest, DaemonDetachesAndLeavesItsPidFile)
     }));
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(Eventually([] { return Read(pidFile_ + ".end") == "pre /dev/null leader true"; }));
+    const auto cannotFork = [] {
+        const rlimit none = {0, 0};
+        const bool limited = BecomePlainUser() && setrlimit(RLIMIT_NPROC, &none) == 0;  // it does not hold for root
+        return limited && Run(true, false, kOne) ? 4 : 2;
+    };
+    EXPECT_EQ(Wait(Fork(cannotFork)), 0);
+}
+
+TEST_F(MyProgramTest, ADaemonHoldsTheLockAndIsNamed)
+{
+    // Also where it begins without the standard descriptors, which the daemon opens anew.
+    const auto start = [] { return close(0) + close(1) + close(2) + (Run(true, true, &pause) ? 0 : 1); };
+    EXPECT_EQ(Wait(Fork(start)), 0);
+    EXPECT_TRUE(Eventually([&] { return !Read(lock_).empty(); }));
+    const std::string daemon = Read(lock_);
+    EXPECT_EQ(Read(pidFile_), daemon);
+    EXPECT_FALSE(Run(false, true, &pause));
+    const Strings expected = {"INFO Init sigaction success.", "ERROR Another program is running. exit.",
+                              "ERROR The other program's process.[pid=" + daemon + "]",
+                              "ERROR check singleton running failed."};
+    EXPECT_EQ(records_.Lines(), expected);
+    kill(std::stoi(daemon), SIGKILL);
+    fs::remove(pidFile_);
+    // Free with the daemon's end; a start that the check refuses keeps nothing.
+    Write(pidFile_, "rubbish");
+    const std::string invalid = "ERROR invalid data.[filePath=" + pidFile_ + "]";
+    EXPECT_TRUE(Eventually([&] { return !Run(false, true, &pause) && records_.Has(invalid); }));
+    EXPECT_EQ(InstanceLock().Take(lock_), InstanceLock::Result::kTaken);
 }
 
 // A crash that leaves no report, or a stop that leaves the pid file, is found out at the worst moment.
@@ -195,11 +215,9 @@ TEST_F(MyProgramTest, ARealFaultEndsTheProcessWhateverItWasStartedWith)
     }
 }
 
-// A stop that removes the pid file of another instance lets a third one start beside that.
-// The lock rules that out; without it the file of a living process is left.
+// A stop that removes the pid file of another instance lets a third one start beside that: the lock rules that out.
 TEST_F(MyProgramTest, OnlyWithoutTheLockThePidFileOfALivingStrangerIsLeft)
 {
-    const std::string lock = root_ / "conf/agent.lock";
     const pid_t child = Fork([] { return pause(); });
     const pid_t dead = Fork([] { return 0; });
     Wait(dead);
@@ -212,9 +230,9 @@ TEST_F(MyProgramTest, OnlyWithoutTheLockThePidFileOfALivingStrangerIsLeft)
         {"", false, false, false},
     };
     for (const auto& [text, isChild, locked, left] : rows) {
-        fs::remove(lock);
+        fs::remove(lock_);
         if (!locked) {
-            fs::create_directory(lock);
+            fs::create_directory(lock_);
         }
         static std::string content;
         content = text;

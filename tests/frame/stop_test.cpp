@@ -65,8 +65,7 @@ struct StopInHandlerTest : StopTest {
     }
 };
 
-// The stop function takes the locks that the interrupted thread holds in the very call that it was in the middle of.
-// Many signals at once are one: the stop function does not run in the middle of itself either.
+// The stop function takes the locks that the interrupted call holds, and does not run in the middle of itself.
 TEST_F(StopInHandlerTest, AMainFunctionThatIsBusyInTheFrameIsStoppedOnce)
 {
     static const std::string text = "key=" + std::string(100, 'v');
@@ -117,8 +116,7 @@ struct FaultyCopy {
     static inline bool armed = false;
 };
 
-// The interrupted thread keeps its lock for ever. Another thread must not wait for it, since the stop function joins
-// it.
+// The interrupted thread keeps its lock for ever. A thread that waited for it could not be joined by the stop function.
 TEST_F(StopInHandlerTest, AFaultUnderALockHoldsNoOtherThreadUp)
 {
     const pid_t pid = Start([] {
