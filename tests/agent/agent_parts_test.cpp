@@ -164,10 +164,12 @@ TEST_F(FeatureHostTest, AnEditedFileIsNotOverwrittenByOn)
     EXPECT_EQ(Apply(true, std::nullopt), kCommandRefused);
     EXPECT_EQ(Apply(false, std::nullopt), kCommandDone);
     EXPECT_EQ(Read(file_), "enabled\nmine");
-    host_.Reload();
-    EXPECT_TRUE(Contains(ProblemsOfHost(), "policy odd.policy cannot be used: does not begin with enable=on or"));
     EXPECT_EQ(Apply(true, "new"), kCommandDone);
     EXPECT_EQ(Read(file_), "enable=on\nnew");
+    Write(file_, "enabled\nmine");
+    host_.Reload();
+    EXPECT_TRUE(Contains(ProblemsOfHost(), "policy odd.policy cannot be used: does not begin with enable=on or"));
+    Write(file_, "enable=on\nnew");
     host_.Reload();
     EXPECT_EQ(ProblemsOfHost(), "");
     fs::remove_all(root_ / "conf/policies");

@@ -114,12 +114,13 @@ TEST(ProcessLogTest, SaysWhatAProgramIs)
          },
          "exe=/bin/sh script=\"/tmp/x exe=/bin/true\" args=[\"/bin/sh\",\"/tmp/x exe=/bin/true\"] "
          "cmdLine=/bin/sh /tmp/x exe=/bin/true]"},
-        {"deleted, and begun by a descriptor",
+        {"deleted, and begun by a descriptor in another pid namespace",
          [](Record& r) {
-             r.exeDeleted = true;
+             r.exeDeleted = r.foreignPidNs = true;
              r.exe = "/dev/fd/3";
+             r.comm = "3";
          },
-         "exe=/dev/fd/3 notes=deleted cmdLine=sh -e]"},
+         "exe=/dev/fd/3 notes=deleted,pid-namespace cmdLine=sh -e]"},
         {"in memory",
          [](Record& r) {
              r.exeDeleted = r.exeInMemory = true;
@@ -138,14 +139,14 @@ TEST(ProcessLogTest, SaysWhatAProgramIs)
          "exe=/opt/program cmdLine=sh -e]"},
         {"cut arguments of a set-user-id program, elsewhere, by somebody who logged in",
          [](Record& r) {
-             r.argsCut = r.exeSetUid = r.exeSetGid = r.foreignMountNs = r.foreignPidNs = true;
+             r.argsCut = r.exeSetUid = r.exeSetGid = r.foreignMountNs = true;
              r.argsSize = 102400;
              r.euid = 4243;
              r.loginUid = 4244;
              r.session = 7;
          },
          "effectiveUser=4243 loginUser=4244 session=7 exe=/bin/sh "
-         "notes=set-user-id,set-group-id,mount-namespace,pid-namespace argsSize=102400 cmdLine=sh -e]"},
+         "notes=set-user-id,set-group-id,mount-namespace argsSize=102400 cmdLine=sh -e]"},
         {"too short to be read",
          [](Record& r) {
              r.whole = false;
