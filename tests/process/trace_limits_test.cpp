@@ -6,16 +6,7 @@
 
 using Record = ProcessRecord;
 
-struct TraceLimitsTest : testing::Test {
-    void SetUp() override
-    {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "trace programs and the process connector need rights";
-        }
-    }
-
-    const TempDir dir_;
-    const Records log_;
+struct TraceLimitsTest : TracerTest {
     Traced traced_;
 };
 
@@ -90,20 +81,15 @@ TEST_F(TraceLimitsTest, WhatDoesNotFitIsCountedExactly)
     constexpr std::uint64_t kPrograms = 1500;
     std::atomic<bool> blocked{true};
     std::atomic<std::uint64_t> told{0};
-    std::atomic<std::uint64_t> losses{0};
-    ProcessTracer tracer;
-    ProcessTracer::Settings settings;
-    settings.source = ProcessTracer::kTrace;
-    settings.ringSize = 1;  // the smallest there is
     const std::string mark(1000, 'm');
     const Children children({Burst(kPrograms, [&](int) { return Strings{"/bin/true", mark}; })});
-    ASSERT_TRUE(tracer.Start(
-        settings,
-        [&](const Record& record) {
-            blocked.wait(true);
-            told += record.args.size() == 2 && record.args[1] == mark ? 1 : 0;
-        },
-        [&](const ProcessTracer::Counts::Kinds& lost) { losses = lost.execs; }));
+    Traced traced;
+    traced.onRecord = [&](const Record& record) {
+        blocked.wait(true);
+        told += record.args.size() == 2 && record.args[1] == mark ? 1 : 0;
+    };
+    ASSERT_TRUE(traced.Start(ProcessTracer::kTrace, 1));  // with the smallest ring there is
+    ProcessTracer& tracer = traced.tracer;
     children.Run(0);
     const auto full = tracer.GetCounts();
     EXPECT_TRUE(full.lost.forks > 0 && full.lost.execs > 0 && full.lost.exits > 0);
@@ -111,7 +97,8 @@ TEST_F(TraceLimitsTest, WhatDoesNotFitIsCountedExactly)
     blocked.notify_all();
     ASSERT_TRUE(Eventually([&] {
         const auto counts = tracer.GetCounts();
-        return counts.received.Total() + counts.lost.Total() == counts.seen.Total() && losses == counts.lost.execs;
+        return counts.received.Total() + counts.lost.Total() == counts.seen.Total() &&
+               traced.lostExecs == counts.lost.execs;
     }));
     const auto counts = tracer.GetCounts();
     EXPECT_GE(counts.seen.execs, kPrograms);
@@ -154,21 +141,19 @@ TEST_F(TraceLimitsTest, WithoutRightsTheConnectorTakesOverAndSaysWhy)
         {look, Tracer::kAuto, Tracer::kNone, "; connector: cannot enlarge the process connector: ", ""},
     };
     for (const Row& row : rows) {
-        EXPECT_EQ(Wait(Fork([&] {
-                      Traced traced;
-                      const bool started = KeepRights(row.rights) && traced.Start(row.wanted);
-                      EXPECT_EQ(started, row.source != Tracer::kNone);
-                      EXPECT_EQ(traced.tracer.GetSource(), row.source);
-                      EXPECT_EQ(log_.CountWith(row.text), 1);
-                      EXPECT_EQ(traced.tracer.GetFallbackReason().substr(0, row.reason.size()), row.reason);
-                      if (started) {
-                          const pid_t pid = Spawn({"/bin/sh", "-c", "sleep 0.1"});
-                          EXPECT_TRUE(Wait(pid) == 0 && traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole);
-                      }
-                      return HasFailure() ? 1 : 0;
-                  })),
-                  0)
-            << row.text;
+        SCOPED_TRACE(row.text);
+        InChild([&] {
+            Traced traced;
+            const bool started = KeepRights(row.rights) && traced.Start(row.wanted);
+            EXPECT_EQ(started, row.source != Tracer::kNone);
+            EXPECT_EQ(traced.tracer.GetSource(), row.source);
+            EXPECT_EQ(log_.CountWith(row.text), 1);
+            EXPECT_EQ(traced.tracer.GetFallbackReason().substr(0, row.reason.size()), row.reason);
+            if (started) {
+                const pid_t pid = Spawn({"/bin/sh", "-c", "sleep 0.1"});
+                EXPECT_TRUE(Wait(pid) == 0 && traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole);
+            }
+        });
     }
 }
 
@@ -177,39 +162,30 @@ static bool OwnMounts()
     return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-static int StartsBesideItsNeedsAlone()
-{
-    const rlimit none = {};
-    Traced traced;
-    EXPECT_TRUE(OwnMounts() && setrlimit(RLIMIT_MEMLOCK, &none) == 0);
-    umount2("/sys/kernel/tracing", MNT_DETACH);
-    umount2("/sys/kernel/debug", MNT_DETACH);
-    EXPECT_TRUE(traced.Start(ProcessTracer::kTrace) && BecomePlainUser() && KeepRights(0));
-    const pid_t pid = RunTrue();
-    EXPECT_TRUE(traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole);
-    EXPECT_TRUE(traced.tracer.GetCounts().seen.execs > 0 && traced.tracer.GetCounts().recursionMisses == 0);
-    return testing::Test::HasFailure() ? 1 : 0;
-}
-
 TEST_F(TraceLimitsTest, NeedsTheKernelsTypesButNoTracefsNoLockedMemoryAndNoRightsOnceItRuns)
 {
-    EXPECT_EQ(Wait(Fork([] {
-                  Traced traced;
-                  EXPECT_TRUE(OwnMounts() && mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) == 0);
-                  EXPECT_TRUE(!traced.Start(ProcessTracer::kTrace) && traced.Start(ProcessTracer::kAuto));
-                  EXPECT_EQ(traced.tracer.GetSource(), ProcessTracer::kConnector);
-                  EXPECT_TRUE(Contains(traced.tracer.GetFallbackReason(), "cannot load the trace programs: "));
-                  return HasFailure() ? 1 : 0;
-              })),
-              0);
-    EXPECT_EQ(Wait(Fork(&StartsBesideItsNeedsAlone)), 0);
+    InChild([this] {
+        EXPECT_TRUE(OwnMounts() && mount("none", "/sys/kernel/btf", "tmpfs", 0, nullptr) == 0);
+        EXPECT_TRUE(!traced_.Start(ProcessTracer::kTrace) && traced_.Start(ProcessTracer::kAuto));
+        EXPECT_EQ(traced_.tracer.GetSource(), ProcessTracer::kConnector);
+        EXPECT_TRUE(Contains(traced_.tracer.GetFallbackReason(), "cannot load the trace programs: "));
+        traced_.tracer.Stop();
+    });
+    InChild([] {
+        const rlimit none = {};
+        Traced traced;
+        EXPECT_TRUE(OwnMounts() && setrlimit(RLIMIT_MEMLOCK, &none) == 0);
+        umount2("/sys/kernel/tracing", MNT_DETACH);
+        umount2("/sys/kernel/debug", MNT_DETACH);
+        EXPECT_TRUE(traced.Start(ProcessTracer::kTrace) && BecomePlainUser() && KeepRights(0));
+        const pid_t pid = RunTrue();
+        EXPECT_TRUE(traced.SawEnd(pid) && traced.Of(pid, Record::kExec)[0].whole);
+        EXPECT_TRUE(traced.tracer.GetCounts().seen.execs > 0 && traced.tracer.GetCounts().recursionMisses == 0);
+    });
 }
 
 TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
 {
-    // Other tests load programs at the same time; what leaks with each start is many more.
-    constexpr std::size_t kOfOthers = 30;
-    const auto own = [] { return std::pair(CountEntries("/proc/self/fd"), CountEntries("/proc/self/task")); };
     const auto startAndStop = [](int i) {
         ProcessTracer tracer;
         ProcessTracer::Settings settings;
@@ -218,41 +194,37 @@ TEST_F(TraceLimitsTest, AThousandStartsAndStopsLeaveNothing)
         return tracer.Start(settings, [](const Record&) {});
     };
     ASSERT_TRUE(startAndStop(0));  // ThreadSanitizer makes a thread of its own with the first one
-    const auto before = CountLoaded();
-    const auto ownBefore = own();
-    for (int i = 0; i < 1000; ++i) {
-        ASSERT_TRUE(startAndStop(i)) << i;
-    }
-    EXPECT_TRUE(Eventually([&] { return own() == ownBefore; }));
-    EXPECT_TRUE(Eventually([&] { return CountLoaded() <= before + kOfOthers; }));
+    ExpectNothingLeftOf([&] {
+        for (int i = 0; i < 1000; ++i) {
+            ASSERT_TRUE(startAndStop(i)) << i;
+        }
+    });
 }
 
 // The control groups of a container name it, whatever mounts there are.
 TEST_F(TraceLimitsTest, ContainersAreNamed)
 {
     const std::string id = std::string(60, 'c') + "0001";
-    EXPECT_EQ(Wait(Fork([&] {
-                  EXPECT_TRUE(OwnMounts() && mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) == 0);
-                  const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
-                  const std::string inner = group + "/" + id + ".scope";
-                  fs::create_directories(inner);
-                  const Children children({[&] {
-                      Write(inner + "/cgroup.procs", "0");
-                      return Execute("/bin/true", {"true"});
-                  }});
-                  EXPECT_TRUE(traced_.Start(ProcessTracer::kTrace));
-                  const pid_t pid = children.Run(0);
-                  EXPECT_TRUE(traced_.SawEnd(pid) && traced_.Of(pid, Record::kFork)[0].containerId.empty());
-                  EXPECT_EQ(traced_.Of(pid, Record::kExec)[0].containerId, id);
-                  fs::remove(inner);
-                  fs::remove(group);
-                  return HasFailure() ? 1 : 0;
-              })),
-              0);
+    InChild([&] {
+        EXPECT_TRUE(OwnMounts() && mount("none", "/sys/fs/cgroup", "cgroup2", 0, nullptr) == 0);
+        const std::string group = "/sys/fs/cgroup/neutils-" + std::to_string(getpid());
+        const std::string inner = group + "/" + id + ".scope";
+        fs::create_directories(inner);
+        const Children children({[&] {
+            Write(inner + "/cgroup.procs", "0");
+            return Execute("/bin/true", {"true"});
+        }});
+        EXPECT_TRUE(traced_.Start(ProcessTracer::kTrace));
+        const pid_t pid = children.Run(0);
+        EXPECT_TRUE(traced_.SawEnd(pid) && traced_.Of(pid, Record::kFork)[0].containerId.empty());
+        EXPECT_EQ(traced_.Of(pid, Record::kExec)[0].containerId, id);
+        fs::remove(inner);
+        fs::remove(group);
+    });
 }
 
 // A process chooses its name, but not the program behind it.
-static int TellsPlatformFromImpostors()
+static void CheckPlatformAndImpostors()
 {
     EXPECT_TRUE(OwnMounts() && mount("none", "/opt", "tmpfs", 0, "mode=755") == 0);
     const std::string agent = "/opt/omx/envs/NodeAgent";
@@ -305,10 +277,9 @@ static int TellsPlatformFromImpostors()
             EXPECT_EQ(hasChildren, told) << rows[i].name;
         }
     }
-    return testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST_F(TraceLimitsTest, PlatformProcessesStayUntoldButNoImpostor)
 {
-    EXPECT_EQ(Wait(Fork(&TellsPlatformFromImpostors)), 0);
+    InChild(&CheckPlatformAndImpostors);
 }

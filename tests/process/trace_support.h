@@ -27,10 +27,11 @@ struct Traced {
         return tracer.Start(
             settings,
             [this](const ProcessRecord& record) {
+                onRecord(record);
                 const std::lock_guard<std::mutex> lock(mutex);
                 records[record.pid].push_back(record);
             },
-            [this](const ProcessTracer::Counts::Kinds&) { ++losses; });
+            [this](const ProcessTracer::Counts::Kinds& lost) { lostExecs = lost.execs; });
     }
 
     std::vector<ProcessRecord> Of(int pid, ProcessRecord::Kind kind) const
@@ -52,7 +53,8 @@ struct Traced {
 
     mutable std::mutex mutex;
     std::map<int, std::vector<ProcessRecord>> records;
-    std::atomic<int> losses{0};
+    std::atomic<std::uint64_t> lostExecs{0};
+    std::function<void(const ProcessRecord&)> onRecord = [](const ProcessRecord&) {};
     ProcessTracer tracer;
 };
 
@@ -80,7 +82,38 @@ inline std::size_t CountLoaded()
     return count;
 }
 
-inline std::ptrdiff_t CountEntries(const char* directory)
+// After some work there are as many descriptors, threads and loaded programs as before it.
+inline void ExpectNothingLeftOf(const std::function<void()>& work)
 {
-    return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
+    constexpr std::size_t kOfOthers = 30;  // which load programs at the same time; what leaks each time is many more
+    const auto count = [](const char* directory) {
+        return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
+    };
+    const auto own = [&] { return std::pair(count("/proc/self/fd"), count("/proc/self/task")); };
+    const auto ownBefore = own();
+    const std::size_t loaded = CountLoaded();
+    work();
+    EXPECT_TRUE(Eventually([&] { return own() == ownBefore; }));
+    EXPECT_TRUE(Eventually([&] { return CountLoaded() <= loaded + kOfOthers; }));
 }
+
+// Runs checks in a child, so that they may change its rights and mounts.
+inline void InChild(const std::function<void()>& checks)
+{
+    EXPECT_EQ(Wait(Fork([&] {
+                  checks();
+                  return testing::Test::HasFailure() ? 1 : 0;
+              })),
+              0);
+}
+
+struct TracerTest : testing::Test {
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "trace programs and the process connector need rights";
+        }
+    }
+
+    const Records log_;
+};
