@@ -49,11 +49,13 @@ TEST(TraceDecoderTest, OneObjectServesForAllRecords)
     head.flags |= TRACE_NO_PATH;
     ASSERT_TRUE(Decodes(head, sizeof(head) + 20, record));
     EXPECT_TRUE(record.argsCut && record.argsSize == 60 && !record.whole);
+    record.containerId = "that of the last one";
     head = {};
     head.kind = TRACE_EXIT;
     head.exit_status = SIGSEGV | 0x80;
     ASSERT_TRUE(Decodes(head, sizeof(head), record));
     EXPECT_TRUE(record.script.empty() && record.exe.empty() && record.args.empty() && record.comm.empty());
+    EXPECT_EQ(record.containerId, "");
     EXPECT_TRUE(record.exitSignal == SIGSEGV && record.coreDumped && record.exitCode == 0);
     head.exit_status = 0x1200;
     ASSERT_TRUE(Decodes(head, sizeof(head), record));
