@@ -11,28 +11,35 @@
 #include "tests/process/children.h"
 #include "util/clock.h"
 
-static std::atomic<unsigned int> g_kinds[1U << 22];  // kinds seen by process id; the kernel has no higher ones
+// What came of a process, by its id; the kernel has no higher ones.
+struct Seen {
+    std::atomic<unsigned int> kinds, exits, status;
+};
+static Seen g_seen[1U << 22];
 static std::atomic<ProcessMonitor*> g_monitor{nullptr};
 static std::atomic<bool> g_done{false};
-
-static std::atomic<unsigned int> g_exits[1U << 22];  // ends by process id: their number, and the last one's status
-static std::atomic<unsigned int> g_status[1U << 22];
+static std::atomic<bool> g_hold{true};
 static std::atomic<int> g_furtherThreads{0};
+static std::atomic<std::uint64_t> g_renames{0};
 
 static void Collect(proc_event* event)
 {
     const bool fork = event->what == kForkEvent;
+    Seen& seen = g_seen[fork ? event->event_data.fork.child_pid : event->event_data.exec.process_pid];
     g_furtherThreads += IsOfFurtherThread(*event) ? 1 : 0;
+    g_renames += event->what == kCommEvent ? 1 : 0;
     if (event->what == kExitEvent) {
-        g_status[event->event_data.exit.process_pid] = event->event_data.exit.exit_code;
-        ++g_exits[event->event_data.exit.process_pid];
+        seen.status = event->event_data.exit.exit_code;
+        ++seen.exits;
     }
-    g_kinds[fork ? event->event_data.fork.child_pid : event->event_data.exec.process_pid] |= event->what;
+    seen.kinds |= event->what;
 }
+
+constexpr unsigned int kRenames = 600000;
 
 static int Flood()
 {
-    for (int i = 0; i < 600000; ++i) {
+    for (unsigned int i = 0; i < kRenames; ++i) {
         prctl(PR_SET_NAME, (i & 1) == 0 ? "even" : "odd");
     }
     return 0;
@@ -47,16 +54,16 @@ struct ProcessMonitorTest : testing::Test {
         monitor_.AddProcessEventCallback(&Collect);
     }
 
-    static bool Seen(int pid, unsigned int kinds, int seconds = 20)
+    static bool Saw(int pid, unsigned int kinds, int seconds = 20)
     {
-        return Eventually([=] { return (g_kinds[pid] & kinds) != 0; }, seconds);
+        return Eventually([=] { return (g_seen[pid].kinds & kinds) != 0; }, seconds);
     }
 
     // Listens once the white list is read: then events of new processes arrive.
     bool Start()
     {
         monitor_.StartProcessMonitor();
-        return Eventually([] { return Seen(RunTrue(), kExitEvent, 1); });
+        return Eventually([] { return Saw(RunTrue(), kExitEvent, 1); });
     }
 
     // A shell by a name on the white list, which starts a program and ends once it can read its file "in".
@@ -76,7 +83,8 @@ struct ProcessMonitorTest : testing::Test {
         proc_event event = {};
         event.what = static_cast<decltype(event.what)>(kind);
         event.timestamp_ns = static_cast<std::uint64_t>(timeNs);
-        event.event_data.fork = {pid, pid, child, child + 1};  // the other kinds begin with their process too
+        // The other kinds begin with their thread and process, too.
+        event.event_data.fork = {pid + furtherThread_, pid, child, child + 1};
         return monitor_.FilterProcessEvent(event);
     }
 
@@ -85,6 +93,7 @@ struct ProcessMonitorTest : testing::Test {
     const Records records_;
     ProcessMonitor monitor_;
     pid_t listed_ = 0;
+    int furtherThread_ = 0;
 };
 
 TEST_F(ProcessMonitorTest, RealEventsArriveAndOtherKindsDoNot)
@@ -96,14 +105,14 @@ TEST_F(ProcessMonitorTest, RealEventsArriveAndOtherKindsDoNot)
     });
     ASSERT_TRUE(Start());
     const pid_t pid = RunTrue();
-    EXPECT_TRUE(Seen(pid, kExitEvent) && Eventually([] { return g_done.load(); }));
+    EXPECT_TRUE(Saw(pid, kExitEvent) && Eventually([] { return g_done.load(); }));
     monitor_.StartProcessMonitor();
     monitor_.StopProcessMonitor();
     monitor_.StopProcessMonitor();
     EXPECT_TRUE(records_.Has("WARN The process monitor is running.") &&
                 records_.Has("WARN The process monitor has stopped."));
-    EXPECT_EQ(g_kinds[pid], kExecEvent | kExitEvent);  // not its fork
-    EXPECT_EQ(g_kinds[0], 0U);
+    EXPECT_EQ(g_seen[pid].kinds, kExecEvent | kExitEvent);  // not its fork
+    EXPECT_EQ(g_seen[0].kinds, 0U);
     EXPECT_TRUE(Start());  // and again
 }
 
@@ -112,9 +121,9 @@ TEST_F(ProcessMonitorTest, WhiteListedProcessesAndTheirChildrenStayUnreported)
     ASSERT_TRUE(StartListed() && Start());
     Write(dir_ / "in", "x\n");
     Wait(listed_);
-    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
-    EXPECT_EQ(g_kinds[listed_], 0U);
-    EXPECT_EQ(g_kinds[std::stoi(Read(dir_ / "out"))], 0U);
+    EXPECT_TRUE(Saw(RunTrue(), kExitEvent));
+    EXPECT_EQ(g_seen[listed_].kinds, 0U);
+    EXPECT_EQ(g_seen[std::stoi(Read(dir_ / "out"))].kinds, 0U);
 }
 
 // An id that stays listed for too long hides the next process that gets it.
@@ -145,6 +154,8 @@ TEST_F(ProcessMonitorTest, FilterFollowsForksAndExitsAndARefresh)
     EXPECT_FALSE(Filters(kExecEvent, listed_));  // no longer found
     EXPECT_TRUE(Filters(kExitEvent, kChild));    // followed until its exit
     EXPECT_FALSE(Filters(kExitEvent, kChild));
+    monitor_.SetProcessesOnly(true);
+    furtherThread_ = 1;
     EXPECT_TRUE(Filters(kExecEvent, kChild + 1));
     monitor_.ParseProcessWhiteList();  // made anew, as after a loss or a restart
     EXPECT_FALSE(Filters(kExecEvent, kChild + 1));
@@ -164,23 +175,29 @@ TEST_F(ProcessMonitorTest, FailedSetUpIsLoggedAndEnds)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(ProcessMonitorTest, StopFromACallbackNeitherHangsNorPreventsARestart)
+TEST_F(ProcessMonitorTest, StopFromACallbackNeitherHangsNorPreventsARestartAndAHangShows)
 {
+    EXPECT_EQ(monitor_.GetBeatAgeMs(), -1);
     g_monitor = &monitor_;
     monitor_.AddProcessEventCallback([](proc_event*) {
         if (ProcessMonitor* monitor = g_monitor.exchange(nullptr)) {
             monitor->StopProcessMonitor();
             monitor->StartProcessMonitor();
+            g_hold.wait(true);
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             g_done = true;
         }
     });
     monitor_.StartProcessMonitor();
+    EXPECT_LT(monitor_.GetBeatAgeMs(), 20000);
     const std::string failed = "ERROR Fail to wait the process monitor thread to terminate.";
-    ASSERT_TRUE(Eventually([&] { return RunTrue() > 0 && records_.Count(failed) == 2; }));  // both from within
+    EXPECT_TRUE(Eventually([&] { return RunTrue() > 0 && records_.Count(failed) == 2; }));  // both from within
+    EXPECT_TRUE(Eventually([this] { return monitor_.GetBeatAgeMs() > 1500; }));
+    g_hold = false;
+    g_hold.notify_all();
     monitor_.StopProcessMonitor();  // not running any more, but waits for the thread all the same
-    EXPECT_TRUE(g_done);
-    EXPECT_TRUE(Start());
+    EXPECT_TRUE(g_done && monitor_.GetBeatAgeMs() == -1);
+    EXPECT_TRUE(Start() && Eventually([this] { return monitor_.GetBeatAgeMs() < 1000; }));
 }
 
 // A process that renames itself in a loop once filled the socket's buffer and blinded the monitor.
@@ -189,7 +206,7 @@ TEST_F(ProcessMonitorTest, FloodOfUnwantedKindsIsDroppedInTheKernelAndLossesAreC
     monitor_.SetEventKinds(kExecEvent | kExitEvent);
     ASSERT_TRUE(Start());
     Wait(Fork(&Flood));
-    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
+    EXPECT_TRUE(Saw(RunTrue(), kExitEvent));
     EXPECT_EQ(monitor_.GetLostEventCount(), 0U);
     monitor_.StopProcessMonitor();
     monitor_.SetEventKinds(ProcessMonitor::kAllEventKinds);
@@ -201,6 +218,8 @@ TEST_F(ProcessMonitorTest, FloodOfUnwantedKindsIsDroppedInTheKernelAndLossesAreC
     EXPECT_TRUE(Eventually([&] { return monitor_.GetLostEventCount() > 1000 && records_.Has(overflow); }, 60));
     // The child's exit may be among the lost events, so the list is made anew.
     EXPECT_TRUE(Eventually([this] { return !Filters(kExecEvent, kChild); }));
+    monitor_.StopProcessMonitor();
+    EXPECT_GE(g_renames + monitor_.GetLostEventCount(), kRenames);
 }
 
 // A process must neither be called ended while it runs, nor never, where its first thread ends before the others.
@@ -223,18 +242,18 @@ TEST_F(ProcessMonitorTest, ProcessEndsWithItsLastThread)
     const pid_t late = children.Start(0);
     const pid_t killed = children.Start(1);
     const pid_t executed = children.Start(2);
-    EXPECT_TRUE(Seen(executed, kExecEvent));
-    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
-    EXPECT_EQ(g_exits[late] + g_exits[killed] + g_exits[executed], 0U);
+    EXPECT_TRUE(Saw(executed, kExecEvent));
+    EXPECT_TRUE(Saw(RunTrue(), kExitEvent));
+    EXPECT_EQ(g_seen[late].exits + g_seen[killed].exits + g_seen[executed].exits, 0U);
     Write(dir_ / "end", "");
     kill(killed, SIGKILL);
     for (const auto& [pid, status] : {std::pair(late, 7U << 8), std::pair(killed, 9U), std::pair(executed, 0U)}) {
         children.Wait(pid);  // so /proc can no longer tell the status
-        EXPECT_TRUE(Seen(pid, kExitEvent));
-        EXPECT_EQ(g_status[pid], status);
+        EXPECT_TRUE(Saw(pid, kExitEvent));
+        EXPECT_EQ(g_seen[pid].status, status);
     }
-    EXPECT_TRUE(Seen(RunTrue(), kExitEvent));
-    EXPECT_EQ(g_exits[late] * 100 + g_exits[killed] * 10 + g_exits[executed], 111U);
+    EXPECT_TRUE(Saw(RunTrue(), kExitEvent));
+    EXPECT_EQ(g_seen[late].exits * 100 + g_seen[killed].exits * 10 + g_seen[executed].exits, 111U);
     EXPECT_EQ(g_furtherThreads, 0);  // they once blinded the monitor for 40 s
     monitor_.StopProcessMonitor();
     monitor_.SetProcessesOnly(false);
@@ -250,35 +269,16 @@ TEST_F(ProcessMonitorTest, StopHandsOnWhatCameBefore)
     std::vector<pid_t> pids(300);
     std::ranges::generate(pids, [] { return RunTrue(); });
     monitor_.StopProcessMonitor();
-    EXPECT_EQ(std::ranges::count_if(pids, [](pid_t pid) { return (g_kinds[pid] & kExitEvent) != 0; }), 300);
+    EXPECT_EQ(std::ranges::count_if(pids, [](pid_t pid) { return (g_seen[pid].kinds & kExitEvent) != 0; }), 300);
     monitor_.AddProcessEventCallback([](proc_event*) { std::this_thread::sleep_for(std::chrono::milliseconds(50)); });
     monitor_.StartProcessMonitor();
     ASSERT_TRUE(Eventually([this] { return monitor_.GetPhase() == ProcessMonitor::kListening; }));
     std::ranges::generate(pids, [] { return RunTrue(); });
     const auto lost = monitor_.GetLostEventCount();
     monitor_.StopProcessMonitor();  // hands on as many as it has time for
-    const auto ended = std::ranges::count_if(pids, [](pid_t pid) { return (g_kinds[pid] & kExitEvent) != 0; });
+    const auto ended = std::ranges::count_if(pids, [](pid_t pid) { return (g_seen[pid].kinds & kExitEvent) != 0; });
     EXPECT_LT(ended, 300);
     EXPECT_GE(monitor_.GetLostEventCount() - lost, 300U - static_cast<unsigned int>(ended));
-}
-
-TEST_F(ProcessMonitorTest, TellsWhenItsThreadLastCameRound)
-{
-    EXPECT_EQ(monitor_.GetBeatAgeMs(), -1);
-    ASSERT_TRUE(Start());
-    EXPECT_LT(monitor_.GetBeatAgeMs(), 20000);
-    static std::atomic<bool> hold;
-    hold = true;
-    monitor_.AddProcessEventCallback([](proc_event*) {
-        while (hold) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
-    EXPECT_TRUE(Eventually([this] { return RunTrue() > 0 && monitor_.GetBeatAgeMs() > 1500; }));
-    hold = false;
-    EXPECT_TRUE(Eventually([this] { return monitor_.GetBeatAgeMs() < 1000; }));
-    monitor_.StopProcessMonitor();
-    EXPECT_EQ(monitor_.GetBeatAgeMs(), -1);
 }
 
 // The list was made by shell commands once, and who is on it stays the same.
