@@ -57,24 +57,6 @@ void Feed(const Watcher& watcher, const std::string& bytes)
 
 }  // namespace
 
-TEST(InotifyWatcherTest, DecodesBuffersCutAtEveryByte)
-{
-    const InotifyWatcher watcher;
-    const std::string whole =
-        Record("abc", 16) + Record("", 0) + Record("abcd", 4) + Record("", 16) + Record({"x\0y", 3}, 16);
-    for (std::uint32_t cut = 0; cut <= whole.size(); ++cut) {
-        char buffer[1024] = {};
-        Events events;
-        std::uint32_t carry = 0;
-        whole.copy(buffer, cut);
-        ASSERT_TRUE(watcher.GenerateEvent(0, carry, cut, buffer, events));
-        whole.copy(buffer + carry, whole.size() - cut, cut);
-        const auto end = static_cast<std::uint32_t>(carry + whole.size() - cut);
-        ASSERT_TRUE(watcher.GenerateEvent(0, carry, end, buffer, events));
-        EXPECT_EQ(NamesOf(events), (Strings{"abc", "abcd", "x"})) << cut;  // the others have neither name nor path
-    }
-}
-
 // Kept: a carry that is not taken back makes the loop read behind bytes that it has already used.
 TEST(InotifyWatcherTest, ReadsBehindTheLastCutRecord)
 {
