@@ -453,7 +453,7 @@ TEST_F(InotifyMonitorTest, GoesOnWithTheWatchesThatItCanHave)
 {
     constexpr const char* kAllowance = "/proc/sys/fs/inotify/max_user_watches";
     monitor_.DeInit();
-    reader_.join();  // else it might begin with the next session
+    reader_.join();                      // else it might begin with the next session
     Write(*this / "allowance", "10\n");  // of which 70 percent and one more are used
     if (!ownMounts_ || mount((*this / "allowance").c_str(), kAllowance, nullptr, MS_BIND, nullptr) != 0) {
         GTEST_SKIP() << "a mount of its own needs CAP_SYS_ADMIN";
