@@ -105,8 +105,8 @@ TEST(LoggerTest, UnsubscribeAndWaitEndsAllCallsOfASubscriber)
     for (const char* name : {"a", "b"}) {
         closers.emplace_back([&ended, name] { ended += MessageBus::UnsubscribeAndWait(kDotLog, name) ? 1 : 100; });
     }
-    EXPECT_TRUE(
-        Eventually([&] { return ended == 1 && token.use_count() == others + 1; }));  // the one that is not called
+    // The one that is not called.
+    EXPECT_TRUE(Eventually([&] { return ended == 1 && token.use_count() == others + 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(ended, 1);
     go = true;

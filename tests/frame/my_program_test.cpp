@@ -126,8 +126,7 @@ TEST_F(MyProgramTest, PidFileDecidesWhetherToStart)
     }
 }
 
-// Kept because starters rely on it: the starting process leaves with 0, also when there is nobody to hand over to, the
-// daemon's run is true, its pid file stays.
+// Kept because starters rely on it: they see 0, also where the fork fails, the run is true, and the pid file stays.
 TEST_F(MyProgramTest, DaemonDetachesAndLeavesItsPidFile)
 {
     const int status = Wait(Fork([] {
@@ -271,8 +270,7 @@ TEST_F(MyProgramTest, WithoutALogPathSignalsAreSwallowed)
     EXPECT_FALSE(fs::exists(g_stopped));
 }
 
-// A signal to process 0 would end the whole group, the starter's shell with it. A child that stops leaves the pid file
-// to its guardian.
+// A signal to process 0 would end the starter's whole group. A child that stops leaves the pid file to its guardian.
 TEST_F(MyProgramTest, GuardianStopsItsChildAndNeverItsOwnGroup)
 {
     static int terms = 0;

@@ -3,8 +3,7 @@
 #include "tests/support/support.h"
 #include "util/clock.h"
 
-// Kept because callers' time limits are set by it: the last wait is never followed by a look, so a budget of 250 ms
-// waits twice at most.
+// Kept because callers' time limits are set by it: the last wait is never followed by a look.
 TEST(MR1WLockTest, WriterLooksEvery100MsAndGivesUp)
 {
     MR1WLock lock;

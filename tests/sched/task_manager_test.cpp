@@ -147,8 +147,7 @@ TEST_F(TaskManagerTest, FixedTimesMatchTheirSecondOnly)
     EXPECT_TRUE(records_.Has("ERROR Invalid task type.[type=9]"));
 }
 
-// Kept because the schedule thread must not be late: one inline run a tick, at most 100 waiting launches, the next one
-// dropped. A pause is final.
+// Kept because the schedule thread must not be late: one inline run a tick, and the launch after 100 that wait dropped.
 TEST_F(TaskManagerTest, InlineLaunchesWaitTheirTurn)
 {
     std::vector<std::uint32_t> ids;
@@ -234,8 +233,7 @@ TEST_F(TaskManagerTest, DroppedLaunchGivesItsRunLockBack)
     EXPECT_TRUE(Runs(1));
 }
 
-// Kept because callers hold tasks beyond their manager: the destructor leaves registered tasks and their launches
-// alone. A stop leaves none.
+// Kept because callers hold tasks beyond their manager: its destructor leaves tasks and launches, a stop leaves none.
 TEST_F(TaskManagerTest, StopDestroysTasksTheDestructorDoesNot)
 {
     for (const bool stop : {true, false}) {

@@ -36,8 +36,7 @@ TEST_F(ThreadPoolTest, GrowsByOneACallUpToTheMaximum)
     EXPECT_EQ(name, "T-a-long-job-na");
 }
 
-// Kept because callers count on queued jobs: a full queue refuses the new job and keeps the old ones. Nor do these go
-// because somebody starts the pool again.
+// Kept because callers count on queued jobs: neither a full queue nor another start of the pool drops one.
 TEST_F(ThreadPoolTest, QueueTakes5000JobsAndKeepsThemWhereTheRunningPoolIsStarted)
 {
     ASSERT_TRUE(pool_.Start(1, 1));
