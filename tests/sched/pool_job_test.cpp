@@ -11,6 +11,7 @@ struct PoolJobTest : PoolTest {
     {
         hold = false;
         job_.Stop();
+        pool_.Stop();  // before what its last job may still use
     }
     void Start(const std::function<void()>& work)
     {

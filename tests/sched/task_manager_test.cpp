@@ -35,6 +35,7 @@ struct TaskManagerTest : PoolTest {
         hold = false;
         Clock::wallOffsetMs = 0;
         manager_.Stop();
+        pool_.Stop();  // before what its last job may still use
     }
     int RunsAfterTick()
     {
