@@ -15,6 +15,16 @@ constexpr std::size_t kMostOfPath = 512;
 constexpr std::size_t kMostOfList = 1024;
 constexpr std::size_t kMostOfRecord = 4000;  // beside the time and the name of the last item
 
+// False if its JSON is surely too long for a record: to make that of thousands of items takes milliseconds.
+bool IsShort(const std::vector<std::string>& list)
+{
+    std::size_t least = 0;
+    for (const std::string& item : list) {
+        least += item.size() + 3;
+    }
+    return least <= kMostOfList;
+}
+
 bool IsPlain(char letter)
 {
     const auto byte = static_cast<unsigned char>(letter);
@@ -103,7 +113,7 @@ Event& Event::AddPath(const char* name, NEUtils::ReportTag tag, const std::strin
 Event& Event::AddList(const char* name, NEUtils::ReportTag tag, const std::vector<std::string>& list)
 {
     report_.AddLongText(tag, NEUtils::PackList(list));
-    if (hasFile_ || NEUtils::NeedsList(list)) {
+    if (hasFile_ || (IsShort(list) && NEUtils::NeedsList(list))) {
         const std::string json = Json(list);
         if (hasFile_ || json.size() <= kMostOfList) {
             AddItem(name, json);

@@ -107,7 +107,8 @@ void KnownProcesses::AddFork(const ProcessRecord& record)
 {
     MakeRoom();
     const Entry* const parent = Find(record.parentPid, record.parentStartNs);
-    entries_[record.pid] = {record.startNs, parent == nullptr ? unread_ : parent->program, IsOwnChild(record)};
+    const auto program = parent == nullptr ? nullptr : parent->program;
+    entries_[record.pid] = {record.startNs, program == nullptr ? unread_ : program, IsOwnChild(record), false, program};
 }
 
 KnownProcesses::Entry KnownProcesses::AddExec(const ProcessRecord& record)
@@ -115,12 +116,14 @@ KnownProcesses::Entry KnownProcesses::AddExec(const ProcessRecord& record)
     MakeRoom();
     const Entry* const known = Find(record.pid, record.startNs);
     const bool isOwn = known == nullptr ? IsOwnChild(record) : known->isOwn;
-    return entries_[record.pid] = {record.startNs, std::make_shared<Program>(MakeProgram(record)), isOwn};
+    const auto parent = known == nullptr ? nullptr : known->parent;
+    return entries_[record.pid] = {record.startNs, std::make_shared<Program>(MakeProgram(record)), isOwn, false,
+                                   parent};
 }
 
 KnownProcesses::Entry KnownProcesses::TakeExit(const ProcessRecord& record)
 {
-    Entry entry = {record.startNs, unread_, IsOwnChild(record)};
+    Entry entry = {record.startNs, unread_, IsOwnChild(record), false, nullptr};
     if (const Entry* const known = Find(record.pid, record.startNs)) {
         entry = *known;
         entries_.erase(record.pid);
@@ -137,7 +140,7 @@ std::string KnownProcesses::FindExe(int pid, std::uint64_t startNs) const
 // What is known of a process that /proc has. Its exec may have been lost; otherwise the exec has said more.
 KnownProcesses::Entry KnownProcesses::Refresh(const ProcessRecord& record) const
 {
-    Entry entry = {record.startNs, unread_, IsOwnChild(record)};
+    Entry entry = {record.startNs, unread_, IsOwnChild(record), false, nullptr};
     if (const Entry* const known = Find(record.pid, record.startNs)) {
         entry = *known;
         entry.isMissing = false;

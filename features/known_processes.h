@@ -35,7 +35,8 @@ public:
         std::uint64_t startNs = 0;
         std::shared_ptr<const Program> program;  // never null
         bool isOwn = false;
-        bool isMissing = false;  // it was not in /proc when that was looked at
+        bool isMissing = false;                 // it was not in /proc when that was looked at
+        std::shared_ptr<const Program> parent;  // what its parent ran at the fork; null if that was not seen
     };
 
     KnownProcesses();

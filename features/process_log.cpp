@@ -140,9 +140,11 @@ void ProcessLog::AddProcess(const ProcessRecord& record, const Process& process,
     if (record.session != ProcessRecord::kNoId) {
         event.Add("session", NEUtils::kTagSession, static_cast<int>(record.session));
     }
+    const bool knowsParent = process.parent != nullptr && !process.parent->exe.empty();
     event.AddPath("exe", NEUtils::kTagExe, program.exe)
         .AddPath("script", NEUtils::kTagScript, program.script)
-        .AddPath("parentExe", NEUtils::kTagParentExe, processes_.FindExe(record.parentPid, record.parentStartNs))
+        .AddPath("parentExe", NEUtils::kTagParentExe,
+                 knowsParent ? process.parent->exe : processes_.FindExe(record.parentPid, record.parentStartNs))
         .Add("notes", NEUtils::kTagNotes, program.notes);
 }
 

@@ -101,7 +101,7 @@ void ConnectionRing::EndRound(bool)
     pending_.Expire(BootNs());
     const ConnectionCounts::Kinds lost =
         ToKinds([this](connection_kind kind) { return RingReader::Load(programs_->bss->state.lost[kind]); });
-    if (lost.Total() != toldLosses_) {
+    if (lost.Total() != toldLosses_ && lossRecords_.Allow(Clock::MonotonicNs() / Clock::kNsPerMs)) {
         toldLosses_ = lost.Total();
         onLoss_(lost);
     }
@@ -114,6 +114,10 @@ ConnectionCounts ConnectionRing::GetCounts() const
     counts.seen = ToKinds([&](connection_kind kind) { return RingReader::Load(state.seen[kind]); });
     counts.lost = ToKinds([&](connection_kind kind) { return RingReader::Load(state.lost[kind]); });
     counts.received = ToKinds([this](connection_kind kind) { return received_[kind].load(); });
+    if (reader_.WasCutShort()) {
+        counts.lost = {counts.seen.connects - counts.received.connects, counts.seen.results - counts.received.results,
+                       counts.seen.accepts - counts.received.accepts, counts.seen.listens - counts.received.listens};
+    }
     counts.malformed = malformed_ + reader_.GetFailureCount();
     counts.recursionMisses = RingReader::CountRecursionMisses(programs_->progs.trace_state_change);
     return counts;

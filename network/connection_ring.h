@@ -12,6 +12,7 @@
 #include "network/pending_connects.h"
 #include "process/ring_reader.h"
 #include "process/trace_programs.h"
+#include "util/rate_limiter.h"
 
 struct network_trace;
 
@@ -32,7 +33,7 @@ public:
     // False with the reason.
     bool Open(std::string& reason);
     void Run() { reader_.Run(*this); }
-    void RequestStop() { reader_.RequestStop(); }
+    void RequestStop(bool toEnd) { reader_.RequestStop(toEnd); }
     void TellPending() { pending_.ExpireAll(); }  // by the thread of Run
     ConnectionCounts GetCounts() const;
     long long GetBeatAgeMs() const { return reader_.GetBeatAgeMs(); }
@@ -55,6 +56,7 @@ private:
     ConnectionEvent event_;
     PendingConnects pending_;
     std::uint64_t toldLosses_ = 0;
+    RateLimiter lossRecords_{1000};
 };
 
 }  // namespace NEUtils

@@ -121,7 +121,7 @@ void ConnectionTracer::Session::Stop()
     if (!running_.exchange(false)) {
         NE_LOG(WARN, "The network tracer has stopped.");
     } else {
-        ring_->RequestStop();
+        ring_->RequestStop(!thread_.IsOwn());
         NE_LOG(INFO, "The network tracer stops.");
     }
     if (!thread_.IsOwn()) {
@@ -137,7 +137,7 @@ bool ConnectionTracer::Session::Join()
         return false;
     }
     if (running_.exchange(false)) {
-        ring_->RequestStop();
+        ring_->RequestStop(!thread_.IsOwn());
     }
     thread_.Join();
     const Counts counts = GetCounts();

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <vector>
 
 #include "logger.h"
 #include "process/tracer_thread.h"
@@ -20,7 +19,9 @@ namespace NEUtils {
 
 namespace {
 
-constexpr std::size_t kMaxLooks = 4096;                   // of up to 20 KiB
+constexpr std::size_t kMaxLooks = 4096;
+constexpr std::size_t kMaxLooksSize = std::size_t{16} << 20;      // bytes; one may have half a megabyte
+constexpr std::uint64_t kMaxLookAgeNs = 5 * Clock::kNsPerSecond;  // its event has come, or never will
 constexpr std::uint64_t kSwitchNs = 5 * Clock::kNsPerMs;  // an exec changes the process this long before its event
 constexpr std::uint64_t kOnItsWayNs = Clock::kNsPerMs;    // an event gets its time before it is sent
 constexpr std::chrono::milliseconds kPatience{500};       // with a reader that is behind
@@ -56,6 +57,7 @@ bool ExecReader::Open(int priority, std::string& reason)
     const StopSignalsBlocked blocked;
     running_ = true;
     try {
+        events_.reserve(DatagramBatch::kSize);
         thread_ = std::thread([this, priority] { Run(priority); });
     } catch (const std::exception& error) {
         reason = std::string("cannot start the reader of /proc: ") + error.what();
@@ -81,16 +83,14 @@ void ExecReader::Run(int priority)
         NE_LOG(WARN, "Details of short programs may be missing: no real-time priority.[errmsg=%s]",
                ErrnoText(error).Get());
     }
-    std::vector<proc_event> events;
-    events.reserve(DatagramBatch::kSize);
     while (running_) {
         pollfd waiting[] = {{socket_.Fd(), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
         if (poll(waiting, 2, -1) < 0) {
             continue;
         }
         std::uint64_t now = ConnectorNow();
-        while (running_ && socket_.Receive(events) > 0) {
-            for (const proc_event& event : events) {
+        while (running_ && socket_.Receive(events_) > 0) {
+            for (const proc_event& event : events_) {
                 TryToLookAt(event.event_data.exec.process_tgid, event.timestamp_ns);
             }
             now = ConnectorNow();
@@ -140,10 +140,11 @@ void ExecReader::Keep(const Key& key, Look look)
         other.isGood = !met;
     }
     last_[key.second] = key;
-    looks_.emplace(key, std::move(look));
-    if (looks_.size() > kMaxLooks) {
-        last_.erase(looks_.begin()->first.second);
-        looks_.erase(looks_.begin());
+    const auto [kept, isNew] = looks_.emplace(key, std::move(look));
+    looksSize_ += isNew ? kept->second.Size() : 0;
+    while (looks_.size() > kMaxLooks || looksSize_ > kMaxLooksSize ||
+           looks_.begin()->first.first + kMaxLookAgeNs < key.first) {
+        Forget(looks_.begin());
     }
     reachedNs_ = std::max(reachedNs_, key.first);
     came_.notify_all();
@@ -160,14 +161,20 @@ bool ExecReader::Take(int pid, std::uint64_t timeNs, ProcessRecord& record)
     }
     const bool good = found->second.isGood;
     if (good) {
-        record = std::move(found->second.record);
+        record = found->second.record;
     }
-    const auto last = last_.find(pid);
-    if (last != last_.end() && last->second == key) {
+    Forget(found);
+    return good;
+}
+
+void ExecReader::Forget(Looks::iterator look)
+{
+    const auto last = last_.find(look->first.second);
+    if (last != last_.end() && last->second == look->first) {
         last_.erase(last);
     }
-    looks_.erase(found);
-    return good;
+    looksSize_ -= look->second.Size();
+    looks_.erase(look);
 }
 
 }  // namespace NEUtils

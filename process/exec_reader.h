@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include <thread>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "process/connector_socket.h"
 #include "process/proc_directory.h"
@@ -38,22 +40,28 @@ private:
         ProcStat stat;
         std::uint64_t endNs = 0;
         bool isGood = false;
+
+        std::size_t Size() const { return record.argsSize + record.args.size() * sizeof(std::string); }
     };
+    using Looks = std::map<Key, Look>;
 
     void Run(int priority);
     void TryToLookAt(int pid, std::uint64_t timeNs);
     void LookAt(int pid, std::uint64_t timeNs);
     void SetReached(std::uint64_t timeNs);
     void Keep(const Key& key, Look look);
+    void Forget(Looks::iterator look);
 
     ConnectorSocket socket_;
     UniqueFd stop_;
     std::atomic<bool> running_{false};
     std::thread thread_;
+    std::vector<proc_event> events_;  // of that thread
 
     std::mutex mutex_;
     std::condition_variable came_;
-    std::map<Key, Look> looks_;
+    Looks looks_;
+    std::size_t looksSize_ = 0;          // of their arguments
     std::unordered_map<int, Key> last_;  // of each process among them
     std::uint64_t reachedNs_ = 0;        // events up to this time were looked at, if they came
 };

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <memory>
 #include <string_view>
 
 #include "process/platform_patterns.h"
@@ -56,6 +58,27 @@ bool IsOurFile(const std::string& path, const struct stat& file)
            BelongsToRoot(here);
 }
 
+// Nobody but root can have put something else at this path.
+bool IsRootsPath(std::string path)
+{
+    struct stat directory = {};
+    for (std::size_t slash = path.rfind('/'); slash != std::string::npos; slash = path.rfind('/')) {
+        path.resize(slash);
+        if (stat(path.empty() ? "/" : path.c_str(), &directory) != 0 || directory.st_uid != 0 ||
+            (directory.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// A path without links, as this process sees it; empty if there is none.
+std::string WithoutLinks(const std::string& path)
+{
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+    return real == nullptr ? std::string() : real.get();
+}
+
 // The script that an interpreter was called with: its first argument behind harmless options.
 std::string_view ScriptArgument(const ProcessRecord& record, bool isPython)
 {
@@ -71,17 +94,22 @@ std::string_view ScriptArgument(const ProcessRecord& record, bool isPython)
     return {};
 }
 
+// A link with the pattern's name that leads to another script hides nobody, so the path counts that is behind links.
 bool IsPlatformScript(const ProcDirectory& process, std::string_view script, std::string_view path)
 {
-    const bool absolute = path[0] == '/';
-    if (script.empty() || (absolute ? script.substr(0, path.size()) != path : !Ends(script, path))) {
+    if (script.empty()) {
+        return false;
+    }
+    const bool isAbsolute = script[0] == '/';
+    const std::string real =
+        WithoutLinks(isAbsolute ? std::string(script) : process.ReadLink("cwd") + "/" + std::string(script));
+    if (path[0] == '/' ? real.compare(0, path.size(), path) != 0 : !Ends(real, path)) {
         return false;
     }
     // As the process sees it.
-    const std::string seen = (script[0] == '/' ? "root" : "cwd/") + std::string(script);
+    const std::string seen = (isAbsolute ? "root" : "cwd/") + std::string(script);
     struct stat file = {};
-    return fstatat(process.Fd(), seen.c_str(), &file, 0) == 0 && BelongsToRoot(file) &&
-           (script[0] != '/' || IsOurFile(std::string(script), file));
+    return fstatat(process.Fd(), seen.c_str(), &file, 0) == 0 && IsOurFile(real, file) && IsRootsPath(real);
 }
 
 // What really runs is what the pattern names: its first path, or the last one as a script.

@@ -15,6 +15,7 @@ char LICENSE[] SEC("license") = "Dual MIT/GPL";
 
 #define NO_ID 0xFFFFFFFFU
 #define GROUP_EXIT 4 /* flag of signal_struct: group_exit_code holds */
+#define EEXIST 17
 #define MAX_PID_LEVEL 32
 #define MAX_ENDED 4096
 
@@ -223,7 +224,7 @@ static __always_inline bool ends_process(struct task_struct* task)
         return false;
     if (task->pid == task->tgid && group->nr_threads == 1)
         return !bpf_map_lookup_elem(&ended, &key);
-    return bpf_map_update_elem(&ended, &key, &yes, BPF_NOEXIST) == 0;
+    return bpf_map_update_elem(&ended, &key, &yes, BPF_NOEXIST) != -EEXIST; /* better twice than never */
 }
 
 SEC("tp_btf/sched_process_exit")

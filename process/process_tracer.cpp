@@ -288,6 +288,8 @@ bool ProcessTracer::ReadProcess(int pid, ProcessRecord& record)
         return false;
     }
     record.pid = record.tid = pid;
+    record.foreignMountNs = record.mountNs != 0 && record.mountNs != HostMountNs();
+    record.foreignPidNs = record.pidNs != 0 && record.pidNs != kHostPidNs;
     return true;
 }
 

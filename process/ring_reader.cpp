@@ -114,6 +114,8 @@ void RingReader::Run(RingSink& sink)
     }
     if (readsRest_) {
         ReadRest();
+    } else {
+        wasCutShort_ = true;
     }
 }
 

@@ -68,10 +68,10 @@ void PutProgram(const trace_head& head, const char* data, ProcessRecord& record)
 
 void ForgetProgram(ProcessRecord& record)
 {
-    record.exe.clear();
-    record.exeGiven.clear();
-    record.script.clear();
-    record.args.clear();
+    record.exe = {};
+    record.exeGiven = {};
+    record.script = {};
+    record.args = {};  // the memory too: many arguments take half a megabyte
     record.exeDeleted = record.exeInMemory = record.exeSetUid = record.exeSetGid = record.argsCut = false;
     record.argsSize = record.exeInode = 0;
     record.argCount = 0;

@@ -230,6 +230,7 @@ static void CheckPlatformAndImpostors()
     const std::string agent = "/opt/omx/envs/NodeAgent";
     const std::string script = "/opt/omx/envs/Product-Etcd.sh";
     const std::string bash = "/bin/bash";
+    const std::string relative = "tools/pyscript/deployagent/DeployAgent.pyc";
     const Strings command = {agent, "-c", "sleep 0.1; true"};
     const auto install = [&] { return fs::create_directories("/opt/omx/envs") && fs::copy_file("/bin/sh", agent); };
     struct Row {
@@ -243,6 +244,13 @@ static void CheckPlatformAndImpostors()
     const Row rows[] = {
         {"the program", true, true, agent, command},
         {"the script", true, true, bash, {bash, script}},
+        {"a script below the working directory",
+         true,
+         true,
+         bash,
+         {bash, relative},
+         [] { return chdir("/opt/real") == 0; }},
+        {"a link of its name to another", false, true, bash, {bash, relative}, [] { return chdir("/opt/link") == 0; }},
         {"another program under its name", false, true, "/bin/sh", command},
         {"the script in the name alone", false, true, bash, {bash + " " + script, "-c", "sleep 0.1; true"}},
         {"a script that all may write",
@@ -261,6 +269,11 @@ static void CheckPlatformAndImpostors()
     }
     EXPECT_TRUE(install());
     Write(script, "sleep 0.1; true\n");
+    for (const std::string place : {"/opt/real/", "/opt/link/"}) {
+        fs::create_directories(fs::path(place + relative).parent_path());
+    }
+    fs::copy_file(script, "/opt/real/" + relative);
+    fs::create_symlink(script, "/opt/link/" + relative);
     for (const auto source : {ProcessTracer::kTrace, ProcessTracer::kConnector}) {
         const Children children(bodies);
         Traced traced;
