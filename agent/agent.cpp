@@ -337,6 +337,9 @@ void Agent::EndBy(const Signals::Stop& stop)
         NE_LOG(ERROR, "Guard ends the agent, a thread hangs.");
     }
     MyProgram::SigActionHandler(stop.signo, nullptr, nullptr);
+    if (stopping_) {  // the kernel keeps the first process of a container from its own SIGTERM
+        _exit(kExitFailed);
+    }
     // The frame swallows a signal whose report cannot be written. That must not make the agent run for ever.
     NE_LOG(ERROR, "Crash report cannot be written, the agent stops without one.[signo=%d]", stop.signo);
     MyProgram::SigDeal(-1, stop.signo);
@@ -363,6 +366,9 @@ void Agent::Stop()
         NE_LOG(ERROR, "Agent has crashed.[signal=%d report=%s]", signo, MyProgram::GetReportPath());
     }
     StopParts();
+    if (hasCrashed && getpid() == 1) {  // else the fault would come again and again: see EndBy
+        _exit(kExitFailed);
+    }
 }
 
 void Agent::ApplyLimits()

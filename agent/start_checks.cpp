@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
+#include <string_view>
 
 #include "agent_log.h"
 #include "config.h"
@@ -83,6 +84,18 @@ std::string CheckLog(const std::string& root, const AgentConfig& config)
     return AgentLog::Check(config);
 }
 
+// It rolls, so a file of something else would be lost. What cannot be opened is found at the start.
+std::string CheckEventFile(const AgentConfig& config)
+{
+    constexpr std::string_view kBegin = "{\"type\":";
+    const UniqueFd fd(open(config.eventFile.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    char bytes[kBegin.size()] = {};
+    const ssize_t count = fd.IsValid() ? read(fd.Get(), bytes, sizeof(bytes)) : 0;
+    return count <= 0 || std::string_view(bytes, static_cast<std::size_t>(count)) == kBegin
+               ? ""
+               : "event file " + config.eventFile + " holds something else than events";
+}
+
 std::string CheckGzip(const AgentConfig& config)
 {
     return config.logCopies == 0 || IsInPath("gzip")
@@ -106,7 +119,8 @@ std::string CheckStart(const std::string& root, const AgentConfig& config, bool 
     std::string fault = CheckPrivileges();
     const std::function<std::string()> checks[] = {
         [&] { return CheckReport(root, create); }, [&] { return CheckDirectory(config); },
-        [&] { return CheckLog(root, config); }, [&] { return CheckGzip(config); }};
+        [&] { return CheckLog(root, config); }, [&] { return CheckEventFile(config); },
+        [&] { return CheckGzip(config); }};
     for (const auto& check : checks) {
         fault = fault.empty() ? check() : fault;
     }

@@ -186,6 +186,9 @@ TEST_F(AgentFaultsTest, CheckConfigChecksWhatAStartNeeds)
     }
     EXPECT_EQ(all[0], '2');
     EXPECT_FALSE(fs::exists(report_));  // a check leaves nothing behind
+    Write(root_ / "conf/other.conf", "precious=1\n");
+    Write(config_, "EVENT_FILE=conf/other.conf\n");
+    EXPECT_TRUE(Contains(Run(run_ + " --check-config"), "other.conf holds something else than events"));
     fs::remove(config_);
     mkfifo(config_.c_str(), 0600);
     EXPECT_EQ(Run(run_ + " --check-config"), "2 sentrel-agent: " + config_ + ": is not a regular file\n");
