@@ -9,6 +9,7 @@ class ConnectionTracer::Session {};
 ConnectionTracer::ConnectionTracer() = default;
 ConnectionTracer::~ConnectionTracer() = default;
 
+// The same function as with the programs. NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool ConnectionTracer::Start(const Settings&, Callback, LossCallback)
 {
     NE_LOG(ERROR, "Fail to start the network tracer.[reason=built without trace programs]");
