@@ -137,7 +137,7 @@ bool ConnectionTracer::Session::Join()
         return false;
     }
     if (running_.exchange(false)) {
-        ring_->RequestStop(!thread_.IsOwn());
+        ring_->RequestStop(true);
     }
     thread_.Join();
     const Counts counts = GetCounts();

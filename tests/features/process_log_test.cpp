@@ -199,6 +199,17 @@ TEST(ProcessLogTest, RemembersWhatAProcessWas)
              feed.Exit(kGone + 1);
          },
          {"Process exited." + kWho + "exitCode=0 " + kEnd + sh + "parentExe=/bin/sh notes=deleted " + line}},
+        {"the program of a parent that has ended, as of the fork",
+         kEnds,
+         [](Feed& feed) {
+             feed.Exec(kGone);
+             feed.Fork(kGone, kGone + 1);
+             feed.Exit(kGone);
+             feed.Exec(kGone + 1);
+             feed.Exit(kGone + 1);
+         },
+         {"Process exited.[pid=5000000 ppid=5000000 user=4242 exitCode=0 " + kEnd + sh + line,
+          "Process exited." + kWho + "exitCode=0 " + kEnd + sh + "parentExe=/bin/sh " + line}},
         {"the same ids at another time are other processes",
          kEnds,
          [](Feed& feed) {
