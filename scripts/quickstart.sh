@@ -213,7 +213,7 @@ show_events() {
     demonstrate sleep 0.3
     demonstrate sh -c 'sleep 0.2; exit 3'
     demonstrate id
-    echo '    (of a program as short as that, the command line may be gone before it can be read)'
+    echo "    (where the kernel takes no trace programs, the command line of one as short as that may be missing)"
 }
 
 watch_on() {
